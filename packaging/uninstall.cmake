@@ -1,0 +1,56 @@
+# Takes away what `cmake --install` has put in place, and says what it leaves.
+#
+#   MANIFEST                the list of what was installed
+#   TELLBOX_CONFIGURATION   the configuration file as it was installed
+
+if(NOT EXISTS "${MANIFEST}")
+  message(FATAL_ERROR "Nothing has been installed from here: there is no ${MANIFEST}")
+endif()
+file(STRINGS "${MANIFEST}" installed)
+
+# Folders of our own, which go when they are empty.
+function(remove_empty folder)
+  file(GLOB content LIST_DIRECTORIES true "${folder}/*" "${folder}/.*")
+  list(REMOVE_ITEM content "${folder}/." "${folder}/..")
+  if(IS_DIRECTORY "${folder}" AND NOT content)
+    message(STATUS "Removing: ${folder}")
+    file(REMOVE_RECURSE "${folder}")
+  elseif(content)
+    message(STATUS "Kept, since it is not empty: ${folder}")
+  endif()
+endfunction()
+
+foreach(path IN LISTS installed)
+  if(path MATCHES "^(.*)/bin/tbx$")
+    set(prefix "${CMAKE_MATCH_1}")
+  endif()
+  set(path "$ENV{DESTDIR}${path}")
+  if(EXISTS "${path}" OR IS_SYMLINK "${path}")
+    message(STATUS "Removing: ${path}")
+    file(REMOVE "${path}")
+  endif()
+endforeach()
+remove_empty("$ENV{DESTDIR}${prefix}/share/doc/tellbox")
+remove_empty("$ENV{DESTDIR}${prefix}/lib/tellbox")
+
+set(system "$ENV{DESTDIR}")
+if(NOT prefix STREQUAL "/usr/local")
+  string(APPEND system "${prefix}")
+endif()
+set(configuration "${system}/etc/tellbox/tellbox.conf")
+if(EXISTS "${configuration}")
+  file(SHA256 "${configuration}" present)
+  file(SHA256 "${TELLBOX_CONFIGURATION}" shipped)
+  if(present STREQUAL shipped)
+    message(STATUS "Removing: ${configuration}")
+    file(REMOVE "${configuration}")
+    remove_empty("${system}/etc/tellbox")
+  else()
+    message(STATUS "Kept, since it was changed: ${configuration}")
+  endif()
+endif()
+
+set(state "$ENV{DESTDIR}/var/lib/tellbox")
+if(prefix STREQUAL "/usr/local" AND IS_DIRECTORY "${state}")
+  message(STATUS "Kept, with all messages: ${state}")
+endif()

@@ -1,0 +1,217 @@
+// The ground that every room stands on: diagnostics, memory that never comes back null,
+// growable containers, whole-file reading and writing, small predicates, identifiers, time.
+#pragma once
+
+#include <dirent.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+// ---- Ownership ----------------------------------------------------------------------------
+
+// Owns one file descriptor; -1 when empty. Closing keeps errno, so that an early
+// `return -1` still reports the call that failed.
+class unique_fd {
+public:
+    unique_fd() = default;
+    explicit unique_fd(int fd) : fd_(fd) {}
+    unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
+    unique_fd &operator=(unique_fd &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    ~unique_fd() { reset(); }
+
+    [[nodiscard]] int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd = -1); // closes the old one
+    // Closes and says how it went, for files whose data matters: 0, or -1 with errno.
+    [[nodiscard]] int close();
+
+private:
+    int fd_ = -1;
+};
+
+struct free_deleter {
+    void operator()(void *memory) const { free(memory); }
+};
+struct dir_closer {
+    void operator()(DIR *directory) const { closedir(directory); }
+};
+struct file_closer {
+    void operator()(FILE *stream) const { fclose(stream); }
+};
+
+using owned_cstring = std::unique_ptr<char, free_deleter>; // NUL-terminated, from malloc
+using unique_dir = std::unique_ptr<DIR, dir_closer>;
+using unique_file = std::unique_ptr<FILE, file_closer>;
+
+// Transparent hash, so that maps keyed by std::string are searched with a string_view.
+struct string_hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
+
+// ---- Diagnostics --------------------------------------------------------------------------
+
+// The prefix of every diagnostic; "tbx" until it is set. `name` must outlive the process.
+void set_program_name(const char *name);
+
+// Flushes standard output, writes "NAME: ", the message and a newline to standard error, and
+// ends the process with status 1.
+[[noreturn]] void die(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// The same output as die(), but returns.
+void warn(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// ---- Memory -------------------------------------------------------------------------------
+// Exhausted memory ends the process with die("out of memory"), here and, once
+// install_out_of_memory_handler() has run, in the standard library's containers too.
+
+void install_out_of_memory_handler();
+
+[[nodiscard]] void *xmalloc(size_t bytes); // 0 bytes allocates 1
+[[nodiscard]] void *xrealloc(void *memory, size_t bytes);
+[[nodiscard]] owned_cstring xstrdup(const char *text);
+[[nodiscard]] std::string xasprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// ---- strbuf -------------------------------------------------------------------------------
+
+// A growable byte string. `data` is null until something is reserved; from then on data[len]
+// is a NUL byte. The contents may hold NUL bytes of their own. Releases itself.
+struct strbuf {
+    char *data = nullptr;
+    size_t len = 0; // bytes in use, without the final NUL
+    size_t cap = 0; // bytes allocated
+
+    strbuf() = default;
+    strbuf(strbuf &&other) noexcept
+        : data(std::exchange(other.data, nullptr)), len(std::exchange(other.len, 0)),
+          cap(std::exchange(other.cap, 0)) {}
+    strbuf &operator=(strbuf &&other) noexcept {
+        std::swap(data, other.data);
+        std::swap(len, other.len);
+        std::swap(cap, other.cap);
+        return *this;
+    }
+    ~strbuf() { free(data); }
+
+    [[nodiscard]] std::string_view view() const { return {data ? data : "", len}; }
+};
+
+// Makes room for `n` more bytes and the NUL: 64 bytes first, then doubling.
+void strbuf_reserve(strbuf *b, size_t n);
+void strbuf_append(strbuf *b, const void *data, size_t n);
+void strbuf_append_str(strbuf *b, const char *text);
+void strbuf_append_view(strbuf *b, std::string_view text);
+void strbuf_append_char(strbuf *b, char c);
+// Appends formatted text; a format that the system refuses ends the process with
+// die("invalid format").
+void strbuf_printf(strbuf *b, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void strbuf_vprintf(strbuf *b, const char *format, va_list arguments)
+    __attribute__((format(printf, 2, 0)));
+void strbuf_reset(strbuf *b); // empties it and keeps the allocation
+void strbuf_free(strbuf *b);  // releases the allocation; the buffer may be used again
+
+// ---- strlist ------------------------------------------------------------------------------
+
+// A growable array of owned strings: 16 items first, then doubling. Releases itself.
+struct strlist {
+    char **items = nullptr;
+    size_t count = 0;
+    size_t cap = 0;
+
+    strlist() = default;
+    strlist(strlist &&other) noexcept
+        : items(std::exchange(other.items, nullptr)), count(std::exchange(other.count, 0)),
+          cap(std::exchange(other.cap, 0)) {}
+    strlist &operator=(strlist &&other) noexcept {
+        std::swap(items, other.items);
+        std::swap(count, other.count);
+        std::swap(cap, other.cap);
+        return *this;
+    }
+    ~strlist();
+
+    // For range-for over the items.
+    [[nodiscard]] char **begin() const { return items; }
+    [[nodiscard]] char **end() const { return items + count; }
+};
+
+void strlist_push(strlist *l, owned_cstring text); // takes the string over
+void strlist_push_dup(strlist *l, const char *text);
+void strlist_push_view(strlist *l, std::string_view text); // copies; `text` holds no NUL
+// 1 when an item equals `text` byte for byte, else 0.
+[[nodiscard]] int strlist_contains(const strlist *l, const char *text);
+void strlist_sort(strlist *l); // strcmp order
+void strlist_free(strlist *l); // releases everything; the list may be used again
+
+// ---- Files --------------------------------------------------------------------------------
+// These return 0, or -1 with errno; none of them prints.
+
+// Appends the contents of `fd` to `b` until b->len is `max` bytes; what follows is read to its
+// end and dropped. EINTR is retried. What was read before an error stays in `b`.
+[[nodiscard]] int read_fd_limited(int fd, size_t max, strbuf *b);
+
+// Appends the regular file at `path` to `b`.
+//   max       bytes; a longer file is refused with EFBIG
+//   nofollow  refuse a symbolic link as the last component
+// Returns 0, or -1 with errno: EINVAL when it is not a regular file, otherwise that of open
+// or read. A pipe or terminal at `path` never blocks.
+[[nodiscard]] int read_file_limited(const char *path, size_t max, bool nofollow, strbuf *b);
+
+// Writes every byte, retrying on EINTR.
+[[nodiscard]] int write_all(int fd, const void *data, size_t len);
+
+// Opens `path` (a file or a directory) read-only and syncs it to the disk.
+[[nodiscard]] int fsync_path(const char *path);
+// Opens `path` and syncs the whole file system that holds it.
+[[nodiscard]] int syncfs_path(const char *path);
+
+// Replaces `path` by `len` bytes of `data`: written to "PATH.tmp", synced, renamed. A failure
+// removes the temporary file and keeps the old contents. The directory is not synced here.
+[[nodiscard]] int write_file_atomic(const char *path, const void *data, size_t len, mode_t mode);
+
+// ---- Predicates and parsing: 1 for yes, 0 for no ------------------------------------------
+
+[[nodiscard]] int path_exists(const char *path);   // a dangling symbolic link exists
+[[nodiscard]] int is_directory(const char *path);  // a symbolic link to a directory is not one
+[[nodiscard]] int is_all_digits(const char *text); // non-empty, 0 to 9 only
+
+constexpr size_t ID_MAX_DIGITS = 18;
+constexpr int64_t ID_MAX = 999'999'999'999'999'999;
+
+// Parses 1 to 18 decimal digits into `out`; anything else returns 0 and leaves `out` alone.
+[[nodiscard]] int parse_id(const char *text, int64_t *out);
+[[nodiscard]] int parse_id(std::string_view text, int64_t *out);
+
+// Whether `error` is an errno that tells of missing resources (EIO, EMFILE, ENFILE, ENOMEM)
+// and so says nothing about the file or account that was asked for.
+[[nodiscard]] bool is_resource_error(int error);
+
+// The next entry of a directory; null at its end, with errno 0, or when it cannot be read.
+[[nodiscard]] const dirent *next_entry(DIR *directory);
+
+// Appends the names of the numbered entries (1 to 18 digits) of a directory, the whole list
+// then sorted by value. -1 with errno when the directory cannot be opened or read.
+[[nodiscard]] int list_numeric_entries(const char *dir, strlist *l);
+
+// Order of digit strings without leading zeros by value: shorter first, then strcmp.
+[[nodiscard]] int compare_length_then_text(const char *a, const char *b);
+
+// ---- Time ---------------------------------------------------------------------------------
+
+[[nodiscard]] time_t now(); // seconds since the epoch
+
+constexpr size_t SHORT_TIME_BYTES = 32;
+// Writes `t` as local time, "%d/%m %H:%M", or "?" when it cannot be shown.
+void format_time_short(int64_t t, char out[SHORT_TIME_BYTES]);

@@ -1,0 +1,6 @@
+// The built-in guide: which of its forms is shown where.
+#pragma once
+
+// Shows the guide: as tabs on a terminal, through a pager on a small one, as plain text in a
+// pipe. It is always shown in some form.
+void guide_show();

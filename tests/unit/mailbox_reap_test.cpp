@@ -1,0 +1,94 @@
+// reap_child(): the end of a child is noticed, or brought about.
+#include "mailbox.h"
+
+#include "support.h"
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <iterator>
+
+namespace {
+
+int64_t in_a_minute() {
+    return monotonic_ms() + 60'000;
+}
+
+pid_t start_child(void (*body)()) {
+    const pid_t child = fork();
+    if (child == 0)
+        body();
+    return child;
+}
+
+// Lets this process live on a system without pidfd_open(), for a child only.
+void forget_pidfds() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pidfd_open, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {std::size(program), program};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        throw_errno("seccomp");
+}
+
+} // namespace
+
+TEST(MonotonicMs, NeverGoesBack) {
+    const int64_t first = monotonic_ms();
+    EXPECT_GT(first, 0);
+    EXPECT_GE(monotonic_ms(), first);
+}
+
+TEST(ReapChild, GivesTheStatusOfAChildThatEnds) {
+    const pid_t child = start_child([] { _exit(7); });
+    int status = 0;
+    EXPECT_EQ(reap_child(child, in_a_minute(), &status), 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+    EXPECT_TRUE(has_no_children());
+}
+
+TEST(ReapChild, TakesAChildThatEndedInTimeAlsoAfterTheDeadline) {
+    const pid_t child = start_child([] { _exit(7); });
+    siginfo_t ended = {};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+    int status = 0;
+    EXPECT_EQ(reap_child(child, monotonic_ms() - 1000, &status), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST(ReapChild, KillsAChildThatIsStillThereAtTheDeadline) {
+    const pid_t child = start_child([] {
+        while (true)
+            pause();
+    });
+    int status = 0;
+    EXPECT_EQ(reap_child(child, monotonic_ms() + 30, &status), -1);
+    EXPECT_TRUE(has_no_children());
+}
+
+TEST(ReapChild, WorksWhereTheSystemHasNoPidfds) {
+    const child_result outer = run_in_child([] {
+        forget_pidfds();
+        const pid_t child = start_child([] { _exit(7); });
+        int status = 0;
+        if (reap_child(child, in_a_minute(), &status) != 0)
+            return 20;
+        return WEXITSTATUS(status);
+    });
+    EXPECT_EQ(outer.exit_status, 7) << outer.err;
+}
+
+TEST(ReapChild, ReportsAChildThatIsNotOurs) {
+    int status = 0;
+    EXPECT_EQ(reap_child(getppid(), in_a_minute(), &status), -1);
+}

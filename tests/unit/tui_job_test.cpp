@@ -1,0 +1,188 @@
+#include "tui/job.h"
+
+#include "command.h"
+#include "tui_support.h"
+
+#include <csignal>
+#include <cstring>
+
+namespace {
+
+struct job_result {
+    int status;
+    std::string output;
+};
+
+job_result run(void (*command)(const char *), const std::string &argument,
+               std::string_view input = {}) {
+    const tui_job job = {command, argument, {}};
+    strbuf output;
+    const int status = tui_run_command(job, input, &output);
+    return {status, std::string(output.view())};
+}
+
+void print_argument(const char *argument) {
+    printf("out %s\n", argument);
+}
+
+void print_on_both(const char * /*argument*/) {
+    printf("one\n");
+    fflush(stdout);
+    fprintf(stderr, "two\n");
+}
+
+void refuse(const char *argument) {
+    die("no such thing: %s", argument);
+}
+
+void kill_itself(const char * /*argument*/) {
+    raise(SIGKILL);
+}
+
+// Prints each chunk of its input at once, so that both pipes fill up.
+void copy_input(const char * /*argument*/) {
+    char chunk[512];
+    size_t got = 0;
+    while ((got = fread(chunk, 1, sizeof chunk, stdin)) > 0) {
+        fwrite(chunk, 1, got, stdout);
+        fflush(stdout);
+    }
+}
+
+void print_before_reading(const char *bytes) {
+    const std::string output(std::stoul(bytes), 'o');
+    fwrite(output.data(), 1, output.size(), stdout);
+    fflush(stdout);
+    copy_input(nullptr);
+}
+
+void do_nothing(const char * /*argument*/) {}
+
+void print_signals(const char * /*argument*/) {
+    for (const int number : {SIGINT, SIGPIPE, SIGTSTP}) {
+        struct sigaction action = {};
+        sigaction(number, nullptr, &action);
+        printf("%s", action.sa_handler == SIG_DFL ? "d" : action.sa_handler == SIG_IGN ? "i" : "h");
+    }
+}
+
+// Whether the parent ignores Ctrl+C and Ctrl+Z just now.
+void print_parents_signals(const char * /*argument*/) {
+    const std::string status = read_file("/proc/" + std::to_string(getppid()) + "/status");
+    const size_t at = status.find("SigIgn:");
+    const auto ignored = strtoull(status.c_str() + at + strlen("SigIgn:"), nullptr, 16);
+    for (const int number : {SIGINT, SIGTSTP})
+        printf("%d", (ignored >> (number - 1) & 1) != 0 ? 1 : 0);
+}
+
+} // namespace
+
+// ---- Output and status --------------------------------------------------------------------
+
+TEST(TuiJob, GivesItsArgumentAndReturnsItsOutput) {
+    const job_result result = run(print_argument, "7");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "out 7\n");
+}
+
+TEST(TuiJob, KeepsBothOutputs) {
+    EXPECT_EQ(run(print_on_both, "").output, "one\ntwo\n");
+}
+
+TEST(TuiJob, ACommandThatEndsItsProcessEndsTheChildOnly) {
+    const job_result result = run(refuse, "x");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "tbx: no such thing: x\n");
+}
+
+TEST(TuiJob, ASignalThatEndsItIsAFailure) {
+    EXPECT_EQ(run(kill_itself, "").status, -1);
+}
+
+TEST(TuiJob, PrintsOnlyWhatItPrintedItself) {
+    const child_result child = run_in_child([] {
+        printf("before");
+        return run(print_argument, "x").output == "out x\n" ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_EQ(child.out, "before");
+}
+
+TEST(TuiJob, OutputBeyondTheLimitIsDropped) {
+    const job_result result = run(print_before_reading, "3000000");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output.size(), JOB_OUTPUT_MAX_BYTES);
+}
+
+TEST(TuiJob, LeavesNoDescriptorAndNoChild) {
+    const size_t before = open_descriptors();
+    EXPECT_EQ(run(print_argument, "x", "input").status, 0);
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_TRUE(has_no_children());
+}
+
+// ---- Input --------------------------------------------------------------------------------
+
+TEST(TuiJob, ReadsItsInputToTheEnd) {
+    EXPECT_EQ(run(copy_input, "", "line\nlast").output, "line\nlast");
+}
+
+TEST(TuiJob, WithoutInputReadsNothing) {
+    const job_result result = run(copy_input, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "");
+}
+
+TEST(TuiJob, InputAndOutputLargerThanThePipesGoThrough) {
+    const std::string text(500'000, 't');
+    const job_result result = run(print_before_reading, "200000", text);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output.size(), 700'000U);
+}
+
+TEST(TuiJob, ACommandThatReadsNothingDoesNoHarm) {
+    const child_result child =
+        run_in_child([] { return run(do_nothing, "", std::string(500'000, 't')).status; });
+    EXPECT_EQ(child.exit_status, 0);
+}
+
+TEST(TuiJob, IsWaitedForWhenSignalsInterrupt) {
+    const child_result child = run_in_child([] {
+        interrupt_calls([] {});
+        const job_result result = run(
+            [](const char *) {
+                usleep(100'000);
+                puts("done");
+            },
+            "", "input");
+        stop_interrupting();
+        return result.status == 0 && result.output == "done\n" ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+}
+
+// ---- Signals ------------------------------------------------------------------------------
+
+TEST(TuiJob, CtrlCEndsItAndCtrlZDoesNotStopIt) {
+    const child_result child = run_in_child([] {
+        signal(SIGINT, [](int) {});
+        signal(SIGTSTP, [](int) {});
+        signal(SIGPIPE, SIG_IGN);
+        printf("%s", run(print_signals, "").output.c_str());
+    });
+    EXPECT_EQ(child.out, "ddi");
+}
+
+TEST(TuiJob, TheInterfaceIgnoresBothKeysMeanwhile) {
+    EXPECT_EQ(run(print_parents_signals, "").output, "11");
+}
+
+// ---- Sending ------------------------------------------------------------------------------
+
+TEST(TuiJob, WithoutACommandSends) {
+    const scratch_state state;
+    const tui_job job = {nullptr, "", {"--to", "no-such-user-here"}};
+    strbuf output;
+    EXPECT_EQ(tui_run_command(job, "text", &output), 1);
+    EXPECT_EQ(output.view(), "tbx: no such user: no-such-user-here\n");
+}
