@@ -1,0 +1,1 @@
+"""Scratch machines on which the built binary runs, and what it leaves there."""

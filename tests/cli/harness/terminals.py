@@ -1,0 +1,48 @@
+"""Pseudo-terminals on a machine, with the test at their other end."""
+
+import fcntl
+import os
+import struct
+import termios
+import tty
+
+TIOCGPTN = 0x80045430
+TIOCSPTLCK = 0x40045431
+
+
+class Terminal:
+    """A terminal in raw mode. `path` is its name on the machine, `slave` its descriptor."""
+
+    def __init__(self, devpts, mounted_at, uid):
+        self.master = os.open(devpts / "ptmx", os.O_RDWR | os.O_NOCTTY | os.O_CLOEXEC)
+        fcntl.ioctl(self.master, TIOCSPTLCK, struct.pack("i", 0))
+        number = struct.unpack("i", fcntl.ioctl(self.master, TIOCGPTN, bytes(4)))[0]
+        self.number = number
+        self.path = f"{mounted_at}/{number}"
+        self.host_path = devpts / str(number)
+        # Held open, so that nothing written is lost when the writer closes.
+        self.slave = os.open(self.host_path, os.O_RDWR | os.O_NOCTTY | os.O_CLOEXEC)
+        tty.setraw(self.slave)
+        os.set_blocking(self.master, False)
+        if uid is not None:
+            os.chown(self.host_path, uid, -1)
+
+    def read(self):
+        """Everything that was written to the terminal since the last call."""
+        received = b""
+        while True:
+            try:
+                received += os.read(self.master, 65536)
+            except BlockingIOError:
+                return received
+
+    def set_size(self, columns, rows):
+        fcntl.ioctl(self.slave, termios.TIOCSWINSZ, struct.pack("4H", rows, columns, 0, 0))
+
+    def stop_output(self):
+        """As Ctrl-S does: whatever is written from now on waits."""
+        termios.tcflow(self.slave, termios.TCOOFF)
+
+    def close(self):
+        os.close(self.slave)
+        os.close(self.master)

@@ -1,0 +1,150 @@
+"""A look-up or read that fails for want of resources says nothing: no command acts on it."""
+
+import pytest
+
+DATE = 1790000000
+USERS = ("alex", "pat")
+pytestmark = pytest.mark.usefixtures("strace")
+
+
+def make_delivered(box, **options):
+    box.store.make_message(7, to=USERS, copies=USERS,
+                           delivered=[(user, DATE, 1) for user in USERS], **options)
+
+
+def failing(box, call, name, error, *arguments, when=""):
+    """Runs tbx while the calls on a file of message 7 fail; returns (stdout, stderr, status)."""
+    path = f"{box.state_name}/sent/7/{name}"
+    return tuple(box.trace(call, *arguments, inject=[f"{call}:error={error}{when}"],
+                           only_path=path).result)
+
+
+def told(box, name, text):
+    return ("", f"tbx: {box.state_name}/sent/7{name}: {text}\n", 1)
+
+
+def without_lock(tree):
+    return {path: facts for path, facts in tree.items() if not path.endswith("/lock")}
+
+
+# Markers.
+
+@pytest.mark.parametrize("arguments, name", [
+    (("status", "7"), "failed"), (("status", "7"), "revoked"), (("status", "7"), "incomplete"),
+    (("remind", "7"), "revoked"), (("revoke", "7"), "revoked")],
+    ids=lambda value: value if isinstance(value, str) else value[0])
+def test_a_marker_that_cannot_be_looked_up_ends_the_command(box, arguments, name):
+    make_delivered(box, revoked=DATE if name == "revoked" else None)
+    # Recovery looks for "incomplete" first.
+    when = ":when=2+" if name == "incomplete" else ""
+    out, err, status = failing(box, "newfstatat", name, "EIO", *arguments, when=when)
+    assert (out, status) == ("", 1)
+    assert err in (told(box, f"/{name}", "Input/output error")[1],
+                   told(box, "", "Input/output error")[1])
+    assert box.journal.events() == []
+    for user in USERS:
+        assert box.store.mailbox(user, "inbox", 7).exists()
+
+
+@pytest.mark.parametrize("name", ["failed", "revoked"])
+def test_list_passes_over_a_message_whose_marker_cannot_be_looked_up(box, name):
+    make_delivered(box)
+    out, err, status = failing(box, "newfstatat", name, "ENOMEM", "list")
+    assert (out.count("\n"), err, status) == (1, "", 0)
+
+
+def test_purge_leaves_a_message_that_may_be_incomplete(box):
+    make_delivered(box)
+    before = box.store.tree()
+    assert failing(box, "newfstatat", "incomplete", "EIO", "purge", "1d") == (
+        "No messages older than 1d.\n", "", 0)
+    assert box.store.tree() == before
+
+
+def test_recovery_delivers_nothing_that_may_be_revoked(box):
+    box.store.make_message(7, to=USERS, markers=["incomplete"], revoked=DATE)
+    before = box.store.tree()
+    _, err, status = failing(box, "newfstatat", "revoked", "EIO", "list")
+    assert (err, status) == ("", 0)
+    assert without_lock(box.store.tree()) == before
+
+
+# Files.
+
+@pytest.mark.parametrize("command", ["status", "log", "revoke", "remind"])
+@pytest.mark.parametrize("error, text", [("EIO", "Input/output error"),
+                                         ("EMFILE", "Too many open files")])
+def test_a_message_that_cannot_be_read_is_not_called_unknown(box, command, error, text):
+    make_delivered(box)
+    assert failing(box, "openat", "msg", error, command, "7") == told(box, "/msg", text)
+
+
+@pytest.mark.parametrize("command", ["status", "remind"])
+@pytest.mark.parametrize("name", ["recipients", "delivery"])
+def test_recipients_that_cannot_be_read_end_the_command(box, command, name):
+    make_delivered(box)
+    assert failing(box, "openat", name, "ENFILE", command, "7") == told(
+        box, "", "Too many open files in system")
+    assert box.journal.events() == []
+
+
+@pytest.mark.parametrize("name", ["msg", "recipients", "delivery"])
+def test_list_shows_no_state_that_it_could_not_read(box, name):
+    make_delivered(box)
+    out, err, status = failing(box, "openat", name, "EIO", "list")
+    assert (out.count("\n"), err, status) == (1, "", 0)
+
+
+def test_a_revocation_waits_for_the_recipients_to_be_readable(box):
+    make_delivered(box)
+    out, err, status = failing(box, "openat", "recipients", "EIO", "revoke", "7")
+    assert (out, status) == ("", 1)
+    assert err.startswith("tbx: message 7 revoked, but some copies could not be removed")
+    assert box.store.sent(7, "revoking").exists()
+    assert box.run("list").status == 0
+    assert not box.store.mailbox("pat", "inbox", 7).exists()
+
+
+def test_a_log_that_cannot_be_mended_gets_no_further_line(box):
+    box.store.make_message(7, to=USERS, markers=["incomplete"])
+    box.store.write_private(box.store.sent(7, "delivery"), f"alex {DATE} 1\npa".encode())
+    before = box.store.tree()
+    assert failing(box, "openat", "delivery", "EMFILE", "list", when=":when=1")[1:] == ("", 0)
+    assert without_lock(box.store.tree()) == before
+
+
+@pytest.mark.parametrize("place, status", [("users/pat", 0), ("users/pat/inbox/7", 1)])
+def test_a_copy_that_cannot_be_looked_up_is_not_called_removed(box, place, status):
+    make_delivered(box)
+    calls = "newfstatat,unlink"
+    traced = box.trace(calls, "revoke", "7", only_path=f"{box.state_name}/{place}",
+                       inject=["newfstatat:error=EIO", "unlink:error=EIO"])
+    assert traced.result.status == status
+    assert box.store.sent(7, "revoking").exists() == box.store.mailbox("pat", "inbox", 7).exists()
+
+
+def test_a_folder_that_hides_its_copy_keeps_the_revocation_unfinished(machine):
+    machine.store.make_message(7, delivered=[("pat", DATE, 0)], copies=["pat"])
+    machine.store.mailbox("pat", "inbox").chmod(0)
+    out, err, status = machine.run("revoke", "7")
+    assert (out, status) == ("", 1)
+    assert err.endswith("the next tbx command will retry\n")
+    assert machine.store.sent(7, "revoking").exists()
+
+
+def test_a_folder_that_cannot_be_opened_for_want_of_memory_is_left_for_later(box):
+    make_delivered(box)
+    box.store.sent(7).rename(box.store.top / "sent" / ".deleting-7")
+    path = f"{box.state_name}/sent/.deleting-7"
+    traced = box.trace("fcntl", "list", inject=["fcntl:error=EIO"], only_path=path)
+    assert traced.result.status == 0
+    assert box.run("list").status == 0
+    assert not (box.store.top / "sent" / ".deleting-7").exists()
+
+
+# What a careless starter leaves behind.
+
+def test_an_ignored_end_of_children_does_not_hide_their_result(box):
+    ignoring = ["/bin/sh", "-c", "trap '' CHLD; exec \"$@\"", "sh"]
+    assert tuple(box.run("send", "--to", "pat", "--expires", "tomorrow", "hello",
+                         wrap=ignoring)) == ("Message 1 sent to 1 user.\n", "", 0)
