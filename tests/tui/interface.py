@@ -1,0 +1,84 @@
+"""What tests do to the interface and say about it, over pseudo_terminal.Terminal."""
+
+import re
+
+from frame_model import UPDATED, Frame
+from pseudo_terminal import ESCAPE, FRAME_BEGINS
+
+CLOCKS = re.compile(r"updated at \d\d:\d\d:\d\d")
+
+# Control bytes, and sequences, that are no key in any state. Not among them: Ctrl+C, Ctrl+Z and
+# Ctrl+\, which are signals.
+MEANINGLESS = [
+    *"\x00\x01\x02\x04\x06\x07\x0b\x0c\x0e\x0f\x10\x11\x12\x14\x15\x16\x17\x18\x19\x1d\x1e\x1f",
+    "\x1b[2~", "\x1b[0~", "\x1b[9~",  # numbered keys without a meaning
+    "\x1b[15~", "\x1b[24~", "\x1b[200~", "\x1b[11~", "\x1b[66~",  # more digits: F5, F12, ...
+    "\x1b[1;5B", "\x1b[1;2A", "\x1b[5;5~", "\x1b[3;2~", "\x1bO5B",  # with modifiers
+    "\x1bOP", "\x1bO1~", "\x1bO5~", "\x1b[E", "\x1b[~", "\x1b[?1;2c", "\x1b[<0;10;10M", "\x1b[[A",
+    "\x1bq", "\x1bn", "\x1b?", "\x1b\r", "\x1b\x7f", "\x1bé", "\x1b\x1b[B",  # with Alt
+]
+# Each byte is a character of its own, as far as the interface is concerned.
+BROKEN_CHARACTERS = [b"\x80", b"\xff", b"\xc3", b"\xe6\x97"]
+
+
+def seen(tbx):
+    """The screen as a frame, with the time of day as the model has it."""
+    return Frame(CLOCKS.sub(UPDATED, tbx.frame()), tbx.styles(), tbx.cursor())
+
+
+def expect(tbx, page, box=None):
+    """Waits until the terminal shows the page, with the dialog `box` over it.
+
+    The whole screen counts: characters, styles and cursor. Shows the difference if it never does.
+    """
+    frame = page if isinstance(page, Frame) else page.frame(box)
+    try:
+        tbx.wait_for(lambda: CLOCKS.sub(UPDATED, tbx.frame()) == frame.text and seen(tbx) == frame)
+    except AssertionError:
+        assert seen(tbx).text == frame.text
+        assert seen(tbx).styles == frame.styles
+        assert seen(tbx).cursor == frame.cursor
+
+
+def press(tbx, keys, page, box=None):
+    """Types the keys, and waits until the terminal shows the page with the dialog over it."""
+    tbx.send(keys)
+    expect(tbx, page, box)
+
+
+def frames_drawn(tbx):
+    return tbx.raw.count(FRAME_BEGINS)
+
+
+def press_in_vain(tbx, keys):
+    """Types what does nothing, and waits until it has been dealt with.
+
+    For an Esc, and for the beginning of a sequence: what is typed right behind it would belong
+    to it. Only a frame that was begun before it was typed can come before that.
+    """
+    drawn = frames_drawn(tbx)
+    tbx.send(keys)
+    tbx.wait_for(lambda: frames_drawn(tbx) >= drawn + 2)
+
+
+def read_again(tbx, page):
+    """Makes the list read the store, as a cancelled dialog does, and show `page` then."""
+    tbx.send("p")
+    tbx.wait_for("Delete old messages")
+    press(tbx, ESCAPE, page)
+
+
+def frames_as_text(tbx):
+    """All frames that were drawn, as they were written."""
+    return tbx.raw.decode(errors="replace").split(FRAME_BEGINS.decode())[1:]
+
+
+def frame_that_shows(tbx, text, after=0):
+    """The number, from 0, of the first frame with this text, frames before `after` aside."""
+    frames = frames_as_text(tbx)
+    return next(number for number in range(after, len(frames)) if text in frames[number])
+
+
+def clocks_shown(tbx):
+    """What each frame says about the time of its data."""
+    return [CLOCKS.search(frame)[0] for frame in frames_as_text(tbx)]

@@ -1,0 +1,122 @@
+"""Messages as the tests put them into the store, and as the pages show them."""
+
+import importlib.util
+import time
+from dataclasses import dataclass, replace
+from pathlib import Path
+
+HARNESS = Path(__file__).resolve().parent.parent / "cli" / "harness"
+
+
+def from_command_line_tests(name):
+    """A module of tests/cli/harness. That folder has a conftest.py too, hence not by sys.path."""
+    spec = importlib.util.spec_from_file_location(f"harness_{name}", HARNESS / f"{name}.py")
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+_store = from_command_line_tests("store")
+Store, short_time = _store.Store, _store.short_time
+
+# Accounts that every Debian has, in test mode as good as any; an account is what it takes to
+# confirm. Nothing is kept of them but files in the test's own directory.
+USERS = ("daemon", "bin", "sys", "games", "man", "lp", "mail", "news", "uucp", "proxy",
+         "www-data", "backup", "list", "nobody")
+
+DATE = 1790000000
+PAST, FUTURE = 1000000000, 4000000000  # as an expiry
+
+
+@dataclass(frozen=True)
+class Message:
+    """A message in the store.
+
+    confirmed, delivered, sent  recipients by state
+    revoked                     the time of the revocation, or None
+    """
+
+    id: int
+    text: str = "Hello\n"
+    title: str = ""
+    date: int = DATE
+    expires: int = 0
+    author: str = "root"
+    confirmed: tuple = ()
+    delivered: tuple = ("daemon",)
+    sent: tuple = ()
+    revoked: int = None
+
+    @property
+    def counts(self):
+        return len(self.confirmed), len(self.delivered), len(self.sent)
+
+    @property
+    def is_revoked(self):
+        return self.revoked is not None
+
+    @property
+    def is_expired(self):
+        return 0 < self.expires <= time.time()
+
+    @property
+    def short_date(self):
+        return short_time(self.date)
+
+    @property
+    def short_expiry(self):
+        return short_time(self.expires)
+
+    @property
+    def short_revocation(self):
+        return short_time(self.revoked)
+
+    @property
+    def recipients(self):
+        """(user, state, text) of each recipient, in the order of the recipients file."""
+        ending = " (revoked)" if self.is_revoked else " (expired)" if self.is_expired else ""
+        delivered = f"delivered, not confirmed{ending}" if ending else "delivered"
+        confirmed = f"confirmed on {short_time(self.confirmed_at)} (terminal)"
+        return ([(user, "confirmed", confirmed) for user in self.confirmed]
+                + [(user, "delivered", delivered) for user in self.delivered]
+                + [(user, "sent", "sent, not delivered") for user in self.sent])
+
+    @property
+    def confirmed_at(self):
+        """In time: neither after the expiry nor after the revocation."""
+        return min(limit for limit in (self.date + 60, self.expires, self.revoked) if limit)
+
+    def put(self, store):
+        """Writes it into a store that does not have it, and returns it."""
+        got_it = (*self.confirmed, *self.delivered)
+        store.make_message(self.id, self.text, to=(*got_it, *self.sent), title=self.title,
+                           date=self.date, expires=self.expires, author=self.author,
+                           delivered=[(user, self.date, 0) for user in got_it],
+                           revoked=self.revoked)
+        for user in self.confirmed:
+            store.confirm(user, self.id, self.confirmed_at)
+        return self
+
+    def after(self, **changes):
+        """The message as it is after something happened to it."""
+        return replace(self, **changes)
+
+
+OVER = {"expires": PAST, "date": PAST - 60}
+# By name: a message, whether it can be revoked, whether a reminder is of use.
+MESSAGE_STATES = {
+    "delivered": (Message(1, title="Plain", sent=("bin",)), True, True),
+    "several delivered": (Message(1, delivered=("daemon", "sys")), True, True),
+    "all confirmed": (Message(1, confirmed=("daemon",), delivered=()), True, False),
+    "none delivered": (Message(1, delivered=(), sent=("bin",)), True, False),
+    "confirmed or sent": (
+        Message(1, confirmed=("daemon",), delivered=(), sent=("bin",)), True, False),
+    "revoked": (Message(1, revoked=DATE), False, False),
+    "expired": (Message(1, **OVER), True, False),
+    "expired and revoked": (Message(1, **OVER, revoked=PAST), False, False),
+}
+
+
+def people(count, name="user"):
+    """Recipients without an account: they can be sent to and delivered to in a store only."""
+    return tuple(f"{name}{number:02}" for number in range(1, count + 1))

@@ -1,0 +1,374 @@
+"""A terminal for tests of what the program draws.
+
+`Terminal` runs a program on a pseudo-terminal of its own, as the foreground job of a session
+whose leader stays behind like a shell, and shows what the program wrote as a terminal of that
+size would. Tests wait for what they expect to see; nothing here sleeps for a fixed time.
+
+    def test_q_leaves(terminal):
+        tbx = terminal("help", columns=80, rows=24)
+        tbx.wait_for("q quit")
+        tbx.send("q")
+        assert tbx.wait_exit() == 0
+"""
+
+import copy
+import fcntl
+import os
+import pty
+import select
+import signal
+import struct
+import termios
+import time
+
+import pyte
+
+# How long a condition may take before the test fails. Never waited for in full by a test that
+# passes, so it is generous: sanitizers on a busy machine are slow.
+DEADLINE_SECONDS = 30
+RETRY_SECONDS = 0.1
+
+UP, DOWN, RIGHT, LEFT = "\x1b[A", "\x1b[B", "\x1b[C", "\x1b[D"
+HOME, END, PAGE_UP, PAGE_DOWN = "\x1b[H", "\x1b[F", "\x1b[5~", "\x1b[6~"
+ENTER, TAB, BACK_TAB, ESCAPE, BACKSPACE, DELETE = "\r", "\t", "\x1b[Z", "\x1b", "\x7f", "\x1b[3~"
+CTRL_C, CTRL_E, CTRL_S, CTRL_Z = "\x03", "\x05", "\x13", "\x1a"
+
+ENTER_SCREEN, LEAVE_SCREEN = b"\x1b[?1049h\x1b[?25l", b"\x1b[?25h\x1b[?1049l"
+FRAME_BEGINS, FRAME_ENDS = b"\x1b[H", b"\x1b[J"
+
+# What stands on a screen before the program starts, for assert_restored().
+EARLIER = "administrator$ tbx\r\n"
+
+# In the list of termios.tcgetattr.
+IFLAG, LFLAG, CC = 0, 3, 6
+
+# Written by the session's leader when the program has ended, so that everything before it is
+# known to have arrived. An operating system command, which shows nothing.
+EXIT_MARK = b"\x1b]777;exited\x07"
+
+
+class Screen(pyte.Screen):
+    """Adds to pyte what it does not know.
+
+    The alternate screen (mode 1049): `alternate` says whether it is shown.
+    Dim: kept in the attribute `italics`, which the program never uses.
+    Grey: a colour of its own, which pyte takes for bold black.
+    """
+
+    ALTERNATE_SCREEN = 1049
+    DIM, GREY = 2, 90
+
+    def __init__(self, columns, rows):
+        self.alternate = False
+        self._main = None
+        super().__init__(columns, rows)
+
+    def set_mode(self, *modes, **kwargs):
+        super().set_mode(*modes, **kwargs)
+        if kwargs.get("private") and self.ALTERNATE_SCREEN in modes and not self.alternate:
+            self._main = (copy.deepcopy(self.buffer), copy.copy(self.cursor))
+            self.erase_in_display(2)
+            self.alternate = True
+
+    def reset_mode(self, *modes, **kwargs):
+        super().reset_mode(*modes, **kwargs)
+        if kwargs.get("private") and self.ALTERNATE_SCREEN in modes and self.alternate:
+            hidden = self.cursor.hidden
+            self.buffer, self.cursor = self._main
+            self.cursor.hidden = hidden
+            self.alternate = False
+
+    def select_graphic_rendition(self, *attributes):
+        others = [attribute for attribute in attributes
+                  if attribute not in (self.DIM, self.GREY)]
+        if others or not attributes:
+            super().select_graphic_rendition(*others)
+        if self.DIM in attributes:
+            self.cursor.attrs = self.cursor.attrs._replace(italics=True)
+        if self.GREY in attributes:
+            self.cursor.attrs = self.cursor.attrs._replace(fg="grey")
+
+
+# One letter per style, for the style picture: (foreground, bold, reverse, dim).
+STYLE_LETTERS = {
+    ("default", False, False, False): ".",
+    ("default", False, False, True): "d",
+    ("default", True, False, False): "B",
+    ("default", False, True, False): "r",
+    ("default", True, True, False): "R",
+    ("red", False, False, False): "e",
+    ("red", True, False, False): "E",
+    ("green", False, False, False): "g",
+    ("green", True, False, False): "G",
+    ("brown", False, False, False): "y",
+    ("brown", True, False, False): "Y",
+    ("cyan", False, False, False): "c",
+    ("cyan", True, False, False): "C",
+    ("grey", False, False, False): "x",
+}
+
+
+def style_letter(cell):
+    return STYLE_LETTERS.get((cell.fg, cell.bold, cell.reverse, cell.italics), "?")
+
+
+def unusual(attributes):
+    """Gives a terminal attributes that no program would set by default."""
+    attributes[LFLAG] &= ~termios.ECHOE
+    attributes[CC][termios.VMIN] = 5
+    attributes[CC][termios.VTIME] = 2
+    attributes[CC][termios.VERASE] = b"#"
+
+
+def assert_restored(terminal):
+    """The terminal is as it was before the program, which was started with earlier=EARLIER."""
+    assert terminal.attributes() == terminal.attributes_before
+    assert not terminal.screen.alternate
+    assert terminal.rows()[0].rstrip() == EARLIER.rstrip()
+    assert all(not row.strip() for row in terminal.rows()[1:])
+    assert terminal.cursor() == (1, 0)
+
+
+class Terminal:
+    """A program on a terminal.
+
+    argv         the program and its arguments
+    columns      size of the terminal, which resize() changes
+    rows
+    env          the program's whole environment
+    earlier      what stands on the screen when the program starts
+    attributes   function that changes the terminal's attributes (the list of
+                 termios.tcgetattr) before the program starts
+    """
+
+    def __init__(self, argv, columns=80, rows=24, env=None, earlier="", attributes=None):
+        self.raw = b""  # everything that the program wrote
+        self.screen = Screen(max(columns, 1), max(rows, 1))
+        self._stream = pyte.ByteStream(self.screen)
+        self._stream.feed(earlier.encode())
+        self._status = None
+        self._exit_mark_seen = False
+        self._master, slave = pty.openpty()
+        self._set_size(columns, rows)
+        if attributes:
+            wanted = termios.tcgetattr(slave)
+            attributes(wanted)
+            termios.tcsetattr(slave, termios.TCSANOW, wanted)
+        self.attributes_before = self.attributes()
+        self._tty_name = os.ttyname(slave)
+        self._start([str(argument) for argument in argv], env or {}, self._tty_name)
+        os.close(slave)
+
+    # ---- What is seen ---------------------------------------------------------------------
+    # As far as it has arrived: wait for something first.
+
+    @property
+    def size(self):
+        """Columns and rows."""
+        return (self.screen.columns, self.screen.lines)
+
+    def rows(self):
+        """The screen's rows, top to bottom, each as wide as the screen."""
+        return list(self.screen.display)
+
+    def frame(self):
+        """The whole screen as one text, every row ended by a newline."""
+        return "".join(row + "\n" for row in self.screen.display)
+
+    def styles(self):
+        """The whole screen with a letter of STYLE_LETTERS in place of each character."""
+        lines = (self.screen.buffer[row] for row in range(self.screen.lines))
+        columns = range(self.screen.columns)
+        return "".join("".join(style_letter(line[x]) for x in columns) + "\n" for line in lines)
+
+    def cursor(self):
+        """Row and column of the cursor, from 0, or None while it is hidden."""
+        return None if self.screen.cursor.hidden else (self.screen.cursor.y, self.screen.cursor.x)
+
+    def attributes(self):
+        """The terminal's attributes as they are now, as from termios.tcgetattr."""
+        return termios.tcgetattr(self._master)
+
+    def unread(self):
+        """How many bytes were typed that the program has not read. Only in raw mode."""
+        tty = os.open(self._tty_name, os.O_RDWR | os.O_NOCTTY)
+        try:
+            return struct.unpack("i", fcntl.ioctl(tty, termios.FIONREAD, bytes(4)))[0]
+        finally:
+            os.close(tty)
+
+    # ---- Waiting --------------------------------------------------------------------------
+
+    def wait_for(self, condition):
+        """Waits until a text is on the screen, or until condition() is true.
+
+        While the alternate screen is shown this looks at whole frames only: a frame can arrive
+        in pieces, and what a condition sees is all of one or all of the next.
+        """
+        self._wait(self._holds(condition), condition)
+
+    def wait_for_frame(self, frame):
+        """Waits until the whole screen is `frame`; shows the difference if it never is."""
+        try:
+            self.wait_for(lambda: self.frame() == frame)
+        except AssertionError:
+            assert self.frame() == frame
+
+    def poll_for(self, condition):
+        """Like wait_for(), for what changes without anything written on the terminal."""
+        self._wait(self._holds(condition), condition, retry=lambda: None)
+
+    def wait_status(self):
+        """Waits until the program has ended; its last output may still be on its way.
+
+        Returns its exit status, or the negative number of the signal that ended it.
+        """
+        self._wait(lambda: self._status is not None, "the program's end")
+        return self._status
+
+    def wait_exit(self):
+        """Like wait_status(), and waits until all that the program wrote has arrived."""
+        self.wait_status()
+        if self._master is not None:
+            self._wait(lambda: self._exit_mark_seen, "the program's last output")
+        return self._status
+
+    # ---- What is done to the program ------------------------------------------------------
+
+    def send(self, keys):
+        """Types text, or bytes, in one piece."""
+        os.write(self._master, keys if isinstance(keys, bytes) else keys.encode())
+
+    def send_until(self, keys, condition):
+        """Types the keys, again and again, until the condition of wait_for() holds.
+
+        For programs of others, of which nothing shows when they are ready for a key.
+        """
+        self._wait(self._holds(condition), condition, retry=lambda: self.send(keys))
+
+    def resize(self, columns, rows):
+        """Gives the terminal another size, as dragging its window does.
+
+        A size of 0 is one that the terminal does not tell: the screen stays as it is.
+        """
+        self.screen.resize(rows, columns)
+        self._set_size(columns, rows)
+
+    def change_attributes(self, change):
+        """Changes the terminal's attributes, as another program on it could."""
+        wanted = self.attributes()
+        change(wanted)
+        termios.tcsetattr(self._master, termios.TCSANOW, wanted)
+
+    def signal(self, number):
+        """Sends a signal to the program alone, not to its children."""
+        os.kill(self.pid, number)
+
+    def hang_up(self):
+        """Takes the terminal away, as closing its window or losing the line does.
+
+        The session's leader ignores the hang-up, so that no signal reaches the program.
+        """
+        os.close(self._master)
+        self._master = None
+
+    def close(self):
+        """Ends what is left: the program, if it still runs, and the session's leader."""
+        if self._master is not None:
+            self.hang_up()
+        if self._status is None:
+            try:
+                os.killpg(self.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass  # it ended without being waited for
+        os.close(self._hold)
+        os.close(self._report)
+        os.waitpid(self._leader, 0)
+
+    # ---- Inside ---------------------------------------------------------------------------
+
+    def _set_size(self, columns, rows):
+        fcntl.ioctl(self._master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def _start(self, argv, env, tty_name):
+        self._report, report = os.pipe()  # the leader tells the process id and the status
+        hold, self._hold = os.pipe()  # closing this lets the leader go
+        self._leader = os.fork()
+        if self._leader == 0:
+            try:
+                lead_session(argv, env, tty_name, report, hold)
+            finally:
+                os._exit(1)
+        os.close(report)
+        os.close(hold)
+        self.pid = struct.unpack("i", os.read(self._report, 4))[0]
+
+    def _frame_is_whole(self):
+        if not self.screen.alternate:
+            return True
+        return self.raw.rfind(FRAME_ENDS) > self.raw.rfind(FRAME_BEGINS)
+
+    def _holds(self, condition):
+        holds = condition if callable(condition) else lambda: condition in self.frame()
+        return lambda: self._frame_is_whole() and holds()
+
+    def _wait(self, holds, what, retry=None):
+        deadline = time.monotonic() + DEADLINE_SECONDS
+        while not holds():
+            left = deadline - time.monotonic()
+            assert left > 0, f"waited in vain for {what!r}:\n{self.frame()}"
+            if retry:
+                retry()
+            self._take_what_arrives(RETRY_SECONDS if retry else left)
+
+    def _take_what_arrives(self, seconds):
+        sources = [] if self._master is None else [self._master]
+        if self._status is None:
+            sources.append(self._report)
+        ready = select.select(sources, [], [], seconds)[0]
+        if self._report in ready:
+            self._status = struct.unpack("i", os.read(self._report, 4))[0]
+        if self._master in ready:
+            output = os.read(self._master, 65536)
+            self._stream.feed(output)
+            self.raw += output
+            self._exit_mark_seen = self.raw.endswith(EXIT_MARK)
+            if self._exit_mark_seen:
+                self.raw = self.raw.removesuffix(EXIT_MARK)
+
+
+def lead_session(argv, env, tty_name, report, hold):
+    """In a child: what a shell does for its foreground job, and no more."""
+    close_all_but(report, hold)  # another terminal's master here would keep it from hanging up
+    os.setsid()
+    tty = os.open(tty_name, os.O_RDWR)  # the first one opened becomes the controlling terminal
+    ignored = (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTTOU)
+    for number in ignored:
+        signal.signal(number, signal.SIG_IGN)
+    child = os.fork()
+    if child == 0:
+        os.setpgid(0, 0)
+        os.tcsetpgrp(tty, os.getpid())
+        for number in (*ignored, signal.SIGPIPE):
+            signal.signal(number, signal.SIG_DFL)
+        for fd in (0, 1, 2):
+            os.dup2(tty, fd)
+        os.execvpe(argv[0], argv, env)
+    os.write(report, struct.pack("i", child))
+    os.write(report, struct.pack("i", os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])))
+    try:
+        os.tcsetpgrp(tty, os.getpid())
+        os.write(tty, EXIT_MARK)
+    except OSError:
+        pass  # hung up: nobody is there to read it
+    os.read(hold, 1)
+    os._exit(0)
+
+
+def close_all_but(*kept):
+    for fd in map(int, os.listdir("/proc/self/fd")):
+        if fd > 2 and fd not in kept:
+            try:
+                os.close(fd)
+            except OSError:
+                pass  # the one that read the list

@@ -1,0 +1,339 @@
+"""The guide as tabs on the whole screen."""
+
+import re
+import signal
+import termios
+
+import pytest
+
+from pseudo_terminal import (
+    BACK_TAB, CC, CTRL_C, CTRL_S, DOWN, EARLIER, END, ENTER, ENTER_SCREEN, ESCAPE, HOME,
+    LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, assert_restored, unusual)
+
+HOME_CURSOR, CLEAR_BELOW = b"\x1b[H", b"\x1b[J"
+
+TABS = ["Info", "Commands", "Options", "Examples", "Files"]
+SIZES = [(80, 24), (44, 10), (120, 40), (200, 60)]
+
+
+@pytest.fixture
+def guide(terminal):
+    """guide(...) opens the guide, by default without colour, and waits for its first frame."""
+
+    def open_guide(env=None, **options):
+        tbx = terminal("help", env=env or {"NO_COLOR": "1"}, **options)
+        tbx.wait_for("q quit")
+        return tbx
+
+    return open_guide
+
+
+def shown(tbx):
+    """The current tab and the number of the first line shown, in a guide without colour."""
+    frame = tbx.frame()
+    tab = re.search(r">(\w+)<", frame)
+    line = re.search(r"lines (\d+)-", frame)
+    return (tab[1], int(line[1])) if tab and line else None
+
+
+def press(tbx, keys, result):
+    """Types the keys and waits until the guide shows (tab, first line)."""
+    tbx.send(keys)
+    tbx.wait_for(lambda: shown(tbx) == result)
+
+
+def sections(text):
+    """The parts of an expected file, by the names in their "=== NAME" lines."""
+    parts = re.split(r"^=== (.*)\n", text, flags=re.MULTILINE)[1:]
+    return dict(zip(parts[0::2], parts[1::2]))
+
+
+def without_colour(frame, tab):
+    """The frame as it looks when the current tab is marked instead of coloured."""
+    title, tab_bar, rest = frame.split("\n", 2)
+    return "\n".join([title, tab_bar.replace(f" {tab} ", f">{tab}<"), rest])
+
+
+# ---- Frames -------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("columns, rows", SIZES)
+@pytest.mark.parametrize("tab", TABS)
+def test_tab_fills_the_terminal_in_colour(guide, expected, columns, rows, tab):
+    wanted = sections(expected(f"guide-{columns}x{rows}.txt"))
+    tbx = guide(env={"NO_COLOR": None}, columns=columns, rows=rows)
+    tbx.send(str(TABS.index(tab) + 1))
+    tbx.wait_for_frame(wanted[tab])
+    tbx.wait_for(lambda: tbx.styles() == wanted[f"{tab}, styles"])
+    assert tbx.cursor() is None
+
+
+@pytest.mark.parametrize("columns, rows", SIZES)
+@pytest.mark.parametrize("tab", TABS)
+def test_tab_without_colour_has_the_same_frame_and_a_marked_tab(
+        guide, expected, columns, rows, tab):
+    wanted = sections(expected(f"guide-{columns}x{rows}.txt"))
+    tbx = guide(columns=columns, rows=rows)
+    tbx.send(str(TABS.index(tab) + 1))
+    tbx.wait_for_frame(without_colour(wanted[tab], tab))
+    assert set(tbx.styles()) == {".", "\n"}
+
+
+@pytest.mark.parametrize("value", ["", "0"])
+def test_no_color_with_any_value_leaves_no_style_in_the_output(guide, value):
+    tbx = guide(env={"NO_COLOR": value})
+    press(tbx, "4", ("Examples", 1))
+    tbx.send("q")
+    tbx.wait_exit()
+    rest = tbx.raw.removeprefix(ENTER_SCREEN).removesuffix(LEAVE_SCREEN)
+    assert b"\x1b" not in rest.replace(HOME_CURSOR, b"").replace(CLEAR_BELOW, b"")
+
+
+def test_output_is_whole_frames_between_entering_and_leaving_the_screen(guide):
+    tbx = guide()
+    press(tbx, "j", ("Info", 2))
+    tbx.send("q")
+    tbx.wait_exit()
+    assert tbx.raw.startswith(ENTER_SCREEN + HOME_CURSOR)
+    assert tbx.raw.endswith(CLEAR_BELOW + LEAVE_SCREEN)
+    frames = tbx.raw.removeprefix(ENTER_SCREEN).removesuffix(LEAVE_SCREEN).split(HOME_CURSOR)[1:]
+    assert [frame.endswith(CLEAR_BELOW) for frame in frames] == [True, True]
+    assert [frame.count(b"\r\n") for frame in frames] == [23, 23]
+
+
+@pytest.mark.usefixtures("strace")
+def test_frame_is_one_write(terminal, binary, tmp_path):
+    log = tmp_path / "writes"
+    tbx = terminal(argv=["strace", "-o", log, "-e", "trace=write", binary, "help"],
+                   env={"ASAN_OPTIONS": "detect_leaks=0"}, columns=200, rows=60)
+    tbx.wait_for("q quit")
+    tbx.send("3")
+    tbx.wait_for("Send options")
+    tbx.send("q")
+    tbx.wait_exit()
+    beginnings = re.findall(r'^write\(\d+, "(\\33\[\?*[0-9H]+)', log.read_text(), re.MULTILINE)
+    assert beginnings == [r"\33[?1049", r"\33[H", r"\33[H", r"\33[?25"]
+    assert len(re.findall(r"^write", log.read_text(), re.MULTILINE)) == len(beginnings)
+
+
+# ---- Keys ---------------------------------------------------------------------------------
+# At 80x24 the tab "Commands" has 43 lines, of which 18 are shown; a page is 17.
+
+
+@pytest.mark.parametrize("key", [TAB, ENTER, "\n", "l", RIGHT, "\x1bOC"])
+def test_key_for_the_next_tab(guide, key):
+    press(guide(), key, ("Commands", 1))
+
+
+@pytest.mark.parametrize("key", ["h", LEFT, "\x1bOD", BACK_TAB])
+def test_key_for_the_previous_tab(guide, key):
+    press(guide(), "3" + key, ("Commands", 1))
+
+
+def test_next_tab_of_the_last_is_the_first(guide):
+    tbx = guide()
+    press(tbx, "5", ("Files", 1))
+    press(tbx, "l", ("Info", 1))
+
+
+def test_previous_tab_of_the_first_is_the_last(guide):
+    press(guide(), "h", ("Files", 1))
+
+
+def test_digit_goes_straight_to_its_tab(guide):
+    tbx = guide()
+    for digit in "54321":
+        press(tbx, digit, (TABS[int(digit) - 1], 1))
+
+
+@pytest.mark.parametrize("key", [DOWN, "\x1bOB", "j"])
+def test_key_for_a_line_down(guide, key):
+    press(guide(), "2" + key, ("Commands", 2))
+
+
+@pytest.mark.parametrize("key", [UP, "\x1bOA", "k"])
+def test_key_for_a_line_up(guide, key):
+    tbx = guide()
+    press(tbx, "2G", ("Commands", 26))
+    press(tbx, key, ("Commands", 25))
+
+
+@pytest.mark.parametrize("key", [" ", PAGE_DOWN])
+def test_key_for_a_page_down(guide, key):
+    press(guide(), "2" + key, ("Commands", 18))
+
+
+@pytest.mark.parametrize("key", ["b", PAGE_UP, "\x1b[15~"])
+def test_key_for_a_page_up(guide, key):
+    tbx = guide()
+    press(tbx, "2G", ("Commands", 26))
+    press(tbx, key, ("Commands", 9))
+
+
+@pytest.mark.parametrize("key", ["g", HOME, "\x1bOH", "\x1b[1~", "\x1b[7~", "\x1b[17~"])
+def test_key_for_the_first_line(guide, key):
+    tbx = guide()
+    press(tbx, "2G", ("Commands", 26))
+    press(tbx, key, ("Commands", 1))
+
+
+@pytest.mark.parametrize("key", ["G", END, "\x1bOF", "\x1b[4~", "\x1b[8~"])
+def test_key_for_the_last_page(guide, key):
+    tbx = guide()
+    press(tbx, "2" + key, ("Commands", 26))
+    assert "lines 26-43/43" in tbx.frame()
+    assert tbx.rows()[-4].startswith("│     Shows this guide.")
+
+
+def test_scrolling_stops_at_the_first_line(guide):
+    press(guide(), "2kkbj", ("Commands", 2))
+
+
+def test_scrolling_stops_at_the_last_line(guide):
+    press(guide(), "2Gj  k", ("Commands", 25))
+
+
+def test_tab_that_fits_does_not_scroll(guide):
+    tbx = guide()
+    press(tbx, "3", ("Options", 1))
+    tbx.send("jG q")
+    tbx.wait_exit()
+    assert set(re.findall(rb"lines (\d+)-\d+/16", tbx.raw)) == {b"1"}
+
+
+def test_each_tab_keeps_its_own_place(guide):
+    tbx = guide()
+    press(tbx, "2jjj", ("Commands", 4))
+    press(tbx, "4j", ("Examples", 2))
+    press(tbx, "2", ("Commands", 4))
+    press(tbx, "4", ("Examples", 2))
+
+
+@pytest.mark.parametrize("key", [
+    "6", "7", "8", "9", "0", "x", "J", "é", "\x04", "\x7f",
+    "\x1bq", "\x1bOP", "\x1bOZ", "\x1b[2~", "\x1b[3~", "\x1b[~", "\x1b[E", "\x1b[1;5C", "\x1b[5;5~",
+])
+def test_any_other_key_is_ignored(guide, key):
+    tbx = guide()
+    tbx.send(key + "q")
+    assert tbx.wait_exit() == 0
+    assert tbx.raw.count(HOME_CURSOR) == 1
+
+
+def test_sequence_in_two_pieces_is_one_key(guide):
+    for _ in range(20):  # where the machine is so busy that the second piece comes late
+        tbx = guide()
+        tbx.send(ESCAPE)
+        tbx.send("[B")
+        tbx.wait_for(lambda: shown(tbx) == ("Info", 2) or not tbx.screen.alternate)
+        if tbx.screen.alternate:
+            return
+    pytest.fail("taken for a lone escape every time")
+
+
+# ---- Resizing -----------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("columns, rows", [(120, 40), (44, 10)])
+def test_new_size_of_the_terminal_is_drawn_without_a_key(guide, expected, columns, rows):
+    wanted = sections(expected(f"guide-{columns}x{rows}.txt"))
+    tbx = guide()
+    press(tbx, "4", ("Examples", 1))
+    tbx.resize(columns, rows)
+    tbx.wait_for_frame(without_colour(wanted["Examples"], "Examples"))
+
+
+def test_scroll_position_stays_within_the_content_of_a_larger_terminal(guide):
+    tbx = guide()
+    press(tbx, "2G", ("Commands", 26))
+    tbx.resize(80, 60)
+    tbx.wait_for("lines 1-43/43")
+
+
+def test_terminal_made_too_narrow_keeps_the_frame_and_the_current_tab(guide):
+    tbx = guide()
+    press(tbx, "5", ("Files", 1))
+    tbx.resize(24, 9)
+    tbx.wait_for_frame("┌─ tbx — guide ────────┐\n"
+                       "│ Examples >Files<     │\n"
+                       "├──────────────────────┤\n"
+                       "│ Files and log        │\n"
+                       "│                      │\n"
+                       "│  /etc/tellbox/tellbo │\n"
+                       "├──────────────────────┤\n"
+                       "│ q quit  lines 1-3/27 │\n"
+                       "└──────────────────────┘\n")
+
+
+def test_terminal_made_tiny_shows_the_top_of_the_frame(guide):
+    tbx = guide()
+    tbx.resize(12, 4)
+    tbx.wait_for_frame("┌──────────┐\n"
+                       "│>Info<    │\n"
+                       "├──────────┤\n"
+                       "├──────────┤\n")
+
+
+@pytest.mark.parametrize("columns, rows", [(1, 1), (3, 3), (5, 100)])
+def test_guide_survives_any_size(guide, columns, rows):
+    tbx = guide()
+    tbx.resize(columns, rows)
+    tbx.wait_for(lambda: tbx.raw.count(HOME_CURSOR) == 2)
+    tbx.resize(80, 24)
+    tbx.wait_for("lines 1-18/25")
+
+
+def test_terminal_that_tells_no_size_any_more_is_drawn_at_the_last_one(guide):
+    tbx = guide()
+    tbx.resize(0, 0)
+    press(tbx, "j", ("Info", 2))
+    assert tbx.rows()[-1] == "└" + "─" * 78 + "┘"
+
+
+# ---- The terminal's state and the ways out ------------------------------------------------
+
+def test_only_line_editing_and_echo_are_off_while_the_guide_is_open(guide):
+    tbx = guide(attributes=unusual)
+    wanted = list(tbx.attributes_before)
+    wanted[LFLAG] &= ~(termios.ICANON | termios.ECHO)
+    wanted[CC] = list(wanted[CC])
+    wanted[CC][termios.VMIN], wanted[CC][termios.VTIME] = 1, 0
+    assert tbx.attributes() == wanted
+
+
+@pytest.mark.parametrize("key", ["q", "Q", ESCAPE, CTRL_C])
+def test_key_that_leaves_restores_the_terminal(guide, key):
+    tbx = guide(earlier=EARLIER, attributes=unusual)
+    tbx.send(key)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_signal_that_ends_the_guide_restores_the_terminal(guide, number):
+    tbx = guide(earlier=EARLIER, attributes=unusual)
+    tbx.signal(number)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+def test_guide_on_a_terminal_that_is_hung_up_ends(guide):
+    tbx = guide()
+    tbx.hang_up()
+    assert tbx.wait_status() == 0
+
+
+def test_signal_ends_the_guide_while_output_is_stopped(guide):
+    tbx = guide()
+    tbx.send(CTRL_S)
+    tbx.send("j")
+    tbx.signal(signal.SIGTERM)
+    assert tbx.wait_status() == 0
+    assert tbx.attributes() == tbx.attributes_before
+
+
+def test_nothing_is_drawn_after_the_key_that_leaves(guide):
+    tbx = guide()
+    tbx.send("qjjj")
+    assert tbx.wait_exit() == 0
+    assert tbx.raw.count(HOME_CURSOR) == 1

@@ -1,0 +1,58 @@
+"""What each page and dialog looks like, for whoever reads docs/screens.
+
+TBX_UPDATE_SCREENS=1 makes this write the files instead of comparing them.
+"""
+
+import os
+from pathlib import Path
+
+import pytest
+
+from interface import press, seen
+from messages import from_command_line_tests
+from places import PLACES, SENT, Places
+
+SCREENS = Path(__file__).resolve().parent.parent.parent / "docs" / "screens"
+UPDATES = os.environ.get("TBX_UPDATE_SCREENS") == "1"
+
+record = from_command_line_tests("history").record
+
+USERS = ("alex", "kim", "pat", "robin", "sam", "toni")
+EVENTS = [
+    record("SENT", message=4, details=" ".join(USERS), author="root", when=SENT),
+    *(record("DELIVERED", message=4, user=user, details="1", when=SENT + 1) for user in USERS[:5]),
+    record("NOT_DELIVERED", message=4, user="toni", when=SENT + 1, usec=1),
+    *(record("CONFIRMED", message=4, user=user, channel="terminal", when=SENT + 60, uid=uid)
+      for uid, user in enumerate(USERS[:3], start=1001)),
+]
+HISTORY = [
+    "2023-11-14 22:13:20  message 4 sent by root to: alex kim pat robin sam toni",
+    *(f"2023-11-14 22:13:21  message 4 delivered to {user} (terminals written: 1)"
+      for user in USERS[:5]),
+    "2023-11-14 22:13:21  message 4: ERROR, copy for toni not written",
+    *(f"2023-11-14 22:14:20  user {user}: confirmed reading message 4 (terminal)"
+      for user in USERS[:3]),
+]
+
+CAPTURES = {name: (name, (80, 24)) for name in PLACES} | {
+    "list-wide": ("list", (120, 24)), "message-wide": ("message", (120, 24))}
+
+
+@pytest.mark.parametrize("capture", CAPTURES)
+def test_captured_screen_is_what_the_program_shows(interface, store, journal, capture):
+    name, size = CAPTURES[capture]
+    places = Places(size, users=USERS, history=HISTORY)
+    for user in USERS:
+        store.make_mailbox(user)
+    tbx, _ = interface(places.messages, size, argv=journal(*EVENTS, accounts=USERS))
+    for keys, page, box in places.steps(name):
+        press(tbx, keys, page, box)
+    path = SCREENS / f"{capture}.txt"
+    if UPDATES:
+        SCREENS.mkdir(exist_ok=True)
+        path.write_text(seen(tbx).text, encoding="utf-8")
+    assert path.read_text(encoding="utf-8") == seen(tbx).text
+
+
+def test_there_is_no_captured_screen_of_a_place_that_is_no_more():
+    assert {path.stem for path in SCREENS.glob("*.txt")} == set(CAPTURES)

@@ -1,0 +1,271 @@
+"""The form for a new message: its frames, its keys, its preview of the recipients."""
+
+from dataclasses import replace
+
+import pytest
+
+from frame_model import SIZES
+from interface import MEANINGLESS, press
+from pseudo_terminal import (
+    BACK_TAB, BACKSPACE, DELETE, DOWN, END, ENTER, HOME, LEFT, PAGE_DOWN, PAGE_UP, RIGHT,
+    TAB, UP)
+
+FOCI = ["To", "Title", "Expires", "Text"]
+
+
+def to(focus):
+    """The keys that lead from To to another field."""
+    return TAB * FOCI.index(focus)
+
+
+# ---- Frames -------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("colour", [True, False])
+@pytest.mark.parametrize("size", SIZES)
+def test_empty_form_fills_the_terminal(form, size, colour):
+    form(size, colour)
+
+
+@pytest.mark.parametrize("colour", [True, False])
+@pytest.mark.parametrize("size", SIZES)
+def test_form_that_is_filled_in_fills_the_terminal(form, size, colour):
+    tbx, page, _ = form(size, colour)
+    press(tbx, "daemon,bin\tBackup\t2h\tTonight" + ENTER * 2 + "Thank you",
+          replace(page, to="daemon,bin", title="Backup", expires="2h",
+                  text="Tonight\n\nThank you", focus="Text", preview="2 recipients"))
+
+
+@pytest.mark.parametrize("colour", [True, False])
+@pytest.mark.parametrize("focus", FOCI)
+def test_focused_field_is_bold_and_has_the_cursor(form, focus, colour):
+    tbx, page, _ = form(colour=colour)
+    press(tbx, to(focus), replace(page, focus=focus))
+
+
+def test_cursor_is_placed_and_shown_behind_the_frame(form):
+    tbx, _, _ = form()
+    tbx.send("ab")
+    tbx.wait_for(lambda: tbx.raw.endswith(b"\x1b[J\x1b[3;19H\x1b[?25h"))
+
+
+@pytest.mark.parametrize("hint", [
+    "user, @group, all or online, separated by commas", "optional, one line",
+    "optional: 30m, 2h, 3d or a date"])
+def test_hint_of_a_field_can_be_read_at_80_columns(form, hint):
+    tbx, _, _ = form()
+    assert hint in tbx.frame()
+
+
+# ---- From field to field ------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("start, key, target", [
+    ("To", TAB, "Title"), ("Title", TAB, "Expires"), ("Expires", TAB, "Text"), ("Text", TAB, "To"),
+    ("To", BACK_TAB, "Text"), ("Text", BACK_TAB, "Expires"), ("Expires", BACK_TAB, "Title"),
+    ("Title", BACK_TAB, "To"), ("Title", "\x1bOZ", "To"),
+    ("To", DOWN, "Title"), ("Title", DOWN, "Expires"), ("Expires", DOWN, "Text"),
+    ("To", ENTER, "Title"), ("Title", ENTER, "Expires"), ("Expires", "\n", "Text"),
+    ("To", UP, "To"), ("Title", UP, "To"), ("Expires", UP, "Title"), ("Text", UP, "Expires"),
+    ("Text", DOWN, "Text"),
+])
+def test_key_goes_to_another_field(form, start, key, target):
+    tbx, page, _ = form()
+    press(tbx, to(start), replace(page, focus=start))
+    press(tbx, key + "x", replace(page, **{target.lower(): "x"}, focus=target))
+
+
+@pytest.mark.parametrize("back", [UP, BACK_TAB, TAB * 3])
+def test_field_is_entered_at_its_end(form, back):
+    tbx, page, _ = form()
+    press(tbx, "daemon" + HOME + TAB, replace(page, to="daemon", focus="Title",
+                                              preview="1 recipient"))
+    press(tbx, back + "x", replace(page, to="daemonx", preview="1 recipient"))
+
+
+def test_text_is_entered_where_it_was_left(form):
+    tbx, page, _ = form()
+    text = replace(page, text="one\ntwo", focus="Text")
+    press(tbx, to("Text") + "one\rtwo" + UP + LEFT, replace(text, at=(0, 2)))
+    press(tbx, TAB + BACK_TAB, replace(text, at=(0, 2)))
+
+
+# ---- Editing a field ----------------------------------------------------------------------
+
+GOTHIC = "\U00010348"  # one column, four bytes
+
+EDITS = [
+    ("abc", "abc", 3),
+    ("abc" + LEFT + "X", "abXc", 3),
+    ("abc" + LEFT * 9 + "X", "Xabc", 1),
+    ("abc" + LEFT + RIGHT * 9 + "X", "abcX", 4),
+    ("abc" + HOME + "X", "Xabc", 1),
+    ("abc\x1b[1~X", "Xabc", 1),
+    ("abc" + HOME + END + "X", "abcX", 4),
+    ("abc" + BACKSPACE, "ab", 2),
+    ("abc\x08", "ab", 2),
+    ("abc" + LEFT + BACKSPACE, "ac", 1),
+    ("abc" + HOME + BACKSPACE, "abc", 0),
+    ("abc" + DELETE, "abc", 3),
+    ("abc" + LEFT + DELETE, "ab", 2),
+    ("abc" + HOME + DELETE, "bc", 0),
+    (BACKSPACE + DELETE + LEFT + RIGHT + HOME + END, "", 0),
+    ("aéЖ€", "aéЖ€", 4),
+    ("aéЖ€" + LEFT + LEFT + "X", "aéXЖ€", 3),
+    ("aéЖ€" + LEFT + BACKSPACE, "aé€", 2),
+    ("aéЖ€" + HOME + RIGHT + DELETE, "aЖ€", 1),
+    ("aéЖ€" + BACKSPACE * 3, "a", 1),
+    (GOTHIC + "b" + LEFT + LEFT + RIGHT + "X", GOTHIC + "Xb", 2),
+    (GOTHIC + BACKSPACE, "", 0),
+    ("a b", "a b", 3),
+    ("q?/nrmp", "q?/nrmp", 7),
+]
+
+
+@pytest.mark.parametrize("keys, value, cursor", EDITS)
+@pytest.mark.parametrize("field", ["To", "Title", "Expires"])
+def test_field_is_edited(form, field, keys, value, cursor):
+    tbx, page, _ = form()
+    press(tbx, to(field) + keys, replace(page, **{field.lower(): value}, focus=field, at=cursor))
+
+
+@pytest.mark.parametrize("keys, value, cursor", EDITS)
+def test_line_of_the_text_is_edited_like_a_field(form, keys, value, cursor):
+    tbx, page, _ = form()
+    press(tbx, to("Text") + keys, replace(page, text=value, focus="Text", at=(0, cursor)))
+
+
+@pytest.mark.parametrize("focus", FOCI)
+def test_key_without_a_meaning_does_nothing(form, focus):
+    tbx, page, _ = form()
+    here = replace(page, **{focus.lower(): "ab"}, focus=focus)
+    middle = (0, 1) if focus == "Text" else 1
+    press(tbx, to(focus) + "ab", here)
+    for key in [*MEANINGLESS, PAGE_UP, PAGE_DOWN]:
+        tbx.send(key)
+        press(tbx, LEFT, replace(here, at=middle))
+        press(tbx, RIGHT, here)
+
+
+def test_character_in_two_pieces_is_one(form):
+    tbx, page, _ = form()
+    tbx.send(b"\xd0")
+    tbx.send(b"\x96")
+    press(tbx, "x", replace(page, to="Жx"))
+
+
+@pytest.mark.parametrize("typed, shown", [
+    (b"\xff", "[ a\ufffdb "), (b"\xc3", "[ a\ufffdb "), (b"\xe6\x97", "[ a\ufffdb ")])
+def test_broken_character_is_shown_as_such_and_removed_as_one(form, typed, shown):
+    tbx, page, _ = form()
+    tbx.send(to("Title").encode() + b"a" + typed + b"b")
+    tbx.wait_for(shown)
+    press(tbx, BACKSPACE * 2, replace(page, title="a", focus="Title"))
+
+
+def test_stray_continuation_byte_goes_with_the_character_before_it(form):
+    tbx, page, _ = form()
+    tbx.send(to("Title").encode() + b"a\x80b")
+    tbx.wait_for("[ ab ")
+    press(tbx, BACKSPACE * 2, replace(page, focus="Title"))
+
+
+@pytest.mark.parametrize("field", ["To", "Title", "Expires"])
+def test_field_takes_no_character_beyond_1000_bytes(form, field):
+    tbx, page, _ = form()
+    value = "x" * 1000
+    press(tbx, to(field) + value + "yzé",
+          replace(page, **{field.lower(): value}, focus=field, scroll=1000 - 54))
+    press(tbx, HOME + "y", replace(page, **{field.lower(): value}, focus=field, at=0))
+
+
+def test_last_character_of_a_field_may_end_beyond_1000_bytes(form):
+    tbx, page, _ = form()
+    value = "x" * 999 + "é"
+    press(tbx, value + "éx", replace(page, to=value, scroll=1000 - 54))
+    press(tbx, BACKSPACE * 2 + "x€é", replace(page, to="x" * 999 + "€", scroll=1000 - 54))
+
+
+# ---- A value longer than its place --------------------------------------------------------
+
+
+@pytest.mark.parametrize("keys, cursor, scroll", [
+    ("", 60, 6),
+    (LEFT, 59, 6),
+    (LEFT * 54, 6, 6),
+    (LEFT * 55, 5, 5),
+    (HOME, 0, 0),
+    (HOME + RIGHT * 54, 54, 0),
+    (HOME + RIGHT * 55, 55, 1),
+    (HOME + END, 60, 6),
+])
+@pytest.mark.parametrize("focus", ["Title", "Text"])
+def test_long_value_scrolls_with_the_cursor(form, focus, keys, cursor, scroll):
+    value = "".join(chr(ord("Ā") + number) for number in range(60))
+    tbx, page, _ = form()
+    press(tbx, to(focus) + value + keys,
+          replace(page, **{focus.lower(): value}, focus=focus, scroll=scroll,
+                  at=(0, cursor) if focus == "Text" else cursor))
+
+
+def test_value_of_the_width_of_its_place_does_not_scroll(form):
+    tbx, page, _ = form()
+    press(tbx, "x" * 54, replace(page, to="x" * 54))
+
+
+# ---- Editing the text ---------------------------------------------------------------------
+
+TEXT_EDITS = [
+    ("one\rtwo", "one\ntwo", (1, 3)),
+    ("one\ntwo", "one\ntwo", (1, 3)),
+    ("onetwo" + LEFT * 3 + ENTER, "one\ntwo", (1, 0)),
+    ("one" + HOME + ENTER, "\none", (1, 0)),
+    (ENTER * 3, "\n\n\n", (3, 0)),
+    ("one\rtwo" + HOME + BACKSPACE, "onetwo", (0, 3)),
+    ("one\r\rtwo" + HOME + BACKSPACE, "one\ntwo", (1, 0)),
+    ("one\rtwo" + UP + HOME + BACKSPACE, "one\ntwo", (0, 0)),
+    ("one\rtwo" + UP + DELETE, "onetwo", (0, 3)),
+    ("one\rtwo" + DELETE, "one\ntwo", (1, 3)),
+    ("one\rtwo" + HOME + LEFT + "X", "oneX\ntwo", (0, 4)),
+    ("one\rtwo" + UP + RIGHT + "X", "one\nXtwo", (1, 1)),
+    ("one\rtwo" + UP + HOME + LEFT, "one\ntwo", (0, 0)),
+    ("one\rtwo" + RIGHT, "one\ntwo", (1, 3)),
+    ("one\rtwo" + UP + HOME + "X", "Xone\ntwo", (0, 1)),
+    ("one\rtwo" + UP + HOME + END + "X", "oneX\ntwo", (0, 4)),
+    ("one\rtwo" + UP * 1 + DOWN * 3, "one\ntwo", (1, 3)),
+    ("one\rlonger" + UP + "X", "oneX\nlonger", (0, 4)),
+    ("longer\rone" + UP + "X", "lonXger\none", (0, 4)),
+    ("ЖЖЖ\rabc" + UP + LEFT + DOWN + "X", "ЖЖЖ\nabXc", (1, 3)),
+    ("aé\rЖb" + HOME + BACKSPACE + BACKSPACE, "aЖb", (0, 1)),
+]
+
+
+@pytest.mark.parametrize("keys, text, place", TEXT_EDITS)
+def test_text_is_edited(form, keys, text, place):
+    tbx, page, _ = form()
+    press(tbx, to("Text") + keys, replace(page, text=text, focus="Text", at=place))
+
+
+def test_up_from_the_first_line_goes_to_expires(form):
+    tbx, page, _ = form()
+    press(tbx, to("Text") + "one\rtwo" + UP * 2, replace(page, text="one\ntwo", focus="Expires"))
+    press(tbx, DOWN + "X", replace(page, text="oneX\ntwo", focus="Text", at=(0, 4)))
+
+
+def test_text_scrolls_so_that_the_cursor_is_visible(form):
+    tbx, page, _ = form()  # ten lines are shown
+    lines = [f"line {number}" for number in range(1, 13)]
+    text = replace(page, text="\n".join(lines), focus="Text")
+    press(tbx, to("Text") + "\r".join(lines), replace(text, top=2))
+    press(tbx, UP * 9, replace(text, top=2, at=(2, 6)))
+    press(tbx, UP, replace(text, top=1, at=(1, 6)))
+    press(tbx, DOWN * 9, replace(text, top=1, at=(10, 6)))
+    press(tbx, DOWN * 2, replace(text, top=2, at=(11, 6)))
+    press(tbx, BACK_TAB, replace(text, top=2, focus="Expires"))
+    press(tbx, TAB + END + BACKSPACE * 8, replace(text, text="\n".join(lines[:11]), top=1))
+
+
+def test_size_counts_bytes_and_the_newlines_between_lines(form):
+    tbx, page, _ = form()
+    press(tbx, to("Text") + "é\rЖ€\r", replace(page, text="é\nЖ€\n", focus="Text"))
+    assert " 9 of 65536 bytes " in tbx.frame()

@@ -1,0 +1,268 @@
+"""Ways out of the interface and back: signals, hang-ups and Ctrl+Z, wherever they strike."""
+
+import fcntl
+import os
+import signal
+import termios
+from dataclasses import replace
+from pathlib import Path
+
+import pytest
+
+from frame_model import KEYS_BOX, message_box, revoke_confirmation
+from interface import expect, frames_as_text, frames_drawn, press
+from messages import Message
+from places import PLACES, Places
+from pseudo_terminal import (
+    CC, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, DOWN, EARLIER, ENTER, IFLAG, LFLAG, assert_restored,
+    unusual)
+
+AS_BEFORE = {"earlier": EARLIER, "attributes": unusual}
+
+
+# ---- The session --------------------------------------------------------------------------
+
+
+def test_only_line_editing_and_what_eats_keys_is_off_while_the_interface_is_open(interface):
+    tbx, _ = interface([], **AS_BEFORE)
+    wanted = tbx.attributes_before
+    wanted[LFLAG] &= ~(termios.ICANON | termios.ECHO)
+    wanted[IFLAG] &= ~(termios.ICRNL | termios.IXON)
+    wanted[CC][termios.VMIN], wanted[CC][termios.VTIME] = 1, 0
+    assert tbx.attributes() == wanted
+
+
+@pytest.mark.parametrize("key", ["q", "Q"])
+def test_key_that_leaves_restores_the_terminal(interface, key):
+    tbx, _ = interface([Message(1)], **AS_BEFORE)
+    tbx.send(key)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+def test_nothing_is_drawn_after_the_key_that_leaves(interface):
+    tbx, _ = interface([Message(1), Message(2)])
+    drawn = frames_drawn(tbx)
+    tbx.send("q" + DOWN * 3)
+    assert tbx.wait_exit() == 0
+    assert frames_drawn(tbx) <= drawn + 1  # an idle tick may have come before
+
+
+# ---- Being ended --------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+@pytest.mark.parametrize("name", PLACES)
+def test_signal_ends_the_interface_and_restores_the_terminal(place, name, number):
+    tbx, _ = place(name, **AS_BEFORE)
+    tbx.signal(number)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+@pytest.mark.parametrize("name", PLACES)
+def test_ctrl_c_ends_the_interface_and_restores_the_terminal(place, name):
+    tbx, _ = place(name, **AS_BEFORE)
+    tbx.send(CTRL_C)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+@pytest.mark.parametrize("name", PLACES)
+def test_interface_on_a_terminal_that_is_hung_up_ends(place, name):
+    tbx, _ = place(name)
+    tbx.hang_up()
+    assert tbx.wait_status() == 0
+
+
+@pytest.mark.parametrize("name", ["list", "message", "form-filled-in", "keys"])
+def test_signal_ends_the_interface_while_output_is_stopped(place, name):
+    def let_output_be_stopped(attributes):
+        attributes[IFLAG] |= termios.IXON
+
+    tbx, _ = place(name)
+    tbx.change_attributes(let_output_be_stopped)
+    tbx.send(CTRL_S)
+    tbx.resize(100, 30)  # is drawn, or waits to be
+    tbx.signal(signal.SIGTERM)
+    assert tbx.wait_status() == 0
+    assert tbx.attributes() == tbx.attributes_before
+
+
+# ---- Being stopped ------------------------------------------------------------------------
+
+
+def is_stopped(tbx):
+    status = Path(f"/proc/{tbx.pid}/stat").read_text()
+    return status.rpartition(")")[2].split()[0] == "T"
+
+
+def stop(tbx):
+    """Types Ctrl+Z, and waits until the interface has left the screen and stopped."""
+    tbx.send(CTRL_Z)
+    tbx.poll_for(lambda: is_stopped(tbx) and not tbx.screen.alternate)
+
+
+@pytest.mark.parametrize("name", PLACES)
+def test_ctrl_z_gives_the_terminal_back_until_the_interface_goes_on(place, name):
+    tbx, _ = place(name, **AS_BEFORE)
+    stop(tbx)
+    assert_restored(tbx)
+    tbx.resize(110, 30)
+    tbx.signal(signal.SIGCONT)
+    expect(tbx, *Places((110, 30)).shown(name))
+
+
+def test_interface_that_was_stopped_leaves_as_it_would_have(interface):
+    tbx, page = interface([Message(1)], **AS_BEFORE)
+    stop(tbx)
+    tbx.signal(signal.SIGCONT)
+    expect(tbx, page)
+    tbx.send("q")
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+def test_interface_that_was_stopped_can_be_stopped_again(interface):
+    tbx, page = interface([Message(1)])
+    for _ in range(3):
+        stop(tbx)
+        tbx.signal(signal.SIGCONT)
+        expect(tbx, page)
+
+
+@pytest.mark.parametrize("name", ["list", "message", "form-filled-in", "keys", "search"])
+def test_what_others_did_to_the_terminal_meanwhile_is_undone(place, name):
+    tbx, places = place(name)
+    raw = tbx.attributes()
+    tbx.signal(signal.SIGSTOP)
+    tbx.poll_for(lambda: is_stopped(tbx))
+    tbx.change_attributes(unusual)
+    drawn = frames_drawn(tbx)
+    tbx.signal(signal.SIGCONT)
+    tbx.wait_for(lambda: frames_drawn(tbx) > drawn and tbx.attributes() == raw)
+    expect(tbx, *places.shown(name))
+
+
+def test_terminate_signal_that_came_while_stopped_ends_the_interface(interface):
+    tbx, _ = interface([Message(1)], **AS_BEFORE)
+    stop(tbx)
+    tbx.signal(signal.SIGTERM)
+    tbx.signal(signal.SIGCONT)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+def test_ctrl_z_does_nothing_where_no_shell_could_continue_the_interface(interface, binary):
+    tbx, page = interface([Message(1)], argv=["sh", "-c", 'trap "" TSTP; exec "$0"', binary])
+    press(tbx, CTRL_Z + "?", page, KEYS_BOX)
+
+
+# ---- While a command runs -----------------------------------------------------------------
+
+
+@pytest.fixture
+def revoking(interface, store):
+    """A session in which the revocation of message 1 waits for its lock.
+
+    Returns the terminal, the list behind, and a function that frees the lock.
+    """
+    message = Message(1)
+    tbx, page = interface([message], **AS_BEFORE)
+    held = os.open(store.sent(1, "lock"), os.O_RDWR | os.O_CREAT, 0o600)
+    fcntl.flock(held, fcntl.LOCK_EX)
+    press(tbx, "r", page, revoke_confirmation(message))
+    tbx.send("y")
+    tbx.poll_for(lambda: store.sent(1, "revoked").exists())  # then comes the lock
+    yield tbx, page, lambda: fcntl.flock(held, fcntl.LOCK_UN)
+    os.close(held)
+
+
+def revoked(page):
+    return replace(page, messages=(Message(1, revoked=1),))
+
+
+def test_ctrl_c_ends_a_command_that_hangs_and_nothing_else(revoking):
+    tbx, page, _ = revoking
+    tbx.send(CTRL_C)
+    expect(tbx, page, message_box("Revoke message 1?", "Done."))
+    press(tbx, "x", revoked(page))
+
+
+def test_ctrl_z_stops_neither_the_command_nor_the_interface(revoking):
+    tbx, page, free = revoking
+    tbx.send(CTRL_Z + "x")
+    tbx.poll_for(lambda: tbx.unread() == 1)  # the terminal has seen the Ctrl+Z
+    free()
+    expect(tbx, revoked(page))  # the x has closed the result
+    assert any("Message 1 revoked." in frame for frame in frames_as_text(tbx))
+
+
+def test_size_that_changed_while_a_command_ran_is_taken(revoking):
+    tbx, page, free = revoking
+    tbx.resize(110, 30)
+    free()
+    expect(tbx, replace(page, size=(110, 30)),
+           message_box("Revoke message 1?", "Message 1 revoked."))
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
+def test_signal_lets_the_command_finish_and_ends_the_interface(revoking, store, number):
+    tbx, _, free = revoking
+    tbx.signal(number)
+    free()
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+    assert not store.sent(1, "revoking").exists()
+
+
+def test_hang_up_lets_the_command_finish_and_ends_the_interface(revoking, store):
+    tbx, _, free = revoking
+    tbx.hang_up()
+    free()
+    assert tbx.wait_status() == 0
+    assert not store.sent(1, "revoking").exists()
+
+
+def test_command_that_a_signal_ends_shows_what_it_printed(revoking):
+    tbx, page, _ = revoking
+    children = Path(f"/proc/{tbx.pid}/task/{tbx.pid}/children").read_text().split()
+    os.kill(int(children[0]), signal.SIGKILL)
+    expect(tbx, page, message_box("Revoke message 1?", "Done."))
+
+
+# ---- While an editor runs -----------------------------------------------------------------
+
+
+@pytest.fixture
+def editing(form, tmp_path):
+    """A session in which an editor runs and waits for Enter.
+
+    Returns the terminal, and a function that tells which file is edited.
+    """
+    script = tmp_path / "editor"
+    script.write_text(f'#!/bin/sh\necho "$1" > {tmp_path}/path\necho "editor runs"\nread -r line\n')
+    script.chmod(0o755)
+    tbx, _, _ = form(env={"VISUAL": str(script)}, **AS_BEFORE)
+    tbx.send(CTRL_E)
+    tbx.wait_for("editor runs")
+    return tbx, lambda: Path((tmp_path / "path").read_text().strip())
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
+def test_signal_ends_the_interface_once_the_editor_has_ended(editing, number):
+    tbx, edited = editing
+    tbx.signal(number)
+    tbx.send(ENTER)
+    assert tbx.wait_exit() == 0
+    assert tbx.attributes() == tbx.attributes_before
+    assert not tbx.screen.alternate
+    assert tbx.cursor() is not None
+    assert not edited().exists()
+
+
+def test_hang_up_ends_the_editor_and_the_interface(editing):
+    tbx, edited = editing
+    tbx.hang_up()
+    assert tbx.wait_status() == 0
+    assert not edited().exists()
