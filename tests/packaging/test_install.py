@@ -1,0 +1,126 @@
+"""Everything is installed where the guide says, and can be taken away again."""
+
+import os
+import re
+import stat
+import subprocess
+
+import pytest
+from conftest import REPOSITORY, install, run
+
+FILES = {
+    "/etc/tellbox/tellbox.conf": 0o644,
+    "/usr/local/bin/tbx": 0o755,
+    "/usr/local/share/bash-completion/completions/tbx": 0o644,
+    "/usr/local/share/doc/tellbox/User Manual.html": 0o644,
+    "/usr/local/share/fish/vendor_completions.d/tbx.fish": 0o644,
+    "/usr/local/share/man/man1/tbx.1": 0o644,
+    "/usr/local/share/zsh/site-functions/_tbx": 0o644,
+}
+FISH_LINK = "/usr/share/fish/vendor_completions.d/tbx.fish"
+
+
+@pytest.fixture
+def place(tree, tmp_path):
+    """A folder of the test's own that everything has been installed below."""
+    install(tree, tmp_path)
+    return tmp_path
+
+
+def uninstall(tree, destination):
+    return run("cmake", "--build", tree, "--target", "uninstall",
+               env={**os.environ, "DESTDIR": str(destination)})
+
+
+def below(folder):
+    """Everything below a folder but folders: path to permission bits, None for a link."""
+    found = {}
+    for path in folder.rglob("*"):
+        if path.is_symlink():
+            found[f"/{path.relative_to(folder)}"] = None
+        elif not path.is_dir():
+            found[f"/{path.relative_to(folder)}"] = stat.S_IMODE(path.stat().st_mode)
+    return found
+
+
+def test_every_file_is_in_its_place_with_its_mode(installed):
+    assert below(installed) == {**FILES, FISH_LINK: None}
+
+
+def test_the_folder_of_the_users_program_is_there(installed):
+    assert list((installed / "usr/local/lib/tellbox").iterdir()) == []
+
+
+def test_what_the_guide_names_is_there(installed, binary):
+    guide = subprocess.run([binary, "help"], stdin=subprocess.DEVNULL, capture_output=True,
+                           text=True, check=True, env={"TBX_TEST": "1"}).stdout
+    named = set(re.findall(r"^       (/(?:etc|usr)/.*)$", guide, re.MULTILINE))
+    assert named == {"/etc/tellbox/tellbox.conf", "/usr/local/share/doc/tellbox/User Manual.html"}
+    assert all((installed / name.lstrip("/")).is_file() for name in named)
+
+
+def test_the_link_for_fish_leads_to_the_completions(installed):
+    assert (installed / FISH_LINK.lstrip("/")).resolve() == (
+        installed / "usr/local/share/fish/vendor_completions.d/tbx.fish")
+
+
+def test_a_mask_of_the_installer_changes_no_mode(tree, tmp_path):
+    install(tree, tmp_path, umask=0o077)
+    assert below(tmp_path) == {**FILES, FISH_LINK: None}
+    folders = [path for path in tmp_path.rglob("*") if path.is_dir() and not path.is_symlink()]
+    assert {stat.S_IMODE(path.stat().st_mode) for path in folders} == {0o755}
+
+
+def test_a_configuration_that_is_there_is_kept(tree, place):
+    configuration = place / "etc/tellbox/tellbox.conf"
+    configuration.write_text("TBX_REMIND_MINUTES = 5\n")
+    install(tree, place)
+    assert configuration.read_text() == "TBX_REMIND_MINUTES = 5\n"
+
+
+def test_the_configuration_sets_nothing_and_names_every_setting(installed):
+    lines = (installed / "etc/tellbox/tellbox.conf").read_text().splitlines()
+    assert all(line == "" or line.startswith("#") for line in lines)
+    settings = dict(re.fullmatch(r"#(\w+) = (\d+)", line).groups()
+                    for line in lines if " = " in line and '"' not in line)
+    source = (REPOSITORY / "src/environment.h").read_text()
+    source += (REPOSITORY / "src/environment.cpp").read_text()
+    known = set(re.findall(r'"(TBX_\w+)"', source)) - {"TBX_TEST", "TBX_VAR", "TBX_LIB", "TBX_CONF"}
+    assert set(settings) == known
+
+
+def test_another_prefix_holds_everything(tree, tmp_path):
+    prefix = tmp_path / "prefix"
+    install(tree, "", prefix=prefix)
+    assert below(prefix) == {path.removeprefix("/usr/local"): mode for path, mode in FILES.items()}
+
+
+def test_uninstalling_leaves_nothing(tree, place):
+    uninstall(tree, place)
+    assert below(place) == {}
+    assert not (place / "usr/local/lib/tellbox").exists()
+    assert not (place / "usr/local/share/doc/tellbox").exists()
+    assert not (place / "etc/tellbox").exists()
+
+
+def test_uninstalling_keeps_a_configuration_that_was_changed(tree, place):
+    (place / "etc/tellbox/tellbox.conf").write_text("TBX_AGENT_POLL = 5\n")
+    said = uninstall(tree, place)
+    assert list(below(place)) == ["/etc/tellbox/tellbox.conf"]
+    assert f"Kept, since it was changed: {place}/etc/tellbox/tellbox.conf" in said
+
+
+def test_uninstalling_keeps_the_users_program_and_the_messages(tree, place):
+    for path in ("usr/local/lib/tellbox/tellbox-user", "var/lib/tellbox/sent/.seq"):
+        (place / path).parent.mkdir(parents=True, exist_ok=True)
+        (place / path).touch()
+    said = uninstall(tree, place)
+    assert set(below(place)) == {"/usr/local/lib/tellbox/tellbox-user",
+                                 "/var/lib/tellbox/sent/.seq"}
+    assert f"Kept, with all messages: {place}/var/lib/tellbox" in said
+
+
+def test_uninstalling_twice_does_no_harm(tree, place):
+    uninstall(tree, place)
+    uninstall(tree, place)
+    assert below(place) == {}
