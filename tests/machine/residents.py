@@ -179,11 +179,6 @@ class Terminal:
     def attributes(self):
         return termios.tcgetattr(self._screen)
 
-    def await_taking_lines(self):
-        """Waits until a shell's line editor has left the terminal to the command that it runs."""
-        await_condition(lambda: self.attributes()[3] & termios.ICANON, PATIENCE_SECONDS,
-                        "a terminal that takes whole lines")
-
     def close(self):
         """Takes the terminal away, as closing its window does."""
         if self._master is not None:

@@ -2,7 +2,9 @@
 
 import pytest
 
+from booted import await_condition
 from furnished import PEOPLE, short_time
+from residents import PATIENCE_SECONDS
 
 
 def test_the_author_is_the_user_and_not_root(machine):
@@ -119,11 +121,16 @@ def test_a_message_is_sent_from_a_shell_on_a_real_terminal(machine):
     assert machine.mailbox("pat", "inbox", 1).read_text().endswith("\n\nfrom my shell\n")
 
 
+def await_root_tbx(machine):
+    await_condition(lambda: machine.run("pgrep", "-u", "root", "-x", "tbx", check=False).stdout,
+                    PATIENCE_SECONDS, "tbx as root, behind sudo")
+
+
 def test_the_text_is_typed_on_a_real_terminal_and_ends_with_ctrl_d(machine):
     terminal = machine.log_in("admin", command="PS1='ready> ' exec bash --norc -i")
     terminal.await_shown(b"ready> ")
     terminal.type(b"tbx send --to pat\n")
-    terminal.await_taking_lines()
+    await_root_tbx(machine)  # what is typed before, sudo may leave on the outer terminal
     terminal.type(b"line one\nline two\n\x04")
     terminal.await_shown(b"Message 1 sent to 1 user.")
     assert machine.mailbox("pat", "inbox", 1).read_text().endswith("\n\nline one\nline two\n")
