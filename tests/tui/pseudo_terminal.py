@@ -139,10 +139,14 @@ class Terminal:
     earlier      what stands on the screen when the program starts
     attributes   function that changes the terminal's attributes (the list of
                  termios.tcgetattr) before the program starts
+    bytes_taken  how much it takes of the program's output at once; what waits for it blocks the
+                 program, as a slow line does
     """
 
-    def __init__(self, argv, columns=80, rows=24, env=None, earlier="", attributes=None):
+    def __init__(self, argv, columns=80, rows=24, env=None, earlier="", attributes=None,
+                 bytes_taken=65536):
         self.raw = b""  # everything that the program wrote
+        self._bytes_taken = bytes_taken
         self.screen = Screen(max(columns, 1), max(rows, 1))
         self._stream = pyte.ByteStream(self.screen)
         self._stream.feed(earlier.encode())
@@ -329,7 +333,7 @@ class Terminal:
         if self._report in ready:
             self._status = struct.unpack("i", os.read(self._report, 4))[0]
         if self._master in ready:
-            output = os.read(self._master, 65536)
+            output = os.read(self._master, self._bytes_taken)
             self._stream.feed(output)
             self.raw += output
             self._exit_mark_seen = self.raw.endswith(EXIT_MARK)
