@@ -126,8 +126,8 @@ static void die_with_parent(pid_t parent) {
     input->write_end.reset();
     output->read_end.reset();
     redirect_standard_descriptors(*input, *output);
-    closefrom(STDERR_FILENO +
-              1); // above all the lock: a user who stops their child must not hold it
+    // Above all the message's lock: a user who stops their child must not hold it.
+    closefrom(STDERR_FILENO + 1);
     if (geteuid() == 0 && !test_mode())
         become_user(user);
     die_with_parent(parent);

@@ -112,6 +112,9 @@ static void print_heading() {
     printf("%s  %s\n", line.data, "RECIPIENTS");
 }
 
+// A NUL byte, which only a damaged copy holds, would end the whole line.
+static constexpr std::string_view LINE_ENDS("\n\0", 2);
+
 static void print_summary_line(const char *name, const message_summary &summary) {
     char date[SHORT_TIME_BYTES];
     format_time_short(summary.message.date, date);
@@ -120,7 +123,8 @@ static void print_summary_line(const char *name, const message_summary &summary)
         text += "[revoked] ";
     if (summary.expired)
         text += "[expired] ";
-    text += std::string_view(summary.message.text).substr(0, summary.message.text.find('\n'));
+    const std::string_view whole = summary.message.text;
+    text += whole.substr(0, whole.find_first_of(LINE_ENDS));
 
     strbuf line;
     strbuf_printf(&line, "%-5s %-12s ", name, date);

@@ -278,7 +278,7 @@ static constexpr const char *ENTER_SCREEN = "\033[?1049h\033[?25l";
 static constexpr const char *LEAVE_SCREEN = "\033[?25h\033[?1049l";
 static constexpr int OUTPUT_TIMEOUT_MS = 300;
 
-static constexpr std::array<int, 3> QUIT_SIGNALS = {SIGINT, SIGTERM, SIGHUP};
+static constexpr std::array<int, 4> QUIT_SIGNALS = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 using saved_handlers = std::array<struct sigaction, QUIT_SIGNALS.size()>;
 
 extern "C" {

@@ -113,7 +113,7 @@ static const char *chosen_editor() {
 
 // In the child. The shell splits the editor's words; the path stays one.
 [[noreturn]] static void exec_editor(const edited_file &file) {
-    for (const int number : {SIGINT, SIGTSTP, SIGPIPE})
+    for (const int number : {SIGINT, SIGQUIT, SIGTSTP, SIGPIPE})
         signal(number, SIG_DFL);
     if (file.user)
         become(*file.user);

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-static constexpr size_t FIELD_MAX_BYTES = 1000; // a longer value takes no more characters
+static constexpr size_t FIELD_MAX_BYTES = 1000; // a value of this length takes no more characters
 static constexpr int FOCUS_COUNT = 4;
 
 // ---- Moving between the fields ------------------------------------------------------------

@@ -31,7 +31,7 @@ struct detail_page {
 
 // ---- Loading ------------------------------------------------------------------------------
 
-static constexpr int TEXT_SIDE_COLS = 8; // what the frame and the bar take from a text line
+static constexpr int TEXT_SIDE_COLS = 8; // the frame's, the bar's, and one that stays free
 
 static void wrap_text(detail_page *state) {
     state->changes_seen = tui.screen_changes;

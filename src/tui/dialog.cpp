@@ -96,15 +96,20 @@ static void copy_lines(const strlist &from, strlist *to) {
         strlist_push_dup(to, line);
 }
 
-bool tui_draw_with_box(const tui_screen &page, std::string_view title, const strlist &body,
-                       std::string_view button_line, std::string_view footer) {
+static tui_screen with_box(const tui_screen &page, std::string_view title, const strlist &body,
+                           std::string_view button_line, std::string_view footer) {
     tui_screen copy;
     copy_lines(page.lines, &copy.lines);
     copy.title = page.title;
     copy.status = page.status;
     copy.footer = footer;
     tui_overlay_box(&copy.lines, title, body, button_line);
-    return tui_draw(copy);
+    return copy;
+}
+
+bool tui_draw_with_box(const tui_screen &page, std::string_view title, const strlist &body,
+                       std::string_view button_line, std::string_view footer) {
+    return tui_draw(with_box(page, title, body, button_line, footer));
 }
 
 // ---- Asking -------------------------------------------------------------------------------
@@ -117,8 +122,18 @@ struct dialog {
     std::string footer;
     strlist body;
     bool is_drawn = false;
+    bool is_drawn_first = true; // also when the key that answers it has been typed already
     unsigned changes_seen = tui.screen_changes; // the page is built for the present size
 };
+
+static bool draw_dialog(const dialog &shown) {
+    const tui_screen screen =
+        with_box(*shown.page, shown.title, shown.body, shown.button_line, shown.footer);
+    if (!shown.is_drawn_first)
+        return tui_draw(screen);
+    tui_show(screen);
+    return true;
+}
 
 // Draws the dialog where the screen does not show it, and waits for a key. On a screen of
 // another size the page below is another one, too.
@@ -130,8 +145,7 @@ static tui_key show_and_wait(dialog *shown, tui_character &character) {
             shown->page->rebuild(shown->page);
     }
     if (!shown->is_drawn)
-        shown->is_drawn = tui_draw_with_box(*shown->page, shown->title, shown->body,
-                                            shown->button_line, shown->footer);
+        shown->is_drawn = draw_dialog(*shown);
     return tui_next_key(character);
 }
 
@@ -171,6 +185,7 @@ std::optional<std::string> tui_prompt(tui_screen *page, const std::string &title
     dialog shown = {page, title, /*button_line=*/"", /*footer=*/"", {}};
     shown.footer = xasprintf("%sEnter%s %s   %sEsc%s %s", tui_style.key, tui_style.reset, "confirm",
                              tui_style.key, tui_style.reset, "cancel");
+    shown.is_drawn_first = false; // or pasted text would be drawn character by character
     std::string value = initial;
     while (true) {
         shown.body = prompt_body(prompt, value);

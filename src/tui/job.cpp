@@ -28,10 +28,11 @@ static void run_send(const std::vector<std::string> &arguments) {
     cmd_send(static_cast<int>(words.size()), argv.data());
 }
 
-// Ctrl+C ends a command. Ctrl+Z does not stop it: the interface, which waits for it, would
-// have no way to let it go on.
+// Ctrl+C and Ctrl+\ end a command. Ctrl+Z does not stop it: the interface, which waits for it,
+// would have no way to let it go on.
 [[noreturn]] static void run_child(const tui_job &job, const unique_fd &in, const unique_fd &out) {
     signal(SIGINT, SIG_DFL);
+    signal(SIGQUIT, SIG_DFL);
     signal(SIGPIPE, SIG_DFL);
     signal(SIGTSTP, SIG_IGN);
     if (dup2(in.get(), STDIN_FILENO) < 0 || dup2(out.get(), STDOUT_FILENO) < 0 ||

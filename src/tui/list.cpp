@@ -60,8 +60,8 @@ void message_list_load(message_list *list, const std::string &search_text) {
 
 static constexpr int OTHER_ROWS = 7;      // everything on the screen that is no message row
 static constexpr int WIDE_COLS = 106;     // from here on the recipients are spelled out
-static constexpr int FIXED_COLS = 37;     // marker, id, date, bar, what lies between
-static constexpr int RECIPIENTS_COLS = 7; // "12/20"
+static constexpr int FIXED_COLS = 37;     // what stands beside the message and the recipients
+static constexpr int RECIPIENTS_COLS = 7; // five of its own, "12/20", and two of the frame's
 static constexpr int RECIPIENTS_WIDE_COLS = 44;
 static constexpr int MESSAGE_MIN_COLS = 10;
 

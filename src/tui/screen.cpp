@@ -52,7 +52,7 @@ static bool is_ignored(int signal) {
 // Asking to quit interrupts whatever waits; stopping and going on interrupt only the wait for
 // a key, which poll() ends whatever the flags say.
 static void install_handlers() {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP})
         set_action(signal, request_quit, 0);
     if (!is_ignored(SIGTSTP))
         set_action(SIGTSTP, request_suspend, SA_RESTART);
@@ -296,11 +296,15 @@ void tui_render(const tui_screen &page, strbuf *frame) {
     append_cursor(frame, page);
 }
 
-bool tui_draw(const tui_screen &page) {
-    if (tui_input_waits(tui.input))
-        return false;
+void tui_show(const tui_screen &page) {
     strbuf frame;
     tui_render(page, &frame);
     write_to_terminal(frame.view());
+}
+
+bool tui_draw(const tui_screen &page) {
+    if (tui_input_waits(tui.input))
+        return false;
+    tui_show(page);
     return true;
 }

@@ -1,4 +1,4 @@
-// The terminal session, and one page as a frame on it. tui_draw() alone writes frames.
+// The terminal session, and one page as a frame on it. tui_show() alone writes frames.
 #pragma once
 
 #include "core.h"
@@ -48,7 +48,7 @@ bool tui_update_size();
 // of the terminal; Ctrl+Z is carried out here and seen as a tick.
 [[nodiscard]] tui_key tui_next_key(tui_character &character);
 
-// Keeps Ctrl+C and Ctrl+Z, which reach every process on the terminal, from this one while
+// Keeps Ctrl+C, Ctrl+\ and Ctrl+Z, which reach every process on the terminal, from this one while
 // another runs on its behalf; and a pipe that the other does not read from ending this one.
 class tui_signals_ignored {
 public:
@@ -58,7 +58,7 @@ public:
     tui_signals_ignored &operator=(const tui_signals_ignored &) = delete;
 
 private:
-    static constexpr std::array<int, 3> SIGNALS = {SIGINT, SIGTSTP, SIGPIPE};
+    static constexpr std::array<int, 4> SIGNALS = {SIGINT, SIGQUIT, SIGTSTP, SIGPIPE};
     std::array<struct sigaction, SIGNALS.size()> previous_ = {};
 };
 
@@ -85,6 +85,9 @@ struct tui_screen {
 // for any frame is cleared.
 void tui_render(const tui_screen &page, strbuf *frame);
 
-// Writes one frame. False, with nothing written, while typed bytes wait: what they do is drawn
+// Writes one frame.
+void tui_show(const tui_screen &page);
+
+// The same. False, with nothing written, while typed bytes wait: what they do is drawn
 // instead, so that pasted text is not drawn character by character.
 bool tui_draw(const tui_screen &page);

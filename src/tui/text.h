@@ -58,7 +58,8 @@ void tui_repeat(strbuf *out, const char *piece, int count);
 
 void tui_add_line(strlist *lines, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Appends the lines of `text`, broken at the last blank within `width` columns, or hard.
+// Appends the lines of `text`, broken at the last blank that leaves at most `width` columns
+// before it, or hard.
 // A final newline adds no empty line.
 void tui_wrap(std::string_view text, int width, strlist *lines);
 

@@ -53,6 +53,12 @@ def test_an_entry_that_is_no_identifier_is_not_listed(box, name):
 
 # One line.
 
+def test_a_nul_byte_in_a_damaged_copy_ends_the_text_and_not_the_line(box):
+    damaged = message_file(7, "Hello\n").replace(b"Hello", b"Hel\0lo")
+    box.store.make_message(7, msg=damaged, delivered=[("pat", DATE, 1)])
+    assert listed(box) == [line(7, "Hel", "1 delivered")]
+
+
 def test_a_line_shows_identifier_date_text_and_recipients(box):
     box.store.make_message(7, "Hello\n", delivered=[("pat", DATE, 1)])
     assert listed(box) == [line(7, "Hello", "1 delivered")]

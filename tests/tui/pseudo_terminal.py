@@ -31,7 +31,7 @@ RETRY_SECONDS = 0.1
 UP, DOWN, RIGHT, LEFT = "\x1b[A", "\x1b[B", "\x1b[C", "\x1b[D"
 HOME, END, PAGE_UP, PAGE_DOWN = "\x1b[H", "\x1b[F", "\x1b[5~", "\x1b[6~"
 ENTER, TAB, BACK_TAB, ESCAPE, BACKSPACE, DELETE = "\r", "\t", "\x1b[Z", "\x1b", "\x7f", "\x1b[3~"
-CTRL_C, CTRL_E, CTRL_S, CTRL_Z = "\x03", "\x05", "\x13", "\x1a"
+CTRL_C, CTRL_E, CTRL_S, CTRL_Z, CTRL_BACKSLASH = "\x03", "\x05", "\x13", "\x1a", "\x1c"
 
 ENTER_SCREEN, LEAVE_SCREEN = b"\x1b[?1049h\x1b[?25l", b"\x1b[?25h\x1b[?1049l"
 FRAME_BEGINS, FRAME_ENDS = b"\x1b[H", b"\x1b[J"

@@ -7,8 +7,8 @@ import termios
 import pytest
 
 from pseudo_terminal import (
-    BACK_TAB, CC, CTRL_C, CTRL_S, DOWN, EARLIER, END, ENTER, ENTER_SCREEN, ESCAPE, HOME,
-    LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, assert_restored, unusual)
+    BACK_TAB, CC, CTRL_BACKSLASH, CTRL_C, CTRL_S, DOWN, EARLIER, END, ENTER, ENTER_SCREEN, ESCAPE,
+    HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, assert_restored, unusual)
 
 HOME_CURSOR, CLEAR_BELOW = b"\x1b[H", b"\x1b[J"
 
@@ -301,7 +301,7 @@ def test_only_line_editing_and_echo_are_off_while_the_guide_is_open(guide):
     assert tbx.attributes() == wanted
 
 
-@pytest.mark.parametrize("key", ["q", "Q", ESCAPE, CTRL_C])
+@pytest.mark.parametrize("key", ["q", "Q", ESCAPE, CTRL_C, CTRL_BACKSLASH])
 def test_key_that_leaves_restores_the_terminal(guide, key):
     tbx = guide(earlier=EARLIER, attributes=unusual)
     tbx.send(key)

@@ -12,8 +12,8 @@ import pytest
 from frame_model import message_box
 from interface import expect, press
 from pseudo_terminal import (
-    BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, EARLIER, ENTER, ENTER_SCREEN, ESCAPE,
-    LEAVE_SCREEN, LEFT, TAB)
+    BACK_TAB, BACKSPACE, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, EARLIER, ENTER,
+    ENTER_SCREEN, ESCAPE, LEAVE_SCREEN, LEFT, TAB)
 
 NOBODY = 65534
 
@@ -358,11 +358,12 @@ def test_editor_runs_as_root_where_no_other_user_called_sudo(who, sudo_user):
 # ---- Signals, and what an editor does to the terminal -------------------------------------
 
 
-def test_ctrl_c_at_the_editor_ends_the_editor_alone(form, editor):
+@pytest.mark.parametrize("key", [CTRL_C, CTRL_BACKSLASH])
+def test_key_that_is_a_signal_ends_the_editor_alone(form, editor, key):
     tbx, page, _ = form(env={"VISUAL": str(editor('echo saved > "$file"\n' + WAIT))})
     tbx.send(CTRL_E)
     tbx.wait_for("editor runs")
-    tbx.send(CTRL_C)
+    tbx.send(key)
     expect(tbx, replace(page, text="saved"))
     press(tbx, "x", replace(page, to="x", text="saved"))
 

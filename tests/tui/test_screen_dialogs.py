@@ -40,6 +40,15 @@ def test_dialog_stands_in_the_middle_of_the_list(interface, keys, size, colour):
     press(tbx, keys, page, BOXES[keys](page))
 
 
+def test_question_that_was_answered_ahead_is_shown_all_the_same(interface):
+    tbx, page = interface([Message(1)])
+    tbx.send("ryx")
+    expect(tbx, replace(page, messages=(Message(1, revoked=1),)))
+    drawn = "".join(frames_as_text(tbx))
+    assert "Revoke message 1?" in drawn
+    assert "Message 1 revoked." in drawn
+
+
 @pytest.mark.parametrize("longest, margin, width", [
     (20, 8, 60), (53, 8, 60), (54, 8, 60), (55, 7, 61), (66, 2, 72), (67, 2, 72), (75, 2, 72),
     (120, 2, 72)])

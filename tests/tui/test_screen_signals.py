@@ -14,8 +14,8 @@ from interface import expect, frames_as_text, frames_drawn, press
 from messages import Message
 from places import PLACES, Places
 from pseudo_terminal import (
-    CC, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, DOWN, EARLIER, ENTER, IFLAG, LFLAG, assert_restored,
-    unusual)
+    CC, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, DOWN, EARLIER, ENTER, IFLAG, LFLAG,
+    assert_restored, unusual)
 
 AS_BEFORE = {"earlier": EARLIER, "attributes": unusual}
 
@@ -60,10 +60,11 @@ def test_signal_ends_the_interface_and_restores_the_terminal(place, name, number
     assert_restored(tbx)
 
 
+@pytest.mark.parametrize("key", [CTRL_C, CTRL_BACKSLASH])
 @pytest.mark.parametrize("name", PLACES)
-def test_ctrl_c_ends_the_interface_and_restores_the_terminal(place, name):
+def test_key_that_is_a_signal_ends_the_interface_and_restores_the_terminal(place, name, key):
     tbx, _ = place(name, **AS_BEFORE)
-    tbx.send(CTRL_C)
+    tbx.send(key)
     assert tbx.wait_exit() == 0
     assert_restored(tbx)
 
@@ -182,9 +183,10 @@ def revoked(page):
     return replace(page, messages=(Message(1, revoked=1),))
 
 
-def test_ctrl_c_ends_a_command_that_hangs_and_nothing_else(revoking):
+@pytest.mark.parametrize("key", [CTRL_C, CTRL_BACKSLASH])
+def test_key_that_is_a_signal_ends_a_command_that_hangs_and_nothing_else(revoking, key):
     tbx, page, _ = revoking
-    tbx.send(CTRL_C)
+    tbx.send(key)
     expect(tbx, page, message_box("Revoke message 1?", "Done."))
     press(tbx, "x", revoked(page))
 
