@@ -114,8 +114,11 @@ static bool is_login_shell(const char *shell) {
 }
 
 bool human_users_list(strlist *list) {
+    errno = 0;
     const int64_t uid_min = login_defs_number("UID_MIN", UID_MIN_DEFAULT);
     const int64_t uid_max = login_defs_number("UID_MAX", UID_MAX_DEFAULT);
+    if (is_resource_error(errno))
+        return false; // the defaults could name other people
     name_set names(list);
     const bool complete = for_each_account([&](const passwd &account) {
         const int64_t uid = account.pw_uid;
@@ -130,37 +133,54 @@ bool human_users_list(strlist *list) {
 
 // ---- Login sessions -----------------------------------------------------------------------
 
-void login_sessions_list(strlist *list) {
+// Whether a call to the login manager failed for want of resources: errno says so then. Any
+// other failure means that there is no such session, or no login manager.
+static bool lacked_resources(int result) {
+    errno = result < 0 ? -result : 0;
+    return is_resource_error(errno);
+}
+
+bool login_sessions_list(strlist *list) {
     char **identifiers = nullptr;
     const int count = sd_get_sessions(&identifiers);
     const std::unique_ptr<char *[], free_deleter> array(identifiers);
     for (int i = 0; i < count; i++) // never, after a failure
         strlist_push(list, owned_cstring(identifiers[i]));
+    return !lacked_resources(count);
 }
 
-// Greeters, lock screens and background services have sessions too.
-static bool is_user_session(const char *session) {
+// Finds whose session of class "user" it is: greeters, lock screens and background services have
+// sessions too. Nobody's when it is another one, or has ended meanwhile. False, with errno, when
+// it could not be read for want of resources.
+static bool session_user(const char *session, std::optional<uid_t> *user) {
     char *text = nullptr;
-    const int result = sd_session_get_class(session, &text);
+    int result = sd_session_get_class(session, &text);
     const owned_cstring session_class(text);
-    return result >= 0 && strcmp(session_class.get(), "user") == 0;
+    if (result >= 0 && strcmp(session_class.get(), "user") == 0) {
+        uid_t uid = 0;
+        result = sd_session_get_uid(session, &uid);
+        if (result >= 0)
+            *user = uid;
+    }
+    return !lacked_resources(result);
 }
 
 bool online_users_list(strlist *list) {
     strlist sessions;
-    login_sessions_list(&sessions);
     strlist humans;
-    if (!human_users_list(&humans))
+    if (!login_sessions_list(&sessions) || !human_users_list(&humans))
         return false;
     const std::unordered_set<std::string_view> is_human(humans.begin(), humans.end());
 
     name_set names(list);
     for (const char *session : sessions) {
-        uid_t uid = 0;
-        if (!is_user_session(session) || sd_session_get_uid(session, &uid) < 0)
+        std::optional<uid_t> uid;
+        if (!session_user(session, &uid))
+            return false;
+        if (!uid)
             continue;
         errno = 0;
-        const passwd *account = getpwuid(uid);
+        const passwd *account = getpwuid(*uid);
         if (!account && is_resource_error(errno))
             return false;
         if (account && is_human.contains(account->pw_name))

@@ -41,8 +41,9 @@ void recipients_count_print(const char *text);
 // human_users_list.
 [[nodiscard]] bool online_users_list(strlist *list);
 
-// Appends the identifiers of all login sessions; none where the login manager cannot be asked.
-void login_sessions_list(strlist *list);
+// Appends the identifiers of all login sessions; none where there is no login manager. False,
+// with errno, when it could not be asked for want of resources.
+[[nodiscard]] bool login_sessions_list(strlist *list);
 
 // Appends the members of the Unix group, and those whose primary group it is, unsorted.
 // False, with errno as user_lookup_by_name, when there is no such group or a look-up failed.

@@ -268,11 +268,7 @@ static void save_message(const send_request &request, outgoing *out) {
 static int write_to_terminals(uint32_t uid, const strbuf &banner) {
     strlist terminals;
     user_terminals_list(uid, &terminals);
-    int written = 0;
-    for (const char *path : terminals)
-        if (terminal_write(path, uid, banner.data, banner.len))
-            written++;
-    return written;
+    return terminals_write(terminals, uid, banner.view());
 }
 
 static bool deliver_to(const char *name, const outgoing &out) {

@@ -14,12 +14,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 constexpr const char *PSEUDO_TERMINALS = "/dev/pts";
 constexpr const char *CONSOLE_PREFIX = "tty";
 constexpr size_t BANNER_RULE_COLUMNS = 40;
 constexpr time_t WRITE_PATIENCE_SECONDS = 2;
 constexpr int WRITE_POLL_MILLISECONDS = 100;
+constexpr size_t WAITING_TERMINALS_MAX = 256;
 
 // ---- Login sessions -----------------------------------------------------------------------
 
@@ -49,7 +51,7 @@ static bool is_closing_session(const char *session) {
 
 bool user_has_graphical_session(uint32_t uid) {
     strlist sessions;
-    login_sessions_list(&sessions);
+    (void)login_sessions_list(&sessions); // what cannot be asked for counts as none
     return std::any_of(sessions.begin(), sessions.end(), [uid](const char *session) {
         return session_belongs_to(session, uid) && is_graphical_session(session) &&
                !is_closing_session(session);
@@ -92,7 +94,7 @@ static owned_cstring session_console(const char *session) {
 
 static void consoles_list(uint32_t uid, strlist *list) {
     strlist sessions;
-    login_sessions_list(&sessions);
+    (void)login_sessions_list(&sessions); // what cannot be asked for counts as none
     for (const char *session : sessions) {
         if (!session_belongs_to(session, uid))
             continue;
@@ -152,27 +154,52 @@ static time_t monotonic_seconds() {
     return time.tv_sec;
 }
 
-// Waits for room, for at most one short wait. False once patience has run out.
-static bool wait_for_room(int fd, time_t start) {
-    if (monotonic_seconds() - start > WRITE_PATIENCE_SECONDS)
-        return false;
-    pollfd room = {.fd = fd, .events = POLLOUT, .revents = 0};
-    poll(&room, 1, WRITE_POLL_MILLISECONDS); // whatever it says, the next write tells
-    return true;
-}
+// A terminal on which not everything has been written yet.
+struct pending_output {
+    unique_fd terminal;
+    std::string_view rest;
+    time_t start;
+};
 
-static bool write_patiently(int fd, const char *data, size_t length) {
-    const time_t start = monotonic_seconds();
-    size_t written = 0;
-    while (written < length) {
-        const ssize_t count = write(fd, data + written, length - written);
+enum class output_state { whole, waiting, given_up };
+
+// Writes what the terminal takes now. One that has taken nothing for too long is given up.
+static output_state write_some(pending_output *pending) {
+    while (!pending->rest.empty()) {
+        const ssize_t count =
+            write(pending->terminal.get(), pending->rest.data(), pending->rest.size());
         const bool is_full = count == 0 || (count < 0 && (errno == EAGAIN || errno == EINTR));
         if (count > 0)
-            written += static_cast<size_t>(count);
-        else if (!is_full || !wait_for_room(fd, start))
-            return false;
+            pending->rest.remove_prefix(static_cast<size_t>(count));
+        else if (is_full && monotonic_seconds() - pending->start <= WRITE_PATIENCE_SECONDS)
+            return output_state::waiting;
+        else
+            return output_state::given_up;
     }
-    return true;
+    return output_state::whole;
+}
+
+// Waits until one of them has room, for at most one short wait.
+static void wait_for_room(const std::vector<pending_output> &waiting) {
+    std::vector<pollfd> watched;
+    watched.reserve(waiting.size());
+    for (const pending_output &pending : waiting)
+        watched.push_back({.fd = pending.terminal.get(), .events = POLLOUT, .revents = 0});
+    poll(watched.data(), watched.size(), WRITE_POLL_MILLISECONDS); // the next writes tell
+}
+
+// Writes the rest of all of them. Returns how many took everything.
+static int finish_waiting(std::vector<pending_output> *waiting) {
+    int whole = 0;
+    while (!waiting->empty()) {
+        wait_for_room(*waiting);
+        std::erase_if(*waiting, [&whole](pending_output &pending) {
+            const output_state state = write_some(&pending);
+            whole += state == output_state::whole ? 1 : 0;
+            return state != output_state::waiting;
+        });
+    }
+    return whole;
 }
 
 // Asked of the open descriptor: the path may have changed hands since it was listed.
@@ -182,9 +209,39 @@ static bool may_write_to(int fd, uint32_t uid) {
            (test_mode() || S_ISCHR(status.st_mode));
 }
 
-bool terminal_write(const char *path, uint32_t uid, const char *data, size_t length) {
+// Opens the terminal if it is the user's; else the owner is empty.
+static unique_fd open_terminal(const char *path, uint32_t uid) {
     const int append = test_mode() ? O_APPEND : 0; // a file in place of a terminal keeps its text
-    const unique_fd terminal(open(path, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC | append));
-    return terminal && may_write_to(terminal.get(), uid) &&
-           write_patiently(terminal.get(), data, length);
+    unique_fd terminal(open(path, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC | append));
+    if (terminal && !may_write_to(terminal.get(), uid))
+        terminal.reset();
+    return terminal;
+}
+
+int terminals_write(const strlist &paths, uint32_t uid, std::string_view text) {
+    int whole = 0;
+    std::vector<pending_output> waiting;
+    for (const char *path : paths) {
+        unique_fd terminal = open_terminal(path, uid);
+        const bool lacks_descriptors = !terminal && (errno == EMFILE || errno == ENFILE);
+        if (lacks_descriptors || waiting.size() == WAITING_TERMINALS_MAX)
+            whole += finish_waiting(&waiting);
+        if (lacks_descriptors)
+            terminal = open_terminal(path, uid);
+        if (!terminal)
+            continue;
+        pending_output pending = {std::move(terminal), text, monotonic_seconds()};
+        const output_state state = write_some(&pending);
+        if (state == output_state::whole)
+            whole++;
+        else if (state == output_state::waiting)
+            waiting.push_back(std::move(pending));
+    }
+    return whole + finish_waiting(&waiting);
+}
+
+bool terminal_write(const char *path, uint32_t uid, const char *data, size_t length) {
+    strlist paths;
+    strlist_push_dup(&paths, path);
+    return terminals_write(paths, uid, {data, length}) == 1;
 }

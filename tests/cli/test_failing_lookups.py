@@ -142,6 +142,33 @@ def test_a_folder_that_cannot_be_opened_for_want_of_memory_is_left_for_later(box
     assert not (box.store.top / "sent" / ".deleting-7").exists()
 
 
+# Recipients.
+
+@pytest.mark.parametrize("error, text", [("EMFILE", "Too many open files"),
+                                         ("EIO", "Input/output error"),
+                                         ("ENOMEM", "Cannot allocate memory")])
+@pytest.mark.parametrize("item, path", [
+    ("online", "/run/systemd/sessions/"), ("online", "/run/systemd/sessions/2"),
+    ("online", "/etc/login.defs"), ("all", "/etc/login.defs")])
+def test_nobody_is_left_out_because_of_a_file_that_cannot_be_read(box, item, path, error, text):
+    box.add_session("1", "pat")
+    box.add_session("2", "sam")
+    before = box.store.tree()
+    traced = box.trace("openat", "send", "--to", item, "hello", only_path=path,
+                       inject=[f"openat:error={error}"])
+    out, err, status = traced.result
+    assert (out, err.splitlines()[-1], status) == ("", f"tbx: {item}: {text}", 1)
+    assert box.store.tree() == before
+
+
+def test_a_session_that_ends_meanwhile_is_no_error(box):
+    box.add_session("1", "pat")
+    box.add_session("2", "sam")
+    traced = box.trace("openat", "send", "--to", "online", "hello",
+                       only_path="/run/systemd/sessions/2", inject=["openat:error=ENOENT"])
+    assert tuple(traced.result) == ("Message 1 sent to 1 user.\n", "", 0)
+
+
 # What a careless starter leaves behind.
 
 def test_an_ignored_end_of_children_does_not_hide_their_result(box):

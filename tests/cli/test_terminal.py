@@ -244,6 +244,31 @@ def test_a_stopped_terminal_delays_the_others_by_its_bound_and_is_not_counted(ma
     assert count(machine) == 1
 
 
+def test_many_stopped_terminals_delay_no_longer_than_one(machine):
+    stopped = [machine.open_terminal("pat") for _ in range(30)]
+    for terminal in stopped:
+        terminal.stop_output()
+    running = machine.open_terminal("pat")
+    assert_sent(machine, "--to", "pat", "hello", timeout=45)  # 30 times the bound would be 90
+    assert running.read() == sent_banner(machine, "hello")
+    assert count(machine) == 1
+
+
+def test_terminals_are_written_one_by_one_where_descriptors_are_short(machine):
+    terminals = [machine.open_terminal("pat") for _ in range(8)]
+    machine.write("/run/text", "a" * 60000)  # more than a terminal takes at once
+    process = machine.start("send", "--to", "pat", "--file", "/run/text",
+                            wrap=["prlimit", "--nofile=12"])
+    received = [b""] * len(terminals)
+    while process.is_running():
+        received = [text + terminal.read() for text, terminal in zip(received, terminals)]
+    assert process.wait().status == 0
+    banner = sent_banner(machine, "a" * 60000)
+    assert [text + terminal.read() for text, terminal in zip(received, terminals)] == (
+        [banner] * len(terminals))
+    assert count(machine) == len(terminals)
+
+
 def test_a_terminal_that_takes_a_part_is_continued_when_there_is_room(machine):
     terminal = machine.open_terminal("pat")
     machine.write("/run/text", "a" * 60000)  # more than a terminal takes at once
