@@ -218,8 +218,8 @@ static bool find_break(std::string_view paragraph, int width, line_break *out) {
     for (size_t at = 0; at < paragraph.size(); at = tui_next_character(paragraph, at)) {
         if (paragraph[at] == ' ')
             last_blank = at;
-        if (columns++ < width)
-            continue;
+        if (is_continuation(paragraph[at]) || columns++ < width)
+            continue; // what continues no character takes no column
         *out = last_blank > 0 ? line_break{last_blank, last_blank + 1} : line_break{at, at};
         return true;
     }
