@@ -1,0 +1,51 @@
+// Markers: what stands in the place of "revoked", and its time. The first byte of the input tells
+// what it is (a file, a link, a folder, a pipe), the rest is what the file holds.
+#include "fuzz.h"
+#include "sent.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr size_t TIME_FILE_MAX_BYTES = 64;
+
+static bool has_file(char kind) {
+    return kind != 'd' && kind != 'l' && kind != 'p';
+}
+
+static void put_marker(char kind, const std::string &path, std::string_view text) {
+    if (kind == 'd') {
+        make_folder(path);
+    } else if (kind == 'p') {
+        CHECK(mkfifo(path.c_str(), 0600) == 0);
+    } else if (kind == 'l') {
+        put_file(state_path("elsewhere"), text);
+        CHECK(symlink("../../elsewhere", path.c_str()) == 0);
+    } else {
+        put_file(path, text);
+    }
+}
+
+void fuzz_one(std::string_view input) {
+    const std::string path = state_path("sent/7/revoked");
+    remove_all(state_path("sent/7"));
+    make_folder(state_path("sent/7"));
+    put_file(state_path("elsewhere"), "");
+    CHECK(sent_marker_look_up(7, "revoked") == marker_state::absent);
+    CHECK(sent_revocation_time(7) == 0);
+
+    const char kind = static_cast<char>(take_byte(&input));
+    put_marker(kind, path, input);
+    CHECK(sent_marker_look_up(7, "revoked") == marker_state::present);
+    const bool is_readable = has_file(kind) && input.size() <= TIME_FILE_MAX_BYTES;
+    const std::string_view first_line = input.substr(0, input.find('\n'));
+    CHECK(sent_revocation_time(7) == (is_readable ? decimal(first_line).value_or(0) : 0));
+
+    const int64_t before = now();
+    if (sent_marker_write_time(7, "revoked") == 0) {
+        CHECK(sent_revocation_time(7) >= before && sent_revocation_time(7) <= now());
+        CHECK(!path_exists((path + ".tmp").c_str()));
+    } else {
+        CHECK(kind == 'd'); // a file replaces anything but a folder
+    }
+    CHECK(contents_of(state_path("elsewhere")) == (kind == 'l' ? input : ""));
+}

@@ -1,0 +1,67 @@
+// Measuring text in columns, and walking over its characters.
+#include "fuzz.h"
+#include "hostile.h"
+#include "style.h"
+#include "tui/text.h"
+
+#include <algorithm>
+#include <cctype>
+
+static bool ends_sequence(char byte) {
+    return isalpha(static_cast<unsigned char>(byte)) != 0;
+}
+
+static size_t width_by_the_rules(std::string_view text) {
+    std::string drawn;
+    while (!text.empty()) {
+        if (!text.starts_with("\033[")) {
+            drawn += text.front();
+            text.remove_prefix(1);
+            continue;
+        }
+        text.remove_prefix(2);
+        while (!text.empty() && !ends_sequence(text.front()))
+            text.remove_prefix(1);
+        text.remove_prefix(text.empty() ? 0 : 1);
+    }
+    return columns_of(drawn);
+}
+
+// Forth over all characters, and back over each of them.
+static void check_walk(std::string_view text) {
+    size_t steps = 0;
+    for (size_t at = 0; at < text.size(); steps++) {
+        const size_t next = tui_next_character(text, at);
+        CHECK(next > at && next <= text.size());
+        CHECK(tui_previous_character(text, next) == at);
+        at = next;
+    }
+    const bool begins_inside = !text.empty() && columns_of(text.substr(0, 1)) == 0;
+    CHECK(steps == columns_of(text) + (begins_inside ? 1 : 0));
+    CHECK(tui_next_character(text, text.size()) == text.size());
+    CHECK(tui_previous_character(text, 0) == 0);
+}
+
+static void check_window(std::string_view text, int first, int columns) {
+    const std::string_view window = tui_window(text, first, columns);
+    CHECK(window.data() >= text.data() &&
+          window.data() + window.size() <= text.data() + text.size());
+    CHECK(tui_columns(window) <= columns);
+    if (is_well_formed(text)) {
+        CHECK(is_well_formed(window));
+        CHECK(tui_columns(window) == std::min(columns, std::max(tui_columns(text) - first, 0)));
+    }
+}
+
+void fuzz_one(std::string_view input) {
+    const auto first = static_cast<int>(take_byte(&input) % 32);
+    const auto columns = static_cast<int>(take_byte(&input) % 32);
+    const std::string text(up_to_nul(input));
+    CHECK(text_display_width(text.c_str()) == width_by_the_rules(text));
+    CHECK(text_character_count(text.c_str()) == columns_of(text));
+    CHECK(tui_columns(input) == static_cast<int>(columns_of(input)));
+    CHECK(tui_blank_controls(input).size() == input.size());
+    check_walk(input);
+    check_window(input, first, columns);
+    CHECK(tui_window(input, 0, tui_columns(input) + 1) == input);
+}
