@@ -5,6 +5,8 @@
 #include "hostile.h"
 #include "tui/screen.h"
 
+#include <regex>
+
 // The rows between the sequences that begin and end a frame.
 [[nodiscard]] inline std::string_view rows_of_frame(std::string_view frame) {
     static constexpr std::string_view BEGINS = "\033[H";
@@ -20,11 +22,11 @@ inline void check_cursor(std::string_view frame) {
     const std::string sequence(frame.substr(frame.rfind("\033[J") + 3));
     if (sequence == "\033[?25l")
         return;
-    int row = 0;
-    int column = 0;
-    int end = 0;
-    CHECK(sscanf(sequence.c_str(), "\033[%d;%dH\033[?25h%n", &row, &column, &end) == 2);
-    CHECK(static_cast<size_t>(end) == sequence.size());
+    static const std::regex SHOWN("\033\\[([0-9]{1,5});([0-9]{1,5})H\033\\[\\?25h");
+    std::smatch found;
+    CHECK(std::regex_match(sequence, found, SHOWN));
+    const int row = std::stoi(found[1]);
+    const int column = std::stoi(found[2]);
     CHECK(row > 1 && row <= 1 + tui_body_rows());
     CHECK(column > 2 && column <= 2 + tui_body_cols());
 }

@@ -20,6 +20,7 @@ struct ended_process {
 static bool survives_exit = false;
 
 // The linker puts this in the place of exit() (see CMakeLists.txt).
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
 [[noreturn]] void __real_exit(int status);
 [[noreturn]] void __wrap_exit(int status);
@@ -28,6 +29,7 @@ void __wrap_exit(int status) {
         throw ended_process{status};
     __real_exit(status);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz_one({reinterpret_cast<const char *>(data), size});

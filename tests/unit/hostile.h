@@ -119,3 +119,30 @@ struct found_control {
         columns += byte_between(byte, 0x80, 0xbf) ? 0 : 1;
     return columns;
 }
+
+// ---- All that is tried --------------------------------------------------------------------
+
+constexpr int BYTES = 256;
+
+[[nodiscard]] inline std::string pair_of(int first, int second) {
+    return {static_cast<char>(first), static_cast<char>(second)};
+}
+
+// Calls `visit` with every pair of bytes.
+template <typename Visit> void for_each_pair(Visit visit) {
+    for (int first = 0; first < BYTES; first++)
+        for (int second = 0; second < BYTES; second++)
+            visit(pair_of(first, second));
+}
+
+// A text for messages about it: "1B 5B 41".
+[[nodiscard]] inline std::string in_hexadecimal(std::string_view text) {
+    static constexpr char DIGITS[] = "0123456789ABCDEF";
+    std::string shown;
+    for (const char byte : text) {
+        const auto value = static_cast<unsigned char>(byte);
+        shown += shown.empty() ? "" : " ";
+        shown += {DIGITS[value >> 4U], DIGITS[value & 15U]};
+    }
+    return shown;
+}
