@@ -22,7 +22,6 @@ import sys
 import tempfile
 import termios
 import time
-import unicodedata
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
@@ -31,8 +30,9 @@ sys.path.insert(0, str(HERE.parent / "tui"))
 from interface import BROKEN_CHARACTERS, MEANINGLESS  # noqa: E402
 from messages import USERS, Store  # noqa: E402
 from pseudo_terminal import (  # noqa: E402
-    BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, FRAME_BEGINS,
-    FRAME_ENDS, HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, Terminal)
+    BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, FRAME_ENDS,
+    HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, Terminal)
+from terminal_bytes import assert_harmless, assert_whole_frames  # noqa: E402
 
 DEFAULT_BINARY = HERE.parent.parent / "build" / "asan" / "tbx"
 FINDING = re.compile(r"SUMMARY: |runtime error: ")
@@ -112,42 +112,6 @@ def damage(draw, store):
         path.unlink(missing_ok=True)
     elif path.parent.is_dir():
         path.write_bytes(some_text(draw, 20))
-
-
-# ---- What reaches the terminal ------------------------------------------------------------
-
-STYLE = re.compile(rb"\x1b\[[0-9;]*m")
-OWN_SEQUENCES = re.compile(
-    rb"\x1b\[(?:[0-9;]*m|H|J|[0-9]+;[0-9]+H|\?25[hl]|\?1049[hl])")
-
-
-TORN_SEQUENCE = re.compile(rb"\x1b(?:\[[0-9;?]*)?(?=" + re.escape(LEAVE_SCREEN) + rb")")
-
-
-def without_torn_frames(raw):
-    """Asked to end in the middle of a frame, the interface writes no more of it."""
-    before, *pieces = raw.split(FRAME_BEGINS)
-    kept = [piece if FRAME_ENDS in piece else b"".join(piece.partition(LEAVE_SCREEN)[1:])
-            for piece in pieces]
-    return TORN_SEQUENCE.sub(b"", before + b"".join(kept))
-
-
-def check_bytes(raw):
-    text = OWN_SEQUENCES.sub(b"", without_torn_frames(raw)).replace(b"\r\n", b"\n").decode()  # well-formed, or it fails
-    for character in text.replace("\n", ""):
-        assert unicodedata.category(character) != "Cc", f"{character!r} reached the terminal"
-
-
-def check_frames(raw, sizes):
-    for piece in raw.split(FRAME_BEGINS)[1:]:
-        frame, ends, _ = piece.partition(FRAME_ENDS)
-        if not ends:
-            continue  # a torn one
-        rows = STYLE.sub(b"", frame).decode().split("\r\n")
-        columns = {len(row) for row in rows}
-        assert len(columns) == 1, f"rows of different widths: {columns}"
-        size = (columns.pop(), len(rows))
-        assert size in sizes or rows == [""], f"a frame of {size} on a terminal of {sizes}"
 
 
 # ---- One round ----------------------------------------------------------------------------
@@ -241,8 +205,8 @@ class Round:
         assert status == 0, f"status {status}:\n{self.tbx.frame()}"
         assert LEAVE_SCREEN in self.tbx.raw
         assert self.tbx.attributes() == self.tbx.attributes_before
-        check_bytes(self.tbx.raw)
-        check_frames(self.tbx.raw, self.sizes)
+        assert_harmless(self.tbx.raw)
+        assert_whole_frames(self.tbx.raw, self.sizes)
 
 
 SIGTERM, SIGHUP = signal.SIGTERM, signal.SIGHUP

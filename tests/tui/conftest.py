@@ -11,7 +11,7 @@ import pytest
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 
-pytest.register_assert_rewrite("pseudo_terminal", "interface")
+pytest.register_assert_rewrite("pseudo_terminal", "interface", "terminal_bytes")
 
 from frame_model import DetailPage, FormPage, ListPage  # noqa: E402
 from interface import expect, press  # noqa: E402
