@@ -181,7 +181,8 @@ static void report_shown(const std::string &id, unsigned kinds, strbuf *report) 
 }
 
 static bool is_identifier_line(std::string_view line) {
-    return line.size() <= IDENTIFIER_MAX_DIGITS && is_all_digits(std::string(line).c_str());
+    return !line.empty() && line.size() <= IDENTIFIER_MAX_DIGITS &&
+           line.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 // Writes what has come together, so that a long report does not pile up. A parent that has

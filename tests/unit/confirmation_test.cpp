@@ -256,6 +256,13 @@ TEST(ConfirmationReport, IgnoresOtherLines) {
     }
 }
 
+TEST(ConfirmationReport, NulByteIsNoPartOfAnIdentifier) {
+    const reported_mailbox mailbox;
+    mailbox.put("acks/7", "100 x\n");
+    mailbox.crowd_folders(); // each identifier is tried by name
+    EXPECT_EQ(mailbox.report(std::string_view("7\0\n", 3)), "");
+}
+
 TEST(ConfirmationReport, LastIdentifierNeedsNoLineEnd) {
     const reported_mailbox mailbox;
     mailbox.put("acks/7", "100 x\n");

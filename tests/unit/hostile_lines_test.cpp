@@ -58,7 +58,7 @@ std::string own_name() {
 // All pairs in texts of one line, some to each. A blank, which neither goes on nor ends a sequence,
 // keeps them apart; one that ends the line stands last.
 std::vector<std::string> lines_of_pairs() {
-    static constexpr size_t LINE_BYTES = 24;
+    static constexpr size_t LINE_BYTES = 36;
     std::vector<std::string> lines;
     for (int first = 0; first < BYTES; first++) {
         lines.emplace_back();
@@ -145,22 +145,22 @@ TEST(HostileListing, EveryPairIsHarmlessInTheTextThatListShows) {
     });
 }
 
-// `status` shows the text line by line: as many pairs as a text has room for at a time.
+// `status` shows the text line by line: as many pairs as a message has room for at a time.
 TEST(HostileListing, EveryPairIsHarmlessInTheTextAndTitleThatStatusShows) {
+    constexpr int FIRSTS = 16;
     const scratch_store store;
     store.make_message("7");
     store.write("sent/7/recipients", own_name() + "\n");
-    for (int first = 0; first < BYTES; first++) {
+    for (int start = 0; start < BYTES; start += FIRSTS) {
         std::string lines;
-        for (int second = 0; second < BYTES; second++)
-            lines += pair_of(first, second) + "\n";
-        std::filesystem::remove(store.path("sent/7/msg"));
+        for (int i = 0; i < FIRSTS * BYTES; i++)
+            lines += pair_of(start + i / BYTES, i % BYTES) + "\n";
         store.write("sent/7/msg", "date: 1790000000\nfrom: root\ntitle: " + title_of(lines) +
                                       "\n\n" + tui_clean(lines));
         const child_result result = run_in_child([] { cmd_status("7"); });
         ASSERT_EQ(result.exit_status, 0);
-        ASSERT_GT(std::ranges::count(result.out, '\n'), BYTES) << first;
-        ASSERT_FALSE(drives_terminal(result.out, "\t\n")) << first;
+        ASSERT_GT(std::ranges::count(result.out, '\n'), FIRSTS * BYTES) << start;
+        ASSERT_FALSE(drives_terminal(result.out, "\t\n")) << start;
     }
 }
 
