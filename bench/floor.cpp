@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <csignal>
@@ -101,10 +102,26 @@ void sync_file(const char *name) {
     close(fd);
 }
 
+void sync_file_system(const char *name) {
+    const int fd = must(open(name, READ_FLAGS), name);
+    must(syncfs(fd), name);
+    close(fd);
+}
+
 int lock_file(const char *name) {
     const int fd = must(open(name, CREATE_FLAGS, 0600), name);
     must(flock(fd, LOCK_EX), name);
     return fd;
+}
+
+std::vector<std::string> words_of(std::string_view text) {
+    std::vector<std::string> words;
+    for (size_t start = text.find_first_not_of(" \n"); start != text.npos;) {
+        const size_t end = std::min(text.find_first_of(" \n", start), text.size());
+        words.emplace_back(text.substr(start, end - start));
+        start = text.find_first_not_of(" \n", end);
+    }
+    return words;
 }
 
 // ---- The store ----------------------------------------------------------------------------
@@ -121,13 +138,21 @@ std::vector<std::string> numbered_entries(const char *folder) {
     return names;
 }
 
-void look_for_interrupted(const char *var) {
+std::string first_interrupted(const char *var) {
     const path sent("%s/sent", var);
+    std::string first;
     for (const std::string &id : numbered_entries(sent))
-        if (exists(path("%s/%s/incomplete", static_cast<const char *>(sent), id.c_str())) ||
-            exists(path("%s/%s/revoking", static_cast<const char *>(sent), id.c_str())))
-            fail("an interrupted message");
+        if ((exists(path("%s/%s/incomplete", sent.c_str(), id.c_str())) ||
+             exists(path("%s/%s/revoking", sent.c_str(), id.c_str()))) &&
+            first.empty())
+            first = id;
     numbered_entries(sent); // again, for interrupted purges
+    return first;
+}
+
+void require_nothing_interrupted(const char *var) {
+    if (!first_interrupted(var).empty())
+        fail("an interrupted message");
 }
 
 // ---- Accounts -----------------------------------------------------------------------------
@@ -137,6 +162,11 @@ account look_up(const char *name) {
     if (found == nullptr)
         fail(name);
     return {found->pw_name, found->pw_uid, found->pw_gid};
+}
+
+void look_up_author() {
+    if (getpwuid(getuid()) == nullptr)
+        fail("author");
 }
 
 // ---- Children -----------------------------------------------------------------------------
@@ -154,7 +184,7 @@ static channel open_channel() {
 
 static void redirect(int input, int output) {
     const int null = must(open("/dev/null", O_RDWR | O_CLOEXEC), "/dev/null");
-    must(dup2(input, STDIN_FILENO), "dup2");
+    must(dup2(input >= 0 ? input : null, STDIN_FILENO), "dup2");
     must(dup2(output, STDOUT_FILENO), "dup2");
     must(dup2(null, STDERR_FILENO), "dup2");
     close(null);
@@ -168,26 +198,37 @@ static void become(const account &user) {
         fail("privilege drop");
 }
 
-void run_as(const account &user, void (*work)(const void *), const void *argument,
-            std::string_view input, std::string *report) {
-    const channel to_child = open_channel();
-    const channel from_child = open_channel();
-    const pid_t child = must(fork(), "fork");
-    if (child == 0) {
+[[noreturn]] static void run_child(const account &user, void (*work)(const void *),
+                                   const void *argument, const channel &to_child,
+                                   const channel &from_child) {
+    if (to_child.write_end >= 0)
         close(to_child.write_end);
-        close(from_child.read_end);
-        redirect(to_child.read_end, from_child.write_end);
-        become(user);
-        must(chdir("/"), "/");
-        umask(022);
-        signal(SIGPIPE, SIG_DFL);
-        work(argument);
-        _exit(0);
-    }
+    close(from_child.read_end);
+    redirect(to_child.read_end, from_child.write_end);
+    become(user);
+    must(chdir("/"), "/");
+    umask(022);
+    signal(SIGPIPE, SIG_DFL);
+    work(argument);
+    _exit(0);
+}
+
+static void feed(const channel &to_child, std::string_view input) {
     close(to_child.read_end);
-    close(from_child.write_end);
     write_whole(to_child.write_end, input); // read to its end before the child answers
     close(to_child.write_end);
+}
+
+void run_as(const account &user, void (*work)(const void *), const void *argument,
+            const std::string_view *input, std::string *report) {
+    const channel to_child = input != nullptr ? open_channel() : channel{-1, -1};
+    const channel from_child = open_channel();
+    const pid_t child = must(fork(), "fork");
+    if (child == 0)
+        run_child(user, work, argument, to_child, from_child);
+    if (input != nullptr)
+        feed(to_child, *input);
+    close(from_child.write_end);
     append_rest(from_child.read_end, report);
     close(from_child.read_end);
     int status = 0;

@@ -27,6 +27,7 @@ inline void whatever(int /*result*/) {}
 class path {
 public:
     explicit path(const char *format, ...) __attribute__((format(printf, 2, 3)));
+    [[nodiscard]] const char *c_str() const { return text_; }
     operator const char *() const { return text_; } // NOLINT: stands where a path is passed
 
 private:
@@ -44,15 +45,19 @@ void append_rest(int fd, std::string *text);                // reads to the end,
 void read_file(const char *name, std::string *text);        // replaces `text`; it must be there
 void replace_file(const char *name, std::string_view text); // sibling, sync, rename
 void sync_file(const char *name);
-int lock_file(const char *name); // the descriptor that holds the lock
+void sync_file_system(const char *name); // the whole one that holds `name`
+int lock_file(const char *name);         // the descriptor that holds the lock
+std::vector<std::string> words_of(std::string_view text);
 
 // ---- The store ----------------------------------------------------------------------------
 
 // The names of the numbered entries of a folder, in the folder's order.
 std::vector<std::string> numbered_entries(const char *folder);
 
-// The look around that every command begins with: which messages were interrupted.
-void look_for_interrupted(const char *var);
+// The look around that most commands begin with: the identifier of the first message that was
+// interrupted, or nothing.
+std::string first_interrupted(const char *var);
+void require_nothing_interrupted(const char *var); // looks in the same way
 
 // ---- Accounts and children ----------------------------------------------------------------
 
@@ -63,8 +68,9 @@ struct account {
 };
 
 account look_up(const char *name);
+void look_up_author(); // who runs this
 
-// Runs `work(argument)` in a child that has become `user`, with `input` on its standard input,
-// and appends what it prints to `report`. The child must end with status 0.
+// Runs `work(argument)` in a child that has become `user`, with `input` on its standard input
+// (null for /dev/null), and appends what it prints to `report`. The child must end with status 0.
 void run_as(const account &user, void (*work)(const void *), const void *argument,
-            std::string_view input, std::string *report);
+            const std::string_view *input, std::string *report);

@@ -1,49 +1,44 @@
 // floor_send VAR: one message to every human user, with just the calls that sending asks for.
 // The recipients, the text and the files are those of "tbx send --to all".
-#include "floor.h"
+#include "floor_event.h"
+#include "floor_mailbox.h"
 
-#define SD_JOURNAL_SUPPRESS_LOCATION
 #include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <syslog.h>
-#include <systemd/sd-journal.h>
-#include <systemd/sd-login.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
-constexpr uid_t HUMAN_UID_MIN = 1000;
-constexpr uid_t HUMAN_UID_MAX = 60'000;
-constexpr const char *AUTHOR = "root";
-
 // ---- Recipients ---------------------------------------------------------------------------
+
+static uid_t defined_number(const std::vector<std::string> &words, std::string_view key) {
+    const auto found = std::find(words.begin(), words.end(), key);
+    if (found == words.end())
+        fail("login.defs");
+    return static_cast<uid_t>(strtoul(found[1].c_str(), nullptr, 10));
+}
 
 static std::vector<std::string> human_users() {
     std::string login_definitions;
     read_file("/etc/login.defs", &login_definitions);
+    read_file("/etc/login.defs", &login_definitions); // once for each number
+    const std::vector<std::string> words = words_of(login_definitions);
+    const uid_t uid_min = defined_number(words, "UID_MIN");
+    const uid_t uid_max = defined_number(words, "UID_MAX");
     std::vector<std::string> names;
     setpwent();
     while (const passwd *entry = getpwent())
-        if (entry->pw_uid >= HUMAN_UID_MIN && entry->pw_uid <= HUMAN_UID_MAX)
+        if (entry->pw_uid >= uid_min && entry->pw_uid <= uid_max)
             names.emplace_back(entry->pw_name);
     endpwent();
     std::sort(names.begin(), names.end());
     return names;
-}
-
-static std::string joined(const std::vector<std::string> &names, char separator) {
-    std::string text;
-    for (const std::string &name : names)
-        text.append(name).push_back(separator);
-    return text;
 }
 
 // ---- The message --------------------------------------------------------------------------
@@ -97,53 +92,6 @@ static void save(const message &sent, const std::vector<std::string> &recipients
     sync_file(path("%s/sent", sent.var));
 }
 
-// ---- The copy -----------------------------------------------------------------------------
-
-struct copy_target {
-    const char *mailbox;
-    const char *id;
-};
-
-// In the child, as the recipient.
-static void write_copy(const void *argument) {
-    const auto &target = *static_cast<const copy_target *>(argument);
-    for (const char *folder : {"inbox", "read", "acks", "state"})
-        whatever(mkdir(path("%s/%s", target.mailbox, folder), 0755));
-    if (exists(path("%s/read/%s", target.mailbox, target.id)) ||
-        exists(path("%s/acks/%s", target.mailbox, target.id)))
-        fail("a copy that was there already");
-    std::string text;
-    append_rest(STDIN_FILENO, &text);
-    const path copy("%s/inbox/%s", target.mailbox, target.id);
-    const path sibling("%s/inbox/%s.tmp", target.mailbox, target.id);
-    unlink(sibling); // a stale one
-    const int fd =
-        must(open(sibling, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644), sibling);
-    write_whole(fd, text);
-    must(close(fd), sibling);
-    must(rename(sibling, copy), copy);
-    struct stat status = {};
-    must(stat(copy, &status), copy);
-}
-
-static void prepare_mailbox(const char *mailbox, const account &user) {
-    struct stat status = {};
-    if (lstat(mailbox, &status) != 0) {
-        must(mkdir(mailbox, 0700), mailbox);
-        must(lstat(mailbox, &status), mailbox);
-    }
-    if (status.st_uid == 0)
-        must(lchown(mailbox, user.uid, user.gid), mailbox);
-}
-
-static void deliver_copy(const account &user, const message &sent) {
-    const path mailbox("%s/users/%s", sent.var, user.name.c_str());
-    prepare_mailbox(mailbox, user);
-    const copy_target target = {mailbox, sent.id.c_str()};
-    std::string nothing;
-    run_as(user, write_copy, &target, sent.file_text, &nothing);
-}
-
 // ---- Terminals and sessions ---------------------------------------------------------------
 
 static bool write_to_terminal(const char *name, const account &user, const std::string &banner) {
@@ -173,66 +121,25 @@ static int write_to_pseudo_terminals(const account &user, const std::string &ban
     return written;
 }
 
-// Asks every session for its owner, and those of the user for their type: once for the
-// consoles, once for a desktop.
-static void look_through_sessions(const account &user) {
-    char **sessions = nullptr;
-    const int count = sd_get_sessions(&sessions);
-    for (int i = 0; i < count; i++) {
-        uid_t owner = 0;
-        char *type = nullptr;
-        if (sd_session_get_uid(sessions[i], &owner) >= 0 && owner == user.uid)
-            whatever(sd_session_get_type(sessions[i], &type));
-        free(type);
-        free(sessions[i]);
-    }
-    free(sessions);
-}
-
-// ---- The record ---------------------------------------------------------------------------
-
-static void record(const char *event, const message &sent, const char *user, const char *sentence,
-                   const char *details, const char *author) {
-    const int result = sd_journal_send_with_location(
-        "CODE_FILE=src/event", "CODE_LINE=75", "event", "MESSAGE=%s", sentence,
-        "SYSLOG_IDENTIFIER=tbx", "PRIORITY=%d", LOG_INFO, "TBX_EVENT=%s", event, "TBX_MESSAGE=%s",
-        sent.id.c_str(), "TBX_USER=%s", user, "TBX_CHANNEL=%s", "", "TBX_DETAILS=%s", details,
-        "TBX_AUTHOR=%s", author, nullptr);
-    errno = -result; // the library returns what others leave there
-    must(result, "journal");
-}
-
-static void append_delivery(const message &sent, const account &user, int terminals) {
-    const path line("%s %lld %d\n", user.name.c_str(), static_cast<long long>(time(nullptr)),
-                    terminals);
-    const path name("%s/delivery", sent.dir.c_str());
-    const int fd =
-        must(open(name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600), name);
-    write_whole(fd, static_cast<const char *>(line));
-    close(fd);
-}
-
 // ---- Sending ------------------------------------------------------------------------------
 
 static void deliver_to(const char *name, const message &sent) {
     if (exists(path("%s/revoked", sent.dir.c_str())))
         fail("revoked");
     const account user = look_up(name);
-    deliver_copy(user, sent);
+    deliver_copy(sent.var, user, sent.id, sent.file_text);
     const int terminals = write_to_pseudo_terminals(user, sent.banner);
-    look_through_sessions(user);
-    look_through_sessions(user);
-    append_delivery(sent, user, terminals);
-    record("DELIVERED", sent, name,
-           path("message %s delivered to %s (terminals written: %d)", sent.id.c_str(), name,
-                terminals),
-           path("%d", terminals), "");
+    look_through_sessions(user); // for consoles
+    look_through_sessions(user); // for a desktop
+    append_delivery(sent.dir, user, terminals);
+    record({"DELIVERED", sent.id.c_str(), name,
+            path("message %s delivered to %s (terminals written: %d)", sent.id.c_str(), name,
+                 terminals),
+            path("%d", terminals), ""});
 }
 
 static void complete(const message &sent) {
-    const int users = must(open(path("%s/users", sent.var), O_RDONLY | O_CLOEXEC), "users");
-    must(syncfs(users), "users");
-    close(users);
+    sync_file_system(path("%s/users", sent.var));
     sync_file(sent.dir.c_str());
     must(unlink(path("%s/incomplete", sent.dir.c_str())), "incomplete");
     sync_file(sent.dir.c_str());
@@ -245,9 +152,9 @@ int main(int argc, char **argv) {
     }
     umask(022);
     const char *var = argv[1];
-    look_for_interrupted(var);
+    require_nothing_interrupted(var);
     const std::vector<std::string> recipients = human_users();
-    whatever(getpwuid(getuid()) != nullptr ? 0 : -1);
+    look_up_author();
 
     const message sent = compose(var, argv[2]);
     const int lock = lock_file(path("%s/lock", sent.dir.c_str()));
@@ -255,7 +162,7 @@ int main(int argc, char **argv) {
     for (const std::string &name : recipients)
         deliver_to(name.c_str(), sent);
     const std::string names = joined(recipients, ' ');
-    record("SENT", sent, "", names.c_str(), names.c_str(), AUTHOR);
+    record({"SENT", sent.id.c_str(), "", names.c_str(), names.c_str(), AUTHOR});
     complete(sent);
     close(lock);
     printf("Message %s sent to %zu users.\n", sent.id.c_str(), recipients.size());

@@ -16,6 +16,7 @@
     const int out = must(open(output, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), output);
     must(dup2(in, STDIN_FILENO), "dup2");
     must(dup2(out, STDOUT_FILENO), "dup2");
+    must(dup2(out, STDERR_FILENO), "dup2");
     execv(command[0], command);
     fail(command[0]);
 }

@@ -4,49 +4,33 @@ import fcntl
 import os
 import pty
 import select
-import signal
 import statistics
 import struct
 import termios
 import time
-from dataclasses import asdict, dataclass
+from dataclasses import dataclass
 
-from .cases import TBX, ListCase
-from .machine import ENVIRONMENT
+from .machine import ENVIRONMENT, PROGRAMS
 from .measure import run_once
+from .stores import Shape
+
+TBX = f"{PROGRAMS}/tbx"
 
 ROWS, COLUMNS = 24, 80
 FRAME_END = b"\x1b[J\x1b[?25l"
 DEADLINE_SECONDS = 60
-DOWN, ENTER = b"\x1b[B", b"\r"
-
-
-@dataclass
-class Measured:
-    """Medians over the runs."""
-
-    name: str
-    what: str
-    runs: int
-    first_frame_seconds: float
-    list_seconds: float
-    key_seconds: float
-    reload_seconds: float
-    frame_bytes: int
-
-    def as_dict(self):
-        return asdict(self)
+DOWN, ENTER, SEARCH, QUIT = b"\x1b[B", b"\r", b"/", b"q"
 
 
 class Session:
     """One run of the interface; every method returns when the frame has arrived."""
 
-    def __init__(self):
+    def __init__(self, command):
         self._started = time.perf_counter()
         self._pid, self._terminal = pty.fork()
         if self._pid == 0:
             fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", ROWS, COLUMNS, 0, 0))
-            os.execve(TBX, [TBX], ENVIRONMENT)
+            os.execve(command[0], command, ENVIRONMENT)
 
     def first_frame(self):
         self._await_frame()
@@ -59,8 +43,12 @@ class Session:
         frame = self._await_frame()
         return time.perf_counter() - started, len(frame)
 
-    def close(self):
-        os.kill(self._pid, signal.SIGTERM)
+    def press_down(self):
+        return self.press(DOWN)
+
+    def quit(self):
+        """Leaves the interface by its key, and waits until the program has ended."""
+        os.write(self._terminal, QUIT)
         while self._read():
             pass
         os.close(self._terminal)
@@ -84,40 +72,39 @@ class Session:
 
 
 def measure_session(keys):
-    session = Session()
+    session = Session([TBX])
     first = session.first_frame()
-    presses = [session.press(DOWN) for _ in range(keys)]
-    session.press(b"/")
+    presses = [session.press_down() for _ in range(keys)]
+    session.press(SEARCH)
     reload_seconds, _ = session.press(ENTER)  # an empty search: everything is read again
-    session.close()
+    session.quit()
     return (first, reload_seconds, statistics.median(seconds for seconds, _ in presses),
             max(size for _, size in presses))
 
 
-def measure(machine, runs, messages, recipients, users):
-    """The interface on a store of that shape, each run beside one of `list` on the same."""
-    case = ListCase(messages, recipients, users, confirmed=False)
-    with case.prepared(machine):
-        run_once(case.tbx)  # warms the caches up for both
+@dataclass
+class InterfaceCase:
+    """The interface on a store, each run beside one of `list` on the same."""
+
+    size: int  # messages
+    shape: Shape
+    list_command: list
+    axis = "interface, messages"
+
+    @property
+    def what(self):
+        return str(self.shape)
+
+    def measure(self, machine, runs):
+        run_once(self.list_command)  # warms the caches up for both
+        machine.settle()
         lists, sessions = [], []
         for _ in range(runs):
-            lists.append(run_once(case.tbx).seconds)
+            lists.append(run_once(self.list_command).seconds)
             sessions.append(measure_session(keys=15))
-    firsts, reloads, keys, sizes = zip(*sessions)
-    return Measured("interface", case.what, runs, statistics.median(firsts),
-                    statistics.median(lists), statistics.median(keys),
-                    statistics.median(reloads), max(sizes))
-
-
-SHAPES = [(100, 20, 100), (1000, 20, 100), (10_000, 20, 100)]
-
-
-def table(results):
-    """The results as lines of text."""
-    lines = [f"{'INTERFACE':<44}  FIRST ms  list ms  RATIO  KEY ms  RELOAD ms  FRAME bytes"]
-    for result in results:
-        first, listed = result["first_frame_seconds"], result["list_seconds"]
-        lines.append(f"{result['what']:<44}  {first * 1000:8.1f}  {listed * 1000:7.1f}  "
-                     f"{first / listed:5.2f}  {result['key_seconds'] * 1000:6.2f}  "
-                     f"{result['reload_seconds'] * 1000:9.1f}  {result['frame_bytes']:11d}")
-    return "\n".join(lines)
+        firsts, reloads, keys, sizes = zip(*sessions)
+        return {"name": "interface", "size": self.size, "what": self.what, "runs": runs,
+                "first_frame_seconds": statistics.median(firsts),
+                "list_seconds": statistics.median(lists),
+                "key_seconds": statistics.median(keys),
+                "reload_seconds": statistics.median(reloads), "frame_bytes": max(sizes)}

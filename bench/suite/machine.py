@@ -5,9 +5,11 @@ directories are covered there, and all of it vanishes with the process.
 """
 
 import contextlib
+import fcntl
 import os
 import shutil
 import socket
+import struct
 import subprocess
 import threading
 from pathlib import Path
@@ -17,10 +19,15 @@ FLOOR_STATE = "/var/lib/floor"  # of the floor, where each has a store of its ow
 PROGRAMS = "/run/programs"
 OUTPUT = "/run/output"
 
-USER_COUNT = 1000  # in the account file throughout, whatever the case sends to
 FIRST_UID = 2001
+# Accounts stand in the file in this order, with steps that meet them all: the first so many of
+# them by number are spread over the whole file, and looking one up costs the same for all.
+FILE_STEP = 1847
 DRAIN_INTERVAL_SECONDS = 0.02
 KEPT_CONFIGURATION = ("ld.so.cache", "localtime")  # of /etc
+# Of <asm/ioctls.h>; the standard library does not name them.
+TIOCGPTN, TIOCSPTLCK = 0x80045430, 0x40045431
+MACHINE_ID = "0123456789abcdef0123456789abcdef"
 
 # As an administrator's shell has it: no TZ, so the time zone is the machine's own.
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LANG": "C.UTF-8",
@@ -89,6 +96,54 @@ class JournalSink:
                 self._received += 1
 
 
+def open_terminal(owner):
+    """A new pseudo-terminal of that user: its master and its name."""
+    master = os.open("/dev/pts/ptmx", os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
+    number, = struct.unpack("i", fcntl.ioctl(master, TIOCGPTN, struct.pack("i", 0)))
+    fcntl.ioctl(master, TIOCSPTLCK, struct.pack("i", 0))
+    name = f"/dev/pts/{number}"
+    os.chown(name, owner, 0)
+    return master, name
+
+
+class Terminals:
+    """Pseudo-terminals of one user, in the table of logins too. Nobody looks at them: what was
+    written is thrown away by empty()."""
+
+    # type, process, line, identifier, user, host, exit, session, time, address, unused
+    UTMP = struct.Struct("=hxxi32s4s32s256shhiii16s20s")
+    USER_PROCESS = 7
+
+    def __init__(self, count, owner_number):
+        opened = [open_terminal(user_id(owner_number)) for _ in range(count)]
+        self._masters = [master for master, _ in opened]
+        # A terminal that nobody has open hangs up.
+        self._slaves = [os.open(name, os.O_RDWR | os.O_NOCTTY) for _, name in opened]
+        user = user_name(owner_number).encode()
+        Path("/run/utmp").write_bytes(b"".join(
+            self.UTMP.pack(self.USER_PROCESS, os.getpid(), name.removeprefix("/dev/").encode(),
+                           name[-4:].encode(), user, b"", 0, 0, 0, 0, 0, b"", b"")
+            for _, name in opened))
+
+    def empty(self):
+        """Takes what was written; how many of the terminals had something."""
+        return sum(1 for master in self._masters if drain(master))
+
+    def close(self):
+        for descriptor in self._slaves + self._masters:
+            os.close(descriptor)
+        os.unlink("/run/utmp")
+
+
+def drain(descriptor):
+    """Reads what there is, without waiting; its length."""
+    size = 0
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            size += len(os.read(descriptor, 65536))
+    return size
+
+
 class Machine:
     """Built once per process, inside its namespaces; `scratch` is a directory on the disk."""
 
@@ -102,7 +157,8 @@ class Machine:
             os.makedirs(place)
         bind_descriptor(programs_fd, PROGRAMS)
         bind_descriptor(scratch_fd, "/run/scratch")
-        self.scratch = Path("/run/scratch")
+        self.scratch = Path("/run/scratch")  # where stores are made
+        self.results = self.scratch / "results.json"
         self._write_configuration()
         self._open_session_of_root()
         self.journal = JournalSink("/run/systemd/journal/socket")
@@ -117,17 +173,28 @@ class Machine:
         for name in KEPT_CONFIGURATION:
             with contextlib.suppress(FileNotFoundError):
                 shutil.copy(Path("/etc", name), place)
-        users = [(user_name(number), user_id(number)) for number in range(USER_COUNT)]
         files = {
-            "passwd": "root:x:0:0:root:/root:/bin/bash\n" + "".join(
-                f"{name}:x:{uid}:{uid}:{name}:/home/{name}:/bin/bash\n" for name, uid in users),
-            "group": "root:x:0:\n" + "".join(f"{name}:x:{uid}:\n" for name, uid in users),
+            "group": "root:x:0:\n",
             "nsswitch.conf": "passwd: files\ngroup: files\n",
-            "login.defs": "UID_MIN 1000\nUID_MAX 60000\n",
+            "machine-id": f"{MACHINE_ID}\n",
         }
         for name, text in files.items():
             (place / name).write_text(text, encoding="ascii")
         mount("--bind", str(place), "/etc")
+        mount("-t", "tmpfs", "-o", "mode=755", "tmpfs", "/var/log")
+
+    def use_accounts(self, count, humans=0):
+        """Writes an account file of so many users, of whom the first `humans` (all, for 0)
+        count as such."""
+        order = [place * FILE_STEP % count for place in range(count)]
+        lines = [f"{user_name(number)}:x:{user_id(number)}:{user_id(number)}:"
+                 f"{user_name(number)}:/home/{user_name(number)}:/bin/bash\n"
+                 for number in order]
+        Path("/etc/passwd").write_text("root:x:0:0:root:/root:/bin/bash\n" + "".join(lines),
+                                       encoding="ascii")
+        last = user_id((humans or count) - 1)
+        Path("/etc/login.defs").write_text(f"UID_MIN {FIRST_UID}\nUID_MAX {last}\n",
+                                           encoding="ascii")
 
     def _open_session_of_root(self):
         """One login, the administrator's, on one pseudo-terminal."""
@@ -135,6 +202,11 @@ class Machine:
         Path("/run/systemd/sessions/c1").write_text(
             "UID=0\nUSER=root\nACTIVE=1\nSTATE=active\nREMOTE=0\nTYPE=tty\nCLASS=user\n"
             "SCOPE=session-c1.scope\nTTY=pts/0\nSERVICE=sshd\n", encoding="ascii")
+
+    def use_memory(self):
+        """Makes stores in memory from now on: nothing waits for a disk."""
+        self.scratch = Path("/run/stores")
+        self.scratch.mkdir()
 
     def use_store(self, place, directory):
         """Puts a directory of the scratch disk where a program looks for its state."""

@@ -1,4 +1,4 @@
-"""Running tbx and a floor in turn, and what comes of it."""
+"""Running tbx and its floor in turn, and what comes of it."""
 
 import statistics
 import subprocess
@@ -26,7 +26,8 @@ def run_once(command):
                             env=ENVIRONMENT, check=True)
     seconds, cpu_seconds, peak_kib, status = result.stdout.split()
     if status != "0":
-        raise RuntimeError(f"{' '.join(command[:3])}: wait status {status}")
+        said = Path(OUTPUT).read_text(encoding="utf-8")
+        raise RuntimeError(f"{' '.join(command[:3])}: wait status {status}: {said[-1000:]}")
     return Sample(float(seconds), float(cpu_seconds), int(peak_kib))
 
 
@@ -48,43 +49,34 @@ class Figures:
                    max(sample.peak_kib for sample in samples))
 
 
-@dataclass
-class Comparison:
-    """A case's outcome."""
-
-    name: str
-    what: str
-    runs: int
-    tbx: Figures
-    floor: Figures
-
-    def ratio(self):
-        return self.tbx.seconds / self.floor.seconds
-
-    def cpu_ratio(self):
-        return self.tbx.cpu_seconds / self.floor.cpu_seconds
-
-    def as_dict(self):
-        return {**asdict(self), "ratio": self.ratio(), "cpu_ratio": self.cpu_ratio()}
-
-
-def run_checked(machine, case, command):
-    machine.settle()
+def run_checked(machine, case, program):
+    case.make_ready(program)
+    if case.writes:
+        machine.settle()
     machine.journal.take_count()
-    sample = run_once(command)
-    case.check(Path(OUTPUT).read_text(encoding="utf-8"), machine.journal.take_count())
+    sample = run_once(case.programs[program])
+    case.check(program, Path(OUTPUT).read_text(encoding="utf-8"), machine.journal.take_count())
     return sample
 
 
+def in_turn(names, turn):
+    """The programs in the order of this turn: each comes first equally often."""
+    first = turn % len(names)
+    return names[first:] + names[:first]
+
+
 def compare(machine, case, runs):
-    """Runs the case's two programs alternately, each first as often as the other."""
-    samples = {"tbx": [], "floor": []}
-    commands = {"tbx": case.tbx, "floor": case.floor}
+    """Runs the case's programs alternately; the figures of each."""
+    names = list(case.programs)
+    samples = {name: [] for name in names}
     for turn in range(WARM_UP_RUNS + runs):
-        order = ["tbx", "floor"] if turn % 2 == 0 else ["floor", "tbx"]
-        for name in order:
-            sample = run_checked(machine, case, commands[name])
+        for name in in_turn(names, turn):
+            sample = run_checked(machine, case, name)
             if turn >= WARM_UP_RUNS:
                 samples[name].append(sample)
-    return Comparison(case.name, case.what, runs, Figures.of(samples["tbx"]),
-                      Figures.of(samples["floor"]))
+    figures = {name: Figures.of(taken) for name, taken in samples.items()}
+    tbx, floor = figures["tbx"], figures["floor"]
+    return {"name": case.name, "axis": case.axis, "size": case.size, "what": case.what,
+            "runs": runs, "ratio": tbx.seconds / floor.seconds,
+            "cpu_ratio": tbx.cpu_seconds / floor.cpu_seconds,
+            **{name: asdict(figure) for name, figure in figures.items()}}

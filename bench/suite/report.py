@@ -1,35 +1,108 @@
-"""The table that is printed, and the machine that it was taken on."""
+"""The tables, as text and for the documentation, and the machine that they were taken on."""
 
+import itertools
+import math
 import os
 import platform
 import re
 import subprocess
 from pathlib import Path
 
-HEADINGS = ("CASE", "SIZE", "TBX ms", "FLOOR ms", "RATIO", "TBX cpu ms", "FLOOR cpu ms",
-            "CPU RATIO", "PEAK MiB")
+CASE_HEADINGS = ("case", "grows", "tbx ms", "floor ms", "ratio", "CPU ratio", "growth",
+                 "floor's", "peak MiB", "of")
+INTERFACE_HEADINGS = ("messages", "first frame ms", "list ms", "ratio", "key ms", "reload ms",
+                      "bytes a frame")
+WALL_HEADINGS = ("terminals", "tbx ms", "wall ms")
 
 
 def milliseconds(seconds):
     return f"{seconds * 1000:.1f}"
 
 
-def row(result):
-    tbx, floor = result["tbx"], result["floor"]
-    return (result["name"], result["what"], milliseconds(tbx["seconds"]),
-            milliseconds(floor["seconds"]), f"{result['ratio']:.2f}",
-            milliseconds(tbx["cpu_seconds"]), milliseconds(floor["cpu_seconds"]),
-            f"{result['cpu_ratio']:.2f}", f"{tbx['peak_kib'] / 1024:.1f}")
+# ---- Growth -------------------------------------------------------------------------------
+
+def exponent(smaller, larger, program):
+    """How the time grew from one size to the next: 1 is in proportion."""
+    times = larger[program]["seconds"] / smaller[program]["seconds"]
+    return math.log(times) / math.log(larger["size"] / smaller["size"])
 
 
-def table(results):
-    """The results as lines of text: words to the left, figures to the right."""
-    rows = [HEADINGS, *map(row, results)]
-    widths = [max(map(len, column)) for column in zip(*rows)]
-    return "\n".join("  ".join(cell.ljust(width) if place < 2 else cell.rjust(width)
-                               for place, (cell, width) in enumerate(zip(cells, widths)))
-                     for cells in rows)
+def add_growth(results):
+    """Notes in each result how it grew from the next smaller one of its axis."""
+    for (_, axis), cases in itertools.groupby(results_of_axes(results),
+                                              lambda case: (case["name"], case["axis"])):
+        cases = list(cases)
+        for smaller, larger in itertools.pairwise(cases if axis else []):
+            larger["growth"] = exponent(smaller, larger, "tbx")
+            larger["floor_growth"] = exponent(smaller, larger, "floor")
 
+
+def results_of_axes(results):
+    """The results with those of one axis together, in the order they were measured in."""
+    axes = list(dict.fromkeys((case["name"], case["axis"]) for case in results))
+    return [case for axis in axes for case in results if (case["name"], case["axis"]) == axis]
+
+
+# ---- Rows ---------------------------------------------------------------------------------
+
+def growth_text(case, key):
+    return f"{case[key]:.2f}" if key in case else ""
+
+
+def case_row(case):
+    grows = f"{case['size']:,} {case['axis']}" if case["axis"] else ""
+    return (case["name"], grows, milliseconds(case["tbx"]["seconds"]),
+            milliseconds(case["floor"]["seconds"]), f"{case['ratio']:.2f}",
+            f"{case['cpu_ratio']:.2f}", growth_text(case, "growth"),
+            growth_text(case, "floor_growth"), f"{case['tbx']['peak_kib'] / 1024:.1f}",
+            case["what"])
+
+
+def wall_row(case):
+    return (f"{case['size']:,}", milliseconds(case["tbx"]["seconds"]),
+            milliseconds(case["wall"]["seconds"]))
+
+
+def interface_row(screen):
+    first, listed = screen["first_frame_seconds"], screen["list_seconds"]
+    return (f"{screen['size']:,}", milliseconds(first), milliseconds(listed),
+            f"{first / listed:.2f}", f"{screen['key_seconds'] * 1000:.2f}",
+            milliseconds(screen["reload_seconds"]), str(screen["frame_bytes"]))
+
+
+def tables(figures):
+    """Each table as its headings and its rows."""
+    cases = results_of_axes(figures["cases"])
+    beside_wall = [case for case in cases if "wall" in case]
+    return [(headings, rows) for headings, rows in (
+        (CASE_HEADINGS, list(map(case_row, cases))),
+        (WALL_HEADINGS, list(map(wall_row, beside_wall))),
+        (INTERFACE_HEADINGS, list(map(interface_row, figures["interface"])))) if rows]
+
+
+# ---- Text ---------------------------------------------------------------------------------
+
+def plain(headings, rows):
+    """A table as lines of text: words to the left, figures to the right."""
+    headings = [heading.upper() for heading in headings]
+    widths = [max(map(len, column)) for column in zip(headings, *rows)]
+    words = [heading in ("CASE", "GROWS", "OF") for heading in headings]
+    return "\n".join("  ".join(cell.ljust(width) if word else cell.rjust(width)
+                               for cell, width, word in zip(cells, widths, words)).rstrip()
+                     for cells in (headings, *rows))
+
+
+def markdown(headings, rows):
+    return "\n".join("| " + " | ".join(cells) + " |"
+                     for cells in (headings, ["---"] * len(headings), *rows))
+
+
+def text(figures):
+    return "\n\n".join([plain(*table) for table in tables(figures)]
+                       + [machine_line(figures["machine"])])
+
+
+# ---- The machine --------------------------------------------------------------------------
 
 def processor():
     found = re.search(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(encoding="ascii"),
@@ -43,9 +116,26 @@ def machine_facts(scratch):
                           capture_output=True, text=True).stdout.strip()
     return {"processor": processor(), "cores": os.cpu_count(),
             "kernel": platform.release().split("-")[0], "file_system": kind,
-            "load": round(os.getloadavg()[0], 1)}
+            "load_before": round(os.getloadavg()[0], 1)}
 
 
 def machine_line(facts):
-    return ("{processor}, {cores} cores, Linux {kernel}, {file_system}, load {load} at the start"
-            .format(**facts))
+    return ("{processor}, {cores} cores, Linux {kernel}, {file_system}; load {load_before} before,"
+            " {load_after} after, {minutes} minutes".format(**facts))
+
+
+# ---- The documentation --------------------------------------------------------------------
+
+BEGIN, END = "<!-- figures: written by tools/bench --record -->\n", "<!-- end of figures -->\n"
+
+
+def record(figures, document):
+    """Replaces the figures in the document."""
+    whole = document.read_text(encoding="utf-8")
+    before, rest = whole.split(BEGIN)
+    _, after = rest.split(END)
+    runs = sorted({case["runs"] for case in figures["cases"]})
+    body = "\n\n".join(markdown(*table) for table in tables(figures))
+    taken = (f"Medians of {' and '.join(map(str, runs))} runs of each program on "
+             f"{machine_line(figures['machine'])}.")
+    document.write_text(f"{before}{BEGIN}\n{taken}\n\n{body}\n\n{END}{after}", encoding="utf-8")

@@ -1,68 +1,48 @@
 """Stores as years of use would leave them, written without tbx."""
 
-import os
+import contextlib
+import subprocess
+from dataclasses import dataclass
 
-from .machine import user_id, user_name
+from .machine import FIRST_UID, PROGRAMS, STATE
 
 FIRST_DATE = 1_700_000_000
-TEXT = "The machine will be restarted tonight at ten. Please save your work.\n"
-CONFIRMATION = "{date} terminal\n"
+TEXT = "The machine will be restarted tonight at ten. Please save your work."
 
 
-def make_folder(path, mode, uid=0):
-    os.mkdir(path, mode)
-    os.chown(path, uid, uid)
+@dataclass
+class Shape:
+    """So many messages, with so many recipients each, of so many users. `words` say what is in
+    the mailboxes (see bench/store.cpp)."""
+
+    messages: int
+    recipients: int
+    users: int
+    words: tuple = ()
+
+    def __str__(self):
+        return (f"{self.messages:,} messages x {self.recipients:,} recipients, "
+                f"{self.users:,} users")
+
+    def write(self, directory):
+        """Makes the store, or brings it back to what it was."""
+        numbers = (self.messages, self.recipients, self.users, FIRST_UID, FIRST_DATE)
+        subprocess.run([f"{PROGRAMS}/bench/store", str(directory), *map(str, numbers), TEXT,
+                        *self.words], check=True)
 
 
-def write_file(path, text, uid=0):
-    with open(path, "w", encoding="utf-8") as file:
-        file.write(text)
-    os.chown(path, uid, uid)
+def remove(directory):
+    subprocess.run(["rm", "-rf", str(directory)], check=True)
 
 
-def recipients_of(message, count, user_count):
-    """`count` of the users, evenly spread, and others for each message."""
-    step = max(1, user_count // count)
-    return sorted((message + place * step) % user_count for place in range(count))
-
-
-def write_message(sent, number, recipients):
-    place = sent / str(number)
-    names = [user_name(recipient) for recipient in recipients]
-    date = FIRST_DATE + number
-    make_folder(place, 0o700)
-    write_file(place / "msg", f"format: 1\nid: {number}\nfrom: root\ndate: {date}\ntitle: \n"
-                              f"expires: \n\n{TEXT}")
-    write_file(place / "recipients", "".join(f"{name}\n" for name in names))
-    write_file(place / "delivery", "".join(f"{name} {date} 1\n" for name in names))
-    write_file(place / "lock", "")
-
-
-def confirm(users, number, recipients):
-    """What the user side leaves of a message that was shown on a terminal and confirmed."""
-    for recipient in recipients:
-        mailbox = users / user_name(recipient)
-        uid = user_id(recipient)
-        write_file(mailbox / "state" / f"{number}.term", "", uid)
-        write_file(mailbox / "acks" / str(number), CONFIRMATION.format(date=FIRST_DATE + number),
-                   uid)
-
-
-def write_store(top, messages, recipients, users, confirmed):
-    """A store of so many messages, with so many recipients each of so many users.
-
-    The mailboxes hold no copies: nothing that only reads looks at those.
-    """
-    make_folder(top, 0o755)
-    make_folder(top / "users", 0o755)
-    make_folder(top / "sent", 0o700)
-    for number in range(users):
-        mailbox = top / "users" / user_name(number)
-        make_folder(mailbox, 0o700, user_id(number))
-        for folder in ("inbox", "read", "acks", "state"):
-            make_folder(mailbox / folder, 0o755, user_id(number))
-    for number in range(1, messages + 1):
-        chosen = recipients_of(number, recipients, users)
-        write_message(top / "sent", number, chosen)
-        if confirmed:
-            confirm(top / "users", number, chosen)
+@contextlib.contextmanager
+def mounted(machine, shape, place=STATE):
+    """A new store of that shape where a program looks for its state; yields its directory."""
+    directory = machine.scratch / place.rpartition("/")[2]
+    shape.write(directory)
+    machine.use_store(place, directory)
+    try:
+        yield directory
+    finally:
+        machine.release_store(place)
+        remove(directory)

@@ -1,0 +1,38 @@
+"""What each recipient, user, message and key costs now, counted once for all tests."""
+
+import json
+import os
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent.parent
+DEFAULT_BINARY = ROOT / "build" / "release" / "tbx"
+
+
+def skip(reason):
+    """Skips the test; where every test has to run, fails it instead."""
+    if os.environ.get("CI") == "true":
+        pytest.fail(f"cannot be skipped here: {reason}", pytrace=False)
+    pytest.skip(reason)
+
+
+@pytest.fixture(scope="session")
+def counted(tmp_path_factory):
+    """The costs of the program under test: TBX_BINARY, else the release build. The programs of
+    bench/ are built beside it."""
+    if os.geteuid() != 0:
+        skip("needs root: real users and owners")
+    if missing := [tool for tool in ("strace", "valgrind") if shutil.which(tool) is None]:
+        skip(f"needs {' and '.join(missing)}")
+    tree = Path(os.environ.get("TBX_BINARY", DEFAULT_BINARY)).resolve().parent
+    folder = tmp_path_factory.mktemp("cost")
+    counting = subprocess.run(
+        [sys.executable, ROOT / "tools" / "bench", "--count", "--tree", tree, "--scratch", folder,
+         "--json", folder / "cost.json"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+        text=True, check=False)
+    assert counting.returncode == 0, counting.stdout
+    return json.loads((folder / "cost.json").read_text(encoding="ascii"))
