@@ -307,16 +307,38 @@ static int write_new_file(const char *path, const void *data, size_t len, mode_t
     return fd.close();
 }
 
-int write_file_atomic(const char *path, const void *data, size_t len, mode_t mode) {
+static int write_and_rename(const char *path, const void *data, size_t len, mode_t mode,
+                            int (*rename_to)(const char *, const char *)) {
     const std::string temporary = xasprintf("%s.tmp", path);
     unlink(temporary.c_str()); // a stale one of an interrupted run; most often there is none
     if (write_new_file(temporary.c_str(), data, len, mode) == 0 &&
-        rename(temporary.c_str(), path) == 0)
+        rename_to(temporary.c_str(), path) == 0)
         return 0;
     const int saved = errno;
     unlink(temporary.c_str()); // may never have been created
     errno = saved;
     return -1;
+}
+
+int write_file_atomic(const char *path, const void *data, size_t len, mode_t mode) {
+    return write_and_rename(path, data, len, mode, rename);
+}
+
+// Some file systems cannot rename without replacing: there a look before has to do.
+static int rename_without_replacing(const char *from, const char *to) {
+    if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS)
+        return -1;
+    if (path_exists(to)) {
+        errno = EEXIST;
+        return -1;
+    }
+    return rename(from, to);
+}
+
+int create_file_atomic(const char *path, const void *data, size_t len, mode_t mode) {
+    return write_and_rename(path, data, len, mode, rename_without_replacing);
 }
 
 // ---- Predicates and parsing ---------------------------------------------------------------

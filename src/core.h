@@ -180,6 +180,9 @@ void strlist_free(strlist *l); // releases everything; the list may be used agai
 // Replaces `path` by `len` bytes of `data`: written to "PATH.tmp", synced, renamed. A failure
 // removes the temporary file and keeps the old contents. The directory is not synced here.
 [[nodiscard]] int write_file_atomic(const char *path, const void *data, size_t len, mode_t mode);
+// The same, but what stands at `path` already stays: EEXIST. Of several who write it at once, one
+// succeeds.
+[[nodiscard]] int create_file_atomic(const char *path, const void *data, size_t len, mode_t mode);
 
 // ---- Predicates and parsing: 1 for yes, 0 for no ------------------------------------------
 

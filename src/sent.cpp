@@ -49,8 +49,12 @@ static int64_t read_number(const char *path) {
     return number;
 }
 
+static std::string number_line(int64_t number) {
+    return xasprintf("%lld\n", static_cast<long long>(number));
+}
+
 static int write_number(const char *path, int64_t number) {
-    const std::string text = xasprintf("%lld\n", static_cast<long long>(number));
+    const std::string text = number_line(number);
     return write_file_atomic(path, text.data(), text.size(), STORE_FILE_MODE);
 }
 
@@ -137,7 +141,9 @@ int sent_marker_exists(int64_t id, const char *name) {
 }
 
 int sent_marker_write_time(int64_t id, const char *name) {
-    return write_number(sent_path(id, name).c_str(), now());
+    const std::string text = number_line(now());
+    return create_file_atomic(sent_path(id, name).c_str(), text.data(), text.size(),
+                              STORE_FILE_MODE);
 }
 
 int64_t sent_revocation_time(int64_t id) {

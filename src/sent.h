@@ -48,7 +48,8 @@ void sent_marker_create(int64_t id, const char *name); // best effort, by design
 // Whether the marker is known to exist: 1 or 0.
 [[nodiscard]] int sent_marker_exists(int64_t id, const char *name);
 
-// Writes a marker that holds the current time, atomically. 0, or -1 with errno.
+// Writes a marker that holds the current time, atomically. One that stands keeps its time:
+// EEXIST. 0, or -1 with errno.
 [[nodiscard]] int sent_marker_write_time(int64_t id, const char *name);
 
 // The time in the "revoked" marker; 0 when it is missing or unreadable.

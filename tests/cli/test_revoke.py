@@ -261,7 +261,7 @@ def test_a_marker_that_cannot_be_written_is_an_error_and_no_copy_goes(box):
     assert box.journal.events() == []
 
 
-@pytest.mark.parametrize("call", ["fsync", "rename", "write"])
+@pytest.mark.parametrize("call", ["fsync", "renameat2", "write"])
 def test_a_full_disk_at_the_marker_is_an_error(box, strace, call):
     make_delivered(box, "pat")
     marker = f"{box.state_name}/sent/7/revoked"
@@ -322,7 +322,7 @@ def test_the_marks_stand_before_the_lock_is_waited_for(box):
 
 def test_marks_are_on_the_disk_before_the_event_and_the_lock(machine, strace):
     make_delivered(machine, "pat")
-    traced = machine.trace("rename,fsync,sendmsg,flock,unlink", "revoke", "7")
+    traced = machine.trace("renameat2,fsync,sendmsg,flock,unlink", "revoke", "7")
     assert traced.result.status == 0
     place = f"{machine.state_name}/sent/7"
     steps = []
@@ -332,6 +332,6 @@ def test_marks_are_on_the_disk_before_the_event_and_the_lock(machine, strace):
         elif name == "sendmsg" and "REVOKED" in arguments:
             steps.append((name, "REVOKED"))
     assert [step for step in steps if step != ("unlink", "revoked.tmp")] == [
-        ("fsync", "revoked.tmp"), ("rename", "revoked"), ("fsync", "revoking"), ("fsync", ""),
-        ("sendmsg", "REVOKED"), ("flock", "lock>, LOCK_EX"), ("unlink", "pat/inbox/7"),
+        ("fsync", "revoked.tmp"), ("renameat2", 'revoked", RENAME_NOREPLACE'),
+        ("fsync", "revoking"), ("fsync", ""), ("sendmsg", "REVOKED"), ("flock", "lock>, LOCK_EX"), ("unlink", "pat/inbox/7"),
         ("unlink", "revoking")]

@@ -230,7 +230,7 @@ def test_a_revoke_that_waits_behind_a_purge_has_nothing_left_to_take_back(machin
 
 def test_a_revoke_that_loses_the_message_to_a_purge_before_the_lock_fails(machine, strace):
     make_delivered(machine, "pat", "sam")
-    revoke = Stopped(machine, Call("rename", stored(machine, "revoked.tmp")), "revoke", "7")
+    revoke = Stopped(machine, Call("renameat2", stored(machine, "revoked.tmp")), "revoke", "7")
     assert tuple(machine.run("purge", "0m")) == DELETED
     assert tuple(revoke.go_on().wait()) == (
         "", f"tbx: {machine.state_name}/sent/7: No such file or directory\n", 1)
@@ -240,8 +240,8 @@ def test_a_revoke_that_loses_the_message_to_a_purge_before_the_lock_fails(machin
 # Two revokes.
 
 @pytest.mark.parametrize("call, name", [
-    ("openat", "revoking"), ("openat", "revoked.tmp"), ("fsync", "revoked.tmp"),
-    ("rename", "revoked.tmp"), ("fsync", "revoking")])
+    ("openat", "revoking"), ("unlink", "revoked.tmp"), ("openat", "revoked.tmp"),
+    ("fsync", "revoked.tmp"), ("renameat2", "revoked.tmp"), ("fsync", "revoking")])
 def test_a_revoke_that_runs_whole_within_another_and_the_other_both_succeed(machine, strace, call,
                                                                          name):
     make_delivered(machine, "pat", "sam")
@@ -403,7 +403,7 @@ def test_a_remind_that_loses_the_message_in_between_reminds_nobody(machine, stra
 
 def test_a_remind_during_a_revoke_is_refused_as_soon_as_the_mark_stands(machine, strace):
     make_delivered(machine, "pat")
-    revoke = Stopped(machine, Call("rename", stored(machine, "revoked.tmp")), "revoke", "7")
+    revoke = Stopped(machine, Call("renameat2", stored(machine, "revoked.tmp")), "revoke", "7")
     assert machine.run("remind", "7").stderr == (
         "tbx: message 7 has been revoked: nobody to remind\n")
     assert tuple(revoke.go_on().wait()) == REVOKED

@@ -48,6 +48,7 @@ static constexpr system_call CALLS[] = {
     {SYS_read, "read", names::fd},
     {SYS_readlink, "readlink", names::path},
     {SYS_rename, "rename", names::two_paths},
+    {SYS_renameat2, "rename", names::two_at},
     {SYS_rmdir, "rmdir", names::path},
     {SYS_sendmsg, "sendmsg", names::fd},
     {SYS_sendto, "sendto", names::fd},

@@ -9,6 +9,7 @@ enum class names {
     two_paths, // arguments 0 and 1
     fd,        // argument 0
     at,        // a directory's descriptor in argument 0, a path in 1
+    two_at,    // the same, and another pair behind it
     mapped,    // a descriptor in argument 4, -1 for none
     polled,    // the first of the structures in argument 0
 };

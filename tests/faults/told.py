@@ -3,7 +3,8 @@
 import re
 from collections import Counter
 
-from rules import KILLED, require
+from rules import require
+from tracing import KILLED
 from views import SHOWN, log_users, views
 
 WARNINGS = re.compile(

@@ -157,6 +157,10 @@ std::string describe_files(pid_t pid, bool is_first, const system_call &call,
         return describe_fd(pid, is_first, fd);
     case names::at:
         return path_at(pid, is_first, fd, read_string(pid, arguments[1]));
+    case names::two_at:
+        return path_at(pid, is_first, fd, read_string(pid, arguments[1])) + "\t" +
+               path_at(pid, is_first, static_cast<int>(arguments[2]),
+                       read_string(pid, arguments[3]));
     case names::mapped: {
         const int mapped = static_cast<int>(arguments[4]);
         return mapped < 0 ? "memory" : describe_fd(pid, is_first, mapped);

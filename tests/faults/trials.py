@@ -1,7 +1,6 @@
 """Which faults are tried at which calls, and one trial of one fault."""
 
 import errno
-import os
 import shutil
 from collections import Counter
 from dataclasses import dataclass, field
@@ -12,7 +11,7 @@ from harness.waiting import wait_for
 from rules import Broken, Judge, require
 from syncs import SyncRules
 from told import check_deliveries_recorded, check_events, check_told, journal_records
-from tracing import Call, Fault, install_tracer, run_traced
+from tracing import Fault, install_tracer, run_traced
 
 # ---- Faults -------------------------------------------------------------------------------
 
@@ -108,6 +107,15 @@ def _sign(call):
 
 # ---- One trial ----------------------------------------------------------------------------
 
+# Whatever the judge could not make sense of counts as a failed trial.
+PROBLEMS = (Broken, AssertionError, KeyError, OSError, ValueError)
+
+
+def summary(outcome):
+    """The different things that became of the messages, as one text."""
+    return ", ".join(sorted(set(outcome.values()))) or "nothing done"
+
+
 @dataclass
 class Tally:
     """What became of the trials of one case."""
@@ -194,13 +202,16 @@ class Bench:
         self.check_syncs(run, judge.before, judge)
         return run, at_once
 
-    def settle(self, judge, run, at_once):
-        """The next command once and twice; returns what became of each message."""
+    def settle(self, judge, run, at_once, earlier=()):
+        """The next command once and twice; returns what became of each message.
+
+        earlier  records of the journal from before the store was put back
+        """
         first = run_traced(self.machine, "list")
         require(first.status == 0, f"the next command: {first.result}")
         self.check_syncs(first, at_once, judge)
         settled = self.tree()
-        records = journal_records(self.machine)
+        records = [*earlier, *journal_records(self.machine)]
         outcome = judge.settled(settled, run, at_once)
         check_events(judge, run, records)
         check_deliveries_recorded(judge, outcome, records)
@@ -225,10 +236,7 @@ class Bench:
                 tally.missed = 1
             outcome, settled = self.settle(judge, run, at_once)
             self.repeat(judge, settled)
-            tally.outcomes[", ".join(sorted(set(outcome.values()))) or "nothing done"] += 1
-        except (Broken, AssertionError, KeyError, OSError, ValueError) as problem:
+            tally.outcomes[summary(outcome)] += 1
+        except PROBLEMS as problem:
             tally.failed.append((str(fault), f"{type(problem).__name__}: {problem}"))
         return tally
-
-
-__all__ = ["Bench", "Call", "Fault", "Tally", "failures", "kills", "os", "without_repeats"]

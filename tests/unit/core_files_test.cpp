@@ -316,6 +316,22 @@ TEST(WriteFileAtomic, FailedRenameRemovesTheTemporaryFile) {
     EXPECT_FALSE(scratch.exists("file.tmp"));
 }
 
+TEST(CreateFileAtomic, WritesAFileThatIsNotThere) {
+    const scratch_directory scratch;
+    EXPECT_EQ(create_file_atomic(scratch.path("file").c_str(), "new", 3, 0600), 0);
+    EXPECT_EQ(scratch.read("file"), "new");
+    EXPECT_FALSE(scratch.exists("file.tmp"));
+}
+
+TEST(CreateFileAtomic, LeavesAFileThatIsThere) {
+    const scratch_directory scratch;
+    scratch.write("file", "old");
+    EXPECT_EQ(create_file_atomic(scratch.path("file").c_str(), "new", 3, 0600), -1);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(scratch.read("file"), "old");
+    EXPECT_FALSE(scratch.exists("file.tmp"));
+}
+
 TEST(WriteFileAtomic, FailedWriteKeepsTheOldFile) {
     const scratch_directory scratch;
     scratch.write("file", "old");

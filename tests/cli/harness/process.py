@@ -58,6 +58,15 @@ class Process:
         """The process ID of the program itself, as this process sees it."""
         return int(wait_for(self._children)[0])
 
+    def system_call(self):
+        """The number of the system call that the program waits in; None while it waits in none."""
+        try:
+            with open(f"/proc/{self._children()[0]}/syscall", encoding="ascii") as call:
+                number = call.read().split()[0]
+        except (OSError, IndexError):
+            return None  # it has just begun or ended
+        return int(number) if number.isdigit() else None
+
     def _children(self):
         with open(f"/proc/{self._child.pid}/task/{self._child.pid}/children",
                   encoding="ascii") as children:

@@ -1,6 +1,6 @@
 """Runs of tbx that are stopped, killed or refused at one of their system calls, by strace.
 
-    stopped = Stopped(machine, Call("rename", "revoked.tmp"), "revoke", "7")
+    stopped = Stopped(machine, Call("renameat2", "revoked.tmp"), "revoke", "7")
     ...                                # it stands right behind that call
     stopped.go_on().wait()
 """
@@ -12,8 +12,8 @@ from dataclasses import dataclass
 from .agent import wait_for
 
 # Every call of the program that changes a file, a mailbox or the log, or starts a child.
-CHANGING = ("openat,mkdir,write,fsync,syncfs,rename,unlink,unlinkat,rmdir,chown,lchown,ftruncate,"
-            "sendmsg,clone,clone3,fork,vfork")
+CHANGING = ("openat,mkdir,write,fsync,syncfs,rename,renameat2,unlink,unlinkat,rmdir,chown,lchown,"
+            "ftruncate,sendmsg,clone,clone3,fork,vfork")
 
 _numbers = itertools.count(1)
 
