@@ -253,7 +253,9 @@ int read_file_limited(const char *path, size_t max, bool nofollow, strbuf *b) {
     if (!fd)
         return -1;
     struct stat status = {};
-    if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (fstat(fd.get(), &status) != 0)
+        return -1;
+    if (!S_ISREG(status.st_mode)) {
         errno = EINVAL;
         return -1;
     }

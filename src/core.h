@@ -165,8 +165,8 @@ void strlist_free(strlist *l); // releases everything; the list may be used agai
 // Appends the regular file at `path` to `b`.
 //   max       bytes; a longer file is refused with EFBIG
 //   nofollow  refuse a symbolic link as the last component
-// Returns 0, or -1 with errno: EINVAL when it is not a regular file, otherwise that of open
-// or read. A pipe or terminal at `path` never blocks.
+// Returns 0, or -1 with errno: EINVAL when it is not a regular file, otherwise that of open,
+// fstat or read. A pipe or terminal at `path` never blocks.
 [[nodiscard]] int read_file_limited(const char *path, size_t max, bool nofollow, strbuf *b);
 
 // Writes every byte, retrying on EINTR.

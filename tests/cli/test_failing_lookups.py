@@ -79,6 +79,15 @@ def test_a_message_that_cannot_be_read_is_not_called_unknown(box, command, error
     assert failing(box, "openat", "msg", error, command, "7") == told(box, "/msg", text)
 
 
+@pytest.mark.parametrize("name", ["msg", "recipients", "delivery"])
+@pytest.mark.parametrize("error", ["EIO", "ENOMEM"])
+def test_recovery_leaves_a_message_whose_opened_file_cannot_be_looked_up(box, name, error):
+    box.store.make_message(7, to=USERS, markers=["incomplete"], delivered=[("pat", DATE, 1)])
+    before = box.store.tree()
+    assert failing(box, "newfstatat", name, error, "list")[1:] == ("", 0)
+    assert without_lock(box.store.tree()) == before
+
+
 @pytest.mark.parametrize("command", ["status", "remind"])
 @pytest.mark.parametrize("name", ["recipients", "delivery"])
 def test_recipients_that_cannot_be_read_end_the_command(box, command, name):
