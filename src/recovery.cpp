@@ -13,8 +13,9 @@
 #include <cerrno>
 #include <cstring>
 
-static void remove_incomplete(int64_t id) {
-    unlink(sent_path(id, "incomplete").c_str()); // if it stays, the next run comes here again
+// If the mark stays, the next run comes here again.
+static bool remove_incomplete(int64_t id) {
+    return unlink(sent_path(id, "incomplete").c_str()) == 0;
 }
 
 // ---- A send that was cut off --------------------------------------------------------------
@@ -47,7 +48,8 @@ static saved load_interrupted(interrupted_send *send) {
 static void cancel_send(int64_t id) {
     if (sent_marker_write_time(id, "failed") != 0)
         errno = 0; // cancelled all the same: what was not saved cannot be sent
-    remove_incomplete(id);
+    if (!remove_incomplete(id))
+        return; // told once, when it is done
     event_log("CANCELLED", id, /*user=*/nullptr, /*channel=*/nullptr, /*details=*/nullptr,
               /*author=*/nullptr);
     warn("message %lld was interrupted before being saved and has been cancelled",
@@ -89,7 +91,7 @@ static void report_completed(int64_t id, int completed) {
 // Makes the copies durable before the mark goes; where that fails it stays for the next run.
 static void finish_send(int64_t id) {
     if (syncfs_path(users_dir().c_str()) == 0 && fsync_path(sent_message_dir(id).c_str()) == 0)
-        remove_incomplete(id);
+        (void)remove_incomplete(id);
 }
 
 static void complete_delivery(const interrupted_send &send) {
@@ -124,7 +126,7 @@ static void recover_send(int64_t id) {
     if (revoked == marker_state::unknown)
         return;
     if (revoked == marker_state::present || message_is_expired(send.message, now()))
-        remove_incomplete(id); // nobody is to see it any more
+        (void)remove_incomplete(id); // nobody is to see it any more
     else
         complete_delivery(send);
 }

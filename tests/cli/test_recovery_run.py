@@ -4,6 +4,7 @@ import fcntl
 import os
 
 import pytest
+from harness.stopped import Call, run_failing
 from harness.store import message_file
 
 DATE = 1790000000
@@ -114,6 +115,15 @@ def test_what_was_not_saved_is_cancelled(box, msg, to):
     assert not marker_stands(box)
     assert box.store.sent(7, "failed").read_text().strip().isdigit()
     assert box.store.sent(7, "failed").stat().st_mode & 0o777 == 0o600
+    assert box.journal.events() == [("CANCELLED", "", "")]
+
+
+def test_a_cancellation_is_told_once_and_not_before_it_is_done(box, strace):
+    box.store.make_message(7, to=None, markers=["incomplete"])
+    stuck = Call("unlink", f"{box.state_name}/sent/7/incomplete")
+    assert run_failing(box, stuck, "EIO", "list").stderr == ""
+    assert box.journal.events() == []
+    assert warned(box) == CANCELLED
     assert box.journal.events() == [("CANCELLED", "", "")]
 
 
