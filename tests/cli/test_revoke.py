@@ -333,5 +333,5 @@ def test_marks_are_on_the_disk_before_the_event_and_the_lock(machine, strace):
             steps.append((name, "REVOKED"))
     assert [step for step in steps if step != ("unlink", "revoked.tmp")] == [
         ("fsync", "revoked.tmp"), ("renameat2", 'revoked", RENAME_NOREPLACE'),
-        ("fsync", "revoking"), ("fsync", ""), ("sendmsg", "REVOKED"), ("flock", "lock>, LOCK_EX"), ("unlink", "pat/inbox/7"),
-        ("unlink", "revoking")]
+        ("fsync", "revoking"), ("fsync", ""), ("sendmsg", "REVOKED"),
+        ("flock", "lock>, LOCK_EX"), ("unlink", "pat/inbox/7"), ("unlink", "revoking")]

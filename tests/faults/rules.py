@@ -66,6 +66,11 @@ class Excuses:
         return self._any(lambda fault: fault.call.process > 0 or
                          not fault.call.path.startswith("/"))
 
+    @property
+    def shown_mark_may_stay(self):
+        """Only of the copy is it said that it is gone."""
+        return self._any(lambda fault: fault.is_at(r"/state/\d+\.(term|gui)"))
+
     def purge_may_go_on(self, state):
         """A purge ignores a sync of the store that fails."""
         return self._any(lambda fault: not fault.kills and fault.is_at(f"{state}/sent"))
@@ -317,7 +322,8 @@ class Judge:
         return views(self.before)[message.id].holders("copy")
 
     def _check_withdrawn(self, message, view):
-        held = view.holders("copy", "term", "gui") & self._accounts
+        kinds = {"copy"} if self.excuses.shown_mark_may_stay else {"copy"} | SHOWN
+        held = view.holders(*kinds) & self._accounts
         require(not held, f"message {message.id} is revoked, and {held} still have it")
         before = views(self.before)[message.id]
         for user in before.boxes:
