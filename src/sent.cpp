@@ -114,7 +114,11 @@ int64_t sent_allocate_id() {
     const unique_fd lock = open_locked(lock_path.c_str(), LOCK_EX);
     if (!lock)
         die("%s: %s", lock_path.c_str(), strerror(errno));
-    const int64_t id = claim_directory_after(read_number(seq_path.c_str()), seq_path.c_str());
+    errno = 0;
+    const int64_t last = read_number(seq_path.c_str());
+    if (is_resource_error(errno)) // from 0 on, a purged identifier would be taken again
+        die("%s: %s", seq_path.c_str(), strerror(errno));
+    const int64_t id = claim_directory_after(last, seq_path.c_str());
     if (write_number(seq_path.c_str(), id) != 0)
         die("%s: %s", seq_path.c_str(), strerror(errno));
     return id;

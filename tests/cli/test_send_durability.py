@@ -149,6 +149,18 @@ def test_a_sequence_that_cannot_be_written_is_named(box, strace, call, error, wo
 
 
 @pytest.mark.parametrize("call,error,words", [
+    ("openat", "EMFILE", "Too many open files"), ("newfstatat", "ENOMEM", "Cannot allocate memory"),
+    ("read", "EIO", "Input/output error")])
+def test_a_sequence_that_cannot_be_read_gives_no_identifier_twice(box, strace, call, error, words):
+    box.store.create()
+    box.store.write_private(box.store.sent(".seq"), b"7\n")
+    result = failing_send(box, call, f"{call}:error={error}", f"{STATE}/sent/.seq")
+    assert tuple(result) == ("", f"tbx: {STATE}/sent/.seq: {words}\n", 1)
+    assert not box.store.sent(1).exists()
+    assert box.run("send", "--to", "pat", "hello").stdout == "Message 8 sent to 1 user.\n"
+
+
+@pytest.mark.parametrize("call,error,words", [
     ("openat", "EMFILE", "Too many open files"), ("flock", "ENOLCK", "No locks available")])
 @pytest.mark.parametrize("lock,named", [("sent/.seq.lock", "sent/.seq.lock"),
                                         ("sent/1/lock", "sent/1")])
