@@ -365,10 +365,14 @@ bool mailbox_reset_shown(const resolved_user &user, int64_t id) {
     return run_on_mailbox(user, mailbox_remove_shown, &target, nullptr) == 0;
 }
 
-void mailbox_purge_message(const resolved_user &user, int64_t id) {
+bool mailbox_purge_message(const resolved_user &user, int64_t id) {
     mailbox_target target = {mailbox_dir(user), id};
-    if (is_directory(target.mailbox.c_str()))
+    struct stat status = {};
+    if (lstat(target.mailbox.c_str(), &status) != 0)
+        return !is_resource_error(errno);
+    if (S_ISDIR(status.st_mode))
         (void)run_on_mailbox(user, mailbox_remove_all, &target, nullptr); // as far as possible
+    return true;
 }
 
 // Failures are ignored: the callers look at what is left.

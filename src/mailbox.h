@@ -55,8 +55,9 @@ struct mailbox_target {
 // without a mailbox.
 [[nodiscard]] bool mailbox_reset_shown(const resolved_user &user, int64_t id);
 
-// Removes every file of the message, as far as possible.
-void mailbox_purge_message(const resolved_user &user, int64_t id);
+// Removes every file of the message, as far as possible. False, with nothing removed, when it
+// cannot be told for want of resources whether there is a mailbox.
+bool mailbox_purge_message(const resolved_user &user, int64_t id);
 
 // The callbacks, each run as the user; the argument is a mailbox_target. They report through
 // their exit status only: 0 done, 1 not.

@@ -293,7 +293,7 @@ void sent_remove_message_dir(const char *dir, int64_t id) {
     for (const char *name : recipients) {
         resolved_user user;
         if (user_lookup_by_name(name, &user))
-            mailbox_purge_message(user, id);
+            all_known = mailbox_purge_message(user, id) && all_known;
         else if (failed_for_resources())
             all_known = false;
     }

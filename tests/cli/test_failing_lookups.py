@@ -61,6 +61,19 @@ def test_purge_leaves_a_message_that_may_be_incomplete(box):
     assert box.store.tree() == before
 
 
+@pytest.mark.parametrize("error", ["EIO", "ENOMEM"])
+def test_a_purge_comes_back_to_a_mailbox_that_it_could_not_look_up(box, error):
+    make_delivered(box)
+    place = f"{box.state_name}/users/pat"
+    traced = box.trace("newfstatat", "purge", "1d", inject=[f"newfstatat:error={error}"],
+                       only_path=place)
+    assert tuple(traced.result) == ("Deleted 1 message older than 1d.\n", "", 0)
+    assert box.store.mailbox("pat", "inbox", 7).exists()
+    assert box.run("list").status == 0
+    assert not box.store.mailbox("pat", "inbox", 7).exists()
+    assert not (box.store.top / "sent" / ".deleting-7").exists()
+
+
 def test_recovery_delivers_nothing_that_may_be_revoked(box):
     box.store.make_message(7, to=USERS, markers=["incomplete"], revoked=DATE)
     before = box.store.tree()
