@@ -1,54 +1,152 @@
-"""Many trials at once, in processes that have a machine each."""
+"""All trials: what there is to try, in processes that have a machine each, and the table."""
 
 import multiprocessing
 import signal
+from collections import Counter
+from dataclasses import dataclass, field
 
-from cases import CASES
+from cases import CASES, GROUPS
+from together import PAIRS, stops, try_pair
 from trials import Bench, Tally, failures, kills, without_repeats
+from twice import try_second_kills
 
 CHUNK = 60  # trials on one machine
+TWICE = ("send to one user, nothing there yet", "revoke with a lost account and a user without "
+         "mailbox", "purge two of three messages", "send beside one interrupted message of each "
+         "kind")
 
 _binary = None
 
 
-def _start_worker(binary):
+def start_worker(binary):
     global _binary
     _binary = binary
     signal.signal(signal.SIGINT, signal.SIG_IGN)  # the parent ends the workers
 
 
-def points_of(name):
-    """(kills, failures) of a case, as an undisturbed run has its calls."""
-    with Bench(_binary, CASES[name]) as bench:
-        return list(kills(bench.calls)), list(failures(without_repeats(bench.calls)))
+# ---- What there is to try -----------------------------------------------------------------
+
+@dataclass(frozen=True)
+class Task:
+    """Some trials of one kind, on one machine."""
+
+    kind: str
+    name: str  # of the case or pair
+    points: tuple
 
 
-def try_faults(task):
-    name, kind, faults = task
+def points_of(kind, name):
+    """The points of a case or pair, as an undisturbed run has its calls."""
+    case = _pair(name).case if kind == "together" else CASES[name]
+    with Bench(_binary, case) as bench:
+        if kind == "together":
+            return stops(bench.calls)
+        if kind == "error":
+            return list(failures(without_repeats(bench.calls)))
+        return list(kills(bench.calls))
+
+
+def _pair(name):
+    return next(pair for pair in PAIRS if str(pair) == name)
+
+
+def names_of(kind):
+    return {"kill": CASES, "error": CASES, "twice": TWICE,
+            "together": list(map(str, PAIRS))}[kind]
+
+
+KINDS = {
+    "kill": "Killed at every call that changes something, and within every write",
+    "error": "Every call failing with every error that it can have, every write cut short",
+    "twice": "Killed, and the next command killed at every call of its own",
+    "together": "Standing still before every call that changes something, while another command "
+                "runs",
+}
+
+
+def tasks_of(kind, name):
+    points = tuple(points_of(kind, name))
+    # What one first kill left is tried once: the trials of one case stay in one process.
+    size = len(points) or 1 if kind == "twice" else CHUNK
+    return [Task(kind, name, points[start:start + size])
+            for start in range(0, len(points), size)]
+
+
+def run_task(task):
     total = Tally()
-    with Bench(_binary, CASES[name]) as bench:
-        for fault in faults:
-            total.add(bench.try_fault(fault))
-    return name, kind, total
+    case = _pair(task.name).case if task.kind == "together" else CASES[task.name]
+    seen = set()
+    with Bench(_binary, case) as bench:
+        for point in task.points:
+            if task.kind == "twice":
+                total.add(try_second_kills(bench, point, seen))
+            elif task.kind == "together":
+                total.add(try_pair(bench, _pair(task.name), point))
+            else:
+                total.add(bench.try_fault(point))
+    return task, total
 
 
-def chunks(items, size=CHUNK):
-    return [items[start:start + size] for start in range(0, len(items), size)]
+def _tasks_of(pair):
+    return tasks_of(*pair)
 
 
-def run_pool(binary, jobs, function, tasks, done):
-    """Runs the function on each task and hands every result to `done`."""
-    with multiprocessing.Pool(jobs, _start_worker, (binary,), maxtasksperchild=20) as pool:
-        for result in pool.imap_unordered(function, tasks):
-            done(result)
+def run_everything(binary, jobs, wanted, on_result):
+    """Runs all trials of the (kind, name) pairs; every (Task, Tally) goes to on_result."""
+    with multiprocessing.Pool(jobs, start_worker, (binary,), maxtasksperchild=20) as pool:
+        tasks = [task for some in pool.imap(_tasks_of, wanted) for task in some]
+        # The long ones first, so that no process is left alone with one at the end.
+        tasks.sort(key=lambda task: task.kind != "twice")
+        for task, tally in pool.imap_unordered(run_task, tasks):
+            on_result(task, tally)
 
 
-def fault_tasks(binary, jobs, names, kinds=("kill", "failure")):
-    """The trials of the named cases, in chunks."""
-    tasks = []
-    with multiprocessing.Pool(jobs, _start_worker, (binary,)) as pool:
-        for name, points in zip(names, pool.map(points_of, names, chunksize=1)):
-            for kind, faults in zip(("kill", "failure"), points):
-                if kind in kinds:
-                    tasks += [(name, kind, chunk) for chunk in chunks(faults)]
-    return tasks
+# ---- The table ----------------------------------------------------------------------------
+
+@dataclass
+class Results:
+    """The tallies of a campaign by kind and name."""
+
+    tallies: dict = field(default_factory=dict)
+
+    def add(self, task, tally):
+        self.tallies.setdefault((task.kind, task.name), Tally()).add(tally)
+
+    @property
+    def failed(self):
+        return [(*key, *failure) for key, tally in self.tallies.items()
+                for failure in tally.failed]
+
+    def outcomes(self, kind):
+        total = Counter()
+        for (own, _), tally in self.tallies.items():
+            if own == kind:
+                for texts, count in tally.outcomes.items():
+                    total.update({text: count for text in texts.split(", ")})
+        return total
+
+    def rows(self, kind):
+        """(name, tried, survived, failed) in the order of the cases."""
+        for name in names_of(kind):
+            tally = self.tallies.get((kind, name))
+            if tally:
+                yield (name, tally.tried, tally.tried - len(tally.failed), len(tally.failed))
+
+    def table(self, kind):
+        rows = list(self.rows(kind))
+        total = [sum(row[column] for row in rows) for column in (1, 2, 3)]
+        lines = [f"### {KINDS[kind]}", "", "| | tried | survived | failed |", "|---|--:|--:|--:|"]
+        lines += [f"| {name} | {tried} | {survived} | {failed} |"
+                  for name, tried, survived, failed in rows]
+        lines += [f"| **together** | **{total[0]}** | **{total[1]}** | **{total[2]}** |", ""]
+        outcomes = sorted(self.outcomes(kind).items(), key=lambda item: -item[1])
+        lines += ["What became of messages: " + ", ".join(
+            f"{text} {count}" for text, count in outcomes) + ".", ""]
+        return lines
+
+    def tables(self):
+        kinds = [kind for kind in KINDS if any(own == kind for own, _ in self.tallies)]
+        return "\n".join(line for kind in kinds for line in self.table(kind))
+
+
+__all__ = ["GROUPS", "KINDS", "Results", "names_of", "run_everything", "run_task"]

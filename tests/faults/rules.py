@@ -3,6 +3,7 @@
 The rules are written from what the program promises, never from how it keeps the promise.
 """
 
+import copy
 import re
 import time
 
@@ -91,6 +92,12 @@ class Judge:
         self._uid = machine.uid
         self._accounts = {"pat", "alex", "sam", "kim"}
         self._began = int(time.time())
+
+    def with_faults(self, *faults):
+        """The same judge, for a trial that goes on with these faults."""
+        other = copy.copy(self)
+        other.contents, other.excuses = dict(self.contents), Excuses(faults)
+        return other
 
     # ---- Whatever holds at every moment ---------------------------------------------------
 
@@ -201,7 +208,7 @@ class Judge:
             require(not view.boxes, f"message {message_id} was never saved, and delivered")
             require("incomplete" not in names, f"message {message_id} is not cancelled")
             if self.excuses.cannot_write("failed"):
-                return "cancelled, not marked"
+                return "cancelled without mark"
             require(self.excuses.cannot_write("incomplete"),
                     f"message {message_id} is half saved: {sorted(names)}")
             return "never marked"
@@ -230,7 +237,7 @@ class Judge:
                 f"message {message_id} is {'not ' if is_waiting else ''}marked")
         if is_waiting:
             return "waiting"
-        return "delivered, not logged" if unlogged else "delivered"
+        return "delivered without log line" if unlogged else "delivered"
 
     # ---- Messages that were there ---------------------------------------------------------
 
@@ -261,7 +268,7 @@ class Judge:
         require(view.aside is None, f"message {message.id} is still moved aside")
         require(len(view.boxes) == 1 and self.excuses.mailbox_may_be_passed_over,
                 f"of message {message.id} stays {view.boxes}")
-        return "gone, but for a mailbox passed over"
+        return "gone but for a mailbox passed over"
 
     def _kept(self, message, view):
         """A message that nothing was to be done to, or that recovery has done with."""
@@ -274,7 +281,7 @@ class Judge:
             require(marked or self.excuses.cannot_write("failed"),
                     f"message {message.id} is not cancelled")
             require(names - {"failed"} == unchanged.keys(), f"message {message.id}: {names}")
-            return "cancelled" if marked else "cancelled, not marked"
+            return "cancelled" if marked else "cancelled without mark"
         require(names == unchanged.keys(), f"message {message.id} has {sorted(names)}")
         for name, content in unchanged.items():
             require(view.folder[name] == content, f"{name} of message {message.id} has changed")
@@ -316,7 +323,7 @@ class Judge:
         require("revoking" in marks and "revoked" not in marks and run.status != 0,
                 f"message {message.id} is withdrawn and not marked")
         self._check_withdrawn(message, view)
-        return "withdrawn, not marked"
+        return "withdrawn without mark"
 
     def _holders_before(self, message):
         return views(self.before)[message.id].holders("copy")

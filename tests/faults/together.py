@@ -148,6 +148,8 @@ class PairJudge:
         """A command may lose its message to the other one, or come before it is there."""
         is_lost = "no such message" in errors or "No such file or directory" in errors
         may_lose = (self._deleted or self._pair.first in ("send", "recovery of a purge"))
+        if verb == "send":  # of no age yet and not marked: its directory is taken for a broken one
+            return is_lost and self._deleted
         if verb == "revoke":
             return is_lost and may_lose
         if verb == "remind":

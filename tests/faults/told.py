@@ -27,15 +27,21 @@ def check_told(judge, run, at_once, records, clean):
     check_events(judge, run, records)
 
 
+def is_cut_short(run):
+    """Whether some of its words did not come through."""
+    return run.status == KILLED or any(
+        call.path in ("stdout", "stderr") and not call.succeeded for call in run.calls)
+
+
 def _check_form(judge, run):
     require(run.status in (0, 1) or (run.status == KILLED and judge.excuses.program_killed),
             f"ended with status {run.status}")
     lines = run.stderr.splitlines()
-    require(all(line.startswith("tbx: ") for line in lines), f"told: {run.stderr!r}")
+    require(is_cut_short(run) or all(line.startswith("tbx: ") for line in lines),
+            f"told: {run.stderr!r}")
     errors = [line for line in lines if not WARNINGS.fullmatch(line.removeprefix("tbx: "))]
-    is_cut_short = run.status == KILLED or any(
-        call.path == "stderr" and not call.succeeded for call in run.calls)
-    require(len(errors) == run.status or is_cut_short, f"status {run.status}, and told {errors}")
+    require(len(errors) == run.status or is_cut_short(run),
+            f"status {run.status}, and told {errors}")
     if judge.excuses.none and judge.case.told:
         require((run.stdout, run.status) == judge.case.told, f"undisturbed: {run.result}")
 
@@ -59,10 +65,11 @@ def _send(judge, run, messages, _records, _clean):
                 "told that the next command will retry")
         others = set(judge.case.recipients) - set(failed[2].split())
         require(others <= view.holders("copy"), f"told of {failed[2]} only")
-        require(run.stdout == f"Message {failed[1]} delivered to {len(others)} of "
-                f"{len(judge.case.recipients)} recipients.\n", run.stdout)
+        summary = (f"Message {failed[1]} delivered to {len(others)} of "
+                   f"{len(judge.case.recipients)} recipients.\n")
+        require(is_cut_short(run) or run.stdout == summary, run.stdout)
     elif run.status == 1:
-        require(run.stdout == "" or "standard output" in run.stderr, f"{run.result}")
+        require(run.stdout == "" or is_cut_short(run), f"{run.result}")
 
 
 def _revoke(judge, run, messages, _records, _clean):
@@ -166,7 +173,8 @@ def check_events(judge, run, records):
     """No event twice, and none that is not true."""
     require({record[0] for record in records} <= KNOWN_EVENTS, f"{records}")
     once = Counter(record[:3] for record in records if record[0] != "NOT_DELIVERED")
-    twice = [event for event, count in once.items() if count > 1]
+    twice = [event for event, count in once.items() if count > 1 and not (
+        event[0] == "DELIVERED" and judge.excuses.cannot_write("delivery"))]
     require(not twice, f"recorded twice: {twice}")
     for event, message, *_ in records:
         if event == "SENT":

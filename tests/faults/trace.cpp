@@ -223,6 +223,7 @@ struct process {
     int occurrence = 0;
     std::string files;
     const char *flags = "-";
+    uint64_t first_argument = 0;
     int forced_error = 0;
     bool dies_behind = false;
     bool next_fails = false; // the next call of the fault's name
@@ -256,12 +257,10 @@ void set_register(pid_t pid, size_t offset, uint64_t value) {
 
 // A process is stopped before the call: it is made to do nothing, or only half.
 void skip_call(pid_t pid, process *one, int error) {
-    if (one->call->number == SYS_brk) { // reports no error: it tells where the heap still ends
-        set_register(pid, offsetof(user, regs.rdi), 0);
-        return;
-    }
     one->forced_error = error;
-    if (one->call->number != SYS_close) // whatever it reports, the descriptor is closed
+    if (one->call->number == SYS_brk) // asked for nothing, it tells where the heap ends
+        set_register(pid, offsetof(user, regs.rdi), 0);
+    else if (one->call->number != SYS_close) // whatever it reports, the descriptor is closed
         set_register(pid, offsetof(user, regs.orig_rax), static_cast<uint64_t>(-1));
 }
 
@@ -326,13 +325,16 @@ void enter_call(tracer *run, pid_t pid, process *one, const __ptrace_syscall_inf
     one->occurrence = ++one->counts[std::string(one->call->name)];
     one->files = describe_files(pid, pid == run->first, *one->call, arguments);
     one->flags = describe_flags(*one->call, arguments);
+    one->first_argument = arguments[0];
     apply_fault(run, pid, one, arguments);
 }
 
 void leave_call(const tracer &run, pid_t pid, process *one, int64_t result) {
     if (one->call == nullptr)
         return;
-    if (one->forced_error != 0) {
+    if (one->forced_error != 0 && one->call->number == SYS_brk) {
+        set_register(pid, offsetof(user, regs.rdi), one->first_argument);
+    } else if (one->forced_error != 0) {
         result = -one->forced_error;
         set_register(pid, offsetof(user, regs.rax), static_cast<uint64_t>(result));
     }

@@ -133,6 +133,9 @@ class Tally:
         self.failed += other.failed
 
 
+OF_A_RUN = {"tbx", "fault_trace", "date", "systemd-run"}  # the programs of a run
+
+
 class Bench:
     """A machine on which one case is tried again and again."""
 
@@ -142,7 +145,6 @@ class Bench:
         install_tracer(self.machine, binary)
         if case.furnish:
             case.furnish(self.machine)
-        self._residents = self._processes()
         self._fresh_store()
         run = run_traced(self.machine, *case.command)
         self.clean_stdout = run.stdout
@@ -163,14 +165,14 @@ class Bench:
         for path in self.machine.path("/proc").iterdir():
             try:
                 if path.name.isdigit():
-                    names.add((path / "comm").read_text(encoding="ascii"))
+                    names.add((path / "comm").read_text(encoding="ascii").strip())
             except OSError:
                 pass  # it has just ended
         return names
 
     def wait_for_quiet(self):
         """Waits until no process of an ended run is left."""
-        wait_for(lambda: self._processes() <= self._residents, limit_seconds=10)
+        wait_for(lambda: not self._processes() & OF_A_RUN, limit_seconds=10)
         for terminal in getattr(self.machine, "fault_terminals", ()):
             terminal.read()
 

@@ -4,7 +4,6 @@ import os
 import re
 import shutil
 
-from rules import Judge
 from told import journal_records
 from tracing import run_traced
 from trials import PROBLEMS, Tally, kills, summary
@@ -62,9 +61,8 @@ def try_second_kills(bench, first, seen):
     for second in kills(run_traced(bench.machine, "list").calls):
         snapshot.put_back()
         bench.machine.journal.clear()
-        again = Judge(judge.case, bench.machine, judge.before, dict(judge.contents),
-                      (first, second))
-        tally.add(_try_second_kill(bench, again, second, (run, tree, earlier)))
+        tally.add(_try_second_kill(bench, judge.with_faults(first, second), second,
+                                   (run, tree, earlier)))
     return tally
 
 

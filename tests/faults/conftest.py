@@ -1,0 +1,57 @@
+"""Fixtures of the trials. The machines are those of tests/cli."""
+
+import os
+import sys
+from pathlib import Path
+
+import pytest
+
+HERE = Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE.parent / "cli"), str(HERE)]
+
+from harness.machine import Machine  # noqa: E402
+from tracing import install_tracer  # noqa: E402
+from trials import Bench  # noqa: E402
+
+DEFAULT_BINARY = HERE.parent.parent / "build" / "release" / "tbx"
+
+
+def skip(reason):
+    """Skips the test; where every test has to run, fails it instead."""
+    if os.environ.get("CI") == "true":
+        pytest.fail(f"cannot be skipped here: {reason}", pytrace=False)
+    pytest.skip(reason)
+
+
+@pytest.fixture(scope="session")
+def binary():
+    """The program under test: TBX_BINARY, else the release build."""
+    path = Path(os.environ.get("TBX_BINARY", DEFAULT_BINARY)).resolve()
+    if not path.is_file():
+        pytest.fail(f"{path} is missing: build the program first", pytrace=False)
+    if os.geteuid() != 0:
+        skip("needs root: real users and owners")
+    return path
+
+
+@pytest.fixture
+def new_bench(binary):
+    """Makes a Bench for a case; all of them go with the test."""
+    benches = []
+
+    def make(case):
+        benches.append(Bench(binary, case))
+        return benches[-1]
+
+    yield make
+    for bench in benches:
+        bench.close()
+
+
+@pytest.fixture
+def machine(binary):
+    """A scratch machine with the tracer on it."""
+    with_tracer = Machine(binary)
+    install_tracer(with_tracer, binary)
+    yield with_tracer
+    with_tracer.close()
