@@ -1,0 +1,42 @@
+// For the build that counts what is executed: its counters are written when a process ends by
+// exit(). These stand before the ways out that know nothing of it (linked by --wrap).
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <iterator>
+
+extern "C" {
+
+void __gcov_dump();
+void __gcov_reset();
+
+[[noreturn]] void __real__exit(int status);
+int __real_execvp(const char *file, char *const arguments[]);
+
+[[noreturn]] void __wrap__exit(int status) {
+    __gcov_dump();
+    __real__exit(status);
+}
+
+int __wrap_execvp(const char *file, char *const arguments[]) {
+    __gcov_dump();
+    __gcov_reset(); // where exec fails, the process goes on counting
+    return __real_execvp(file, arguments);
+}
+
+// For execl() too: the paths that it is given have a slash, and are not searched for.
+int __wrap_execlp(const char *file, const char *first, ...) {
+    char *list[32] = {const_cast<char *>(first)};
+    va_list arguments;
+    va_start(arguments, first);
+    for (size_t i = 1; list[i - 1] != nullptr && i < std::size(list) - 1; i++)
+        list[i] = va_arg(arguments, char *);
+    va_end(arguments);
+    return __wrap_execvp(file, list);
+}
+
+int __wrap_execl(const char *file, const char *first, ...)
+    __attribute__((alias("__wrap_execlp")));
+
+} // extern "C"
