@@ -24,18 +24,23 @@ static std::string identifier_lines(const strlist &ids) {
     return lines;
 }
 
-void mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
+bool mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
                                 confirmation_list *list) {
     confirmation_list_free(list);
     std::string mailbox = mailbox_dir(user);
-    if (ids.count == 0 || !is_directory(mailbox.c_str()))
-        return;
+    if (ids.count == 0)
+        return true;
+    errno = 0;
+    if (!is_directory(mailbox.c_str()))
+        return !is_resource_error(errno);
     const std::string lines = identifier_lines(ids);
     const std::string_view input = lines;
     strbuf report;
     if (run_as_user(user, mailbox_report_confirmations, mailbox.data(), &input, &report,
-                    REPORT_MAX_BYTES, MAILBOX_TIMEOUT_SECONDS) >= 0)
-        confirmation_parse(report.view(), list);
+                    REPORT_MAX_BYTES, MAILBOX_TIMEOUT_SECONDS) < 0)
+        return errno == 0; // a child that was started may fail of what it found
+    confirmation_parse(report.view(), list);
+    return true;
 }
 
 const confirmation_entry *confirmation_find(const confirmation_list &list, int64_t id) {

@@ -25,9 +25,10 @@ struct confirmation_list {
 };
 
 // Fills `list` with what the user's mailbox says of the messages `ids` (decimal strings), in
-// one child that runs as the user. Never fails: any trouble yields a shorter or empty list.
-void mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
-                                confirmation_list *list);
+// one child that runs as the user. Whatever is wrong with the mailbox yields a shorter or empty
+// list. False, with errno, when nobody could look for want of resources.
+[[nodiscard]] bool mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
+                                              confirmation_list *list);
 
 // The entry of a message, or null. Stays valid until the list changes.
 [[nodiscard]] const confirmation_entry *confirmation_find(const confirmation_list &list,

@@ -261,7 +261,9 @@ int run_as_user(const resolved_user &user, user_callback callback, void *argumen
                              input != nullptr ? *input : std::string_view(), output, output_limit};
     if (traffic.input.empty())
         traffic.to_child.reset();
-    return attend_child(child, &traffic, deadline_ms);
+    const int result = attend_child(child, &traffic, deadline_ms);
+    errno = 0; // it was started
+    return result;
 }
 
 // ---- Paths --------------------------------------------------------------------------------
@@ -367,12 +369,9 @@ bool mailbox_reset_shown(const resolved_user &user, int64_t id) {
 
 bool mailbox_purge_message(const resolved_user &user, int64_t id) {
     mailbox_target target = {mailbox_dir(user), id};
-    struct stat status = {};
-    if (lstat(target.mailbox.c_str(), &status) != 0)
-        return !is_resource_error(errno);
-    if (S_ISDIR(status.st_mode))
-        (void)run_on_mailbox(user, mailbox_remove_all, &target, nullptr); // as far as possible
-    return true;
+    if (is_certainly_no_mailbox(target.mailbox.c_str()))
+        return true;
+    return run_on_mailbox(user, mailbox_remove_all, &target, nullptr) >= 0 || errno == 0;
 }
 
 // Failures are ignored: the callers look at what is left.

@@ -19,7 +19,8 @@ using user_callback = int (*)(void *argument);
 //   output           receives the child's standard output, at most `output_limit` bytes, or null
 //   timeout_seconds  after which the child is killed
 // Returns the callback's exit status (0 to 255, never 126), or -1 when the child could not be
-// started, could not become the user, ran out of time or was ended by a signal.
+// started, could not become the user, ran out of time or was ended by a signal. With -1, errno
+// says what kept it from being started, and is 0 when it was started.
 [[nodiscard]] int run_as_user(const resolved_user &user, user_callback callback, void *argument,
                               const std::string_view *input, strbuf *output, size_t output_limit,
                               int timeout_seconds);
@@ -55,9 +56,9 @@ struct mailbox_target {
 // without a mailbox.
 [[nodiscard]] bool mailbox_reset_shown(const resolved_user &user, int64_t id);
 
-// Removes every file of the message, as far as possible. False, with nothing removed, when it
-// cannot be told for want of resources whether there is a mailbox.
-bool mailbox_purge_message(const resolved_user &user, int64_t id);
+// Removes every file of the message, as far as possible. False, with errno, when nobody could
+// try for want of resources.
+[[nodiscard]] bool mailbox_purge_message(const resolved_user &user, int64_t id);
 
 // The callbacks, each run as the user; the argument is a mailbox_target. They report through
 // their exit status only: 0 done, 1 not.

@@ -289,15 +289,17 @@ void sent_remove_message_dir(const char *dir, int64_t id) {
     if (read_recipients_file(xasprintf("%s/recipients", dir).c_str(), &recipients) != 0 &&
         failed_for_resources())
         return;
-    bool all_known = true;
+    bool all_tried = true;
     for (const char *name : recipients) {
         resolved_user user;
-        if (user_lookup_by_name(name, &user))
-            all_known = mailbox_purge_message(user, id) && all_known;
-        else if (failed_for_resources())
-            all_known = false;
+        if (user_lookup_by_name(name, &user)) {
+            if (!mailbox_purge_message(user, id))
+                all_tried = false;
+        } else if (failed_for_resources()) {
+            all_tried = false;
+        }
     }
-    if (all_known)
+    if (all_tried)
         remove_directory(dir);
 }
 
@@ -323,38 +325,52 @@ bool sent_finish_revoking(int64_t id) {
 
 // ---- State of a recipient -----------------------------------------------------------------
 
-using user_confirmations =
-    std::unordered_map<std::string, confirmation_list, string_hash, std::equal_to<>>;
+struct user_confirmations {
+    confirmation_list list;
+    int error = 0; // that kept them from being read
+};
 
 // For the length of one run, or until recipient_state_cache_drop(): what each user's mailbox
 // said, and the identifiers that it was asked for.
 static struct {
     bool ids_listed = false;
     strlist ids;
-    user_confirmations users;
+    std::unordered_map<std::string, user_confirmations, string_hash, std::equal_to<>> users;
 } state_cache;
 
-static const strlist &cached_ids() {
+// False, with errno, where the store cannot be listed: no identifiers then, and not half of them.
+static bool list_ids_once() {
     if (!state_cache.ids_listed)
         state_cache.ids_listed = sent_list_ids(&state_cache.ids) == 0;
+    const int error = errno;
     if (!state_cache.ids_listed)
-        strlist_free(&state_cache.ids); // none where unreadable, and not half of them
-    return state_cache.ids;
+        strlist_free(&state_cache.ids);
+    errno = error;
+    return state_cache.ids_listed;
 }
 
-static const confirmation_list &confirmations_of(const char *name) {
+// False, with errno, where something could not be read.
+static bool read_confirmations(const char *name, confirmation_list *list) {
+    resolved_user user;
+    if (!user_lookup_by_name(name, &user))
+        return !failed_for_resources();
+    if (!list_ids_once() && failed_for_resources())
+        return false;
+    return mailbox_read_confirmations(user, state_cache.ids, list);
+}
+
+static const user_confirmations &confirmations_of(const char *name) {
     const auto found = state_cache.users.find(std::string_view(name));
     if (found != state_cache.users.end())
         return found->second;
-    confirmation_list &list = state_cache.users[name];
-    resolved_user user;
-    if (user_lookup_by_name(name, &user))
-        mailbox_read_confirmations(user, cached_ids(), &list);
-    return list;
+    user_confirmations &known = state_cache.users[name];
+    if (!read_confirmations(name, &known.list))
+        known.error = errno;
+    return known;
 }
 
 const confirmation_entry *recipient_confirmation(const char *user, int64_t id) {
-    return confirmation_find(confirmations_of(user), id);
+    return confirmation_find(confirmations_of(user).list, id);
 }
 
 // Splits "SECONDS DETAIL"; a time that is no number counts as 0.
@@ -366,17 +382,11 @@ static void split_ack(std::string_view ack, recipient_status *out) {
         out->detail = ack.substr(blank + 1);
 }
 
-void recipient_state(const char *user, int64_t id, const delivery_table &delivery,
-                     const message_record &message, int64_t cutoff, recipient_status *out) {
-    *out = {};
-    if (delivery_find(delivery, user) < 0)
-        return;
-    out->state = delivery_state::delivered;
-    const confirmation_entry *entry = recipient_confirmation(user, id);
-    if (entry == nullptr || !entry->ack)
-        return;
+// What a confirmation in the mailbox makes of a recipient who has the message.
+static void apply_ack(std::string_view ack, const message_record &message, int64_t cutoff,
+                      recipient_status *out) {
     recipient_status confirmed;
-    split_ack(*entry->ack, &confirmed);
+    split_ack(ack, &confirmed);
     if (message.expires != 0 && message.expires < confirmed.time) {
         out->late = true;
         return;
@@ -385,6 +395,23 @@ void recipient_state(const char *user, int64_t id, const delivery_table &deliver
         return;
     confirmed.state = delivery_state::confirmed;
     *out = std::move(confirmed);
+}
+
+bool recipient_state(const char *user, int64_t id, const delivery_table &delivery,
+                     const message_record &message, int64_t cutoff, recipient_status *out) {
+    *out = {};
+    if (delivery_find(delivery, user) < 0)
+        return true;
+    out->state = delivery_state::delivered;
+    const user_confirmations &known = confirmations_of(user);
+    if (known.error != 0) {
+        errno = known.error;
+        return false;
+    }
+    const confirmation_entry *entry = confirmation_find(known.list, id);
+    if (entry != nullptr && entry->ack)
+        apply_ack(*entry->ack, message, cutoff, out);
+    return true;
 }
 
 void recipient_state_cache_drop() {

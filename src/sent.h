@@ -89,8 +89,9 @@ void sent_append_delivery(int64_t id, const char *user, int terminals);
 // ---- Removing -----------------------------------------------------------------------------
 
 // Removes the message directory `dir` and every file of message `id` in the mailboxes of the
-// recipients that it names. Failures leave what cannot be removed; where it cannot be told for
-// want of resources who the recipients are, everything is left for a later run.
+// recipients that it names. Failures leave what cannot be removed; where for want of resources it
+// cannot be told who the recipients are, or no mailbox can be entered, the directory is left for
+// a later run.
 void sent_remove_message_dir(const char *dir, int64_t id);
 
 // Removes every recipient's copy, then the "revoking" marker. False, with the marker kept,
@@ -110,9 +111,11 @@ struct recipient_status {
 
 // Derives the state of `user` for `message`.
 //   cutoff  the revocation time, 0 for none; a later confirmation does not count
-// The confirmations of each user are read once per run and kept.
-void recipient_state(const char *user, int64_t id, const delivery_table &delivery,
-                     const message_record &message, int64_t cutoff, recipient_status *out);
+// The confirmations of each user are read once per run and kept. False, with errno, when they
+// could not be read for want of resources.
+[[nodiscard]] bool recipient_state(const char *user, int64_t id, const delivery_table &delivery,
+                                   const message_record &message, int64_t cutoff,
+                                   recipient_status *out);
 
 // What the user's mailbox records of the message, through the same cache; null for nothing.
 [[nodiscard]] const confirmation_entry *recipient_confirmation(const char *user, int64_t id);

@@ -29,13 +29,16 @@ static bool read_recipients(int64_t id, strlist *recipients, delivery_table *del
     return sent_read_delivery(id, delivery) == 0 || !is_resource_error(errno);
 }
 
-static void count_recipients(int64_t id, const strlist &recipients, const delivery_table &delivery,
+// False when a state could not be read.
+static bool count_recipients(int64_t id, const strlist &recipients, const delivery_table &delivery,
                              message_summary *summary) {
     for (const char *user : recipients) {
         recipient_status status;
-        recipient_state(user, id, delivery, summary->message, summary->revoked_at, &status);
+        if (!recipient_state(user, id, delivery, summary->message, summary->revoked_at, &status))
+            return false;
         count_state(status.state, summary);
     }
+    return true;
 }
 
 // The summary of a message that is not marked failed.
@@ -53,8 +56,7 @@ static bool load_saved_summary(int64_t id, message_summary *summary) {
     if (summary->revoked)
         summary->revoked_at = sent_revocation_time(id);
     summary->expired = message_is_expired(summary->message, now());
-    count_recipients(id, recipients, delivery, summary);
-    return true;
+    return count_recipients(id, recipients, delivery, summary);
 }
 
 bool message_summary_load(int64_t id, message_summary *summary) {
@@ -256,7 +258,8 @@ bool recipient_state_lines(int64_t id, const message_record &message,
     const int64_t cutoff = state.revoked ? sent_revocation_time(id) : 0;
     for (const char *user : recipients) {
         recipient_status status;
-        recipient_state(user, id, state.delivery, message, cutoff, &status);
+        if (!recipient_state(user, id, state.delivery, message, cutoff, &status))
+            return false;
         lines->push_back({user, status.state, state_text(user, status, state)});
     }
     return true;

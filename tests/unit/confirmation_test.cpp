@@ -327,7 +327,8 @@ std::string read_on(const real_state &state, const std::vector<std::string> &ids
             strlist_push_dup(&list, id.c_str());
         confirmation_list found;
         confirmation_parse("A 99 old\n", &found);
-        mailbox_read_confirmations(PAT, list, &found);
+        if (!mailbox_read_confirmations(PAT, list, &found))
+            fputs("failed", stdout);
         fputs(entries(found).c_str(), stdout);
     });
     EXPECT_EQ(child.exit_status, 0) << child.err;
@@ -374,13 +375,13 @@ TEST(ReadConfirmations, StartNoChildForNothing) {
         strlist ids;
         confirmation_list list;
         state.write("users/pat/acks/7", "");
-        mailbox_read_confirmations(PAT, ids, &list); // no identifiers
+        const bool without_ids = mailbox_read_confirmations(PAT, ids, &list);
         strlist_push_dup(&ids, "7");
-        mailbox_read_confirmations({"nobody", 1, 1}, ids, &list); // no mailbox
-        if (forks != 0)
+        const bool without_mailbox = mailbox_read_confirmations({"nobody", 1, 1}, ids, &list);
+        if (!without_ids || !without_mailbox || forks != 0)
             return 20;
-        mailbox_read_confirmations(PAT, ids, &list);
-        return forks == 1 ? 10 : 30; // one child for everything
+        const bool read = mailbox_read_confirmations(PAT, ids, &list);
+        return read && forks == 1 ? 10 : 30; // one child for everything
     });
     EXPECT_EQ(child.exit_status, 10) << child.err;
 }
@@ -429,8 +430,21 @@ TEST(ReadConfirmations, UserWhoCannotBeBecomeHasNone) {
         strlist ids;
         strlist_push_dup(&ids, "7");
         confirmation_list list;
-        mailbox_read_confirmations({"pat", 0, 0}, ids, &list);
-        return list.entries.empty() ? 10 : 20;
+        return mailbox_read_confirmations({"pat", 0, 0}, ids, &list) && list.entries.empty() ? 10
+                                                                                             : 20;
+    });
+    EXPECT_EQ(child.exit_status, 10) << child.err;
+}
+
+TEST(ReadConfirmations, WithoutDescriptorsAreNotCalledNone) {
+    const child_result child = run_in_child([] {
+        const scratch_state state;
+        state.write("users/pat/acks/7", "100 x\n");
+        strlist ids;
+        strlist_push_dup(&ids, "7");
+        leave_descriptors(1);
+        confirmation_list list;
+        return !mailbox_read_confirmations(PAT, ids, &list) && errno == EMFILE ? 10 : 20;
     });
     EXPECT_EQ(child.exit_status, 10) << child.err;
 }
@@ -449,7 +463,7 @@ TEST(ReadConfirmations, ReportIsCutAtItsLimit) {
                                               mailbox.path("users/pat/acks/" + id));
     }
     confirmation_list list;
-    mailbox_read_confirmations(PAT, ids, &list);
+    ASSERT_TRUE(mailbox_read_confirmations(PAT, ids, &list));
     ASSERT_EQ(list.entries.size(), WHOLE_LINES + 1); // the last one cut
     EXPECT_EQ(list.entries[WHOLE_LINES - 1].ack->size(), 191U);
     EXPECT_LT(list.entries[WHOLE_LINES].ack->size(), 191U);

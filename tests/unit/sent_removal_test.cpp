@@ -163,6 +163,20 @@ TEST(RemoveMessageDir, DirectoryStaysWhereTheAccountsCannotBeRead) {
 
 // ---- A revocation -------------------------------------------------------------------------
 
+TEST(RemoveMessageDir, DirectoryStaysWhereNoMailboxCanBeEntered) {
+    SKIP_UNLESS_ROOT();
+    const sent_message message;
+    const child_result child = run_on(machine_of_pat_and_sam(), [&message] {
+        leave_descriptors(1); // too few for the pipes of a child
+        sent_remove_message_dir(message.path("sent/7").c_str(), 7);
+    });
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_TRUE(message.exists("sent/7/recipients"));
+    remove_on_machine(message, "7");
+    EXPECT_FALSE(message.exists("sent/7"));
+    EXPECT_EQ(message.files_of("pat"), OTHER_MESSAGE);
+}
+
 TEST(FinishRevoking, WithdrawsEveryCopyAndRemovesTheMarker) {
     SKIP_UNLESS_ROOT();
     const sent_message message;

@@ -34,7 +34,8 @@ std::string state_here(const char *user, int64_t id, int64_t expires, int64_t cu
     message_record message;
     message.expires = expires;
     recipient_status status = {delivery_state::confirmed, true, 99, "old"};
-    recipient_state(user, id, delivery, message, cutoff, &status);
+    if (!recipient_state(user, id, delivery, message, cutoff, &status))
+        return "unknown";
     return shown(status);
 }
 
@@ -164,6 +165,32 @@ TEST(RecipientState, ConfirmationOfAnotherMessageOrUserDoesNotCount) {
     message.write("users/pat/acks/8", "500 desktop\n");
     message.write("users/sam/acks/7", "500 desktop\n");
     EXPECT_EQ(state_with(), "delivered 0 ''");
+}
+
+TEST(RecipientState, IsUnknownWhereTheMailboxCannotBeRead) {
+    SKIP_UNLESS_ROOT();
+    const scratch_store store;
+    store.write("sent/7/delivery", "pat 100 0\n");
+    store.write("users/pat/acks/7", "300 terminal\n");
+    for (const rlim_t room : {1U, 3U}) { // for no pipe, and for one of the two
+        const child_result child = run_on(machine_of_pat_and_sam(), [room] {
+            leave_descriptors(room);
+            fputs(state_here("pat", 7, 0, 0).c_str(), stdout);
+        });
+        EXPECT_EQ(child.out, "unknown");
+    }
+}
+
+TEST(RecipientState, IsUnknownWhereTheAccountsCannotBeRead) {
+    SKIP_UNLESS_ROOT();
+    const scratch_store store;
+    store.write("sent/7/delivery", "pat 100 0\n");
+    store.write("users/pat/acks/7", "300 terminal\n");
+    const child_result child = run_on(machine_of_pat_and_sam(), [] {
+        make_unreadable("/etc/passwd");
+        fputs(state_here("pat", 7, 0, 0).c_str(), stdout);
+    });
+    EXPECT_EQ(child.out, "unknown");
 }
 
 TEST(RecipientConfirmation, GivesWhatTheMailboxRecords) {
