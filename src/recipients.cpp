@@ -161,6 +161,8 @@ static bool session_user(const char *session, std::optional<uid_t> *user) {
         result = sd_session_get_uid(session, &uid);
         if (result >= 0)
             *user = uid;
+        else if (result == -EIO)
+            result = -ENODATA; // it names no user: the file itself has just been read
     }
     return !lacked_resources(result);
 }
