@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 static constexpr size_t TIME_FILE_MAX_BYTES = 64;
 
 static bool has_file(char kind) {
@@ -25,6 +27,16 @@ static void put_marker(char kind, const std::string &path, std::string_view text
     }
 }
 
+static void check_new_marker() {
+    const int64_t before = now();
+    CHECK(sent_marker_look_up(7, "failed") == marker_state::absent);
+    CHECK(sent_marker_write_time(7, "failed") == 0);
+    const std::string text = contents_of(state_path("sent/7/failed"));
+    CHECK(text.ends_with('\n'));
+    const auto time = decimal(std::string_view(text).substr(0, text.size() - 1));
+    CHECK(time && *time >= before && *time <= now());
+}
+
 void fuzz_one(std::string_view input) {
     const std::string path = state_path("sent/7/revoked");
     remove_all(state_path("sent/7"));
@@ -38,14 +50,14 @@ void fuzz_one(std::string_view input) {
     CHECK(sent_marker_look_up(7, "revoked") == marker_state::present);
     const bool is_readable = has_file(kind) && input.size() <= TIME_FILE_MAX_BYTES;
     const std::string_view first_line = input.substr(0, input.find('\n'));
-    CHECK(sent_revocation_time(7) == (is_readable ? decimal(first_line).value_or(0) : 0));
+    const int64_t stands = is_readable ? decimal(first_line).value_or(0) : 0;
+    CHECK(sent_revocation_time(7) == stands);
 
-    const int64_t before = now();
-    if (sent_marker_write_time(7, "revoked") == 0) {
-        CHECK(sent_revocation_time(7) >= before && sent_revocation_time(7) <= now());
-        CHECK(!path_exists((path + ".tmp").c_str()));
-    } else {
-        CHECK(kind == 'd'); // a file replaces anything but a folder
-    }
+    // What stands there keeps its time.
+    errno = 0;
+    CHECK(sent_marker_write_time(7, "revoked") == -1 && errno == EEXIST);
+    CHECK(sent_revocation_time(7) == stands);
+    CHECK(!path_exists((path + ".tmp").c_str()));
     CHECK(contents_of(state_path("elsewhere")) == (kind == 'l' ? input : ""));
+    check_new_marker();
 }
