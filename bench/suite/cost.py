@@ -15,6 +15,7 @@ from .stores import TEXT, Shape, mounted
 TBX = f"{PROGRAMS}/tbx"
 SMALL, LARGE = 5, 15
 REPORTS = Path("/run/cost")  # of the programs that count
+TIMEOUT_SECONDS = 300  # of one run: valgrind is slow, and the machine may be busy
 SESSIONS = 3  # of the interface, of which the shortest counts
 
 # How often one waits depends on who is faster, and how often memory is asked for on what was
@@ -63,7 +64,7 @@ OPERATIONS = (
 
 def run(command, **more):
     subprocess.run(command, check=True, env={**ENVIRONMENT, **more}, stdin=subprocess.DEVNULL,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=TIMEOUT_SECONDS)
 
 
 def calls_in(report):
