@@ -17,7 +17,7 @@ constexpr size_t ACK_MAX_BYTES = 200;
 
 // ---- The parent's side --------------------------------------------------------------------
 
-static std::string identifier_lines(const strlist &ids) {
+std::string identifier_lines(const strlist &ids) {
     std::string lines;
     for (const char *id : ids)
         lines.append(id).push_back('\n');
@@ -26,17 +26,20 @@ static std::string identifier_lines(const strlist &ids) {
 
 bool mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
                                 confirmation_list *list) {
+    return mailbox_read_confirmations(user, identifier_lines(ids), list);
+}
+
+bool mailbox_read_confirmations(const resolved_user &user, std::string_view id_lines,
+                                confirmation_list *list) {
     confirmation_list_free(list);
     std::string mailbox = mailbox_dir(user);
-    if (ids.count == 0)
+    if (id_lines.empty())
         return true;
     errno = 0;
     if (!is_directory(mailbox.c_str()))
         return !is_resource_error(errno);
-    const std::string lines = identifier_lines(ids);
-    const std::string_view input = lines;
     strbuf report;
-    if (run_as_user(user, mailbox_report_confirmations, mailbox.data(), &input, &report,
+    if (run_as_user(user, mailbox_report_confirmations, mailbox.data(), &id_lines, &report,
                     REPORT_MAX_BYTES, MAILBOX_TIMEOUT_SECONDS) < 0)
         return errno == 0; // a child that was started may fail of what it found
     confirmation_parse(report.view(), list);

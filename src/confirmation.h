@@ -30,6 +30,12 @@ struct confirmation_list {
 [[nodiscard]] bool mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
                                               confirmation_list *list);
 
+// The same with the identifiers as the child takes them, one on each line: for many users the
+// lines are made once.
+[[nodiscard]] bool mailbox_read_confirmations(const resolved_user &user, std::string_view id_lines,
+                                              confirmation_list *list);
+[[nodiscard]] std::string identifier_lines(const strlist &ids);
+
 // The entry of a message, or null. Stays valid until the list changes.
 [[nodiscard]] const confirmation_entry *confirmation_find(const confirmation_list &list,
                                                           int64_t id);

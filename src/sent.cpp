@@ -30,11 +30,13 @@ std::string users_dir() {
 }
 
 std::string sent_message_dir(int64_t id) {
-    return xasprintf("%s/sent/%lld", var_dir(), static_cast<long long>(id));
+    std::string path = var_dir();
+    return path.append("/sent/").append(std::to_string(id));
 }
 
 std::string sent_path(int64_t id, const char *name) {
-    return xasprintf("%s/sent/%lld/%s", var_dir(), static_cast<long long>(id), name);
+    std::string path = sent_message_dir(id);
+    return path.append("/").append(name);
 }
 
 // ---- Small files --------------------------------------------------------------------------
@@ -156,9 +158,9 @@ int64_t sent_revocation_time(int64_t id) {
 
 // ---- Recipients ---------------------------------------------------------------------------
 
-static bool is_separator(char c) {
-    return c == ' ' || c == '\t' || c == '\n';
-}
+// The predicates are objects and not functions: only those are inlined into the searches, which
+// go over every byte of every message's lists.
+constexpr auto is_separator = [](char c) { return c == ' ' || c == '\t' || c == '\n'; };
 
 static void push_tokens(std::string_view text, strlist *list) {
     const char *end = text.data() + text.size();
@@ -188,9 +190,7 @@ constexpr size_t LOG_USER_MAX_BYTES = 255;
 constexpr size_t LOG_COUNT_MAX_BYTES = 31;
 constexpr size_t LOG_LINE_MAX_BYTES = 399;
 
-static bool is_log_blank(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
+constexpr auto is_log_blank = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
 
 // Takes the next blank-separated field of at most `max` bytes off `line`; what is longer is
 // left for the next field.
@@ -207,23 +207,20 @@ static std::string_view take_field(std::string_view *line, size_t max) {
 // The first line of a user counts.
 static void add_delivery_line(std::string_view line, delivery_table *table) {
     const std::string_view user = take_field(&line, LOG_USER_MAX_BYTES);
-    if (user.empty() || table->by_user.contains(user))
+    if (user.empty() || !table->by_user.try_emplace(user, table->users.count).second)
         return;
     take_field(&line, SIZE_MAX); // the time
     const std::string_view terminals = take_field(&line, LOG_COUNT_MAX_BYTES);
     strlist_push_view(&table->users, user);
     strlist_push_view(&table->terminals, terminals.empty() ? "0" : terminals);
-    const std::string_view key(table->users.items[table->users.count - 1], user.size());
-    table->by_user.emplace(key, table->users.count - 1);
 }
 
 int sent_read_delivery(int64_t id, delivery_table *table) {
     *table = {};
-    strbuf log;
     if (read_file_limited(sent_path(id, "delivery").c_str(), DELIVERY_MAX_BYTES, /*nofollow=*/true,
-                          &log) != 0)
+                          &table->log) != 0)
         return -1;
-    std::string_view rest = log.view();
+    std::string_view rest = table->log.view();
     while (!rest.empty()) {
         const size_t end = rest.find('\n');
         add_delivery_line(rest.substr(0, end), table);
@@ -334,17 +331,20 @@ struct user_confirmations {
 // said, and the identifiers that it was asked for.
 static struct {
     bool ids_listed = false;
-    strlist ids;
+    std::string id_lines; // as each child takes them
     std::unordered_map<std::string, user_confirmations, string_hash, std::equal_to<>> users;
 } state_cache;
 
 // False, with errno, where the store cannot be listed: no identifiers then, and not half of them.
 static bool list_ids_once() {
-    if (!state_cache.ids_listed)
-        state_cache.ids_listed = sent_list_ids(&state_cache.ids) == 0;
+    if (state_cache.ids_listed)
+        return true;
+    strlist ids;
+    state_cache.ids_listed = sent_list_ids(&ids) == 0;
     const int error = errno;
-    if (!state_cache.ids_listed)
-        strlist_free(&state_cache.ids);
+    if (state_cache.ids_listed)
+        state_cache.id_lines = identifier_lines(ids);
+    strlist_free(&ids);
     errno = error;
     return state_cache.ids_listed;
 }
@@ -356,7 +356,7 @@ static bool read_confirmations(const char *name, confirmation_list *list) {
         return !failed_for_resources();
     if (!list_ids_once() && failed_for_resources())
         return false;
-    return mailbox_read_confirmations(user, state_cache.ids, list);
+    return mailbox_read_confirmations(user, state_cache.id_lines, list);
 }
 
 static const user_confirmations &confirmations_of(const char *name) {
@@ -416,6 +416,6 @@ bool recipient_state(const char *user, int64_t id, const delivery_table &deliver
 
 void recipient_state_cache_drop() {
     state_cache.users.clear();
-    strlist_free(&state_cache.ids);
+    state_cache.id_lines.clear();
     state_cache.ids_listed = false;
 }

@@ -66,7 +66,8 @@ int sent_read_recipients(int64_t id, strlist *list);
 struct delivery_table {
     strlist users;
     strlist terminals;
-    // Position; the keys live in `users`. The library's own hash counts as slow, and a table of
+    strbuf log; // as it was read
+    // Position; the keys live in `log`. The library's own hash counts as slow, and a table of
     // up to 20 names would be searched name by name instead.
     std::unordered_map<std::string_view, size_t, string_hash> by_user;
 };
