@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -140,6 +141,15 @@ static void make_store(const shape &wanted) {
         write_message(wanted, message);
 }
 
+static int number_of(const char *text) {
+    char *end = nullptr;
+    errno = EINVAL; // for what is no number
+    const long long number = strtoll(text, &end, 10);
+    if (end == text || *end != '\0' || number < 0 || number > INT_MAX)
+        fail(text);
+    return static_cast<int>(number);
+}
+
 int main(int argc, char **argv) {
     constexpr int FIXED_ARGUMENTS = 8;
     if (argc < FIXED_ARGUMENTS) {
@@ -151,9 +161,9 @@ int main(int argc, char **argv) {
                            [word](const char *given) { return strcmp(given, word) == 0; });
     };
     umask(022);
-    make_store({argv[1], atoi(argv[2]), atoi(argv[3]), atoi(argv[4]),
-                static_cast<uid_t>(atoi(argv[5])), atoll(argv[6]), argv[7], is_asked("copies"),
-                is_asked("shown") || is_asked("confirmed"), is_asked("confirmed"),
-                is_asked("cut")});
+    make_store({argv[1], number_of(argv[2]), number_of(argv[3]), number_of(argv[4]),
+                static_cast<uid_t>(number_of(argv[5])), number_of(argv[6]), argv[7],
+                is_asked("copies"), is_asked("shown") || is_asked("confirmed"),
+                is_asked("confirmed"), is_asked("cut")});
     return 0;
 }

@@ -29,18 +29,21 @@ def exponent(smaller, larger, program):
 
 def add_growth(results):
     """Notes in each result how it grew from the next smaller one of its axis."""
-    for (_, axis), cases in itertools.groupby(results_of_axes(results),
-                                              lambda case: (case["name"], case["axis"])):
-        cases = list(cases)
-        for smaller, larger in itertools.pairwise(cases if axis else []):
+    for (_, axis), cases in itertools.groupby(cases_by_axis(results), axis_of):
+        for smaller, larger in itertools.pairwise(list(cases) if axis else []):
             larger["growth"] = exponent(smaller, larger, "tbx")
             larger["floor_growth"] = exponent(smaller, larger, "floor")
 
 
-def results_of_axes(results):
-    """The results with those of one axis together, in the order they were measured in."""
-    axes = list(dict.fromkeys((case["name"], case["axis"]) for case in results))
-    return [case for axis in axes for case in results if (case["name"], case["axis"]) == axis]
+def axis_of(case):
+    return case["name"], case["axis"]
+
+
+def cases_by_axis(results):
+    """The results that have a floor, those of one axis together, else in their order."""
+    cases = [result for result in results if "floor" in result]
+    axes = list(dict.fromkeys(map(axis_of, cases)))
+    return sorted(cases, key=lambda case: axes.index(axis_of(case)))
 
 
 # ---- Rows ---------------------------------------------------------------------------------
@@ -70,14 +73,15 @@ def interface_row(screen):
             milliseconds(screen["reload_seconds"]), str(screen["frame_bytes"]))
 
 
-def tables(figures):
+def tables(results):
     """Each table as its headings and its rows."""
-    cases = results_of_axes(figures["cases"])
+    cases = cases_by_axis(results)
     beside_wall = [case for case in cases if "wall" in case]
+    screens = [result for result in results if result["name"] == "interface"]
     return [(headings, rows) for headings, rows in (
         (CASE_HEADINGS, list(map(case_row, cases))),
         (WALL_HEADINGS, list(map(wall_row, beside_wall))),
-        (INTERFACE_HEADINGS, list(map(interface_row, figures["interface"])))) if rows]
+        (INTERFACE_HEADINGS, list(map(interface_row, screens)))) if rows]
 
 
 # ---- Text ---------------------------------------------------------------------------------
@@ -98,8 +102,8 @@ def markdown(headings, rows):
 
 
 def text(figures):
-    return "\n\n".join([plain(*table) for table in tables(figures)]
-                       + [machine_line(figures["machine"])])
+    return "\n\n".join([*(plain(*table) for table in tables(figures["results"])),
+                        machine_line(figures)])
 
 
 # ---- The machine --------------------------------------------------------------------------
@@ -115,13 +119,14 @@ def machine_facts(scratch):
     kind = subprocess.run(["findmnt", "-n", "-o", "FSTYPE", "-T", scratch], check=True,
                           capture_output=True, text=True).stdout.strip()
     return {"processor": processor(), "cores": os.cpu_count(),
-            "kernel": platform.release().split("-")[0], "file_system": kind,
-            "load_before": round(os.getloadavg()[0], 1)}
+            "kernel": platform.release().split("-")[0], "file_system": kind}
 
 
-def machine_line(facts):
-    return ("{processor}, {cores} cores, Linux {kernel}, {file_system}; load {load_before} before,"
-            " {load_after} after, {minutes} minutes".format(**facts))
+def machine_line(figures):
+    loads = [result["load"] for result in figures["results"]]
+    minutes = sum(result["minutes"] for result in figures["results"])
+    return ("{processor}, {cores} cores, Linux {kernel}, {file_system}".format(**figures["machine"])
+            + f"; load {min(loads)} to {max(loads)}, {minutes:.0f} minutes in all")
 
 
 # ---- The documentation --------------------------------------------------------------------
@@ -134,8 +139,7 @@ def record(figures, document):
     whole = document.read_text(encoding="utf-8")
     before, rest = whole.split(BEGIN)
     _, after = rest.split(END)
-    runs = sorted({case["runs"] for case in figures["cases"]})
-    body = "\n\n".join(markdown(*table) for table in tables(figures))
-    taken = (f"Medians of {' and '.join(map(str, runs))} runs of each program on "
-             f"{machine_line(figures['machine'])}.")
+    runs = min(result["runs"] for result in figures["results"])
+    body = "\n\n".join(markdown(*table) for table in tables(figures["results"]))
+    taken = f"Medians of {runs} runs of each program on {machine_line(figures)}."
     document.write_text(f"{before}{BEGIN}\n{taken}\n\n{body}\n\n{END}{after}", encoding="utf-8")
