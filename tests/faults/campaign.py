@@ -147,6 +147,3 @@ class Results:
     def tables(self):
         kinds = [kind for kind in KINDS if any(own == kind for own, _ in self.tallies)]
         return "\n".join(line for kind in kinds for line in self.table(kind))
-
-
-__all__ = ["GROUPS", "KINDS", "Results", "names_of", "run_everything", "run_task"]

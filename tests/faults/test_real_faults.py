@@ -92,6 +92,3 @@ def assert_long_message_is_whole_or_not_there(machine):
     assert found.holders("copy") == holders
     for files in found.boxes.values():
         assert files["copy"].endswith(LONG_TEXT.encode() + b"\n")
-
-
-__all__ = ["Case", "SMALLEST"]
