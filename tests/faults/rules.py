@@ -63,9 +63,10 @@ class Excuses:
 
     @property
     def mailbox_may_be_passed_over(self):
-        """A purge goes on past a mailbox whose child fails, or cannot be started."""
-        return self._any(lambda fault: fault.call.process > 0 or
-                         not fault.call.path.startswith("/"))
+        """A purge goes on past a mailbox whose child fails, or is lost sight of."""
+        return self._any(lambda fault: fault.call.process > 0 or (
+            not fault.call.path.startswith("/") and
+            fault.call.name not in ("pipe2", "fork", "fcntl")))
 
     @property
     def shown_mark_may_stay(self):
