@@ -10,7 +10,7 @@ from together import PAIRS, stops, try_pair
 from trials import Bench, Tally, failures, kills, without_repeats
 from twice import try_second_kills
 
-CHUNK = 60  # trials on one machine
+CHUNK = 150  # trials on one machine
 TWICE = ("send to one user, nothing there yet", "revoke with a lost account and a user without "
          "mailbox", "purge two of three messages", "send beside one interrupted message of each "
          "kind")
@@ -93,7 +93,7 @@ def _tasks_of(pair):
 
 def run_everything(binary, jobs, wanted, on_result):
     """Runs all trials of the (kind, name) pairs; every (Task, Tally) goes to on_result."""
-    with multiprocessing.Pool(jobs, start_worker, (binary,), maxtasksperchild=20) as pool:
+    with multiprocessing.Pool(jobs, start_worker, (binary,), maxtasksperchild=50) as pool:
         tasks = [task for some in pool.imap(_tasks_of, wanted) for task in some]
         # The long ones first, so that no process is left alone with one at the end.
         tasks.sort(key=lambda task: task.kind != "twice")

@@ -12,6 +12,7 @@ from harness.store import parse_message_file
 from tracing import KILLED
 from views import SHOWN, log_users, shape_of, views
 
+TEMPORARY = ("seq", "msg", "recipients", "revoked", "failed", r"inbox/\d+")
 PURGE_AGE_SECONDS = 90 * 86400
 EXPIRY_MAX_SECONDS = 2 * 86400
 NUMBER_FILE = re.compile(rb"\d+\n")
@@ -39,6 +40,14 @@ class Excuses:
 
     def _any(self, test):
         return any(test(fault) for fault in self._faults)
+
+    @property
+    def sign(self):
+        """The same for faults that excuse the same."""
+        return (self.none, self.program_killed, self.anything_killed, self.events_may_be_lost,
+                self.mailbox_may_be_passed_over, self.shown_mark_may_stay,
+                *(self.cannot_write(name) for name in ("failed", "incomplete", "delivery")),
+                *(self.temporary_may_stay(name) for name in TEMPORARY), self.store_not_synced)
 
     @property
     def none(self):
@@ -73,9 +82,10 @@ class Excuses:
         """Only of the copy is it said that it is gone."""
         return self._any(lambda fault: fault.is_at(r"/state/\d+\.(term|gui)"))
 
-    def purge_may_go_on(self, state):
+    @property
+    def store_not_synced(self):
         """A purge ignores a sync of the store that fails."""
-        return self._any(lambda fault: not fault.kills and fault.is_at(f"{state}/sent"))
+        return self._any(lambda fault: not fault.kills and fault.is_at(r"/tellbox/sent"))
 
     def temporary_may_stay(self, name):
         return self.anything_killed or self._any(

@@ -1,12 +1,11 @@
 """A second kill: a command is killed at one of its calls, and the next one at each of its own."""
 
 import os
-import re
 import shutil
 
 from told import journal_records
 from tracing import run_traced
-from trials import PROBLEMS, Tally, kills, summary
+from trials import PROBLEMS, Tally, kills, sign_of, summary
 
 
 class Snapshot:
@@ -40,12 +39,6 @@ def copy_tree(source, target):
     shutil.copytree(source, target, copy_function=copy_file)
     for folder, _, _ in os.walk(source):
         copy_owner(folder, os.path.join(target, os.path.relpath(folder, source)))
-
-
-def sign_of(tree):
-    """The same for trees that differ in the time of writing only."""
-    return repr(sorted((path, facts[:2], re.sub(rb"\d{10}", b"TIME", facts[3] or b""))
-                       for path, facts in tree.items()))
 
 
 def try_second_kills(bench, first, seen):
