@@ -10,7 +10,7 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent / "cli"), str(HERE)]
 
 from harness.machine import Machine  # noqa: E402
-from tracing import install_tracer  # noqa: E402
+from tracing import built_tracer, install_tracer  # noqa: E402
 from trials import Bench  # noqa: E402
 
 DEFAULT_BINARY = HERE.parent.parent / "build" / "release" / "tbx"
@@ -31,6 +31,8 @@ def binary():
         pytest.fail(f"{path} is missing: build the program first", pytrace=False)
     if os.geteuid() != 0:
         skip("needs root: real users and owners")
+    if not built_tracer(path).exists():
+        skip("needs the tracer, which is built with the tests, on x86-64, without sanitizers")
     return path
 
 

@@ -30,6 +30,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -85,6 +86,13 @@ fault parse_fault(const std::string &point, const std::string &how) {
 
 // ---- Looking into a process ---------------------------------------------------------------
 
+// Returns how many bytes could be read, or -1.
+ssize_t read_memory(pid_t pid, uint64_t address, void *buffer, size_t size) {
+    iovec local = {buffer, size};
+    iovec remote = {std::bit_cast<void *>(address), size};
+    return process_vm_readv(pid, &local, 1, &remote, 1, 0);
+}
+
 // Up to the terminating zero byte; page by page, since the next page may not exist.
 std::string read_string(pid_t pid, uint64_t address) {
     constexpr size_t PAGE = 4096;
@@ -92,9 +100,7 @@ std::string read_string(pid_t pid, uint64_t address) {
     while (text.size() < PATH_MAX) {
         char chunk[PAGE];
         const uint64_t start = address + text.size();
-        iovec local = {chunk, PAGE - start % PAGE};
-        iovec remote = {reinterpret_cast<void *>(start), local.iov_len};
-        const ssize_t got = process_vm_readv(pid, &local, 1, &remote, 1, 0);
+        const ssize_t got = read_memory(pid, start, chunk, PAGE - start % PAGE);
         if (got <= 0)
             return text;
         const std::string_view read(chunk, static_cast<size_t>(got));
@@ -135,9 +141,7 @@ std::string path_at(pid_t pid, bool is_first, int directory, std::string path) {
 
 std::string describe_polled(pid_t pid, bool is_first, uint64_t address) {
     pollfd first = {};
-    iovec local = {&first, sizeof first};
-    iovec remote = {reinterpret_cast<void *>(address), sizeof first};
-    if (process_vm_readv(pid, &local, 1, &remote, 1, 0) != static_cast<ssize_t>(sizeof first))
+    if (read_memory(pid, address, &first, sizeof first) != static_cast<ssize_t>(sizeof first))
         return "nothing";
     return describe_fd(pid, is_first, first.fd);
 }

@@ -108,10 +108,13 @@ class Run:
         return any((call.process, call.name, call.occurrence) == key for call in self.calls)
 
 
+def built_tracer(binary):
+    """The tracer that is built beside the program."""
+    return Path(binary).parent / "tests" / "faults" / "fault_trace"
+
+
 def install_tracer(machine, binary):
-    """Puts the tracer built beside the program onto the machine."""
-    built = Path(binary).parent / "tests" / "faults" / "fault_trace"
-    shutil.copy(built, machine.path(TRACER))
+    shutil.copy(built_tracer(binary), machine.path(TRACER))
 
 
 def wrapper(fault=None, log=LOG):

@@ -11,10 +11,6 @@ from dataclasses import dataclass
 
 from .agent import wait_for
 
-# Every call of the program that changes a file, a mailbox or the log, or starts a child.
-CHANGING = ("openat,mkdir,write,fsync,syncfs,rename,renameat2,unlink,unlinkat,rmdir,chown,lchown,"
-            "ftruncate,sendmsg,clone,clone3,fork,vfork")
-
 _numbers = itertools.count(1)
 
 
@@ -47,16 +43,6 @@ def run_failing(machine, call, error, *arguments):
                "-e", f"inject={call.name}:error={error}"]
     return machine.run(*arguments, wrap=strace("/dev/null", *options),
                        env=without_leak_check(machine))
-
-
-def run_killed(machine, call, *arguments):
-    """Runs tbx; a process that comes to the call is killed before it takes effect."""
-    log = f"/run/killed.{next(_numbers)}"
-    wrap = strace(log, "-e", "signal=none", *call.options("KILL"))
-    result = machine.run(*arguments, wrap=wrap, env=without_leak_check(machine))
-    text = machine.path(log).read_text(encoding="utf-8", errors="surrogateescape")
-    assert re.search(r" = \?$", text, re.MULTILINE), f"{call} is never made:\n{text}"
-    return result
 
 
 class Stopped:
