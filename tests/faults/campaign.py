@@ -5,7 +5,7 @@ import signal
 from collections import Counter
 from dataclasses import dataclass, field
 
-from cases import CASES, GROUPS
+from cases import CASES
 from together import PAIRS, stops, try_pair
 from trials import Bench, Tally, failures, kills, without_repeats
 from twice import try_second_kills

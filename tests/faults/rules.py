@@ -9,7 +9,6 @@ import time
 
 from cases import TEXT
 from harness.store import parse_message_file
-from tracing import KILLED
 from views import SHOWN, log_users, shape_of, views
 
 TEMPORARY = ("seq", "msg", "recipients", "revoked", "failed", r"inbox/\d+")

@@ -1,6 +1,5 @@
 """The part of the trials that is small enough for every day."""
 
-from cases import GROUPS
 from trials import failures, without_repeats
 
 
@@ -24,7 +23,3 @@ def chosen_failures(calls, seen):
         if sign not in seen:
             seen.add(sign)
             yield faults[len(seen) % len(faults)]
-
-
-def group_cases(group):
-    return GROUPS[group]

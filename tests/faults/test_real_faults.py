@@ -1,29 +1,10 @@
 """Disks that are really full and files that really may not grow."""
 
 import pytest
-from cases import CASES, Case
-from harness.waiting import wait_for
-from rules import Judge
-from tracing import Call, Fault
 from views import views
 
-SMALLEST = CASES["send to one user, nothing there yet"]
 PAGE_BYTES = 4096
 LONG_TEXT = "x" * 60_000
-
-
-def anything_may_fail():
-    """Excuses what a write that fails anywhere can lead to."""
-    return Fault(Call(0, "write", 1, None, "-", ("/delivery",)), "fail", 28)
-
-
-def delivered_later(machine, case, contents=None):
-    """Settles the store; returns what became of message 1."""
-    assert machine.run("list").status == 0
-    judge = Judge(case, machine, {}, contents or {}, (anything_may_fail(),))
-    tree = machine.store.tree()
-    judge.check_always(tree)
-    return tree
 
 
 def mount_tmpfs(machine, place, size):
@@ -47,48 +28,36 @@ def test_a_full_mailbox_gets_its_copy_once_there_is_room(machine):
         1, "msg").read_bytes()
 
 
+def assert_whole_or_nothing(machine, text, status):
+    """Message 1 is with both users, cancelled, or was never begun; a new one can be sent."""
+    assert machine.run("list").status == 0
+    found = views(machine.store.tree()).get(1)
+    if found is None or not found.folder.keys() - {"lock"}:
+        assert status != 0
+        return
+    assert "incomplete" not in found.folder
+    if "failed" in found.folder:
+        assert status != 0 and not found.boxes
+    else:
+        assert found.holders("copy") == {"pat", "sam"}
+    for files in found.boxes.values():
+        assert files == {"copy": found.folder["msg"]}
+        assert files["copy"].endswith(text.encode() + b"\n")
+    assert machine.run("send", "--to", "pat", "Hello").stdout == "Message 2 sent to 1 user.\n"
+
+
 @pytest.mark.parametrize("pages", range(13))
 def test_a_store_that_fills_up_anywhere_in_a_send_loses_nothing(machine, pages):
     mount_tmpfs(machine, machine.state_name, 64 * PAGE_BYTES)
     machine.shell(f"head -c {(64 - pages) * PAGE_BYTES} /dev/zero > {machine.state_name}/filler")
     result = machine.run("send", "--to", "pat,sam", "Hello")
     machine.shell(f"rm {machine.state_name}/filler")
-    assert machine.run("list").status == 0
-    found = views(machine.store.tree()).get(1)
-    if result.status == 0:
-        assert result.stdout == "Message 1 sent to 2 users.\n"
-    if found is None or not found.folder.keys() - {"lock"}:
-        assert result.status == 1
-        return
-    assert "incomplete" not in found.folder
-    if "failed" in found.folder:
-        assert result.status == 1 and not found.boxes
-    else:
-        assert found.holders("copy") == {"pat", "sam"}
-    for files in found.boxes.values():
-        assert files == {"copy": found.folder["msg"]}
-    assert machine.run("send", "--to", "pat", "Hello").stdout == "Message 2 sent to 1 user.\n"
+    assert_whole_or_nothing(machine, "Hello", result.status)
 
 
 @pytest.mark.parametrize("limit", [0, 1, 2, 5, 8, 20, 60, 1000, 60_000, 60_300])
 def test_files_that_may_not_grow_further_lose_nothing(machine, limit):
-    limited = ["prlimit", f"--fsize={limit}", "--"]
-    machine.run("send", "--to", "pat,sam", "--file", "/run/text", wrap=limited)
-    assert_long_message_is_whole_or_not_there(machine)
-
-
-@pytest.fixture(autouse=True)
-def long_text(machine):
     machine.write("/run/text", LONG_TEXT)
-
-
-def assert_long_message_is_whole_or_not_there(machine):
-    wait_for(lambda: machine.run("list").status == 0)
-    found = views(machine.store.tree()).get(1)
-    if found is None or not found.folder.keys() - {"lock"}:
-        return
-    assert "incomplete" not in found.folder
-    holders = set() if "failed" in found.folder else {"pat", "sam"}
-    assert found.holders("copy") == holders
-    for files in found.boxes.values():
-        assert files["copy"].endswith(LONG_TEXT.encode() + b"\n")
+    result = machine.run("send", "--to", "pat,sam", "--file", "/run/text",
+                         wrap=["prlimit", f"--fsize={limit}", "--"])
+    assert_whole_or_nothing(machine, LONG_TEXT, result.status)

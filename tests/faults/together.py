@@ -9,7 +9,7 @@ from harness.waiting import wait_for
 from rules import require
 from told import journal_records
 from tracing import StoppedRun, is_waiting_for_lock
-from trials import PROBLEMS, Bench, Tally
+from trials import PROBLEMS, Tally
 from views import SHOWN, log_users, views
 
 SEND = ("send", "--to", "pat,sam", TEXT)
@@ -197,12 +197,3 @@ class PairJudge:
         require(left <= shown and len(shown - left) <= self._reminded,
                 f"{left} of {shown} still have their marks, {self._reminded} were reminded")
         return "reminded" if left != shown else "delivered"
-
-
-def try_pairs(binary, pair, calls):
-    """Every stop of one pair; returns the Tally."""
-    total = Tally()
-    with Bench(binary, pair.case) as bench:
-        for call in calls:
-            total.add(try_pair(bench, pair, call))
-    return total
