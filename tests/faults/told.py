@@ -174,7 +174,7 @@ def check_events(judge, run, records):
     require({record[0] for record in records} <= KNOWN_EVENTS, f"{records}")
     once = Counter(record[:3] for record in records if record[0] != "NOT_DELIVERED")
     twice = [event for event, count in once.items() if count > 1 and not (
-        event[0] == "DELIVERED" and judge.excuses.cannot_write("delivery"))]
+        event[0] in ("DELIVERED", "RECOVERED") and judge.excuses.cannot_write("delivery"))]
     require(not twice, f"recorded twice: {twice}")
     for event, message, *_ in records:
         if event == "SENT":
