@@ -140,7 +140,7 @@ class Results:
                   for name, tried, survived, failed in rows]
         lines += [f"| **together** | **{total[0]}** | **{total[1]}** | **{total[2]}** |", ""]
         outcomes = sorted(self.outcomes(kind).items(), key=lambda item: -item[1])
-        lines += ["What became of messages: " + ", ".join(
+        lines += ["Trials by what became of a message: " + ", ".join(
             f"{text} {count}" for text, count in outcomes) + ".", ""]
         return lines
 
