@@ -121,6 +121,22 @@ TEST(ComposeEditor, ThatCannotBeStartedLeavesTheText) {
     EXPECT_EQ(edit({.search_path = "/nowhere"}).text, UNCHANGED);
 }
 
+TEST(ComposeEditor, IsNotStartedOnHalfAText) {
+    const scripted_editor editor("echo started >>\"$0.started\"; echo new >\"$1\"");
+    const child_result child = run_in_child([&] {
+        const environment_variable visual("VISUAL", editor.path().c_str());
+        const rlimit three_bytes = {3, 3};
+        signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &three_bytes);
+        compose_form form;
+        form.text.lines = {"old", "text"};
+        compose_edit_external(&form);
+        return compose_text_joined(form.text) == UNCHANGED ? 10 : 20;
+    });
+    EXPECT_EQ(child.exit_status, 10);
+    EXPECT_FALSE(editor.directory.exists("editor.started"));
+}
+
 // ---- As whom ------------------------------------------------------------------------------
 
 TEST(ComposeEditor, RunsAsTheUserWhoCalledSudo) {

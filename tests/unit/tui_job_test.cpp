@@ -121,6 +121,28 @@ TEST(TuiJob, LeavesNoDescriptorAndNoChild) {
     EXPECT_TRUE(has_no_children());
 }
 
+TEST(TuiJob, WithoutDescriptorsFails) {
+    for (const rlim_t room : {0U, 2U}) { // for no pipe, and for one of the two
+        const child_result child = run_in_child([room] {
+            leave_descriptors(room);
+            return run(print_argument, "x").status == -1 ? 10 : 20;
+        });
+        EXPECT_EQ(child.exit_status, 10) << room;
+    }
+}
+
+TEST(TuiJob, WithoutProcessesFailsAndLeavesNoDescriptor) {
+    SKIP_UNLESS_ROOT();
+    const child_result child = run_in_child([] {
+        const size_t before = open_descriptors();
+        const rlimit none = {0, 0}; // holds for an ordinary user only
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || setresuid(PAT_UID, PAT_UID, PAT_UID) != 0)
+            throw_errno("setrlimit");
+        return run(print_argument, "x").status == -1 && open_descriptors() == before ? 10 : 20;
+    });
+    EXPECT_EQ(child.exit_status, 10);
+}
+
 // ---- Input --------------------------------------------------------------------------------
 
 TEST(TuiJob, ReadsItsInputToTheEnd) {

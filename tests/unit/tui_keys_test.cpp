@@ -205,6 +205,10 @@ TEST(TuiKeys, ABrokenCharacterDoesNotSwallowTheNextKey) {
                 ElementsAre("\xe9", std::to_string(KEY_UP), "\xc3", "x"));
 }
 
+TEST(TuiKeys, ACharacterThatBreaksOffComesAsFarAsItGot) {
+    EXPECT_THAT(keys_in("a\xe2\x82"), ElementsAre("a", "\xe2\x82"));
+}
+
 TEST(TuiKeys, OnlyCharactersHaveText) {
     const typed_bytes typed("x\t");
     tui_input input;
