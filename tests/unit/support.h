@@ -211,7 +211,7 @@ struct private_machine {
     // Run in a child only.
     void enter() const {
         if (unshare(CLONE_NEWNS) != 0 ||
-            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0)
             throw_errno("mount namespace");
         for (const char *directory : {"/etc", "/run"})
             if (mount("tmpfs", directory, "tmpfs", 0, "mode=755") != 0)
@@ -361,7 +361,7 @@ constexpr uint32_t SAM_UID = 1002;
 // Makes every read of the file fail with an input/output error. In a child on a private
 // machine only.
 inline void make_unreadable(const std::string &path) {
-    if (mount("/proc/self/mem", path.c_str(), nullptr, MS_BIND, nullptr) != 0)
+    if (mount("/proc/self/mem", path.c_str(), "none", MS_BIND, nullptr) != 0)
         throw_errno(path);
 }
 
@@ -380,7 +380,7 @@ public:
     }
     // Leaves test mode. Run in a child on a private machine only.
     void enter() const {
-        if (mount(path().c_str(), "/var/lib", nullptr, MS_BIND, nullptr) != 0)
+        if (mount(path().c_str(), "/var/lib", "none", MS_BIND, nullptr) != 0)
             throw_errno("/var/lib");
         unsetenv("TBX_TEST");
         init_environment("tbx");
