@@ -163,6 +163,20 @@ TEST(ReadFileLimited, RefusesADirectory) {
     EXPECT_EQ(read.error, EINVAL);
 }
 
+TEST(ReadFileLimited, TakesNoTerminalInItsPlaceForItsOwn) {
+    const child_result child = run_in_child([] {
+        const unique_fd other_end(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+        if (setsid() < 0 || grantpt(other_end.get()) != 0 || unlockpt(other_end.get()) != 0)
+            return 20;
+        strbuf text;
+        if (read_file_limited(ptsname(other_end.get()), 10, /*nofollow=*/true, &text) == 0)
+            return 30;
+        const unique_fd own(open("/dev/tty", O_RDWR | O_CLOEXEC));
+        return own ? 40 : 10;
+    });
+    EXPECT_EQ(child.exit_status, 10);
+}
+
 TEST(ReadFileLimited, RefusesANamedPipeWithoutBlocking) {
     const scratch_directory scratch;
     make_fifo(scratch.path("pipe"));

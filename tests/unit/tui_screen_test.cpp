@@ -98,6 +98,17 @@ TEST(Screen, ShowsTheCursorInTheBody) {
     EXPECT_THAT(rendered(page), EndsWith("\033[J\033[3;3H\033[?25h"));
 }
 
+TEST(Screen, ShowsTheCursorInEveryCornerOfTheBody) {
+    const scratch_screen screen(20, 6);
+    tui_screen page;
+    page.cursor_row = 1;
+    page.cursor_col = 0;
+    EXPECT_THAT(rendered(page), EndsWith("\033[2;3H\033[?25h"));
+    page.cursor_row = tui_body_rows();
+    page.cursor_col = tui_body_cols() - 1;
+    EXPECT_THAT(rendered(page), EndsWith("\033[3;18H\033[?25h"));
+}
+
 TEST(Screen, HidesACursorThatIsOutsideOfTheBody) {
     const scratch_screen screen(20, 6);
     tui_screen page;
