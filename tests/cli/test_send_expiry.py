@@ -110,3 +110,29 @@ def test_a_failing_pipe_or_fork_is_an_invalid_expiry(box, strace, call):
                        inject=[f"{call}:error=EAGAIN"])
     assert tuple(traced.result) == ("", "tbx: invalid expiry: soon\n", 1)
     assert not box.store.top.exists()
+
+
+# Disturbed.
+
+def reads_of_the_answer(box):
+    """Which of the program's own reads take in what the date program says."""
+    traced = box.trace("read", "send", "--to", "pat", "--expires", "tomorrow", "hello")
+    assert traced.result.status == 0
+    return [number for number, (_, arguments, _) in enumerate(traced.of_parent(), 1)
+            if "<pipe:" in arguments.split(",")[0]]
+
+
+def test_an_answer_whose_reading_is_interrupted_is_read_on(box):
+    first = reads_of_the_answer(box)[0]
+    traced = box.trace("read", "send", "--to", "pat", "--expires", "tomorrow", "hello",
+                       inject=[f"read:error=EINTR:when={first}"])
+    assert traced.result.status == 0
+    assert box.store.sent(2, "msg").exists()
+
+
+def test_an_answer_that_cannot_be_read_is_no_date(box):
+    first = reads_of_the_answer(box)[0]
+    traced = box.trace("read", "send", "--to", "pat", "--expires", "tomorrow", "hello",
+                       inject=[f"read:error=EIO:when={first}+"])
+    assert tuple(traced.result) == ("", "tbx: invalid expiry: tomorrow\n", 1)
+    assert not box.store.sent(2).exists()

@@ -160,3 +160,12 @@ TEST(SanitizeText, LongHostileTextIsCleanedInOnePass) {
         hostile += "\x1b]";
     EXPECT_EQ(cleaned(hostile), std::string(4'000'000, ']'));
 }
+
+TEST(SanitizeText, BellBehindAnotherSequenceTakesNothingWithIt) {
+    EXPECT_EQ(cleaned("a\x1bxb\x07"
+                      "c"),
+              "axbc");
+    EXPECT_EQ(cleaned("a\x1b\x07"
+                      "c"),
+              "ac");
+}

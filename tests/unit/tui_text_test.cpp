@@ -173,6 +173,10 @@ TEST(TuiCharacters, AreSteppedOverWhole) {
     EXPECT_EQ(tui_previous_character("ä€", 0), 0U);
 }
 
+TEST(TuiCharacters, NeverComeFromBeforeTheText) {
+    EXPECT_EQ(tui_previous_character("\x80\x80x", 2), 0U);
+}
+
 // ---- Wrapping -----------------------------------------------------------------------------
 
 TEST(TuiWrap, KeepsAShortParagraph) {
