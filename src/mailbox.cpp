@@ -322,9 +322,12 @@ int mailbox_write_copy(void *argument) {
     const auto &target = *static_cast<const mailbox_target *>(argument);
     if (!make_subdirectories(target.mailbox))
         return 1;
-    if (path_exists(mailbox_file(target, "read", "").c_str()) ||
-        path_exists(mailbox_file(target, "acks", "").c_str()))
-        return 0; // read or confirmed: a repeated delivery must not bring it back
+    for (const char *folder : {"read", "acks"}) {
+        if (path_exists(mailbox_file(target, folder, "").c_str()))
+            return 0; // read or confirmed: a repeated delivery must not bring it back
+        if (is_resource_error(errno))
+            return 1;
+    }
     strbuf text;
     if (read_fd_limited(STDIN_FILENO, MESSAGE_FILE_MAX_BYTES, &text) != 0 || text.len == 0)
         return 1;

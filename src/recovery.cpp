@@ -133,13 +133,20 @@ static void recover_send(int64_t id) {
 
 // ---- One message --------------------------------------------------------------------------
 
+static bool is_unmarked(int64_t id) {
+    return !sent_marker_exists(id, "incomplete") && !sent_marker_exists(id, "revoking");
+}
+
 static void recover_message(int64_t id) {
-    if (!sent_marker_exists(id, "incomplete") && !sent_marker_exists(id, "revoking"))
+    if (is_unmarked(id))
         return;
     const unique_fd lock = sent_lock(id, /*nonblocking=*/true);
     if (!lock)
         return; // another run is working on it
-    if (sent_marker_exists(id, "incomplete"))
+    const marker_state incomplete = sent_marker_look_up(id, "incomplete");
+    if (incomplete == marker_state::unknown)
+        return; // a send is finished before a revocation: it would deliver again
+    if (incomplete == marker_state::present)
         recover_send(id);
     if (sent_marker_exists(id, "revoking"))
         (void)sent_finish_revoking(id); // the mark stays for the next run if it fails

@@ -292,7 +292,7 @@ static void note_failure(const char *name, outgoing *out) {
 
 static void deliver_to_all(outgoing *out) {
     for (const char *name : out->recipients) {
-        if (sent_marker_exists(out->id, "revoked"))
+        if (has_marker_or_die(out->id, "revoked"))
             return;
         if (!deliver_to(name, *out))
             note_failure(name, out);
@@ -327,7 +327,7 @@ static void complete_or_die(int64_t id) {
 
 static void report_success(const outgoing &out) {
     const auto id = static_cast<long long>(out.id);
-    if (sent_marker_exists(out.id, "revoked"))
+    if (has_marker_or_die(out.id, "revoked"))
         printf("Message %lld revoked while sending: delivery stopped.\n", id);
     else if (out.recipients.count == 1)
         printf("Message %lld sent to 1 user.\n", id);

@@ -41,14 +41,14 @@ std::string sent_path(int64_t id, const char *name) {
 
 // ---- Small files --------------------------------------------------------------------------
 
-// The number on the first line of a small file; 0 when it is missing or malformed.
+// The number on the first line of a small file; 0 when it is missing or malformed, -1 with errno
+// when it could not be read for want of resources.
 static int64_t read_number(const char *path) {
     strbuf text;
+    if (read_file_limited(path, TIME_FILE_MAX_BYTES, /*nofollow=*/true, &text) != 0)
+        return is_resource_error(errno) ? -1 : 0;
     int64_t number = 0;
-    if (read_file_limited(path, TIME_FILE_MAX_BYTES, /*nofollow=*/true, &text) == 0 &&
-        !parse_id(text.view().substr(0, text.view().find('\n')), &number))
-        number = 0;
-    return number;
+    return parse_id(text.view().substr(0, text.view().find('\n')), &number) ? number : 0;
 }
 
 static std::string number_line(int64_t number) {
@@ -116,9 +116,8 @@ int64_t sent_allocate_id() {
     const unique_fd lock = open_locked(lock_path.c_str(), LOCK_EX);
     if (!lock)
         die("%s: %s", lock_path.c_str(), strerror(errno));
-    errno = 0;
     const int64_t last = read_number(seq_path.c_str());
-    if (is_resource_error(errno)) // from 0 on, a purged identifier would be taken again
+    if (last < 0) // from 0 on, a purged identifier would be taken again
         die("%s: %s", seq_path.c_str(), strerror(errno));
     const int64_t id = claim_directory_after(last, seq_path.c_str());
     if (write_number(seq_path.c_str(), id) != 0)

@@ -52,7 +52,8 @@ void sent_marker_create(int64_t id, const char *name); // best effort, by design
 // EEXIST. 0, or -1 with errno.
 [[nodiscard]] int sent_marker_write_time(int64_t id, const char *name);
 
-// The time in the "revoked" marker; 0 when it is missing or unreadable.
+// The time in the "revoked" marker; 0 when it is missing or malformed, -1 with errno when it could
+// not be read for want of resources.
 [[nodiscard]] int64_t sent_revocation_time(int64_t id);
 
 // ---- Recipients and delivery log ----------------------------------------------------------

@@ -55,6 +55,8 @@ static bool load_saved_summary(int64_t id, message_summary *summary) {
     summary->revoked = revoked == marker_state::present;
     if (summary->revoked)
         summary->revoked_at = sent_revocation_time(id);
+    if (summary->revoked_at < 0)
+        return false;
     summary->expired = message_is_expired(summary->message, now());
     return count_recipients(id, recipients, delivery, summary);
 }
@@ -256,6 +258,8 @@ bool recipient_state_lines(int64_t id, const message_record &message,
     if (!read_recipients(id, &recipients, &state.delivery) || !look_up_markers(&state))
         return false;
     const int64_t cutoff = state.revoked ? sent_revocation_time(id) : 0;
+    if (cutoff < 0)
+        return false;
     for (const char *user : recipients) {
         recipient_status status;
         if (!recipient_state(user, id, state.delivery, message, cutoff, &status))
@@ -275,6 +279,14 @@ std::vector<recipient_line> recipient_state_lines_or_die(int64_t id,
     return lines;
 }
 
+static int64_t revocation_time_or_die(int64_t id) {
+    const int64_t time = sent_revocation_time(id);
+    const int error = errno;
+    if (time < 0)
+        die("%s: %s", sent_path(id, "revoked").c_str(), strerror(error));
+    return time;
+}
+
 static void print_facts(int64_t id, const message_record &message) {
     strbuf headline;
     message_headline(message, &headline);
@@ -282,7 +294,7 @@ static void print_facts(int64_t id, const message_record &message) {
            message.from.c_str());
     if (has_marker_or_die(id, "revoked")) {
         char date[SHORT_TIME_BYTES];
-        format_time_short(sent_revocation_time(id), date);
+        format_time_short(revocation_time_or_die(id), date);
         printf("REVOKED on %s\n", date);
     }
     if (message_is_expired(message, now()))

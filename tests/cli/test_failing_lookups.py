@@ -19,6 +19,12 @@ def failing(box, call, name, error, *arguments, when=""):
                            only_path=path).result)
 
 
+def failing_send(box, call, path):
+    """Sends message 1 to pat while the calls on a file of the state directory fail."""
+    return tuple(box.trace(call, "send", "--to", "pat", "hello", inject=[f"{call}:error=EIO"],
+                           only_path=f"{box.state_name}/{path}").result)
+
+
 def told(box, name, text):
     return ("", f"tbx: {box.state_name}/sent/7{name}: {text}\n", 1)
 
@@ -62,14 +68,12 @@ def test_purge_leaves_a_message_that_may_be_incomplete(box):
 
 
 @pytest.mark.parametrize("error", ["EIO", "ENOMEM"])
-def test_a_purge_comes_back_to_a_mailbox_that_it_could_not_look_up(box, error):
+def test_a_purge_enters_a_mailbox_that_it_could_not_look_up(box, error):
     make_delivered(box)
     place = f"{box.state_name}/users/pat"
     traced = box.trace("newfstatat", "purge", "1d", inject=[f"newfstatat:error={error}"],
                        only_path=place)
     assert tuple(traced.result) == ("Deleted 1 message older than 1d.\n", "", 0)
-    assert box.store.mailbox("pat", "inbox", 7).exists()
-    assert box.run("list").status == 0
     assert not box.store.mailbox("pat", "inbox", 7).exists()
     assert not (box.store.top / "sent" / ".deleting-7").exists()
 
@@ -162,6 +166,38 @@ def test_a_folder_that_cannot_be_opened_for_want_of_memory_is_left_for_later(box
     assert traced.result.status == 0
     assert box.run("list").status == 0
     assert not (box.store.top / "sent" / ".deleting-7").exists()
+
+
+def test_a_revocation_whose_time_cannot_be_read_is_not_dated(box):
+    make_delivered(box, revoked=DATE)
+    assert failing(box, "openat", "revoked", "EIO", "status", "7") == (
+        told(box, "", "Input/output error"))
+    assert failing(box, "openat", "revoked", "EIO", "list")[0].count("\n") == 1
+
+
+def test_a_send_stops_where_it_cannot_tell_whether_it_was_revoked(box):
+    out, err, status = failing_send(box, "newfstatat", "sent/1/revoked")
+    assert (out, err, status) == (
+        "", f"tbx: {box.state_name}/sent/1/revoked: Input/output error\n", 1)
+    assert box.store.sent(1, "incomplete").exists()
+    assert not box.store.mailbox("pat", "inbox", 1).exists()
+    assert box.run("list").status == 0
+    assert box.store.mailbox("pat", "inbox", 1).exists()
+
+
+def test_a_revocation_waits_for_a_send_that_may_be_unfinished(box):
+    make_delivered(box, markers=["incomplete", "revoking"])
+    before = without_lock(box.store.tree())
+    assert failing(box, "newfstatat", "incomplete", "EIO", "list")[1:] == ("", 0)
+    assert without_lock(box.store.tree()) == before
+
+
+@pytest.mark.parametrize("folder", ["read", "acks"])
+def test_a_copy_is_not_brought_back_where_it_may_have_been_read(box, folder):
+    (box.store.make_mailbox("pat") / folder / "1").touch()
+    out, err, status = failing_send(box, "newfstatat", f"users/pat/{folder}/1")
+    assert (out, status) == ("Message 1 delivered to 0 of 1 recipients.\n", 1)
+    assert not box.store.mailbox("pat", "inbox", 1).exists()
 
 
 # Recipients.
