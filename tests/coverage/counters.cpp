@@ -1,6 +1,5 @@
 // For the build that counts what is executed: its counters are written when a process ends by
 // exit(). These stand before the ways out that know nothing of it (linked by --wrap).
-#include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -15,17 +14,6 @@ void __gcov_reset();
 
 [[noreturn]] void __real__exit(int status);
 int __real_execvp(const char *file, char *const arguments[]);
-
-int __real_poll(pollfd *watched, nfds_t count, int timeout_ms);
-
-// A process that waits may be killed while it does.
-int __wrap_poll(pollfd *watched, nfds_t count, int timeout_ms) {
-    if (timeout_ms != 0) {
-        __gcov_dump();
-        __gcov_reset();
-    }
-    return __real_poll(watched, count, timeout_ms);
-}
 
 // Tests leave some processes no room for files, which the counters are written to.
 static void __attribute__((destructor)) give_room() {
