@@ -414,8 +414,11 @@ int list_numeric_entries(const char *dir, strlist *l) {
 
 // ---- Time ---------------------------------------------------------------------------------
 
+// Not time(), which may be a tick behind the clock that other programs have just read.
 time_t now() {
-    return time(nullptr);
+    timespec clock = {};
+    clock_gettime(CLOCK_REALTIME, &clock); // cannot fail: the clock exists
+    return clock.tv_sec;
 }
 
 void format_time_short(int64_t t, char out[SHORT_TIME_BYTES]) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <new>
@@ -483,9 +484,10 @@ TEST(CompareLengthThenText, OrdersNumbersByValue) {
 // ---- Time ---------------------------------------------------------------------------------
 
 TEST(Now, IsTheClock) {
-    const time_t before = time(nullptr);
+    using std::chrono::system_clock;
+    const time_t before = system_clock::to_time_t(system_clock::now());
     const time_t told = now();
-    const time_t after = time(nullptr);
+    const time_t after = system_clock::to_time_t(system_clock::now());
     EXPECT_LE(before, told);
     EXPECT_LE(told, after);
 }

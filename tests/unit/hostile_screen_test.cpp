@@ -159,7 +159,7 @@ TEST_P(HostileScreen, EveryPairIsHarmlessInTheFieldsOfTheForm) {
             field.value = pair;
         tui_screen page;
         compose_build(&form, &page);
-        for (const size_t line : {1, 3, 5}) {
+        for (const size_t line : {size_t{1}, size_t{3}, size_t{5}}) {
             strbuf row;
             tui_fit(&row, page.lines.items[line], tui_body_cols());
             ASSERT_FALSE(holds_any_control(without_styles(row.view()), "")) << in_hexadecimal(pair);

@@ -4,12 +4,10 @@ import time
 
 from .agent import wait_for
 
-CLOCK_REALTIME_COARSE = 5  # not named by Python's time module
-
 
 def now():
-    """Seconds since the epoch like time(2), which may be a clock tick behind time.time()."""
-    return int(time.clock_gettime(CLOCK_REALTIME_COARSE))
+    """Whole seconds since the epoch."""
+    return int(time.time())
 
 
 def wait_until_after(moment):
