@@ -28,7 +28,8 @@ std::string journal_field(sd_journal *journal, const char *name) {
     size_t length = 0;
     if (sd_journal_get_data(journal, name, &data, &length) < 0)
         return "";
-    std::string_view field(static_cast<const char *>(data), length);
+    // The journal's own bound is for what it has to decompress.
+    std::string_view field(static_cast<const char *>(data), std::min(length, FIELD_MAX_BYTES));
     field.remove_prefix(std::min(field.size(), strlen(name) + 1)); // "NAME="
     return std::string(field);
 }

@@ -76,6 +76,7 @@ def test_a_forged_field_of_many_megabytes_does_no_harm(history):
     history.write(record("SENT", uid=1002, details=huge), reminded(2))
     forged, true = history.lines()
     assert forged.startswith(f"{MESSAGE_STAMP}  [not trustworthy: written by UID 1002] message 7 ")
+    assert len(forged) < 9 << 20
     assert seconds([true]) == [2]
 
 
