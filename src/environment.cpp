@@ -6,7 +6,7 @@
 #include <cstring>
 
 // Set once by init_environment(), read-only for the rest of the process. The overrides point
-// into the process environment, of which this program changes no variable of theirs.
+// into the process environment; the program never changes the variables that they come from.
 static struct {
     const char *var_dir = "/var/lib/tellbox";
     const char *lib_dir = "/usr/local/lib/tellbox";

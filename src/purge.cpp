@@ -49,7 +49,7 @@ static bool move_aside(int64_t id, const char *aside) {
     if (!lock || rename(sent_message_dir(id).c_str(), aside) != 0)
         return false;
     if (fsync_path(sent_dir().c_str()) != 0)
-        errno = 0; // a rename that is lost in a crash leaves a whole message
+        errno = 0; // on a failing disk the removal goes on all the same
     return true;
 }
 
