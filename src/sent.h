@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 constexpr size_t RECIPIENTS_MAX_BYTES = 4'194'304;
 constexpr size_t DELIVERY_MAX_BYTES = 16'777'216;
@@ -62,15 +62,36 @@ void sent_marker_create(int64_t id, const char *name); // best effort, by design
 // -1 with errno, so that a caller about to act on "no recipients" can tell.
 int sent_read_recipients(int64_t id, strlist *list);
 
+// Where each name of a list stands: a hash table with linear probing, at most half full. It keeps
+// places and not names, so that a name costs no memory of its own.
+class name_index {
+public:
+    // The place of `name` in `names`, of which every name was added; -1 for none.
+    [[nodiscard]] ptrdiff_t find(const std::vector<std::string_view> &names,
+                                 std::string_view name) const;
+    // Appends `name` to `names` and notes it; false, with nothing changed, where it stands there.
+    bool add(std::vector<std::string_view> *names, std::string_view name);
+
+private:
+    struct slot {
+        uint32_t hash = 0;
+        uint32_t number = 0; // of the name, from 1; 0 for a free slot
+    };
+
+    [[nodiscard]] size_t slot_of(const std::vector<std::string_view> &names, std::string_view name,
+                                 uint32_t hash) const;
+    void grow();
+
+    std::vector<slot> slots; // a power of two of them
+};
+
 // Whom the log names, each once in the order of first appearance, with the number of
-// terminals written to as text. The two lists are parallel.
+// terminals written to as text. The two lists are parallel, and lie in `log`.
 struct delivery_table {
-    strlist users;
-    strlist terminals;
+    std::vector<std::string_view> users;
+    std::vector<std::string_view> terminals;
     strbuf log; // as it was read
-    // Position; the keys live in `log`. The library's own hash counts as slow, and a table of
-    // up to 20 names would be searched name by name instead.
-    std::unordered_map<std::string_view, size_t, string_hash> by_user;
+    name_index by_user;
 };
 
 // Fills `table` from the message's delivery log; the first line of each user counts. A missing

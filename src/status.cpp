@@ -205,7 +205,7 @@ static std::string confirmed_text(const recipient_status &status) {
 static std::string terminals_text(const char *user, const delivery_table &delivery) {
     const ptrdiff_t place = delivery_find(delivery, user);
     int64_t count = 0;
-    if (place < 0 || !parse_id(delivery.terminals.items[place], &count) || count == 0)
+    if (place < 0 || !parse_id(delivery.terminals[static_cast<size_t>(place)], &count) || count == 0)
         return "";
     if (count == 1)
         return ", written to 1 terminal";

@@ -25,19 +25,18 @@ static std::vector<delivered_user> users_in(std::string_view log) {
 }
 
 static std::vector<delivered_user> users_of(const delivery_table &table) {
-    CHECK(table.users.count == table.terminals.count);
+    CHECK(table.users.size() == table.terminals.size());
     std::vector<delivered_user> users;
-    for (size_t i = 0; i < table.users.count; i++)
-        users.push_back({table.users.items[i], table.terminals.items[i]});
+    for (size_t i = 0; i < table.users.size(); i++)
+        users.push_back({std::string(table.users[i]), std::string(table.terminals[i])});
     return users;
 }
 
 static std::vector<delivered_user> users_read() {
     delivery_table table;
     CHECK(sent_read_delivery(7, &table) == 0);
-    CHECK(table.by_user.size() == table.users.count);
-    for (const auto &[user, place] : table.by_user)
-        CHECK(delivery_find(table, user) == static_cast<ptrdiff_t>(place));
+    for (size_t place = 0; place < table.users.size(); place++)
+        CHECK(delivery_find(table, table.users[place]) == static_cast<ptrdiff_t>(place));
     CHECK(delivery_find(table, "nobody at all") == -1);
     return users_of(table);
 }

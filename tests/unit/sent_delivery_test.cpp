@@ -32,9 +32,11 @@ read_list read_recipients() {
 // "USER TERMINALS, USER TERMINALS".
 std::string shown(const delivery_table &table) {
     std::string text;
-    for (size_t i = 0; i < table.users.count; i++)
-        text +=
-            std::string(i > 0 ? ", " : "") + table.users.items[i] + " " + table.terminals.items[i];
+    for (size_t i = 0; i < table.users.size(); i++)
+        text.append(i > 0 ? ", " : "")
+            .append(table.users[i])
+            .append(" ")
+            .append(table.terminals[i]);
     return text;
 }
 
@@ -42,7 +44,7 @@ read_list read_delivery() {
     delivery_table table;
     errno = 0;
     const int result = sent_read_delivery(7, &table);
-    EXPECT_EQ(table.users.count, table.terminals.count);
+    EXPECT_EQ(table.users.size(), table.terminals.size());
     return {result, errno, shown(table)};
 }
 
@@ -231,6 +233,24 @@ TEST(DeliveryFind, GivesThePositionOfAUser) {
     EXPECT_EQ(delivery_find(table, ""), -1);
 }
 
+TEST(DeliveryFind, FindsEachOfManyAndNobodyElse) {
+    const scratch_store store;
+    constexpr int USERS = 5000; // the table grows several times
+    std::string log;
+    for (int round = 0; round < 2; round++) // the second line of a user does not count
+        for (int i = 0; i < USERS; i++)
+            log += xasprintf("user%d 100 %d\n", i, round * USERS + i);
+    store.write("sent/7/delivery", log);
+    delivery_table table;
+    ASSERT_EQ(sent_read_delivery(7, &table), 0);
+    ASSERT_EQ(table.users.size(), size_t{USERS});
+    for (int i = 0; i < USERS; i++) {
+        ASSERT_EQ(delivery_find(table, xasprintf("user%d", i)), i);
+        ASSERT_EQ(table.terminals[static_cast<size_t>(i)], std::to_string(i));
+        ASSERT_EQ(delivery_find(table, xasprintf("other%d", i)), -1);
+    }
+}
+
 TEST(DeliveryFind, WorksInATableThatWasMoved) {
     const scratch_store store;
     store.write("sent/7/delivery", "pat 100 2\n");
@@ -327,9 +347,9 @@ TEST(AppendDelivery, LinesOfSeveralRunsDoNotMix) {
         EXPECT_EQ(exit_status_of(run), 0);
     delivery_table table;
     ASSERT_EQ(sent_read_delivery(7, &table), 0);
-    EXPECT_EQ(table.users.count, 800U);
-    for (size_t i = 0; i < table.users.count; i++)
-        EXPECT_STREQ(table.terminals.items[i], "1");
+    EXPECT_EQ(table.users.size(), 800U);
+    for (const std::string_view terminals : table.terminals)
+        EXPECT_EQ(terminals, "1");
 }
 
 // ---- Mending the delivery log -------------------------------------------------------------
