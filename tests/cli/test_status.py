@@ -62,6 +62,13 @@ def test_a_revoked_message_says_when(box):
     assert f"from root\nREVOKED on {short_time(WHEN)}\n  │ Hello" in status(box)
 
 
+@pytest.mark.parametrize("content", [b"", b"soon\n", b"-1\n"])
+def test_a_revocation_without_a_time_counts_from_the_beginning(box, content):
+    make_delivered(box)
+    box.store.write_private(box.store.sent(7, "revoked"), content)
+    assert f"from root\nREVOKED on {short_time(0)}\n" in status(box)
+
+
 def test_an_expired_message_says_so_below(box):
     make_delivered(box, revoked=WHEN, expires=WHEN)
     assert f"from root\nREVOKED on {short_time(WHEN)}\nEXPIRED\n  │ Hello" in status(box)

@@ -281,6 +281,24 @@ def test_a_terminal_that_takes_a_part_is_continued_when_there_is_room(machine):
     assert count(machine) == 1
 
 
+def writes_to_terminal(box, *inject):
+    """Sends a message while writing to pat's terminal is disturbed; the calls' results."""
+    trace = box.trace("write", "send", "--to", "pat", "hello", inject=inject,
+                      only_path=box.terminal_name)
+    assert trace.result.status == 0
+    return [result.split()[0] for name, _, result in trace.of_parent() if name == "write"]
+
+
+def test_a_write_that_a_signal_interrupts_is_made_again(box, strace):
+    assert len(writes_to_terminal(box, "write:error=EINTR:when=1")) == 2
+    assert box.terminal.read_bytes() == sent_banner(box, "hello")
+
+
+def test_a_terminal_that_fails_is_not_tried_again(box, strace):
+    assert writes_to_terminal(box, "write:error=EIO") == ["-1"]
+    assert count(box) == 0
+
+
 def test_a_terminal_that_is_hung_up_is_not_counted(machine):
     terminal = machine.open_terminal("pat")
     os.close(terminal.master)

@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import signal
 import tempfile
 from dataclasses import replace
 from pathlib import Path
@@ -356,6 +357,25 @@ def test_editor_runs_as_root_where_no_other_user_called_sudo(who, sudo_user):
 
 
 # ---- Signals, and what an editor does to the terminal -------------------------------------
+
+
+def is_pending(process, number):
+    """Whether a signal waits to be handled by the process."""
+    status = Path(f"/proc/{process}/status").read_text()
+    return int(re.search(r"^ShdPnd:\s*(\w+)", status, re.MULTILINE)[1], 16) >> (number - 1) & 1
+
+
+def test_interface_that_is_ended_waits_for_the_editor(form, editor, folder):
+    tbx, _, _ = form(env={"VISUAL": str(editor(WAIT + "echo done > done"))}, earlier=EARLIER)
+    tbx.send(CTRL_E)
+    tbx.wait_for("editor runs")
+    tbx.signal(signal.SIGTERM)
+    tbx.poll_for(lambda: not is_pending(tbx.pid, signal.SIGTERM))
+    assert tbx.raw.count(ENTER_SCREEN) == 1
+    tbx.send(ENTER)
+    assert tbx.wait_exit() == 0
+    assert (folder / "done").exists()
+    assert tbx.attributes() == tbx.attributes_before
 
 
 @pytest.mark.parametrize("key", [CTRL_C, CTRL_BACKSLASH])

@@ -32,6 +32,19 @@ def test_only_line_editing_and_what_eats_keys_is_off_while_the_interface_is_open
     assert tbx.attributes() == wanted
 
 
+@pytest.mark.usefixtures("strace")
+def test_signals_are_caught_before_the_terminal_is_changed(interface, binary, tmp_path):
+    log = tmp_path / "trace"
+    tbx, _ = interface([], argv=["strace", "-qq", "-o", log, "-e", "trace=ioctl,rt_sigaction",
+                                 binary], env={"ASAN_OPTIONS": "detect_leaks=0"})
+    tbx.send("q")
+    assert tbx.wait_exit() == 0
+    calls = log.read_text().splitlines()
+    changed = next(place for place, call in enumerate(calls) if "TCSETS" in call)
+    for name in ("SIGINT", "SIGTERM", "SIGHUP", "SIGQUIT"):
+        assert any(f"rt_sigaction({name}, {{sa_handler=0x" in call for call in calls[:changed])
+
+
 @pytest.mark.parametrize("key", ["q", "Q"])
 def test_key_that_leaves_restores_the_terminal(interface, key):
     tbx, _ = interface([Message(1)], **AS_BEFORE)

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <iterator>
 
@@ -46,6 +47,18 @@ TEST(MonotonicMs, NeverGoesBack) {
     const int64_t first = monotonic_ms();
     EXPECT_GT(first, 0);
     EXPECT_GE(monotonic_ms(), first);
+}
+
+TEST(MonotonicMs, IsTheClockOfTheSystem) {
+    const auto clock_ms = [] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    };
+    const int64_t before = clock_ms();
+    const int64_t between = monotonic_ms();
+    EXPECT_LE(before, between);
+    EXPECT_LE(between, clock_ms());
 }
 
 TEST(ReapChild, GivesTheStatusOfAChildThatEnds) {

@@ -205,6 +205,11 @@ TEST(TuiKeys, ABrokenCharacterDoesNotSwallowTheNextKey) {
                 ElementsAre("\xe9", std::to_string(KEY_UP), "\xc3", "x"));
 }
 
+TEST(TuiKeys, ABrokenCharacterLeavesANulByteToTheNextKey) {
+    using namespace std::string_view_literals;
+    EXPECT_THAT(keys_in("\xc3\0x"sv), ElementsAre("\xc3", std::to_string(KEY_NONE), "x"));
+}
+
 TEST(TuiKeys, ACharacterThatBreaksOffComesAsFarAsItGot) {
     EXPECT_THAT(keys_in("a\xe2\x82"), ElementsAre("a", "\xe2\x82"));
 }

@@ -134,6 +134,16 @@ TEST(TuiFit, DrawsAControlCharacterOfTwoBytesAsOneBlank) {
               "a 31mb");
 }
 
+TEST(TuiFit, DrawsEveryControlCharacterOfTwoBytesAsOneBlank) {
+    for (int last = 0x80; last < 0xa0; last++)
+        EXPECT_EQ(fitted(std::string("a\xc2") + static_cast<char>(last) + "b", 4), "a b ") << last;
+    EXPECT_EQ(fitted("a\xc2\xa0"
+                     "b",
+                     4),
+              "a\xc2\xa0"
+              "b ");
+}
+
 TEST(TuiFit, DrawsABrokenCharacterAsOneColumn) {
     for (const char *broken :
          {"\xc3", "\xe2\x82", "\xff", "\xc0\x80", "\xed\xa0\x80", "\xf5\x80\x80\x80"})
