@@ -127,7 +127,9 @@ static void report_folder(const char *folder, void (*report)(const char *name, s
 
 static void report_confirmation(const char *id, std::string *out) {
     const path name("acks/%s", id);
-    const int fd = must(open(name, O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC), name);
+    const int fd = open(name, O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return;
     struct stat status = {};
     must(fstat(fd, &status), name);
     char text[200];
@@ -139,29 +141,51 @@ static void report_confirmation(const char *id, std::string *out) {
 static void report_shown(const char *file, std::string *out) {
     const path name("state/%s", file);
     struct stat status = {};
-    must(stat(name, &status), name);
+    if (stat(name, &status) != 0)
+        return;
     const size_t digits = strspn(file, "0123456789");
     out->append("S ").append(file, digits).append(" ");
     out->append(std::to_string(status.st_mtime)).append("\n");
 }
 
+static void report_all(const std::string & /*identifiers*/, std::string *report) {
+    report_folder("acks", report_confirmation, report);
+    report_folder("state", report_shown, report);
+}
+
+static void report_one(const std::string &identifier, std::string *report) {
+    const std::string id = words_of(identifier).front();
+    report_confirmation(id.c_str(), report);
+    report_shown((id + ".term").c_str(), report);
+    report_shown((id + ".gui").c_str(), report);
+}
+
+template <void report_on(const std::string &, std::string *)>
 static void report_mailbox(const void *argument) {
     must(chdir(static_cast<const char *>(argument)), "mailbox");
     std::string identifiers;
     append_rest(STDIN_FILENO, &identifiers);
     std::string report;
-    report_folder("acks", report_confirmation, &report);
-    report_folder("state", report_shown, &report);
+    report_on(identifiers, &report);
     if (!report.empty())
         write_whole(STDOUT_FILENO, report);
 }
 
-void read_mailbox(const char *var, const char *name, std::string_view ids) {
+static void run_report(const char *var, const char *name, void (*work)(const void *),
+                       std::string_view ids) {
     const account user = look_up(name);
     const path mailbox("%s/users/%s", var, name);
     require_folder(mailbox);
     std::string report;
-    run_as(user, report_mailbox, mailbox.c_str(), &ids, &report);
+    run_as(user, work, mailbox.c_str(), &ids, &report);
+}
+
+void read_marks(const char *var, const char *name, const std::string &id) {
+    run_report(var, name, report_mailbox<report_one>, id + "\n");
+}
+
+void read_mailbox(const char *var, const char *name, std::string_view ids) {
+    run_report(var, name, report_mailbox<report_all>, ids);
 }
 
 std::string joined(const std::vector<std::string> &names, char separator) {

@@ -16,6 +16,9 @@ void reset_shown(const char *var, const account &user, const std::string &id);
 // Removes every file of the message.
 void purge_files(const char *var, const account &user, const std::string &id);
 
+// Reads what a user's mailbox records of one message.
+void read_marks(const char *var, const char *name, const std::string &id);
+
 // Reads what a user's mailbox records of the messages `ids` (one on each line).
 void read_mailbox(const char *var, const char *name, std::string_view ids);
 

@@ -23,10 +23,9 @@ int main(int argc, char **argv) {
     read_file(path("%s/delivery", dir_name), &text);
     if (exists(path("%s/revoked", dir_name)) || exists(path("%s/incomplete", dir_name)))
         fail(dir_name);
-    const std::string ids = joined(numbered_entries(sent), '\n');
     const std::vector<std::string> recipients = words_of(names);
     for (const std::string &name : recipients)
-        read_mailbox(var, name.c_str(), ids);
+        read_marks(var, name.c_str(), id);
     for (const std::string &name : recipients) {
         const account user = look_up(name.c_str());
         reset_shown(var, user, id);

@@ -23,9 +23,8 @@ int main(int argc, char **argv) {
     read_file(path("%s/delivery", dir_name), &text);
     if (exists(path("%s/revoked", dir_name)) || exists(path("%s/incomplete", dir_name)))
         fail(dir_name);
-    const std::string ids = joined(numbered_entries(sent), '\n');
     for (const std::string &name : words_of(names)) {
-        read_mailbox(var, name.c_str(), ids);
+        read_marks(var, name.c_str(), argv[2]);
         printf("%-16s %s\n", name.c_str(), "delivered");
     }
     return 0;

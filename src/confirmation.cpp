@@ -142,10 +142,14 @@ static bool list_folder(const char *folder, std::span<const file_kind> kinds, si
 }
 
 // Looks into the folders of the mailbox in the working directory, of which `ids` identifiers
-// are asked.
+// are asked. A single one is tried at once.
 static mailbox_files list_mailbox(size_t ids) {
     constexpr size_t DOTS = 2; // "." and ".." are entries too
     mailbox_files files;
+    if (ids == 1) {
+        files.unlisted = ACK | SHOWN_ON_TERMINAL | SHOWN_ON_DESKTOP;
+        return files;
+    }
     if (!list_folder("acks", ACK_FILES, ids + DOTS, &files))
         files.unlisted |= ACK;
     if (!list_folder("state", SHOWN_FILES, 2 * ids + DOTS, &files))

@@ -378,6 +378,7 @@ struct user_confirmations {
 // For the length of one run, or until recipient_state_cache_drop(): what each user's mailbox
 // said, and the identifiers that it was asked for.
 static struct {
+    int64_t only_id = 0; // 0 for every message
     bool ids_listed = false;
     std::string id_lines; // as each child takes them
     std::unordered_map<std::string, user_confirmations, string_hash, std::equal_to<>> users;
@@ -407,7 +408,9 @@ static bool read_confirmations(const char *name, confirmation_list *list) {
     return mailbox_read_confirmations(user, state_cache.id_lines, list);
 }
 
-static const user_confirmations &confirmations_of(const char *name) {
+static const user_confirmations &confirmations_of(const char *name, int64_t id) {
+    if (state_cache.only_id != 0 && state_cache.only_id != id)
+        recipient_state_cache_drop();
     const auto found = state_cache.users.find(std::string_view(name));
     if (found != state_cache.users.end())
         return found->second;
@@ -418,7 +421,7 @@ static const user_confirmations &confirmations_of(const char *name) {
 }
 
 const confirmation_entry *recipient_confirmation(const char *user, int64_t id) {
-    return confirmation_find(confirmations_of(user).list, id);
+    return confirmation_find(confirmations_of(user, id).list, id);
 }
 
 // Splits "SECONDS DETAIL"; a time that is no number counts as 0.
@@ -451,7 +454,7 @@ bool recipient_state(const char *user, int64_t id, const delivery_table &deliver
     if (delivery_find(delivery, user) < 0)
         return true;
     out->state = delivery_state::delivered;
-    const user_confirmations &known = confirmations_of(user);
+    const user_confirmations &known = confirmations_of(user, id);
     if (known.error != 0) {
         errno = known.error;
         return false;
@@ -466,4 +469,14 @@ void recipient_state_cache_drop() {
     state_cache.users.clear();
     state_cache.id_lines.clear();
     state_cache.ids_listed = false;
+    state_cache.only_id = 0;
+}
+
+void recipient_state_ask_only(int64_t id) {
+    if (state_cache.only_id == id)
+        return;
+    recipient_state_cache_drop();
+    state_cache.only_id = id;
+    state_cache.id_lines = number_line(id);
+    state_cache.ids_listed = true;
 }

@@ -143,5 +143,11 @@ struct recipient_status {
 // What the user's mailbox records of the message, through the same cache; null for nothing.
 [[nodiscard]] const confirmation_entry *recipient_confirmation(const char *user, int64_t id);
 
-// Forgets every cached confirmation, so that the next recipient_state reads afresh.
+// Forgets every cached confirmation, so that the next recipient_state reads afresh, of every
+// message again.
 void recipient_state_cache_drop();
+
+// Says that until then only this message will be asked for. Of the mailboxes that are read from
+// now on, only what concerns it is: reading all that a user has ever confirmed takes as long as
+// the user has confirmed messages. Asking for another message all the same drops the cache.
+void recipient_state_ask_only(int64_t id);

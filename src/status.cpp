@@ -205,7 +205,8 @@ static std::string confirmed_text(const recipient_status &status) {
 static std::string terminals_text(const char *user, const delivery_table &delivery) {
     const ptrdiff_t place = delivery_find(delivery, user);
     int64_t count = 0;
-    if (place < 0 || !parse_id(delivery.terminals[static_cast<size_t>(place)], &count) || count == 0)
+    if (place < 0 || !parse_id(delivery.terminals[static_cast<size_t>(place)], &count) ||
+        count == 0)
         return "";
     if (count == 1)
         return ", written to 1 terminal";
@@ -260,6 +261,7 @@ bool recipient_state_lines(int64_t id, const message_record &message,
     const int64_t cutoff = state.revoked ? sent_revocation_time(id) : 0;
     if (cutoff < 0)
         return false;
+    recipient_state_ask_only(id);
     for (const char *user : recipients) {
         recipient_status status;
         if (!recipient_state(user, id, state.delivery, message, cutoff, &status))

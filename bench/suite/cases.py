@@ -123,6 +123,9 @@ def status_case(axis, size, shape, confirmed=""):
                 last_line="confirmed on" if confirmed else "delivered", writes=False)
 
 
+MESSAGE_SIZES = (100, 1000, 10_000, 20_000)
+
+
 # Each axis alone. Where the base of 100 users or 20 recipients cannot hold what grows, the other
 # number is another, but the same throughout.
 def shapes(message_sizes, words=()):
@@ -136,7 +139,7 @@ def shapes(message_sizes, words=()):
 
 def reading(machine):
     """list, status and the interface, with nothing confirmed."""
-    for axis, size, shape in shapes((100, 1000, 10_000, 20_000)):
+    for axis, size, shape in shapes(MESSAGE_SIZES):
         with mounted(machine, shape):
             yield list_case(axis, size, shape)
             yield status_case(axis, size, shape)
@@ -149,8 +152,8 @@ def reading(machine):
 
 def reading_confirmed(machine):
     """list and status, with everything shown and confirmed."""
-    for axis, size, shape in shapes((100, 1000, 10_000), ("confirmed",)):
-        with mounted(machine, shape):
+    for axis, size, shape in shapes(MESSAGE_SIZES, ("confirmed",)):
+        with mounted(machine, shape, scratch=machine.place_to_read()):
             yield list_case(axis, size, shape, ", confirmed")
             yield status_case(axis, size, shape, ", confirmed")
 

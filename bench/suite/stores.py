@@ -36,9 +36,10 @@ def remove(directory):
 
 
 @contextlib.contextmanager
-def mounted(machine, shape, place=STATE):
-    """A new store of that shape where a program looks for its state; yields its directory."""
-    directory = machine.scratch / place.rpartition("/")[2]
+def mounted(machine, shape, place=STATE, scratch=None):
+    """A new store of that shape where a program looks for its state; yields its directory.
+    `scratch` is where it is made, by default the machine's own."""
+    directory = (scratch or machine.scratch) / place.rpartition("/")[2]
     shape.write(directory)
     machine.use_store(place, directory)
     try:

@@ -67,6 +67,7 @@ static void load_history(detail_page *state) {
 static bool load(detail_page *state) {
     state->needs_reload = false;
     recipient_state_cache_drop();
+    recipient_state_ask_only(state->id);
     if (!message_summary_load(state->id, &state->summary))
         return false;
     load_recipients(state);

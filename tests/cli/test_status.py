@@ -192,6 +192,16 @@ def test_a_message_without_recipients_shows_only_the_heading(box):
     assert states(box) == []
 
 
+def test_of_the_mailboxes_only_what_concerns_the_message_is_read(box, strace):
+    for message_id in range(1, 10):
+        box.store.make_message(message_id, delivered=[("pat", DATE, 1)])
+        box.store.confirm("pat", message_id, WHEN, "terminal")
+    trace = box.trace("openat", "status", "7")
+    assert trace.result.stdout.endswith(f"pat              {CONFIRMED}\n")
+    read = [arguments.split('"')[1] for name, arguments, _ in trace.of_children()]
+    assert [path for path in read if not path.startswith("/")] == ["acks/7"]
+
+
 # What a user may have put in place of a confirmation.
 
 @pytest.mark.parametrize("kind", ["pipe", "folder", "link to nothing"])

@@ -320,7 +320,17 @@ void apply_fault(tracer *run, pid_t pid, process *one, const uint64_t (&argument
     }
 }
 
+// A program that counts what is executed says so before it writes its counters, which do not
+// belong to it, and behind that: a call that only fails.
+constexpr uint64_t COUNTERS_MARK = 0x7b78;
+
+void look_for_mark(process *one, const __ptrace_syscall_info &info) {
+    if (info.entry.nr == SYS_getpriority && info.entry.args[0] == COUNTERS_MARK)
+        one->is_counted = info.entry.args[1] == 0;
+}
+
 void enter_call(tracer *run, pid_t pid, process *one, const __ptrace_syscall_info &info) {
+    look_for_mark(one, info);
     one->call = one->is_counted ? find_call(static_cast<long>(info.entry.nr)) : nullptr;
     if (one->call == nullptr)
         return;

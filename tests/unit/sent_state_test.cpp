@@ -275,6 +275,48 @@ TEST(RecipientStateCache, WhoHasNothingIsNotAskedAgain) {
               "delivered 0 ''\ndelivered 0 ''\ndelivered 0 ''\n1");
 }
 
+TEST(RecipientStateCache, HoldsOneMessageAloneWhereThatIsAskedFor) {
+    SKIP_UNLESS_ROOT();
+    const delivered_message message("500 desktop\n");
+    message.write("sent/8/delivery", "pat 100 2\n");
+    message.write("users/pat/acks/8", "600 desktop\n");
+    EXPECT_EQ(printed_by(
+                  [](const scratch_store &store) {
+                      recipient_state_ask_only(7);
+                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                      store.write("users/pat/acks/7", "700 terminal\n");
+                      recipient_state_ask_only(7);
+                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                      printf("%s\n", state_here("pat", 8, 0, 0).c_str()); // reads all afresh
+                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                  },
+                  message),
+              "confirmed 500 'desktop'\nconfirmed 500 'desktop'\nconfirmed 600 'desktop'\n"
+              "confirmed 700 'terminal'\n");
+}
+
+TEST(RecipientStateCache, HoldsAnotherMessageAloneWhereThatIsAskedForNext) {
+    SKIP_UNLESS_ROOT();
+    const delivered_message message("500 desktop\n");
+    message.write("sent/8/delivery", "pat 100 2\n");
+    message.write("users/pat/acks/8", "600 desktop\n");
+    EXPECT_EQ(printed_by(
+                  [](const scratch_store &store) {
+                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                      store.write("users/pat/acks/8", "700 terminal\n");
+                      recipient_state_ask_only(8);
+                      printf("%s\n", state_here("pat", 8, 0, 0).c_str());
+                      recipient_state_cache_drop();
+                      store.write("users/pat/acks/7", "800 desktop\n");
+                      printf("%s\n", state_here("pat", 8, 0, 0).c_str());
+                      store.write("users/pat/acks/7", "900 desktop\n"); // was read already
+                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                  },
+                  message),
+              "confirmed 500 'desktop'\nconfirmed 700 'terminal'\nconfirmed 700 'terminal'\n"
+              "confirmed 800 'desktop'\n");
+}
+
 TEST(RecipientStateCache, IsDroppedAsOftenAsWanted) {
     recipient_state_cache_drop();
     recipient_state_cache_drop();
