@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <span>
+#include <unordered_map>
 
 constexpr size_t REPORT_MAX_BYTES = 4'194'304;
 constexpr size_t IDENTIFIERS_MAX_BYTES = 4'194'304;
@@ -46,9 +47,18 @@ bool mailbox_read_confirmations(const resolved_user &user, std::string_view id_l
     return true;
 }
 
+// Identifiers are counted up: as they are, they fall into slots side by side.
+static uint32_t hash_of(int64_t id) {
+    return static_cast<uint32_t>(id);
+}
+
+static ptrdiff_t place_of(const confirmation_list &list, int64_t id) {
+    return list.by_id.find(hash_of(id), [&](size_t place) { return list.entries[place].id == id; });
+}
+
 const confirmation_entry *confirmation_find(const confirmation_list &list, int64_t id) {
-    const auto found = list.by_id.find(id);
-    return found == list.by_id.end() ? nullptr : &list.entries[found->second];
+    const ptrdiff_t place = place_of(list, id);
+    return place < 0 ? nullptr : &list.entries[static_cast<size_t>(place)];
 }
 
 void confirmation_list_free(confirmation_list *list) {
@@ -57,10 +67,12 @@ void confirmation_list_free(confirmation_list *list) {
 }
 
 static confirmation_entry *find_or_add(confirmation_list *list, int64_t id) {
-    const auto [place, is_new] = list->by_id.try_emplace(id, list->entries.size());
-    if (is_new)
-        list->entries.push_back({id, std::nullopt, 0});
-    return &list->entries[place->second];
+    const ptrdiff_t place = place_of(*list, id);
+    if (place >= 0)
+        return &list->entries[static_cast<size_t>(place)];
+    list->by_id.add(hash_of(id));
+    list->entries.push_back({id, std::nullopt, 0});
+    return &list->entries.back();
 }
 
 // Takes in one report line: "LETTER ID REST".

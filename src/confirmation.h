@@ -9,7 +9,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 struct confirmation_entry {
@@ -21,7 +20,7 @@ struct confirmation_entry {
 // In the order in which the identifiers first appear in the report, each once.
 struct confirmation_list {
     std::vector<confirmation_entry> entries;
-    std::unordered_map<int64_t, size_t> by_id; // position in `entries`
+    place_index by_id; // position in `entries`
 };
 
 // Fills `list` with what the user's mailbox says of the messages `ids` (decimal strings), in

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -224,6 +225,37 @@ void strlist_free(strlist *l) {
     l->items = nullptr;
     l->count = 0;
     l->cap = 0;
+}
+
+// ---- place_index --------------------------------------------------------------------------
+
+void place_index::put(slot added) {
+    const size_t mask = slots_.size() - 1;
+    size_t at = added.hash & mask;
+    while (slots_[at].number != 0)
+        at = (at + 1) & mask;
+    slots_[at] = added;
+}
+
+void place_index::grow() {
+    constexpr size_t FIRST_SLOTS = 64;
+    const std::vector<slot> taken =
+        std::exchange(slots_, std::vector<slot>(std::max(2 * slots_.size(), FIRST_SLOTS)));
+    for (const slot &one : taken)
+        if (one.number != 0)
+            put(one);
+}
+
+void place_index::add(uint32_t hash) {
+    count_++;
+    if (2 * size_t{count_} > slots_.size())
+        grow();
+    put({hash, count_});
+}
+
+void place_index::clear() {
+    slots_.clear();
+    count_ = 0;
 }
 
 // ---- Files --------------------------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 // ---- Ownership ----------------------------------------------------------------------------
 
@@ -154,6 +155,41 @@ void strlist_push_view(strlist *l, std::string_view text); // copies; `text` hol
 [[nodiscard]] int strlist_contains(const strlist *l, const char *text);
 void strlist_sort(strlist *l); // strcmp order
 void strlist_free(strlist *l); // releases everything; the list may be used again
+
+// ---- place_index --------------------------------------------------------------------------
+
+// Finds the place of something in a list by a hash of its key: a table with linear probing, at
+// most half full. It keeps places and no keys, and needs no memory of its own for each.
+class place_index {
+public:
+    // The place that was added with `hash` and of which `is_it` says true; -1 for none.
+    template <class Predicate>
+    [[nodiscard]] ptrdiff_t find(uint32_t hash, const Predicate &is_it) const {
+        if (slots_.empty())
+            return -1;
+        const size_t mask = slots_.size() - 1;
+        for (size_t at = hash & mask; slots_[at].number != 0; at = (at + 1) & mask)
+            if (slots_[at].hash == hash && is_it(slots_[at].number - 1))
+                return slots_[at].number - 1;
+        return -1;
+    }
+    // Adds the next place: 0 first, then 1 and so on, below 2^32 - 1.
+    void add(uint32_t hash);
+    [[nodiscard]] size_t size() const { return count_; }
+    void clear();
+
+private:
+    struct slot {
+        uint32_t hash = 0;
+        uint32_t number = 0; // the place, from 1; 0 for a free slot
+    };
+
+    void grow();
+    void put(slot added);
+
+    std::vector<slot> slots_; // a power of two of them
+    uint32_t count_ = 0;
+};
 
 // ---- Files --------------------------------------------------------------------------------
 // These return 0, or -1 with errno; none of them prints.

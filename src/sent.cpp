@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstring>
 #include <unordered_map>
-#include <utility>
 
 // Non-blocking, so that a named pipe in a file's place is refused; files do not care.
 constexpr int STORE_CREATE = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
@@ -209,56 +208,18 @@ static uint32_t hash_of(std::string_view name) {
     return static_cast<uint32_t>(std::hash<std::string_view>{}(name));
 }
 
-// Where the name is, or may be put.
-size_t name_index::slot_of(const std::vector<std::string_view> &names, std::string_view name,
-                           uint32_t hash) const {
-    const size_t mask = slots.size() - 1;
-    size_t place = hash & mask;
-    while (slots[place].number != 0 &&
-           (slots[place].hash != hash || names[slots[place].number - 1] != name))
-        place = (place + 1) & mask;
-    return place;
-}
-
-ptrdiff_t name_index::find(const std::vector<std::string_view> &names,
-                           std::string_view name) const {
-    if (slots.empty())
-        return -1;
-    return static_cast<ptrdiff_t>(slots[slot_of(names, name, hash_of(name))].number) - 1;
-}
-
-bool name_index::add(std::vector<std::string_view> *names, std::string_view name) {
-    if (2 * (names->size() + 1) > slots.size())
-        grow();
-    const uint32_t hash = hash_of(name);
-    slot &found = slots[slot_of(*names, name, hash)];
-    if (found.number != 0)
-        return false;
-    names->push_back(name);
-    found = {hash, static_cast<uint32_t>(names->size())};
-    return true;
-}
-
-void name_index::grow() {
-    constexpr size_t FIRST_SLOTS = 64;
-    const std::vector<slot> old =
-        std::exchange(slots, std::vector<slot>(std::max(2 * slots.size(), FIRST_SLOTS)));
-    const size_t mask = slots.size() - 1;
-    for (const slot &taken : old) {
-        if (taken.number == 0)
-            continue;
-        size_t place = taken.hash & mask;
-        while (slots[place].number != 0)
-            place = (place + 1) & mask;
-        slots[place] = taken;
-    }
+static ptrdiff_t find_user(const delivery_table &table, std::string_view user, uint32_t hash) {
+    return table.by_user.find(hash, [&](size_t place) { return table.users[place] == user; });
 }
 
 // The first line of a user counts.
 static void add_delivery_line(std::string_view line, delivery_table *table) {
     const std::string_view user = take_field(&line, LOG_USER_MAX_BYTES);
-    if (user.empty() || !table->by_user.add(&table->users, user))
+    const uint32_t hash = hash_of(user);
+    if (user.empty() || find_user(*table, user, hash) >= 0)
         return;
+    table->by_user.add(hash);
+    table->users.push_back(user);
     take_field(&line, SIZE_MAX); // the time
     const std::string_view terminals = take_field(&line, LOG_COUNT_MAX_BYTES);
     table->terminals.push_back(terminals.empty() ? "0" : terminals);
@@ -279,7 +240,7 @@ int sent_read_delivery(int64_t id, delivery_table *table) {
 }
 
 ptrdiff_t delivery_find(const delivery_table &table, std::string_view user) {
-    return table.by_user.find(table.users, user);
+    return find_user(table, user, hash_of(user));
 }
 
 void sent_append_delivery(int64_t id, const char *user, int terminals) {

@@ -62,36 +62,13 @@ void sent_marker_create(int64_t id, const char *name); // best effort, by design
 // -1 with errno, so that a caller about to act on "no recipients" can tell.
 int sent_read_recipients(int64_t id, strlist *list);
 
-// Where each name of a list stands: a hash table with linear probing, at most half full. It keeps
-// places and not names, so that a name costs no memory of its own.
-class name_index {
-public:
-    // The place of `name` in `names`, of which every name was added; -1 for none.
-    [[nodiscard]] ptrdiff_t find(const std::vector<std::string_view> &names,
-                                 std::string_view name) const;
-    // Appends `name` to `names` and notes it; false, with nothing changed, where it stands there.
-    bool add(std::vector<std::string_view> *names, std::string_view name);
-
-private:
-    struct slot {
-        uint32_t hash = 0;
-        uint32_t number = 0; // of the name, from 1; 0 for a free slot
-    };
-
-    [[nodiscard]] size_t slot_of(const std::vector<std::string_view> &names, std::string_view name,
-                                 uint32_t hash) const;
-    void grow();
-
-    std::vector<slot> slots; // a power of two of them
-};
-
 // Whom the log names, each once in the order of first appearance, with the number of
 // terminals written to as text. The two lists are parallel, and lie in `log`.
 struct delivery_table {
     std::vector<std::string_view> users;
     std::vector<std::string_view> terminals;
     strbuf log; // as it was read
-    name_index by_user;
+    place_index by_user;
 };
 
 // Fills `table` from the message's delivery log; the first line of each user counts. A missing

@@ -421,6 +421,58 @@ TEST(Strlist, MovesItsItems) {
     EXPECT_EQ(joined(third), "a b");
 }
 
+// ---- place_index --------------------------------------------------------------------------
+
+namespace {
+
+constexpr size_t KEYS = 1000; // the table grows several times
+
+// The index of so many keys, of which `hash_of` gives the hash, and who is found where.
+void expect_every_key_at_its_place(uint32_t (*hash_of)(size_t key)) {
+    place_index index;
+    const auto place_of = [&](size_t key) {
+        return index.find(hash_of(key), [key](size_t place) { return place == key; });
+    };
+    EXPECT_EQ(place_of(0), -1);
+    for (size_t key = 0; key < KEYS; key++)
+        index.add(hash_of(key));
+    EXPECT_EQ(index.size(), KEYS);
+    for (size_t key = 0; key < KEYS; key++)
+        ASSERT_EQ(place_of(key), static_cast<ptrdiff_t>(key));
+    ASSERT_EQ(place_of(KEYS), -1);
+    index.clear();
+    EXPECT_EQ(index.size(), 0U);
+    EXPECT_EQ(place_of(0), -1);
+}
+
+} // namespace
+
+TEST(PlaceIndex, FindsEveryKeyAtItsPlace) {
+    expect_every_key_at_its_place([](size_t key) { return static_cast<uint32_t>(key); });
+}
+
+TEST(PlaceIndex, KeepsKeysOfTheSameHashApart) {
+    expect_every_key_at_its_place([](size_t key) { return static_cast<uint32_t>(key / 7); });
+}
+
+TEST(PlaceIndex, KeepsKeysOfTheSameSlotApart) {
+    expect_every_key_at_its_place([](size_t key) { return static_cast<uint32_t>(key) << 20; });
+}
+
+TEST(PlaceIndex, GoesOnFromTheLastSlotAtTheFirst) {
+    expect_every_key_at_its_place(
+        [](size_t key) { return UINT32_MAX - static_cast<uint32_t>(key % 3); });
+}
+
+TEST(PlaceIndex, CountsFromTheBeginningOnceItWasCleared) {
+    place_index index;
+    index.add(1);
+    index.clear();
+    index.add(2);
+    EXPECT_EQ(index.find(2, [](size_t place) { return place == 0; }), 0);
+    EXPECT_EQ(index.find(1, [](size_t) { return true; }), -1);
+}
+
 // ---- Predicates and parsing ---------------------------------------------------------------
 
 TEST(IsAllDigits, WantsAtLeastOneDigitAndNothingElse) {
