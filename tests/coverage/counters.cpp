@@ -24,12 +24,13 @@ static void leave_alone(bool is_writing) {
     syscall(SYS_getpriority, COUNTERS_MARK, static_cast<int>(is_writing)); // only fails
 }
 
-// Tests leave some processes no room for files, which the counters are written to.
+// Tests leave some processes no room for files, which the counters are written to, or memory.
 static void __attribute__((destructor)) give_room() {
     const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
     const rlimit many = {1024, 1024};
     leave_alone(true);
     setrlimit(RLIMIT_FSIZE, &none);
+    setrlimit(RLIMIT_AS, &none);
     setrlimit(RLIMIT_NOFILE, &many);
 }
 
