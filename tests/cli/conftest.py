@@ -8,27 +8,16 @@ from pathlib import Path
 import pytest
 
 HERE = Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE))
+sys.path[:0] = [str(HERE), str(HERE.parent)]
 
 from harness.machine import Box, CannotBuild, Machine  # noqa: E402
-
-DEFAULT_BINARY = HERE.parent.parent / "build" / "release" / "tbx"
-
-
-def skip(reason):
-    """Skips the test; where every test has to run, fails it instead."""
-    if os.environ.get("CI") == "true":
-        pytest.fail(f"cannot be skipped here: {reason}", pytrace=False)
-    pytest.skip(reason)
+from prerequisites import program_under_test, skip  # noqa: E402
 
 
 @pytest.fixture(scope="session")
 def binary():
-    """The program under test: TBX_BINARY, else the release build."""
-    path = Path(os.environ.get("TBX_BINARY", DEFAULT_BINARY)).resolve()
-    if not path.is_file():
-        pytest.fail(f"{path} is missing: build the program first", pytrace=False)
-    return path
+    """The program under test."""
+    return program_under_test()
 
 
 @pytest.fixture

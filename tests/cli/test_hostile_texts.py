@@ -8,8 +8,8 @@ left of each is worked out here from the rules of cleaning.
 import re
 
 import pytest
-from conftest import skip
 from harness.history import MESSAGE_STAMP, History, record, writer
+from prerequisites import skip
 
 CSI = re.compile(rb"\x1b\[[0-9;?]*[\x40-\x7e]")
 OSC = re.compile(rb"\x1b\][^\x07]*\x07")

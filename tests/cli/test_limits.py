@@ -6,13 +6,13 @@ import shutil
 from pathlib import Path
 
 import pytest
-from conftest import skip
 
 from harness.clock import now
 from harness.machine import Box
 from harness.stopped import without_leak_check
 from harness.store import short_time
 from harness.waiting import wait_for
+from prerequisites import skip
 
 DATE = 1790000000
 INPUT_MAX = 64 * 1024 * 1024

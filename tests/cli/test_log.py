@@ -1,10 +1,10 @@
 """log: the heading, and one line for each record of the message."""
 
 import pytest
-from conftest import skip
 from harness.history import History, MESSAGE_DATE, MESSAGE_STAMP, record, writer
 from harness.outcome import assert_fails
 from harness.store import short_time
+from prerequisites import skip
 
 HEADING = f"Message 7 · {short_time(MESSAGE_DATE)}\n"
 

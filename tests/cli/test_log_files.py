@@ -1,10 +1,10 @@
 """log: the journal's files, however many there are and whatever they hold."""
 
 import pytest
-from conftest import skip
 from harness.history import (History, MESSAGE_DATE, MESSAGE_STAMP, RUNTIME_JOURNAL, record,
                              writer)
 from harness.store import short_time
+from prerequisites import skip
 
 HEADING = f"Message 7 · {short_time(MESSAGE_DATE)}\n"
 

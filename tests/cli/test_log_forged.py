@@ -1,8 +1,8 @@
 """log: any local user can write records, so each line tells when the writer was another."""
 
 import pytest
-from conftest import skip
 from harness.history import History, MESSAGE_STAMP, record, writer
+from prerequisites import skip
 
 PAT, ALEX = 1001, 1002
 OF_THE_ADMINISTRATOR = ["SENT", "DELIVERED", "NOT_DELIVERED", "CANCELLED", "RECOVERED", "DELETED",

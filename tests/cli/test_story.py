@@ -7,10 +7,10 @@ import re
 import stat
 
 import pytest
-from conftest import skip
 from harness.clock import now, wait_until_after
 from harness.history import History, record, writer
 from harness.store import banner, message_file, parse_message_file, short_time
+from prerequisites import skip
 
 TITLE, TEXT = "Backup", "Tonight at ten.\nPlease log off.\n"
 RECIPIENTS = ("alex", "pat", "sam")

@@ -9,26 +9,19 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent.parent
-DEFAULT_BINARY = ROOT / "build" / "release" / "tbx"
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
-
-def skip(reason):
-    """Skips the test; where every test has to run, fails it instead."""
-    if os.environ.get("CI") == "true":
-        pytest.fail(f"cannot be skipped here: {reason}", pytrace=False)
-    pytest.skip(reason)
+from prerequisites import ROOT, program_under_test, skip  # noqa: E402
 
 
 @pytest.fixture(scope="session")
 def counted(tmp_path_factory):
-    """The costs of the program under test: TBX_BINARY, else the release build. The programs of
-    bench/ are built beside it."""
+    """The costs of the program under test. The programs of bench/ are built beside it."""
     if os.geteuid() != 0:
         skip("needs root: real users and owners")
     if missing := [tool for tool in ("strace", "valgrind") if shutil.which(tool) is None]:
         skip(f"needs {' and '.join(missing)}")
-    tree = Path(os.environ.get("TBX_BINARY", DEFAULT_BINARY)).resolve().parent
+    tree = program_under_test().parent
     folder = tmp_path_factory.mktemp("cost")
     counting = subprocess.run(
         [sys.executable, ROOT / "tools" / "bench", "--count", "--tree", tree, "--scratch", folder,

@@ -7,28 +7,18 @@ from pathlib import Path
 import pytest
 
 HERE = Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE.parent / "cli"), str(HERE)]
+sys.path[:0] = [str(HERE.parent / "cli"), str(HERE), str(HERE.parent)]
 
 from harness.machine import Machine  # noqa: E402
+from prerequisites import program_under_test, skip  # noqa: E402
 from tracing import built_tracer, install_tracer  # noqa: E402
 from trials import Bench  # noqa: E402
-
-DEFAULT_BINARY = HERE.parent.parent / "build" / "release" / "tbx"
-
-
-def skip(reason):
-    """Skips the test; where every test has to run, fails it instead."""
-    if os.environ.get("CI") == "true":
-        pytest.fail(f"cannot be skipped here: {reason}", pytrace=False)
-    pytest.skip(reason)
 
 
 @pytest.fixture(scope="session")
 def binary():
-    """The program under test: TBX_BINARY, else the release build."""
-    path = Path(os.environ.get("TBX_BINARY", DEFAULT_BINARY)).resolve()
-    if not path.is_file():
-        pytest.fail(f"{path} is missing: build the program first", pytrace=False)
+    """The program under test."""
+    path = program_under_test()
     if os.geteuid() != 0:
         skip("needs root: real users and owners")
     if not built_tracer(path).exists():

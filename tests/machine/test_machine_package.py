@@ -6,7 +6,7 @@ import sys
 from pathlib import Path
 
 import pytest
-from conftest import skip
+from prerequisites import skip
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "packaging"))
 

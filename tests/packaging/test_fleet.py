@@ -12,7 +12,8 @@ import time
 
 import manual
 import pytest
-from conftest import need, run, skip
+from conftest import need, run
+from prerequisites import skip
 from harness.history import export_format, record
 
 SYSTEMD = "/lib/systemd:/usr/lib/systemd"

@@ -7,7 +7,8 @@ import shutil
 import subprocess
 
 import pytest
-from conftest import REPOSITORY, need, run, skip
+from conftest import REPOSITORY, need, run
+from prerequisites import skip
 from test_install import FILES, FISH_LINK
 
 TOOLS = {"DEB": "dpkg-deb", "RPM": "rpmbuild"}

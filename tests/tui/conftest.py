@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 HERE = Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE))
+sys.path[:0] = [str(HERE), str(HERE.parent)]
 
 pytest.register_assert_rewrite("pseudo_terminal", "interface", "terminal_bytes")
 
@@ -17,27 +17,17 @@ from frame_model import DetailPage, FormPage, ListPage  # noqa: E402
 from interface import expect, press  # noqa: E402
 from messages import USERS, Store, from_command_line_tests  # noqa: E402
 from places import WITH_HISTORY, Places  # noqa: E402
+from prerequisites import program_under_test, skip  # noqa: E402
 from pseudo_terminal import ENTER, Terminal  # noqa: E402
 
-DEFAULT_BINARY = HERE.parent.parent / "build" / "release" / "tbx"
 EXPECTED = HERE / "expected"
 JOURNAL = from_command_line_tests("history")
 
 
-def skip(reason):
-    """Skips the test; where every test has to run, fails it instead."""
-    if os.environ.get("CI") == "true":
-        pytest.fail(f"cannot be skipped here: {reason}", pytrace=False)
-    pytest.skip(reason)
-
-
 @pytest.fixture(scope="session")
 def binary():
-    """The program under test: TBX_BINARY, else the release build."""
-    path = Path(os.environ.get("TBX_BINARY", DEFAULT_BINARY)).resolve()
-    if not path.is_file():
-        pytest.fail(f"{path} is missing: build the program first", pytrace=False)
-    return path
+    """The program under test."""
+    return program_under_test()
 
 
 @pytest.fixture
