@@ -112,6 +112,20 @@ def test_a_failing_pipe_or_fork_is_an_invalid_expiry(box, strace, call):
     assert not box.store.top.exists()
 
 
+def test_a_date_program_that_cannot_be_listened_to_is_not_started(box, strace):
+    box.stand_in("date", "echo started > /run/started; echo 5000000000")
+    traced = box.trace("dup2,dup3", "send", "--to", "pat", "--expires", "soon", "hello",
+                       inject=["dup2,dup3:error=EBUSY"])
+    assert tuple(traced.result) == ("", "tbx: invalid expiry: soon\n", 1)
+    assert not box.path("/run/started").exists()
+
+
+def test_a_date_program_whose_status_nobody_tells_is_no_date(box, strace):
+    traced = box.trace("wait4", "send", "--to", "pat", "--expires", "tomorrow", "hello",
+                       inject=["wait4:error=ECHILD"])
+    assert tuple(traced.result) == ("", "tbx: invalid expiry: tomorrow\n", 1)
+
+
 # Disturbed.
 
 def reads_of_the_answer(box):
@@ -133,6 +147,6 @@ def test_an_answer_whose_reading_is_interrupted_is_read_on(box):
 def test_an_answer_that_cannot_be_read_is_no_date(box):
     first = reads_of_the_answer(box)[0]
     traced = box.trace("read", "send", "--to", "pat", "--expires", "tomorrow", "hello",
-                       inject=[f"read:error=EIO:when={first}+"])
+                       inject=[f"read:error=EIO:when={first}"])
     assert tuple(traced.result) == ("", "tbx: invalid expiry: tomorrow\n", 1)
     assert not box.store.sent(2).exists()

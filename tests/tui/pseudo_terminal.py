@@ -27,6 +27,7 @@ import pyte
 # passes, so it is generous: sanitizers on a busy machine are slow.
 DEADLINE_SECONDS = 30
 RETRY_SECONDS = 0.1
+GRACE_SECONDS = 1  # for a program to end by itself, at the end of a test
 
 UP, DOWN, RIGHT, LEFT = "\x1b[A", "\x1b[B", "\x1b[C", "\x1b[D"
 HOME, END, PAGE_UP, PAGE_DOWN = "\x1b[H", "\x1b[F", "\x1b[5~", "\x1b[6~"
@@ -280,6 +281,8 @@ class Terminal:
         """Ends what is left: the program, if it still runs, and the session's leader."""
         if self._master is not None:
             self.hang_up()
+        if self._status is None:
+            self._take_what_arrives(GRACE_SECONDS)  # most programs end with their terminal
         if self._status is None:
             try:
                 os.killpg(self.pid, signal.SIGKILL)

@@ -337,6 +337,34 @@ TEST(CreateFileAtomic, WritesAFileThatIsNotThere) {
     EXPECT_FALSE(scratch.exists("file.tmp"));
 }
 
+TEST(CreateFileAtomic, DoesTheSameWhereNothingIsRenamedWithoutReplacing) {
+    for (const int error : {EINVAL, ENOSYS}) {
+        const scratch_directory scratch;
+        const child_result child = run_in_child([&] {
+            refuse_call(SYS_renameat2, static_cast<uint32_t>(error));
+            const std::string path = scratch.path("file");
+            printf("%d", create_file_atomic(path.c_str(), "new", 3, 0600));
+            printf(" %d", create_file_atomic(path.c_str(), "newer", 5, 0600));
+            printf(" %s", strerrorname_np(errno));
+        });
+        EXPECT_EQ(child.out, "0 -1 EEXIST");
+        EXPECT_EQ(scratch.read("file"), "new");
+        EXPECT_FALSE(scratch.exists("file.tmp"));
+    }
+}
+
+TEST(CreateFileAtomic, FailsWhereNothingCanBeRenamed) {
+    const scratch_directory scratch;
+    const child_result child = run_in_child([&] {
+        refuse_call(SYS_renameat2, EIO);
+        printf("%d", create_file_atomic(scratch.path("file").c_str(), "new", 3, 0600));
+        printf(" %s", strerrorname_np(errno));
+    });
+    EXPECT_EQ(child.out, "-1 EIO");
+    EXPECT_FALSE(scratch.exists("file"));
+    EXPECT_FALSE(scratch.exists("file.tmp"));
+}
+
 TEST(CreateFileAtomic, LeavesAFileThatIsThere) {
     const scratch_directory scratch;
     scratch.write("file", "old");

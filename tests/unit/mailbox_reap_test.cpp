@@ -3,16 +3,10 @@
 
 #include "support.h"
 
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
-#include <iterator>
 
 namespace {
 
@@ -25,20 +19,6 @@ pid_t start_child(void (*body)()) {
     if (child == 0)
         body();
     return child;
-}
-
-// Lets this process live on a system without pidfd_open(), for a child only.
-void forget_pidfds() {
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pidfd_open, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter = {std::size(program), program};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-        throw_errno("seccomp");
 }
 
 } // namespace
@@ -91,7 +71,7 @@ TEST(ReapChild, KillsAChildThatIsStillThereAtTheDeadline) {
 
 TEST(ReapChild, WorksWhereTheSystemHasNoPidfds) {
     const child_result outer = run_in_child([] {
-        forget_pidfds();
+        refuse_call(SYS_pidfd_open, ENOSYS);
         const pid_t child = start_child([] { _exit(7); });
         int status = 0;
         if (reap_child(child, in_a_minute(), &status) != 0)

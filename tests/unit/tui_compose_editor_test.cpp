@@ -33,6 +33,7 @@ struct edit_options {
     const char *editor = nullptr;
     const char *sudo_user = nullptr;
     const char *search_path = "/usr/bin:/bin";
+    void (*prepare)() = [] {}; // runs in the child, right before
 };
 
 struct edit_result {
@@ -49,6 +50,7 @@ edit_result edit(const edit_options &options) {
         const environment_variable path("PATH", options.search_path);
         compose_form form;
         form.text.lines = {"old", "text"};
+        options.prepare();
         compose_edit_external(&form);
         results.write("text", compose_text_joined(form.text));
     });
@@ -137,6 +139,32 @@ TEST(ComposeEditor, IsNotStartedOnHalfAText) {
     EXPECT_FALSE(editor.directory.exists("editor.started"));
 }
 
+TEST(ComposeEditor, WithoutProcessesLeavesTheText) {
+    const scripted_editor editor("echo new >\"$1\"");
+    const edit_result result =
+        edit({.visual = editor.path().c_str(), .prepare = [] { refuse_call(SYS_clone, EAGAIN); }});
+    EXPECT_EQ(result.text, UNCHANGED);
+}
+
+TEST(ComposeEditor, WithoutDescriptorsLeavesTheText) {
+    const child_result child = run_in_child([] {
+        leave_descriptors(0);
+        compose_form form;
+        form.text.lines = {"old", "text"};
+        compose_edit_external(&form);
+        return compose_text_joined(form.text) == UNCHANGED ? 10 : 20;
+    });
+    EXPECT_EQ(child.exit_status, 10);
+    EXPECT_EQ(child.out, ""); // the interface has not left the screen
+}
+
+TEST(ComposeEditor, WhoseStatusNobodyTellsIsWaitedFor) {
+    const scripted_editor editor("sleep 0.1; echo new >\"$1\"");
+    const edit_result result =
+        edit({.visual = editor.path().c_str(), .prepare = [] { signal(SIGCHLD, SIG_IGN); }});
+    EXPECT_EQ(result.text, "new");
+}
+
 // ---- As whom ------------------------------------------------------------------------------
 
 TEST(ComposeEditor, RunsAsTheUserWhoCalledSudo) {
@@ -146,6 +174,28 @@ TEST(ComposeEditor, RunsAsTheUserWhoCalledSudo) {
                   "rm \"$1.out\"",
                   NOBODY),
         "nobody\nnobody");
+}
+
+TEST(ComposeEditor, IsNotStartedWhereItCannotBecomeThatUser) {
+    SKIP_UNLESS_ROOT();
+    const scripted_editor editor("echo new >\"$1\"");
+    for (void (*refuse)() :
+         {+[] { refuse_call(SYS_setgroups, EPERM); }, +[] { refuse_call(SYS_setresgid, EAGAIN); },
+          +[] { refuse_call(SYS_setresuid, EAGAIN); }}) {
+        const edit_result result =
+            edit({.visual = editor.path().c_str(), .sudo_user = NOBODY, .prepare = refuse});
+        EXPECT_EQ(result.text, UNCHANGED);
+    }
+}
+
+TEST(ComposeEditor, RunsAsThisProcessWhereTheFileCannotBeGivenAway) {
+    SKIP_UNLESS_ROOT();
+    const scripted_editor editor("id -un >\"$1\"");
+    const edit_result result =
+        edit({.visual = editor.path().c_str(), .sudo_user = NOBODY, .prepare = [] {
+                  refuse_call(SYS_fchown, EPERM);
+              }});
+    EXPECT_EQ(result.text, "root");
 }
 
 TEST(ComposeEditor, RunsAsThisProcessWhenTheUserIsUnknown) {

@@ -143,10 +143,46 @@ TEST(TuiJob, WithoutProcessesFailsAndLeavesNoDescriptor) {
     EXPECT_EQ(child.exit_status, 10);
 }
 
+TEST(TuiJob, ACommandThatCannotHaveThePipesDoesNotRun) {
+    const child_result child = run_in_child([] {
+        refuse_call(SYS_dup2, EBUSY);
+        const job_result result = run(print_argument, "x");
+        printf("%d '%s'", result.status, result.output.c_str());
+    });
+    EXPECT_EQ(child.out, "127 ''");
+}
+
+TEST(TuiJob, WhoseStatusNobodyTellsHasFailed) {
+    const child_result child = run_in_child([] {
+        signal(SIGCHLD, SIG_IGN); // it is reaped by the system
+        const job_result result = run(print_argument, "x");
+        printf("%d '%s'", result.status, result.output.c_str());
+    });
+    EXPECT_EQ(child.out, "-1 'out x\n'");
+}
+
+TEST(TuiJob, IsWaitedForThoughNothingCanBePolled) {
+    const child_result child = run_in_child([] {
+        refuse_call(SYS_poll, ENOMEM);
+        const job_result result = run(do_nothing, "");
+        printf("%d '%s' %d", result.status, result.output.c_str(), has_no_children());
+    });
+    EXPECT_EQ(child.out, "0 '' 1");
+}
+
 // ---- Input --------------------------------------------------------------------------------
 
 TEST(TuiJob, ReadsItsInputToTheEnd) {
     EXPECT_EQ(run(copy_input, "", "line\nlast").output, "line\nlast");
+}
+
+TEST(TuiJob, InputThatCouldNotBeFedWithoutWaitingIsNone) {
+    const child_result child = run_in_child([] {
+        refuse_call(SYS_fcntl, EINVAL);
+        const job_result result = run(copy_input, "", "input");
+        printf("%d '%s'", result.status, result.output.c_str());
+    });
+    EXPECT_EQ(child.out, "0 ''");
 }
 
 TEST(TuiJob, WithoutInputReadsNothing) {
