@@ -59,5 +59,5 @@ def test_a_store_that_fills_up_anywhere_in_a_send_loses_nothing(machine, pages):
 def test_files_that_may_not_grow_further_lose_nothing(machine, limit):
     machine.write("/run/text", LONG_TEXT)
     result = machine.run("send", "--to", "pat,sam", "--file", "/run/text",
-                         wrap=["prlimit", f"--fsize={limit}", "--"])
+                         wrap=["prlimit", f"--fsize={limit}:", "--"])
     assert_whole_or_nothing(machine, LONG_TEXT, result.status)

@@ -190,6 +190,6 @@ def test_pager_that_may_not_be_executed_leaves_the_page_printed(terminal, expect
 
 def test_pager_that_cannot_be_started_leaves_the_page_printed(terminal, binary, expected):
     # One descriptor more than the standard ones is enough for all but the pipe.
-    tbx = terminal(argv=["sh", "-c", 'ulimit -n 4; exec "$0" help', binary], rows=PAGED_ROWS)
+    tbx = terminal(argv=["sh", "-c", 'ulimit -Sn 4; exec "$0" help', binary], rows=PAGED_ROWS)
     assert tbx.wait_exit() == 0
     assert tbx.raw == as_on_terminal(expected("manual-80-colour.txt"))

@@ -378,9 +378,7 @@ TEST(WriteFileAtomic, FailedWriteKeepsTheOldFile) {
     const scratch_directory scratch;
     scratch.write("file", "old");
     const child_result child = run_in_child([&scratch] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit ten_bytes = {10, 10};
-        setrlimit(RLIMIT_FSIZE, &ten_bytes);
+        limit_files(10);
         const std::string content(100, 'x');
         return write_file_atomic(scratch.path("file").c_str(), content.data(), content.size(),
                                  0600) == -1

@@ -324,9 +324,7 @@ TEST(AppendDelivery, FailedWriteLeavesNoHalfLine) {
     const scratch_store store;
     store.write("sent/7/delivery", "sam 1 2\n");
     const child_result child = run_in_child([] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit four_bytes_more = {12, 12};
-        setrlimit(RLIMIT_FSIZE, &four_bytes_more);
+        limit_files(12); // four bytes more
         sent_append_delivery(7, "pat", 0);
     });
     EXPECT_EQ(child.exit_status, 0) << child.err;

@@ -272,6 +272,17 @@ inline void leave_descriptors(rlim_t count) {
         throw_errno("setrlimit");
 }
 
+// Lets no file of this process grow beyond so many bytes. For a child only.
+inline void limit_files(rlim_t bytes) {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_FSIZE, &limit) != 0)
+        throw_errno("getrlimit");
+    limit.rlim_cur = bytes;
+    signal(SIGXFSZ, SIG_IGN);
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+        throw_errno("setrlimit");
+}
+
 // Gives this process an empty file for its standard input, whatever the tests are run with. For
 // a child only.
 inline void replace_standard_input() {

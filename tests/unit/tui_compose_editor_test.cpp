@@ -127,9 +127,7 @@ TEST(ComposeEditor, IsNotStartedOnHalfAText) {
     const scripted_editor editor("echo started >>\"$0.started\"; echo new >\"$1\"");
     const child_result child = run_in_child([&] {
         const environment_variable visual("VISUAL", editor.path().c_str());
-        const rlimit three_bytes = {3, 3};
-        signal(SIGXFSZ, SIG_IGN);
-        setrlimit(RLIMIT_FSIZE, &three_bytes);
+        limit_files(3);
         compose_form form;
         form.text.lines = {"old", "text"};
         compose_edit_external(&form);
