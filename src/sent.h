@@ -124,7 +124,7 @@ struct recipient_status {
 // message again.
 void recipient_state_cache_drop();
 
-// Says that until then only this message will be asked for. Of the mailboxes that are read from
-// now on, only what concerns it is: reading all that a user has ever confirmed takes as long as
-// the user has confirmed messages. Asking for another message all the same drops the cache.
+// Says that up to the next drop only this message will be asked for: of the mailboxes that are
+// read until then, only what concerns it is. Reading all that users have ever confirmed takes the
+// longer the more that is. Asking for another message all the same drops the cache.
 void recipient_state_ask_only(int64_t id);
