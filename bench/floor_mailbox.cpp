@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 
 struct file_target {
@@ -113,6 +114,12 @@ void purge_files(const char *var, const account &user, const std::string &id) {
 
 // ---- Reading ------------------------------------------------------------------------------
 
+// Fails for any other reason than that there is no such file.
+static void require_missing(const char *name) {
+    if (errno != ENOENT)
+        fail(name);
+}
+
 // One line per file of the folder: what a confirmation says, or when a message was shown.
 static void report_folder(const char *folder, void (*report)(const char *name, std::string *out),
                           std::string *out) {
@@ -128,8 +135,10 @@ static void report_folder(const char *folder, void (*report)(const char *name, s
 static void report_confirmation(const char *id, std::string *out) {
     const path name("acks/%s", id);
     const int fd = open(name, O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
+        require_missing(name);
         return;
+    }
     struct stat status = {};
     must(fstat(fd, &status), name);
     char text[200];
@@ -141,8 +150,10 @@ static void report_confirmation(const char *id, std::string *out) {
 static void report_shown(const char *file, std::string *out) {
     const path name("state/%s", file);
     struct stat status = {};
-    if (stat(name, &status) != 0)
+    if (stat(name, &status) != 0) {
+        require_missing(name);
         return;
+    }
     const size_t digits = strspn(file, "0123456789");
     out->append("S ").append(file, digits).append(" ");
     out->append(std::to_string(status.st_mtime)).append("\n");

@@ -246,16 +246,11 @@ void place_index::grow() {
             put(one);
 }
 
-void place_index::add(uint32_t hash) {
-    count_++;
-    if (2 * size_t{count_} > slots_.size())
+void place_index::add(uint32_t hash, size_t place) {
+    const size_t count = place + 1;
+    if (2 * count > slots_.size())
         grow();
-    put({hash, count_});
-}
-
-void place_index::clear() {
-    slots_.clear();
-    count_ = 0;
+    put({hash, static_cast<uint32_t>(count)});
 }
 
 // ---- Files --------------------------------------------------------------------------------

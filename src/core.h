@@ -159,7 +159,7 @@ void strlist_free(strlist *l); // releases everything; the list may be used agai
 // ---- place_index --------------------------------------------------------------------------
 
 // Finds the place of something in a list by a hash of its key: a table with linear probing, at
-// most half full. It keeps places and no keys, and needs no memory of its own for each.
+// most half full. It keeps places and no keys; the list grows beside it.
 class place_index {
 public:
     // The place that was added with `hash` and of which `is_it` says true; -1 for none.
@@ -173,10 +173,9 @@ public:
                 return slots_[at].number - 1;
         return -1;
     }
-    // Adds the next place: 0 first, then 1 and so on, below 2^32 - 1.
-    void add(uint32_t hash);
-    [[nodiscard]] size_t size() const { return count_; }
-    void clear();
+    // Adds a place: 0 first, then 1 and so on, below 2^32 - 1.
+    void add(uint32_t hash, size_t place);
+    void clear() { slots_.clear(); }
 
 private:
     struct slot {
@@ -188,7 +187,6 @@ private:
     void put(slot added);
 
     std::vector<slot> slots_; // a power of two of them
-    uint32_t count_ = 0;
 };
 
 // ---- Files --------------------------------------------------------------------------------

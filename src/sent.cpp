@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <unordered_map>
 
 // Non-blocking, so that a named pipe in a file's place is refused; files do not care.
@@ -218,11 +219,11 @@ static void add_delivery_line(std::string_view line, delivery_table *table) {
     const uint32_t hash = hash_of(user);
     if (user.empty() || find_user(*table, user, hash) >= 0)
         return;
-    table->by_user.add(hash);
+    table->by_user.add(hash, table->users.size());
     table->users.push_back(user);
     take_field(&line, SIZE_MAX); // the time
     const std::string_view terminals = take_field(&line, LOG_COUNT_MAX_BYTES);
-    table->terminals.push_back(terminals.empty() ? "0" : terminals);
+    table->terminals.push_back(terminals.empty() ? "0" : terminals.substr(0, terminals.find('\0')));
 }
 
 int sent_read_delivery(int64_t id, delivery_table *table) {
@@ -339,7 +340,7 @@ struct user_confirmations {
 // For the length of one run, or until recipient_state_cache_drop(): what each user's mailbox
 // said, and the identifiers that it was asked for.
 static struct {
-    int64_t only_id = 0; // 0 for every message
+    std::optional<int64_t> only_id; // none: every message
     bool ids_listed = false;
     std::string id_lines; // as each child takes them
     std::unordered_map<std::string, user_confirmations, string_hash, std::equal_to<>> users;
@@ -370,7 +371,7 @@ static bool read_confirmations(const char *name, confirmation_list *list) {
 }
 
 static const user_confirmations &confirmations_of(const char *name, int64_t id) {
-    if (state_cache.only_id != 0 && state_cache.only_id != id)
+    if (state_cache.only_id && *state_cache.only_id != id)
         recipient_state_cache_drop();
     const auto found = state_cache.users.find(std::string_view(name));
     if (found != state_cache.users.end())
@@ -430,7 +431,7 @@ void recipient_state_cache_drop() {
     state_cache.users.clear();
     state_cache.id_lines.clear();
     state_cache.ids_listed = false;
-    state_cache.only_id = 0;
+    state_cache.only_id.reset();
 }
 
 void recipient_state_ask_only(int64_t id) {

@@ -63,7 +63,7 @@ void sent_marker_create(int64_t id, const char *name); // best effort, by design
 int sent_read_recipients(int64_t id, strlist *list);
 
 // Whom the log names, each once in the order of first appearance, with the number of
-// terminals written to as text. The two lists are parallel, and lie in `log`.
+// terminals written to as text. The two lists are parallel; they look into `log`.
 struct delivery_table {
     std::vector<std::string_view> users;
     std::vector<std::string_view> terminals;
@@ -111,13 +111,14 @@ struct recipient_status {
 
 // Derives the state of `user` for `message`.
 //   cutoff  the revocation time, 0 for none; a later confirmation does not count
-// The confirmations of each user are read once per run and kept. False, with errno, when they
-// could not be read for want of resources.
+// The confirmations of each user are read once and kept until the cache is dropped. False, with
+// errno, when they could not be read for want of resources.
 [[nodiscard]] bool recipient_state(const char *user, int64_t id, const delivery_table &delivery,
                                    const message_record &message, int64_t cutoff,
                                    recipient_status *out);
 
-// What the user's mailbox records of the message, through the same cache; null for nothing.
+// What the user's mailbox records of the message, through the same cache; null for nothing. Stays
+// valid until another message is asked for or the cache is dropped.
 [[nodiscard]] const confirmation_entry *recipient_confirmation(const char *user, int64_t id);
 
 // Forgets every cached confirmation, so that the next recipient_state reads afresh, of every
@@ -125,6 +126,6 @@ struct recipient_status {
 void recipient_state_cache_drop();
 
 // Says that up to the next drop only this message will be asked for: of the mailboxes that are
-// read until then, only what concerns it is. Reading all that users have ever confirmed takes the
-// longer the more that is. Asking for another message all the same drops the cache.
+// read until then, only what concerns it is. The time to read everything grows with what users have
+// ever confirmed. Asking for another message all the same drops the cache.
 void recipient_state_ask_only(int64_t id);

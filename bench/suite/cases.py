@@ -152,8 +152,9 @@ def reading(machine):
 
 def reading_confirmed(machine):
     """list and status, with everything shown and confirmed."""
+    place = machine.place_to_read()
     for axis, size, shape in shapes(MESSAGE_SIZES, ("confirmed",)):
-        with mounted(machine, shape, scratch=machine.place_to_read()):
+        with mounted(machine, shape, scratch=place):
             yield list_case(axis, size, shape, ", confirmed")
             yield status_case(axis, size, shape, ", confirmed")
 

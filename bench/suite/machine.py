@@ -7,6 +7,7 @@ directories are covered there, and all of it vanishes with the process.
 import contextlib
 import fcntl
 import os
+import re
 import shutil
 import socket
 import struct
@@ -51,6 +52,12 @@ def mount(*arguments, **options):
 def bind_descriptor(descriptor, target):
     """Mounts what the descriptor holds, wherever its path may be covered by now."""
     mount("--bind", f"/proc/self/fd/{descriptor}", target, pass_fds=[descriptor])
+
+
+def available_memory():
+    """Bytes that can be had without swapping."""
+    text = Path("/proc/meminfo").read_text(encoding="ascii")
+    return int(re.search(r"^MemAvailable: +(\d+) kB$", text, re.MULTILINE)[1]) * 1024
 
 
 class JournalSink:
@@ -212,17 +219,18 @@ class Machine:
         """Where large stores that are only read are made: in memory if there is plenty of it. They
         are read from memory anyhow, but on a disk it takes longer to make them than to read them
         a dozen times."""
-        free = os.sysconf("SC_AVPHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")
-        return self._place_in_memory() if free >= PLENTY_OF_MEMORY else self.scratch
+        return self._place_in_memory() if available_memory() >= PLENTY_OF_MEMORY else self.scratch
 
     @staticmethod
     def _place_in_memory():
         place = Path("/run/stores")
-        place.mkdir(exist_ok=True)
+        if not place.exists():
+            place.mkdir()
+            mount("-t", "tmpfs", "-o", "mode=755,size=75%,nr_inodes=0", "tmpfs", str(place))
         return place
 
     def use_store(self, place, directory):
-        """Puts a directory of the scratch disk where a program looks for its state."""
+        """Puts a directory where a program looks for its state."""
         mount("--bind", str(directory), place)
 
     def release_store(self, place):

@@ -4,7 +4,7 @@
 import json
 
 import pytest
-from conftest import ROOT
+from prerequisites import ROOT
 
 RECORDED = json.loads((ROOT / "bench" / "cost.json").read_text(encoding="ascii"))
 WITH_INSTRUCTIONS = [name for name, cost in RECORDED.items() if "instructions" in cost]

@@ -17,18 +17,19 @@ void __gcov_reset();
 [[noreturn]] void __real__exit(int status);
 int __real_execvp(const char *file, char *const arguments[]);
 
-// Lets nothing be disturbed by whom it is traced: see COUNTERS_MARK in tests/faults/trace.cpp.
-static void leave_alone(bool is_writing) {
-    constexpr int COUNTERS_MARK = 0x7b78;
-    prctl(PR_SET_PDEATHSIG, 0); // half a file of counters spoils those of every other process
-    syscall(SYS_getpriority, COUNTERS_MARK, static_cast<int>(is_writing)); // only fails
+// Tells whom it is traced by that the next calls write counters, or that they are over: see
+// COUNTERS_MARK in tests/faults/trace.cpp. The call only fails.
+static void tell_tracer(bool is_writing) {
+    constexpr long COUNTERS_MARK = 0x7b78;
+    syscall(SYS_getpriority, COUNTERS_MARK, static_cast<long>(is_writing));
 }
 
 // Tests leave some processes no room for files, which the counters are written to, or memory.
 static void __attribute__((destructor)) give_room() {
     const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
     const rlimit many = {1024, 1024};
-    leave_alone(true);
+    tell_tracer(true);
+    prctl(PR_SET_PDEATHSIG, 0); // half a file of counters spoils those of every other process
     setrlimit(RLIMIT_FSIZE, &none);
     setrlimit(RLIMIT_AS, &none);
     setrlimit(RLIMIT_NOFILE, &many);
@@ -41,10 +42,10 @@ static void __attribute__((destructor)) give_room() {
 }
 
 int __wrap_execvp(const char *file, char *const arguments[]) {
-    leave_alone(true);
+    tell_tracer(true);
     __gcov_dump();
     __gcov_reset(); // where exec fails, the process goes on counting
-    leave_alone(false);
+    tell_tracer(false);
     return __real_execvp(file, arguments);
 }
 

@@ -220,6 +220,7 @@ void remove_breakpoint(pid_t pid, uint64_t address, long word) {
 struct process {
     int ordinal = -1;        // -1 until its parent's fork has been seen
     bool is_counted = false; // not before its own code begins
+    bool writes_counters = false;
     std::map<std::string, int, std::less<>> counts;
 
     // The call that it is in.
@@ -326,12 +327,13 @@ constexpr uint64_t COUNTERS_MARK = 0x7b78;
 
 void look_for_mark(process *one, const __ptrace_syscall_info &info) {
     if (info.entry.nr == SYS_getpriority && info.entry.args[0] == COUNTERS_MARK)
-        one->is_counted = info.entry.args[1] == 0;
+        one->writes_counters = info.entry.args[1] != 0;
 }
 
 void enter_call(tracer *run, pid_t pid, process *one, const __ptrace_syscall_info &info) {
     look_for_mark(one, info);
-    one->call = one->is_counted ? find_call(static_cast<long>(info.entry.nr)) : nullptr;
+    const bool is_its_own = one->is_counted && !one->writes_counters;
+    one->call = is_its_own ? find_call(static_cast<long>(info.entry.nr)) : nullptr;
     if (one->call == nullptr)
         return;
     uint64_t arguments[6];

@@ -27,7 +27,7 @@ import pyte
 # passes, so it is generous: sanitizers on a busy machine are slow.
 DEADLINE_SECONDS = 30
 RETRY_SECONDS = 0.1
-GRACE_SECONDS = 1  # for a program to end by itself, at the end of a test
+GRACE_SECONDS = 1  # at the end of a test: what is killed tells no coverage
 
 UP, DOWN, RIGHT, LEFT = "\x1b[A", "\x1b[B", "\x1b[C", "\x1b[D"
 HOME, END, PAGE_UP, PAGE_DOWN = "\x1b[H", "\x1b[F", "\x1b[5~", "\x1b[6~"

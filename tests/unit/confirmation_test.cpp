@@ -133,6 +133,22 @@ TEST(ConfirmationFind, GivesTheEntryOrNone) {
     EXPECT_EQ(confirmation_find({}, 7), nullptr);
 }
 
+TEST(ConfirmationFind, TellsManyFromManyOthers) {
+    constexpr int64_t MESSAGES = 20'000;
+    std::string report;
+    for (int64_t id = 1; id <= MESSAGES; id += 3)
+        report +=
+            xasprintf("A %lld %lld\n", static_cast<long long>(id), static_cast<long long>(id));
+    confirmation_list list;
+    confirmation_parse(report, &list);
+    for (int64_t id = 0; id <= 2 * MESSAGES; id++) {
+        const confirmation_entry *entry = confirmation_find(list, id);
+        const bool is_there = id % 3 == 1 && id <= MESSAGES;
+        ASSERT_EQ(entry != nullptr, is_there) << id;
+        ASSERT_EQ(is_there ? *entry->ack : "", is_there ? std::to_string(id) : "");
+    }
+}
+
 TEST(ConfirmationListFree, LeavesAnEmptyList) {
     confirmation_list list;
     confirmation_parse("A 7 x\n", &list);

@@ -435,13 +435,11 @@ void expect_every_key_at_its_place(uint32_t (*hash_of)(size_t key)) {
     };
     EXPECT_EQ(place_of(0), -1);
     for (size_t key = 0; key < KEYS; key++)
-        index.add(hash_of(key));
-    EXPECT_EQ(index.size(), KEYS);
+        index.add(hash_of(key), key);
     for (size_t key = 0; key < KEYS; key++)
         ASSERT_EQ(place_of(key), static_cast<ptrdiff_t>(key));
     ASSERT_EQ(place_of(KEYS), -1);
     index.clear();
-    EXPECT_EQ(index.size(), 0U);
     EXPECT_EQ(place_of(0), -1);
 }
 
@@ -464,13 +462,28 @@ TEST(PlaceIndex, GoesOnFromTheLastSlotAtTheFirst) {
         [](size_t key) { return UINT32_MAX - static_cast<uint32_t>(key % 3); });
 }
 
-TEST(PlaceIndex, CountsFromTheBeginningOnceItWasCleared) {
+TEST(PlaceIndex, AsksOnlyAboutPlacesOfTheSameHash) {
     place_index index;
-    index.add(1);
+    index.add(2, 0);
+    const auto anything = [](size_t) { return true; };
+    EXPECT_EQ(index.find(2, anything), 0);
+    EXPECT_EQ(index.find(2 + 64, anything), -1); // the same slot
+    EXPECT_EQ(index.find(1, anything), -1);
+}
+
+TEST(PlaceIndex, BeginsAnewOnceItWasClearedOrMoved) {
+    place_index index;
+    for (uint32_t key = 0; key < KEYS; key++)
+        index.add(key, key);
+    const place_index moved = std::move(index);
+    index = place_index();
+    index.add(KEYS, 0);
+    EXPECT_EQ(index.find(KEYS, [](size_t place) { return place == 0; }), 0);
+    EXPECT_EQ(moved.find(7, [](size_t place) { return place == 7; }), 7);
     index.clear();
-    index.add(2);
-    EXPECT_EQ(index.find(2, [](size_t place) { return place == 0; }), 0);
-    EXPECT_EQ(index.find(1, [](size_t) { return true; }), -1);
+    index.add(7, 0);
+    EXPECT_EQ(index.find(7, [](size_t place) { return place == 0; }), 0);
+    EXPECT_EQ(index.find(KEYS, [](size_t) { return true; }), -1);
 }
 
 // ---- Predicates and parsing ---------------------------------------------------------------

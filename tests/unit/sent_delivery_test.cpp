@@ -188,6 +188,10 @@ TEST(DeliveryLog, MissingFileYieldsNothing) {
     EXPECT_EQ(read_delivery().error, ENOENT);
 }
 
+TEST(DeliveryLog, NulByteEndsANumber) {
+    EXPECT_EQ(delivery_of(std::string_view("pat 100 2\0x\nsam 100 \0\n", 22)), "pat 2, sam ");
+}
+
 TEST(DeliveryLog, FillsTheTableAnew) {
     const scratch_store store;
     store.write("sent/7/delivery", "pat 100 2\n");

@@ -317,6 +317,19 @@ TEST(RecipientStateCache, HoldsAnotherMessageAloneWhereThatIsAskedForNext) {
               "confirmed 800 'desktop'\n");
 }
 
+TEST(RecipientStateCache, HoldsMessageZeroAloneLikeAnyOther) {
+    SKIP_UNLESS_ROOT();
+    const delivered_message message("500 desktop\n");
+    EXPECT_EQ(printed_by(
+                  [](const scratch_store &) {
+                      recipient_state_ask_only(7);
+                      recipient_state_ask_only(0);
+                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                  },
+                  message),
+              "confirmed 500 'desktop'\n");
+}
+
 TEST(RecipientStateCache, IsDroppedAsOftenAsWanted) {
     recipient_state_cache_drop();
     recipient_state_cache_drop();

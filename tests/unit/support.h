@@ -313,6 +313,18 @@ inline void replace_standard_input() {
     return WEXITSTATUS(status);
 }
 
+// What the C library calls for dup2() and poll().
+#ifdef SYS_dup2
+constexpr uint32_t DUP2_CALL = SYS_dup2;
+#else
+constexpr uint32_t DUP2_CALL = SYS_dup3;
+#endif
+#ifdef SYS_poll
+constexpr uint32_t POLL_CALL = SYS_poll;
+#else
+constexpr uint32_t POLL_CALL = SYS_ppoll;
+#endif
+
 // Makes every further call of this number fail with the error, here and in what is started from
 // here. For a child only.
 inline void refuse_call(uint32_t number, uint32_t error) {

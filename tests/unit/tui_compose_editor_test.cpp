@@ -157,7 +157,7 @@ TEST(ComposeEditor, WithoutDescriptorsLeavesTheText) {
 }
 
 TEST(ComposeEditor, WhoseStatusNobodyTellsIsWaitedFor) {
-    const scripted_editor editor("sleep 0.1; echo new >\"$1\"");
+    const scripted_editor editor("echo new >\"$1\"");
     const edit_result result =
         edit({.visual = editor.path().c_str(), .prepare = [] { signal(SIGCHLD, SIG_IGN); }});
     EXPECT_EQ(result.text, "new");

@@ -145,7 +145,7 @@ TEST(TuiJob, WithoutProcessesFailsAndLeavesNoDescriptor) {
 
 TEST(TuiJob, ACommandThatCannotHaveThePipesDoesNotRun) {
     const child_result child = run_in_child([] {
-        refuse_call(SYS_dup2, EBUSY);
+        refuse_call(DUP2_CALL, EBUSY);
         const job_result result = run(print_argument, "x");
         printf("%d '%s'", result.status, result.output.c_str());
     });
@@ -163,7 +163,7 @@ TEST(TuiJob, WhoseStatusNobodyTellsHasFailed) {
 
 TEST(TuiJob, IsWaitedForThoughNothingCanBePolled) {
     const child_result child = run_in_child([] {
-        refuse_call(SYS_poll, ENOMEM);
+        refuse_call(POLL_CALL, ENOMEM);
         const job_result result = run(do_nothing, "");
         printf("%d '%s' %d", result.status, result.output.c_str(), has_no_children());
     });
