@@ -17,6 +17,14 @@ struct delivered_message : scratch_store {
     void confirm(std::string_view ack) const { write("users/pat/acks/7", ack); }
 };
 
+// The same confirmed, and message 8 later.
+struct two_messages : delivered_message {
+    two_messages() : delivered_message("500 desktop\n") {
+        write("sent/8/delivery", "pat 100 2\n");
+        write("users/pat/acks/8", "600 desktop\n");
+    }
+};
+
 std::string shown(const recipient_status &status) {
     return xasprintf("%s%s %lld '%s'",
                      status.state == delivery_state::sent        ? "sent"
@@ -277,9 +285,7 @@ TEST(RecipientStateCache, WhoHasNothingIsNotAskedAgain) {
 
 TEST(RecipientStateCache, HoldsOneMessageAloneWhereThatIsAskedFor) {
     SKIP_UNLESS_ROOT();
-    const delivered_message message("500 desktop\n");
-    message.write("sent/8/delivery", "pat 100 2\n");
-    message.write("users/pat/acks/8", "600 desktop\n");
+    const two_messages messages;
     EXPECT_EQ(printed_by(
                   [](const scratch_store &store) {
                       recipient_state_ask_only(7);
@@ -290,16 +296,14 @@ TEST(RecipientStateCache, HoldsOneMessageAloneWhereThatIsAskedFor) {
                       printf("%s\n", state_here("pat", 8, 0, 0).c_str()); // reads all afresh
                       printf("%s\n", state_here("pat", 7, 0, 0).c_str());
                   },
-                  message),
+                  messages),
               "confirmed 500 'desktop'\nconfirmed 500 'desktop'\nconfirmed 600 'desktop'\n"
               "confirmed 700 'terminal'\n");
 }
 
 TEST(RecipientStateCache, HoldsAnotherMessageAloneWhereThatIsAskedForNext) {
     SKIP_UNLESS_ROOT();
-    const delivered_message message("500 desktop\n");
-    message.write("sent/8/delivery", "pat 100 2\n");
-    message.write("users/pat/acks/8", "600 desktop\n");
+    const two_messages messages;
     EXPECT_EQ(printed_by(
                   [](const scratch_store &store) {
                       printf("%s\n", state_here("pat", 7, 0, 0).c_str());
@@ -312,7 +316,7 @@ TEST(RecipientStateCache, HoldsAnotherMessageAloneWhereThatIsAskedForNext) {
                       store.write("users/pat/acks/7", "900 desktop\n"); // was read already
                       printf("%s\n", state_here("pat", 7, 0, 0).c_str());
                   },
-                  message),
+                  messages),
               "confirmed 500 'desktop'\nconfirmed 700 'terminal'\nconfirmed 700 'terminal'\n"
               "confirmed 800 'desktop'\n");
 }

@@ -76,6 +76,20 @@ std::string ignored_in(const std::string &status) {
 
 constexpr const char *UNCHANGED = "old\ntext";
 
+// Edits the text in a child that `limit` leaves too little to hand it over. Gives what was written
+// to the terminal.
+std::string expect_unchanged_text(void (*limit)()) {
+    const child_result child = run_in_child([limit] {
+        limit();
+        compose_form form;
+        form.text.lines = {"old", "text"};
+        compose_edit_external(&form);
+        return compose_text_joined(form.text) == UNCHANGED ? 10 : 20;
+    });
+    EXPECT_EQ(child.exit_status, 10);
+    return child.out;
+}
+
 } // namespace
 
 // ---- Which editor -------------------------------------------------------------------------
@@ -125,15 +139,8 @@ TEST(ComposeEditor, ThatCannotBeStartedLeavesTheText) {
 
 TEST(ComposeEditor, IsNotStartedOnHalfAText) {
     const scripted_editor editor("echo started >>\"$0.started\"; echo new >\"$1\"");
-    const child_result child = run_in_child([&] {
-        const environment_variable visual("VISUAL", editor.path().c_str());
-        limit_files(3);
-        compose_form form;
-        form.text.lines = {"old", "text"};
-        compose_edit_external(&form);
-        return compose_text_joined(form.text) == UNCHANGED ? 10 : 20;
-    });
-    EXPECT_EQ(child.exit_status, 10);
+    const environment_variable visual("VISUAL", editor.path().c_str());
+    expect_unchanged_text([] { limit_files(3); });
     EXPECT_FALSE(editor.directory.exists("editor.started"));
 }
 
@@ -145,15 +152,7 @@ TEST(ComposeEditor, WithoutProcessesLeavesTheText) {
 }
 
 TEST(ComposeEditor, WithoutDescriptorsLeavesTheText) {
-    const child_result child = run_in_child([] {
-        leave_descriptors(0);
-        compose_form form;
-        form.text.lines = {"old", "text"};
-        compose_edit_external(&form);
-        return compose_text_joined(form.text) == UNCHANGED ? 10 : 20;
-    });
-    EXPECT_EQ(child.exit_status, 10);
-    EXPECT_EQ(child.out, ""); // the interface has not left the screen
+    EXPECT_EQ(expect_unchanged_text([] { leave_descriptors(0); }), ""); // stays on the screen
 }
 
 TEST(ComposeEditor, WhoseStatusNobodyTellsIsWaitedFor) {
