@@ -58,6 +58,22 @@ void print_before_reading(const char *bytes) {
 
 void do_nothing(const char * /*argument*/) {}
 
+// Makes every further fcntl() that sets flags fail, and no other. For a child only.
+void refuse_setting_flags() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fcntl, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, F_SETFL, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {std::size(program), program};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        throw_errno("seccomp");
+}
+
 void print_signals(const char * /*argument*/) {
     for (const int number : {SIGINT, SIGPIPE, SIGTSTP}) {
         struct sigaction action = {};
@@ -178,7 +194,7 @@ TEST(TuiJob, ReadsItsInputToTheEnd) {
 
 TEST(TuiJob, InputThatCouldNotBeFedWithoutWaitingIsNone) {
     const child_result child = run_in_child([] {
-        refuse_call(SYS_fcntl, EINVAL);
+        refuse_setting_flags();
         const job_result result = run(copy_input, "", "input");
         printf("%d '%s'", result.status, result.output.c_str());
     });
