@@ -13,7 +13,7 @@ endif()
 set(RELEASE_DATE ${CMAKE_MATCH_1})
 
 # The names of folders here would else be in what is built, and so in its build identifier.
-foreach(target tellbox tbx)
+foreach(target tellbox_common tellbox_tbx tbx)
   target_compile_options(${target} PRIVATE $<$<CONFIG:RelWithDebInfo>:
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}=/usr/src/tellbox
     -ffile-prefix-map=${CMAKE_BINARY_DIR}=/usr/src/tellbox/build>)
@@ -22,7 +22,7 @@ endforeach()
 # ---- Made from other files ------------------------------------------------------------------
 
 add_executable(tbx-man-page packaging/man_page.cpp)
-target_link_libraries(tbx-man-page PRIVATE tellbox)
+target_link_libraries(tbx-man-page PRIVATE tellbox_tbx)
 add_custom_command(OUTPUT ${PACKAGING_OUT}/tbx.1
   COMMAND tbx-man-page ${RELEASE_DATE} > ${PACKAGING_OUT}/tbx.1
   COMMENT "Writing the manual page" VERBATIM)

@@ -1,8 +1,8 @@
 // Prints the manual page for man(1), made from the tables that the program's own guide shows.
 //
 //   tbx-man-page DATE >tbx.1
-#include "guide/texts.h"
-#include "style.h"
+#include "common/style.h"
+#include "tbx/guide/texts.h"
 
 #include <algorithm>
 #include <cstdio>

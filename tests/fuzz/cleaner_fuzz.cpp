@@ -1,7 +1,7 @@
 // The cleaning of untrusted text.
+#include "common/message.h"
 #include "fuzz.h"
 #include "hostile.h"
-#include "message.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
 // Configuration files: as text and as a file, against the rules of their lines.
-#include "environment.h"
+#include "common/environment.h"
 #include "fuzz.h"
 
 static bool is_same(const config &a, const config &b) {

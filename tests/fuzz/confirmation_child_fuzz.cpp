@@ -3,8 +3,8 @@
 // "state/7.gui") on the first line, behind it what it holds. A "|" before the name makes it a
 // pipe, a ">" a link to the file named by what it holds, a "/" a folder. Of state files the
 // number that they hold is the time.
-#include "confirmation.h"
 #include "fuzz.h"
+#include "tbx/confirmation.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,6 +1,6 @@
 // Confirmation reports, as the parent reads what a child wrote. The input is a report.
-#include "confirmation.h"
 #include "fuzz.h"
+#include "tbx/confirmation.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 // Delivery logs. The input is a log: read, mended, and appended to.
 #include "fuzz.h"
-#include "sent.h"
+#include "tbx/sent.h"
 
 #include <algorithm>
 #include <cstdio>

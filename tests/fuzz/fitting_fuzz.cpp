@@ -1,9 +1,9 @@
 // Cutting and padding to columns. The first byte of the input is the width; a byte 0x01 to 0x0A in
 // the text stands for one of the style sequences that the interface draws with.
+#include "common/style.h"
 #include "fuzz.h"
 #include "hostile.h"
-#include "style.h"
-#include "tui/text.h"
+#include "tbx/tui/text.h"
 
 #include <algorithm>
 

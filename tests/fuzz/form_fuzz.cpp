@@ -4,8 +4,8 @@
 // character; where it is even, it stands for a whole one.
 #include "frame.h"
 #include "fuzz.h"
-#include "tui/compose_draw.h"
-#include "tui/compose_form.h"
+#include "tbx/tui/compose_draw.h"
+#include "tbx/tui/compose_form.h"
 
 #include <algorithm>
 

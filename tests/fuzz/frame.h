@@ -3,7 +3,7 @@
 
 #include "fuzz.h"
 #include "hostile.h"
-#include "tui/screen.h"
+#include "tbx/tui/screen.h"
 
 #include <regex>
 

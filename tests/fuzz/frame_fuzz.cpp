@@ -4,7 +4,7 @@
 // the program's own words.
 #include "frame.h"
 #include "fuzz.h"
-#include "tui/dialog.h"
+#include "tbx/tui/dialog.h"
 
 static std::string own_words(std::string_view text) {
     std::string words(text);

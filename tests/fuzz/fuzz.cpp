@@ -1,6 +1,6 @@
 #include "fuzz.h"
 
-#include "environment.h"
+#include "common/environment.h"
 
 #include <unistd.h>
 

@@ -2,7 +2,7 @@
 // a check that does not hold ends the process, and libFuzzer keeps the input.
 #pragma once
 
-#include "core.h"
+#include "common/core.h"
 
 #include <cstdint>
 #include <functional>

@@ -5,7 +5,7 @@
 //   else bursts of any bytes, which lines of "%" separate
 #include "fuzz.h"
 #include "hostile.h"
-#include "tui/keys.h"
+#include "tbx/tui/keys.h"
 
 #include <poll.h>
 #include <sys/syscall.h>

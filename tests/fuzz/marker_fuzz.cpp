@@ -1,7 +1,7 @@
 // Markers: what stands in the place of "revoked", and its time. The first byte of the input tells
 // what it is (a file, a link, a folder, a pipe), the rest is what the file holds.
 #include "fuzz.h"
-#include "sent.h"
+#include "tbx/sent.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // Message files: the parser against the rules of the format, and a record through the file text
 // and back. The input is a file.
+#include "common/message.h"
 #include "fuzz.h"
-#include "message.h"
 
 #include <cerrno>
 

@@ -2,7 +2,7 @@
 // look-up that fails for want of resources, if it is a number. Accounts, groups and sessions are
 // those below, whatever machine this runs on.
 #include "fuzz.h"
-#include "recipients.h"
+#include "tbx/recipients.h"
 
 #include <grp.h>
 #include <pwd.h>

@@ -1,6 +1,6 @@
 // Recipients files. The input is a file; what is read is written again as the program does it.
 #include "fuzz.h"
-#include "sent.h"
+#include "tbx/sent.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // Sequence files. The first part of the input is ".seq", the second tells which of the identifiers
 // behind it are taken: lines of 1 to 9.
 #include "fuzz.h"
-#include "sent.h"
+#include "tbx/sent.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,12 +1,12 @@
 // A store with one message, told as `list`, `status` and the interface tell it. The parts of the
 // input are the names of its markers, the message file, the recipients, the delivery log and what
 // the marker "revoked" holds. Only pat and sam have accounts.
-#include "command.h"
 #include "frame.h"
 #include "fuzz.h"
-#include "sent.h"
-#include "status.h"
-#include "tui/list.h"
+#include "tbx/command.h"
+#include "tbx/sent.h"
+#include "tbx/status.h"
+#include "tbx/tui/list.h"
 
 #include <pwd.h>
 

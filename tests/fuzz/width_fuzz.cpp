@@ -1,8 +1,8 @@
 // Measuring text in columns, and walking over its characters.
+#include "common/style.h"
 #include "fuzz.h"
 #include "hostile.h"
-#include "style.h"
-#include "tui/text.h"
+#include "tbx/tui/text.h"
 
 #include <algorithm>
 #include <cctype>

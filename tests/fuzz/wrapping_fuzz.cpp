@@ -1,10 +1,10 @@
 // Breaking text into lines. The first two bytes of the input are the width and the indent, the
 // rest is the text, cleaned as every text that is wrapped.
+#include "common/message.h"
+#include "common/style.h"
 #include "fuzz.h"
 #include "hostile.h"
-#include "message.h"
-#include "style.h"
-#include "tui/text.h"
+#include "tbx/tui/text.h"
 
 #include <algorithm>
 #include <sstream>

@@ -83,8 +83,8 @@ def test_the_configuration_sets_nothing_and_names_every_setting(installed):
     assert all(line == "" or line.startswith("#") for line in lines)
     settings = dict(re.fullmatch(r"#(\w+) = (\d+)", line).groups()
                     for line in lines if " = " in line and '"' not in line)
-    source = (REPOSITORY / "src/environment.h").read_text()
-    source += (REPOSITORY / "src/environment.cpp").read_text()
+    source = (REPOSITORY / "src/common/environment.h").read_text()
+    source += (REPOSITORY / "src/common/environment.cpp").read_text()
     known = set(re.findall(r'"(TBX_\w+)"', source)) - {"TBX_TEST", "TBX_VAR", "TBX_LIB", "TBX_CONF"}
     assert set(settings) == known
 

@@ -4,8 +4,8 @@
 // the test.
 #pragma once
 
-#include "core.h"
-#include "environment.h"
+#include "common/core.h"
+#include "common/environment.h"
 
 #include <gtest/gtest.h>
 

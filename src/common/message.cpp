@@ -1,0 +1,200 @@
+#include "common/message.h"
+
+#include <cerrno>
+#include <cstring>
+
+// ---- File text ----------------------------------------------------------------------------
+
+void message_format(const message_record &rec, strbuf *buf) {
+    strbuf_printf(buf, "format: 1\nid: %lld\nfrom: %s\ndate: %lld\ntitle: %s\nexpires: ",
+                  static_cast<long long>(rec.id), rec.from.c_str(),
+                  static_cast<long long>(rec.date), rec.title.c_str());
+    if (rec.expires != 0)
+        strbuf_printf(buf, "%lld", static_cast<long long>(rec.expires));
+    strbuf_append_str(buf, "\n\n");
+    strbuf_append_view(buf, rec.text);
+}
+
+struct header_line {
+    std::string_view key;
+    std::string_view value;
+};
+
+// Splits "KEY: VALUE", or "KEY:" with an empty value. False for any other line.
+static bool split_header(std::string_view line, header_line *out) {
+    const size_t colon = line.find(": ");
+    if (colon != std::string_view::npos) {
+        *out = {line.substr(0, colon), line.substr(colon + 2)};
+        return true;
+    }
+    if (line.empty() || line.back() != ':')
+        return false;
+    *out = {line.substr(0, line.size() - 1), {}};
+    return true;
+}
+
+static void apply_header(const header_line &header, message_record *rec, bool *has_date) {
+    if (header.key == "id") {
+        (void)!parse_id(header.value, &rec->id); // a malformed one leaves it as it was
+    } else if (header.key == "from") {
+        rec->from = header.value;
+    } else if (header.key == "date") {
+        *has_date = parse_id(header.value, &rec->date) != 0; // the last line decides
+    } else if (header.key == "title") {
+        rec->title = header.value;
+    } else if (header.key == "expires") {
+        if (!parse_id(header.value, &rec->expires))
+            rec->expires = 0;
+    }
+}
+
+int message_parse(const char *data, size_t len, message_record *rec) {
+    *rec = {};
+    bool has_date = false;
+    std::string_view rest(data, len);
+    while (!rest.empty()) {
+        const size_t end = rest.find('\n');
+        const std::string_view line = rest.substr(0, end);
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+        if (line.empty()) {
+            rec->text = rest;
+            break;
+        }
+        header_line header;
+        if (split_header(line, &header))
+            apply_header(header, rec, &has_date);
+    }
+    if (has_date)
+        return 0;
+    message_free(rec);
+    errno = EINVAL;
+    return -1;
+}
+
+int message_load(const char *path, message_record *rec) {
+    strbuf text;
+    if (read_file_limited(path, MESSAGE_FILE_MAX_BYTES, /*nofollow=*/true, &text) != 0) {
+        message_free(rec);
+        return -1;
+    }
+    return message_parse(text.view().data(), text.len, rec);
+}
+
+void message_free(message_record *rec) {
+    const int saved = errno;
+    *rec = {};
+    errno = saved;
+}
+
+bool message_is_expired(const message_record &rec, int64_t now) {
+    return rec.expires != 0 && rec.expires <= now;
+}
+
+void message_headline(const message_record &rec, strbuf *buf) {
+    char date[SHORT_TIME_BYTES];
+    format_time_short(rec.date, date);
+    if (rec.title.empty())
+        strbuf_append_str(buf, date);
+    else
+        strbuf_printf(buf, "%s · %s", rec.title.c_str(), date);
+}
+
+// ---- Cleaning -----------------------------------------------------------------------------
+
+constexpr char ESCAPE = '\x1b';
+constexpr char BELL = '\x07';
+constexpr unsigned char DELETE = 0x7f;
+constexpr char C1_LEAD = '\xc2'; // with 0x80 to 0x9f, a C1 control in UTF-8
+
+static bool is_csi_parameter(char c) {
+    return (c >= '0' && c <= '9') || c == ';' || c == '?';
+}
+
+// Bytes of the control sequence (ESC [ parameters final) at the start of `line`, 0 for none.
+static size_t csi_length(std::string_view line) {
+    if (line.size() < 3 || line[0] != ESCAPE || line[1] != '[')
+        return 0;
+    size_t end = 2;
+    while (end < line.size() && is_csi_parameter(line[end]))
+        end++;
+    const bool has_final = end < line.size() && line[end] >= 0x40 && line[end] <= 0x7e;
+    return has_final ? end + 1 : 0;
+}
+
+// Bytes of the operating-system command (ESC ] ... BEL) at the start of `line`, 0 for none.
+static size_t osc_length(std::string_view line) {
+    if (line.size() < 2 || line[0] != ESCAPE || line[1] != ']')
+        return 0;
+    const size_t bell = line.find(BELL, 2);
+    return bell == std::string_view::npos ? 0 : bell + 1;
+}
+
+// Appends `line` without the sequences that `sequence_length` recognises.
+static void append_without(std::string_view line, size_t (*sequence_length)(std::string_view),
+                           std::string *out) {
+    while (true) {
+        const size_t escape = line.find(ESCAPE);
+        out->append(line.substr(0, escape));
+        if (escape == std::string_view::npos)
+            return;
+        line.remove_prefix(escape);
+        const size_t sequence = sequence_length(line);
+        if (sequence == 0)
+            out->push_back(ESCAPE); // stays for now: the next pass drops the byte
+        line.remove_prefix(sequence == 0 ? 1 : sequence);
+    }
+}
+
+// Appends `line` without operating-system commands. Behind the last BEL there are none: it is
+// not searched again and again.
+static void append_without_osc(std::string_view line, std::string *out) {
+    const size_t last_bell = line.rfind(BELL);
+    const size_t searched = last_bell == std::string_view::npos ? 0 : last_bell + 1;
+    append_without(line.substr(0, searched), osc_length, out);
+    out->append(line.substr(searched));
+}
+
+// The text without escape sequences. They never reach across a line end.
+static std::string remove_escape_sequences(std::string_view text) {
+    std::string result;
+    result.reserve(text.size());
+    while (true) {
+        const size_t end = text.find('\n');
+        std::string without_csi;
+        append_without(text.substr(0, end), csi_length, &without_csi);
+        append_without_osc(without_csi, &result);
+        if (end == std::string_view::npos)
+            return result;
+        result.push_back('\n');
+        text.remove_prefix(end + 1);
+    }
+}
+
+static bool is_dropped_control(unsigned char c) {
+    return (c < ' ' && c != '\t' && c != '\n') || c == DELETE;
+}
+
+// Appends `text` without control bytes and C1 pairs. What is already out decides about a pair,
+// so that dropping something can never join a new one.
+static void append_without_controls(std::string_view text, strbuf *buf) {
+    const size_t start = buf->len;
+    strbuf_reserve(buf, text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (is_dropped_control(byte))
+            continue;
+        if (byte >= 0x80 && byte <= 0x9f && buf->len > start && buf->data[buf->len - 1] == C1_LEAD)
+            buf->len--;
+        else
+            buf->data[buf->len++] = c;
+    }
+    buf->data[buf->len] = '\0';
+}
+
+void sanitize_text(const char *data, size_t len, strbuf *buf) {
+    const std::string_view text(data, len);
+    if (text.find(ESCAPE) == std::string_view::npos)
+        append_without_controls(text, buf);
+    else
+        append_without_controls(remove_escape_sequences(text), buf);
+}

@@ -1,0 +1,41 @@
+// The message record, its file text, and the cleaning of untrusted text.
+#pragma once
+
+#include "common/core.h"
+
+#include <cstdint>
+#include <string>
+
+constexpr size_t MESSAGE_FILE_MAX_BYTES = 73'728;
+
+struct message_record {
+    int64_t id = 0;      // 0 when the file gave none
+    std::string from;    // author's account name
+    int64_t date = 0;    // time of sending, seconds since the epoch
+    std::string title;   // empty when there is none
+    int64_t expires = 0; // seconds since the epoch; 0 means never
+    std::string text;
+};
+
+// Appends the file text of `rec`: the header lines, an empty line, the text.
+void message_format(const message_record &rec, strbuf *buf);
+
+// Parses file text. Returns 0, or -1 with errno EINVAL and a zeroed record when there is no
+// valid date; everything else is tolerated.
+[[nodiscard]] int message_parse(const char *data, size_t len, message_record *rec);
+
+// Reads and parses a message file of at most MESSAGE_FILE_MAX_BYTES, symbolic links refused.
+// Returns 0, or -1 with errno and a zeroed record.
+[[nodiscard]] int message_load(const char *path, message_record *rec);
+
+void message_free(message_record *rec); // releases the strings and zeroes the record
+
+// Whether the message has an expiry and it is not later than `now`.
+[[nodiscard]] bool message_is_expired(const message_record &rec, int64_t now);
+
+// Appends "TITLE · DATE", or the date alone for an untitled message.
+void message_headline(const message_record &rec, strbuf *buf);
+
+// Appends a copy of `data` without terminal escape sequences and control characters; tab,
+// newline and all other bytes from 0x20 up are kept.
+void sanitize_text(const char *data, size_t len, strbuf *buf);

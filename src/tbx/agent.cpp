@@ -1,0 +1,99 @@
+#include "tbx/agent.h"
+
+#include "common/core.h"
+#include "common/environment.h"
+#include "tbx/mailbox.h"
+#include "tbx/terminal.h"
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+
+constexpr int WAKE_TIMEOUT_SECONDS = 5;
+constexpr int LAUNCH_TIMEOUT_MS = 30'000;
+constexpr size_t READY_FILE_MAX_BYTES = 64;
+constexpr size_t COMMAND_LINE_MAX_BYTES = 4096;
+constexpr int64_t PID_MIN = 2;
+constexpr int64_t PID_MAX = 4'194'304;
+
+static std::string agent_path() {
+    return xasprintf("%s/tellbox-user", lib_dir());
+}
+
+// ---- Waking, as the user ------------------------------------------------------------------
+
+// The process that the readiness file names, or 0.
+static pid_t ready_process(uint32_t uid) {
+    const std::string path = xasprintf("/run/user/%u/tellbox-agent.ready", uid);
+    strbuf text;
+    if (read_file_limited(path.c_str(), READY_FILE_MAX_BYTES, /*nofollow=*/true, &text) != 0)
+        return 0;
+    const std::string_view line = text.view().substr(0, text.view().find('\n'));
+    int64_t pid = 0;
+    if (!parse_id(line, &pid) || pid < PID_MIN || pid > PID_MAX)
+        return 0;
+    return static_cast<pid_t>(pid);
+}
+
+// Whether the process was started as our agent, and is not another that got its number.
+static bool is_agent(pid_t pid) {
+    const std::string path = xasprintf("/proc/%lld/cmdline", static_cast<long long>(pid));
+    strbuf found;
+    if (read_file_limited(path.c_str(), COMMAND_LINE_MAX_BYTES, /*nofollow=*/false, &found) != 0)
+        return false;
+    std::string expected = agent_path();
+    expected.append(1, '\0').append("agent").append(1, '\0');
+    return found.view() == expected;
+}
+
+int agent_wake_existing(void *argument) {
+    const uint32_t uid = *static_cast<const uint32_t *>(argument);
+    const pid_t agent = ready_process(uid);
+    return agent != 0 && is_agent(agent) && kill(agent, SIGUSR1) == 0 ? 0 : 1;
+}
+
+// ---- Starting -----------------------------------------------------------------------------
+
+// In the child: hands the agent to the user's service manager. Standard error stays, but what
+// systemd-run would tell there goes nowhere: its words can be those of the user's own bus, and
+// would drive the administrator's terminal.
+[[noreturn]] static void exec_systemd_run(const char *agent, const char *machine) {
+    const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (null) {
+        dup2(null.get(), STDIN_FILENO); // where it fails, the old ones do no harm
+        dup2(null.get(), STDOUT_FILENO);
+    }
+    setenv("SYSTEMD_LOG_TARGET", "null", /*overwrite=*/1); // where it fails, the words are shown
+    if (geteuid() == 0)
+        execlp("systemd-run", "systemd-run", "--user", machine, "--collect", "--quiet", agent,
+               "agent", nullptr);
+    else
+        execlp("systemd-run", "systemd-run", "--user", "--collect", "--quiet", agent, "agent",
+               nullptr);
+    _exit(127);
+}
+
+// A user's manager that answers but never finishes must not hold up everyone after them.
+static void start_new_agent(const resolved_user &user) {
+    const std::string agent = agent_path();
+    const std::string machine = xasprintf("--machine=%s@.host", user.name.c_str());
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0)
+        exec_systemd_run(agent.c_str(), machine.c_str());
+    int status = 0;
+    if (child > 0)
+        (void)reap_child(child, monotonic_ms() + LAUNCH_TIMEOUT_MS, &status); // nobody is told
+}
+
+void agent_start(const resolved_user &user) {
+    if (test_mode() || !user_has_graphical_session(user.uid))
+        return;
+    uint32_t uid = user.uid;
+    if (run_as_user(user, agent_wake_existing, &uid, nullptr, nullptr, 0, WAKE_TIMEOUT_SECONDS) !=
+        0)
+        start_new_agent(user);
+}

@@ -1,0 +1,35 @@
+// What the commands share, and the commands themselves. A command ends the process through
+// die() on every error and returns on success.
+#pragma once
+
+#include "common/message.h"
+
+#include <cstdint>
+
+// The identifier given on the command line, null when absent. Ends the process with
+// "missing message ID" or "no such message: %s".
+[[nodiscard]] int64_t parse_message_id(const char *arg);
+
+// Loads the reference copy of message `id`, typed as `id_text`. Ends the process with "no such
+// message: %s", or with the file and the error when it could not be read for want of resources.
+[[nodiscard]] message_record load_message_or_die(int64_t id, const char *id_text);
+
+// Whether the marker of message `id` exists. Ends the process when that cannot be told.
+[[nodiscard]] bool has_marker_or_die(int64_t id, const char *name);
+
+constexpr int AUTHOR_BYTES = 64;
+// The name to which events and messages are attributed: SUDO_USER's account, else the real
+// user's, else "?". A process-wide buffer of AUTHOR_BYTES, overwritten by each call.
+[[nodiscard]] const char *current_author();
+
+// Parses "NUMBER" followed by m, h or d into seconds. 1, or 0 when it is no duration; a
+// duration too large for 64 bits becomes INT64_MAX.
+[[nodiscard]] int parse_duration(const char *text, int64_t *seconds);
+
+void cmd_send(int argc, char **argv); // the arguments after "send"
+void cmd_list();
+void cmd_status(const char *id_text); // null when absent, like the arguments below
+void cmd_revoke(const char *id_text);
+void cmd_remind(const char *id_text);
+void cmd_log(const char *id_text);
+void cmd_purge(const char *duration_text);

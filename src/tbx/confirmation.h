@@ -1,0 +1,49 @@
+// What the user side has recorded in a mailbox: confirmations and the times a message was
+// shown. Read as the user, reported through a small line protocol.
+#pragma once
+
+#include "common/core.h"
+#include "tbx/recipients.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct confirmation_entry {
+    int64_t id = 0;
+    std::optional<std::string> ack; // first line of the confirmation; none: not confirmed
+    int64_t shown = 0;              // seconds since the epoch; 0: never shown
+};
+
+// In the order in which the identifiers first appear in the report, each once.
+struct confirmation_list {
+    std::vector<confirmation_entry> entries;
+    place_index by_id; // position in `entries`
+};
+
+// Fills `list` with what the user's mailbox says of the messages `ids` (decimal strings), in
+// one child that runs as the user. Whatever is wrong with the mailbox yields a shorter or empty
+// list. False, with errno, when nobody could look for want of resources.
+[[nodiscard]] bool mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
+                                              confirmation_list *list);
+
+// The same with the identifiers as the child takes them, one on each line: for many users the
+// lines are made once.
+[[nodiscard]] bool mailbox_read_confirmations(const resolved_user &user, std::string_view id_lines,
+                                              confirmation_list *list);
+[[nodiscard]] std::string identifier_lines(const strlist &ids);
+
+// The entry of a message, or null. Stays valid until the list changes.
+[[nodiscard]] const confirmation_entry *confirmation_find(const confirmation_list &list,
+                                                          int64_t id);
+void confirmation_list_free(confirmation_list *list);
+
+// Adds the report's lines to `list`: "A ID TEXT" for a confirmation (the first counts),
+// "S ID SECONDS" for the time shown (the latest counts). Other lines are skipped.
+void confirmation_parse(std::string_view output, confirmation_list *list);
+
+// The child's part, as the user: identifiers on standard input, report on standard output.
+// The argument is a const char *, the mailbox directory. Exit status always 0.
+int mailbox_report_confirmations(void *argument);

@@ -1,0 +1,44 @@
+// The guide as tabs on the whole screen: tab to lines, lines to one frame and one write.
+#pragma once
+
+#include "common/style.h"
+#include "tbx/guide/keys.h"
+#include "tbx/guide/texts.h"
+
+#include <array>
+#include <string>
+#include <vector>
+
+// The tabbed guide on /dev/tty until the user quits. False, with the terminal untouched, when
+// the terminal cannot show it.
+[[nodiscard]] bool guide_interactive();
+
+// ---- What is shown ------------------------------------------------------------------------
+
+struct guide_line {
+    char kind; // as in box_row_append()
+    std::string text;
+};
+using guide_lines = std::vector<guide_line>;
+
+constexpr size_t GUIDE_TABS = 5;
+
+struct guide_view {
+    int rows = 0; // of the terminal
+    int columns = 0;
+    size_t tab = 0;
+    std::array<int, GUIDE_TABS> scroll = {}; // first line shown, per tab
+};
+
+// Appends the items of a table, descriptions wrapped to `width`, an empty line between items.
+void guide_append_table(guide_lines *lines, guide_table items, int width);
+
+// The lines of a tab, laid out for a row of `width` columns.
+[[nodiscard]] guide_lines guide_tab_lines(size_t tab, int width);
+
+// Does what the key says to the view. A scroll position may leave the content by this; drawing
+// brings it back.
+void guide_press(guide_view *view, guide_key key);
+
+// Appends one frame that fills the terminal, and brings the scroll position into the content.
+void guide_render(guide_view *view, strbuf *frame);

@@ -1,0 +1,161 @@
+#include "tbx/history.h"
+
+#include "common/core.h"
+#include "common/environment.h"
+#include "common/event.h"
+#include "common/message.h"
+#include "tbx/command.h"
+#include "tbx/recipients.h"
+#include "tbx/sent.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+constexpr uint64_t USEC_PER_SEC = 1'000'000;
+// A long recipients list must come back whole from a compressed journal; a forged record must
+// not fill the memory.
+constexpr size_t FIELD_MAX_BYTES = 2 * RECIPIENTS_MAX_BYTES;
+
+struct journal_closer {
+    void operator()(sd_journal *journal) const { sd_journal_close(journal); }
+};
+using unique_journal = std::unique_ptr<sd_journal, journal_closer>;
+
+std::string journal_field(sd_journal *journal, const char *name) {
+    const void *data = nullptr;
+    size_t length = 0;
+    if (sd_journal_get_data(journal, name, &data, &length) < 0)
+        return "";
+    // The journal's own bound is for what it has to decompress.
+    std::string_view field(static_cast<const char *>(data), std::min(length, FIELD_MAX_BYTES));
+    field.remove_prefix(std::min(field.size(), strlen(name) + 1)); // "NAME="
+    return std::string(field);
+}
+
+// ---- One record ---------------------------------------------------------------------------
+
+struct history_record {
+    std::string event;
+    std::string user;
+    std::string channel;
+    std::string details;
+    std::string author;
+    std::string message; // the sentence that the writer put there
+    std::string uid;     // of the writer, as the journal itself recorded it
+};
+
+static history_record read_record(sd_journal *journal) {
+    return {journal_field(journal, "TBX_EVENT"),   journal_field(journal, "TBX_USER"),
+            journal_field(journal, "TBX_CHANNEL"), journal_field(journal, "TBX_DETAILS"),
+            journal_field(journal, "TBX_AUTHOR"),  journal_field(journal, "MESSAGE"),
+            journal_field(journal, "_UID")};
+}
+
+constexpr int64_t NO_UID = -1;
+
+static bool is_user_side(const std::string &event) {
+    return event == "POSTPONED" || event == "CONFIRMED" || event == "CONFIRMATION_FAILED";
+}
+
+// Who may have written such a record: the user whom it is about, or the administrator.
+static int64_t expected_writer(const history_record &record) {
+    if (!is_user_side(record.event))
+        return test_mode() ? getuid() : 0;
+    resolved_user user;
+    return user_lookup_by_name(record.user.c_str(), &user) ? int64_t{user.uid} : NO_UID;
+}
+
+static bool is_trustworthy(const history_record &record) {
+    int64_t writer = 0;
+    return parse_id(record.uid, &writer) && writer == expected_writer(record);
+}
+
+static void append_stamp(sd_journal *journal, strbuf *line) {
+    uint64_t usec = 0;
+    if (sd_journal_get_realtime_usec(journal, &usec) < 0)
+        usec = 0;
+    const auto seconds = static_cast<time_t>(usec / USEC_PER_SEC);
+    char stamp[SHORT_TIME_BYTES];
+    struct tm local = {};
+    if (localtime_r(&seconds, &local) == nullptr ||
+        strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local) == 0)
+        snprintf(stamp, sizeof stamp, "?");
+    strbuf_printf(line, "%s  ", stamp);
+}
+
+// Told from the fields and not from the record's own sentence, so that it reads the same
+// whichever program wrote it.
+static void append_sentence(const history_record &record, int64_t id, strbuf *line) {
+    if (!event_describe(record.event.c_str(), id, record.user.c_str(), record.channel.c_str(),
+                        record.details.c_str(), record.author.c_str(), line))
+        strbuf_append_str(line, record.message.c_str());
+}
+
+// One record is one line, and cannot drive the terminal.
+static void print_cleaned(strbuf *line) {
+    std::replace(line->data, line->data + line->len, '\n', ' ');
+    strbuf cleaned;
+    sanitize_text(line->data, line->len, &cleaned);
+    strbuf_append_char(&cleaned, '\n');
+    fwrite(cleaned.data, 1, cleaned.len, stdout);
+}
+
+static void print_record(sd_journal *journal, int64_t id) {
+    const history_record record = read_record(journal);
+    strbuf line;
+    append_stamp(journal, &line);
+    if (!is_trustworthy(record))
+        strbuf_printf(&line, "[not trustworthy: written by UID %s] ",
+                      record.uid.empty() ? "?" : record.uid.c_str());
+    append_sentence(record, id, &line);
+    print_cleaned(&line);
+}
+
+// ---- The command --------------------------------------------------------------------------
+
+static unique_journal open_journal() {
+    sd_journal *journal = nullptr;
+    if (sd_journal_open(&journal, 0) < 0)
+        return {};
+    return unique_journal(journal);
+}
+
+// One second before the message was sent; at the end of time for a date past it.
+static uint64_t start_usec(int64_t date) {
+    uint64_t usec = 0;
+    if (date < 1)
+        return 0;
+    if (__builtin_mul_overflow(static_cast<uint64_t>(date - 1), USEC_PER_SEC, &usec))
+        return UINT64_MAX;
+    return usec;
+}
+
+// Narrows the journal to this message, from one second before it was sent.
+static bool select_message(sd_journal *journal, const message_record &message, int64_t id) {
+    const std::string match = xasprintf("TBX_MESSAGE=%lld", static_cast<long long>(id));
+    const uint64_t start = start_usec(message.date);
+    return sd_journal_set_data_threshold(journal, FIELD_MAX_BYTES) >= 0 &&
+           sd_journal_add_match(journal, "SYSLOG_IDENTIFIER=tbx", 0) >= 0 &&
+           sd_journal_add_match(journal, match.c_str(), 0) >= 0 &&
+           sd_journal_seek_realtime_usec(journal, start) >= 0;
+}
+
+static void print_heading(int64_t id, const message_record &message) {
+    strbuf headline;
+    message_headline(message, &headline);
+    printf("Message %lld · %s\n", static_cast<long long>(id), headline.data);
+    fflush(stdout);
+}
+
+void cmd_log(const char *id_text) {
+    const int64_t id = parse_message_id(id_text);
+    const message_record message = load_message_or_die(id, id_text);
+    print_heading(id, message);
+    const unique_journal journal = open_journal();
+    if (!journal || !select_message(journal.get(), message, id))
+        return;
+    while (sd_journal_next(journal.get()) > 0)
+        print_record(journal.get(), id);
+}

@@ -1,0 +1,138 @@
+// The process entry: environment, sudo, umask, the table of commands, and nothing else.
+#include "common/core.h"
+#include "common/environment.h"
+#include "tbx/command.h"
+#include "tbx/guide/guide.h"
+#include "tbx/recovery.h"
+#include "tbx/tui/list.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <vector>
+
+// ---- Becoming root ------------------------------------------------------------------------
+
+constexpr size_t EXECUTABLE_PATH_BYTES = 4096;
+
+// Replaces this process by "sudo -- EXECUTABLE ARGUMENTS". Does not return.
+[[noreturn]] static void reexec_with_sudo(char **argv) {
+    char path[EXECUTABLE_PATH_BYTES];
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (length < 1)
+        die("/proc/self/exe: %s", strerror(errno));
+    path[length] = '\0';
+
+    char sudo[] = "sudo";
+    char end_of_options[] = "--";
+    std::vector<char *> list = {sudo, end_of_options, path};
+    for (char **argument = argv[0] != nullptr ? argv + 1 : argv; *argument != nullptr; argument++)
+        list.push_back(*argument);
+    list.push_back(nullptr);
+    execvp("sudo", list.data());
+    die("sudo: %s", strerror(errno));
+}
+
+// ---- Commands -----------------------------------------------------------------------------
+
+static void print_version() {
+    printf("Tellbox - Advanced Messaging System for Linux %s\n", TBX_VERSION);
+}
+
+struct command {
+    const char *name;
+    int arguments_max; // -1: checked by the command itself, or not at all
+    bool recovers;     // finishes interrupted operations first
+    void (*run)(int argc, char **argv);
+};
+
+// Runs a command that looks at no argument.
+template <void run()> static void without_arguments(int /*argc*/, char ** /*argv*/) {
+    run();
+}
+
+// Runs a command that takes one argument, which may be absent.
+template <void run(const char *)> static void with_optional_argument(int argc, char **argv) {
+    run(argc > 0 ? argv[0] : nullptr);
+}
+
+static const command commands[] = {
+    {"help", -1, false, without_arguments<guide_show>},
+    {"-h", -1, false, without_arguments<guide_show>},
+    {"--help", -1, false, without_arguments<guide_show>},
+    {"version", -1, false, without_arguments<print_version>},
+    {"--version", -1, false, without_arguments<print_version>},
+    {"send", -1, true, cmd_send},
+    {"list", 0, true, without_arguments<cmd_list>},
+    {"status", 1, true, with_optional_argument<cmd_status>},
+    {"revoke", 1, true, with_optional_argument<cmd_revoke>},
+    {"remind", 1, true, with_optional_argument<cmd_remind>},
+    {"log", 1, true, with_optional_argument<cmd_log>},
+    {"purge", 1, false, with_optional_argument<cmd_purge>},
+};
+
+static const command &find_command_or_die(const char *name) {
+    for (const command &candidate : commands)
+        if (strcmp(candidate.name, name) == 0)
+            return candidate;
+    die("unknown command: %s (tbx --help for the guide)", name);
+}
+
+static void run_command(const char *name, int argc, char **argv) {
+    const command &chosen = find_command_or_die(name);
+    if (chosen.arguments_max >= 0 && argc > chosen.arguments_max)
+        die("too many arguments for %s: %s (tbx --help for the guide)", name,
+            argv[chosen.arguments_max]);
+    if (chosen.recovers)
+        recover_interrupted();
+    chosen.run(argc, argv);
+}
+
+// The interface where there is a terminal to show it on, else the guide.
+static void run_without_command() {
+    if (isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
+        recover_interrupted();
+        if (tui_run())
+            return;
+    }
+    guide_show();
+}
+
+// ---- Entry --------------------------------------------------------------------------------
+
+// A file of the store must never be opened as standard output: whoever started us without one
+// gets /dev/null.
+static void open_missing_standard_descriptors() {
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO)
+        fd = open("/dev/null", O_RDWR);
+    if (fd > STDERR_FILENO)
+        close(fd);
+}
+
+// What was printed must have arrived: a full disk behind a redirection is an error.
+static void flush_output_or_die() {
+    errno = EIO; // for an error that came earlier and left no other trace
+    if (fflush(stdout) != 0 || ferror(stdout) != 0)
+        die("standard output: %s", strerror(errno));
+}
+
+int main(int argc, char **argv) {
+    open_missing_standard_descriptors();
+    signal(SIGCHLD, SIG_DFL); // ignored by whoever started us, no child could be waited for
+    install_out_of_memory_handler();
+    init_environment("tbx");
+    if (geteuid() != 0 && !test_mode())
+        reexec_with_sudo(argv);
+    umask(022);
+    if (argc < 2 || *argv[1] == '\0')
+        run_without_command();
+    else
+        run_command(argv[1], argc - 2, argv + 2);
+    flush_output_or_die();
+    return 0;
+}

@@ -1,0 +1,76 @@
+#include "tbx/command.h"
+
+#include "common/core.h"
+#include "common/event.h"
+#include "common/message.h"
+#include "tbx/sent.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+[[noreturn]] static void die_of_path(const std::string &path, int error) {
+    die("%s: %s", path.c_str(), strerror(error));
+}
+
+constexpr int MARK_TRIES = 10;
+
+// Whether this run wrote the mark; if not, another did at the same time. Two runs take the
+// temporary file from each other, so that both may fail and neither mark stand: tried again.
+static bool write_mark_or_die(int64_t id) {
+    for (int tries = 1; sent_marker_write_time(id, "revoked") != 0; tries++) {
+        const int error = errno;
+        if (sent_marker_exists(id, "revoked"))
+            return false;
+        const bool was_disturbed = error == ENOENT || error == EEXIST;
+        if (!was_disturbed || tries == MARK_TRIES)
+            die_of_path(sent_path(id, "revoked"), error);
+    }
+    return true;
+}
+
+// Puts the marks on the disk. A recovery that found "revoking" before the message was revoked
+// has removed it: it is set anew. One that removes it from now on has withdrawn every copy.
+static int sync_marks(int64_t id) {
+    sent_marker_create(id, "revoking");
+    if (fsync_path(sent_path(id, "revoking").c_str()) != 0 && errno != ENOENT)
+        return -1;
+    return fsync_path(sent_message_dir(id).c_str());
+}
+
+// Marks the message revoked for good and tells the log, once. A mark that cannot be put on the
+// disk goes again, so that what is reported as failed can be repeated.
+static void mark_revoked(int64_t id) {
+    if (!write_mark_or_die(id))
+        return;
+    if (sync_marks(id) != 0) {
+        const int error = errno;
+        unlink(sent_path(id, "revoked").c_str()); // if it stays, the message is revoked after all
+        die_of_path(sent_message_dir(id), error);
+    }
+    event_log("REVOKED", id, /*user=*/nullptr, /*channel=*/nullptr, /*details=*/nullptr,
+              current_author());
+}
+
+void cmd_revoke(const char *id_text) {
+    const int64_t id = parse_message_id(id_text);
+    (void)load_message_or_die(id, id_text); // only whether it is there matters
+
+    sent_marker_create(id, "revoking");
+    if (!has_marker_or_die(id, "revoked"))
+        mark_revoked(id);
+
+    // Marked before locked: a send in progress holds the lock until it ends, and looks for the
+    // mark before each recipient.
+    const unique_fd lock = sent_lock(id, /*nonblocking=*/false);
+    if (!lock) {
+        const int error = errno;
+        die_of_path(sent_message_dir(id), error);
+    }
+    if (!sent_finish_revoking(id))
+        die("message %lld revoked, but some copies could not be removed from the mailboxes: the "
+            "next tbx command will retry",
+            static_cast<long long>(id));
+    printf("Message %lld revoked.\n", static_cast<long long>(id));
+}

@@ -1,0 +1,43 @@
+// How far a message got: the summary that `list` and the interface show, and the state of
+// each recipient.
+#pragma once
+
+#include "common/core.h"
+#include "common/message.h"
+#include "tbx/sent.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct message_summary {
+    message_record message;
+    bool revoked = false;
+    bool expired = false;
+    int64_t revoked_at = 0; // seconds since the epoch; 0 when not revoked or unknown
+    int confirmed = 0;      // recipients in each state
+    int delivered = 0;
+    int sent = 0;
+};
+
+// Loads the summary of message `id`. False for a message that is marked failed, that has no
+// recipients or of which something could not be read.
+[[nodiscard]] bool message_summary_load(int64_t id, message_summary *summary);
+
+// Appends the recipients column: "all confirmed (3)", or "1 confirmed · 2 delivered".
+void summary_text(const message_summary &summary, strbuf *out);
+
+struct recipient_line {
+    std::string user;
+    delivery_state state = delivery_state::sent;
+    std::string text; // "confirmed on 04/10 12:00 (desktop)", ...
+};
+
+// Appends one line per recipient, in the order of the recipients file. False, with errno, when
+// they could not be read for want of resources.
+[[nodiscard]] bool recipient_state_lines(int64_t id, const message_record &message,
+                                         std::vector<recipient_line> *lines);
+
+// The same; ends the process where they could not be read.
+[[nodiscard]] std::vector<recipient_line>
+recipient_state_lines_or_die(int64_t id, const message_record &message);

@@ -1,0 +1,168 @@
+#include "tbx/tui/compose_editor.h"
+
+#include "common/core.h"
+#include "tbx/recipients.h"
+#include "tbx/tui/screen.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <optional>
+
+static constexpr size_t EDITED_MAX_BYTES = 131'072; // what comes back beyond it is cut off
+
+static constexpr int CANNOT_BECOME_USER = 126; // exit statuses of the child
+static constexpr int CANNOT_START_EDITOR = 127;
+
+// ---- The file -----------------------------------------------------------------------------
+
+struct edited_file {
+    std::string path;
+    std::optional<resolved_user> user; // as whom the editor runs; none: as this process
+};
+
+// The user who called sudo: neither the editor nor what it starts needs to be root.
+static std::optional<resolved_user> calling_user() {
+    const char *name = getenv("SUDO_USER");
+    resolved_user user;
+    if (geteuid() != 0 || name == nullptr || *name == '\0' || !user_lookup_by_name(name, &user))
+        return std::nullopt;
+    return user;
+}
+
+static bool write_text(unique_fd *fd, const compose_text &text, edited_file *file) {
+    const std::string contents = compose_text_joined(text) + "\n";
+    if (write_all(fd->get(), contents.data(), contents.size()) != 0)
+        return false;
+    if (file->user && fchown(fd->get(), file->user->uid, file->user->gid) != 0)
+        file->user.reset(); // whom the file is not given to cannot edit it
+    return fd->close() == 0;
+}
+
+static bool create_file(const compose_text &text, edited_file *file) {
+    file->path = "/tmp/tellbox-testo-XXXXXX";
+    unique_fd fd(mkostemp(file->path.data(), O_CLOEXEC));
+    if (!fd)
+        return false;
+    file->user = calling_user();
+    if (write_text(&fd, text, file))
+        return true;
+    unlink(file->path.c_str()); // half a text must not come back as the whole
+    return false;
+}
+
+// The editor may have put anything in the file's place: only a file of its user's own counts.
+static bool is_users_own(const unique_fd &fd, const edited_file &file) {
+    const uid_t owner = file.user ? file.user->uid : geteuid();
+    struct stat status = {};
+    return fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+           status.st_uid == owner;
+}
+
+// Reads no further than is wanted, whatever the file's size.
+static bool read_beginning(const unique_fd &fd, std::string *contents) {
+    contents->resize(EDITED_MAX_BYTES);
+    size_t length = 0;
+    while (length < contents->size()) {
+        const ssize_t got = read(fd.get(), contents->data() + length, contents->size() - length);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return false;
+        if (got == 0)
+            break;
+        length += static_cast<size_t>(got);
+    }
+    contents->resize(length);
+    return true;
+}
+
+static bool read_file_back(const edited_file &file, std::string *contents) {
+    const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    const unique_fd fd(open(file.path.c_str(), flags));
+    return fd && is_users_own(fd, file) && read_beginning(fd, contents);
+}
+
+// ---- The editor ---------------------------------------------------------------------------
+
+// Becomes the user for good or ends the child.
+static void become(const resolved_user &user) {
+    if (initgroups(user.name.c_str(), user.gid) != 0 ||
+        setresgid(user.gid, user.gid, user.gid) != 0 ||
+        setresuid(user.uid, user.uid, user.uid) != 0)
+        _exit(CANNOT_BECOME_USER);
+}
+
+// What VISUAL, else EDITOR, says; null for nothing.
+static const char *chosen_editor() {
+    for (const char *variable : {"VISUAL", "EDITOR"}) {
+        const char *editor = getenv(variable);
+        if (editor != nullptr && *editor != '\0')
+            return editor;
+    }
+    return nullptr;
+}
+
+// In the child. The shell splits the editor's words; the path stays one.
+[[noreturn]] static void exec_editor(const edited_file &file) {
+    for (const int number : {SIGINT, SIGQUIT, SIGTSTP, SIGPIPE})
+        signal(number, SIG_DFL);
+    if (file.user)
+        become(*file.user);
+    const char *path = file.path.c_str();
+    const char *editor = chosen_editor();
+    if (editor != nullptr)
+        execl("/bin/sh", "sh", "-c", "exec $0 \"$1\"", editor, path, nullptr);
+    execlp("nano", "nano", path, nullptr);
+    execlp("vi", "vi", path, nullptr);
+    _exit(CANNOT_START_EDITOR);
+}
+
+// Waits for the editor's end. One that Ctrl+Z stops goes on at once, with what it started: no
+// shell is there to let it go on, since the interface behind it does not stop.
+static void await_editor(pid_t editor) {
+    int status = 0;
+    while (true) {
+        if (waitpid(editor, &status, WUNTRACED) < 0) {
+            if (errno != EINTR)
+                return;
+        } else if (!WIFSTOPPED(status)) {
+            return;
+        } else if (WSTOPSIG(status) == SIGTSTP) {
+            kill(0, SIGCONT);
+        }
+    }
+}
+
+// An editor that cannot be started leaves the file as it was.
+static void run_editor(const edited_file &file) {
+    fflush(stdout);
+    const tui_signals_ignored ignored;
+    const pid_t editor = fork();
+    if (editor == 0)
+        exec_editor(file);
+    if (editor > 0)
+        await_editor(editor);
+}
+
+void compose_edit_external(compose_form *form) {
+    edited_file file;
+    if (!create_file(form->text, &file))
+        return;
+    tui_restore();
+    run_editor(file);
+    std::string contents;
+    if (read_file_back(file, &contents))
+        compose_set_text(&form->text, contents);
+    unlink(file.path.c_str()); // the user may have moved it away
+    tui_raw_mode();
+    tui_update_size();
+}

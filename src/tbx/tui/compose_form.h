@@ -1,0 +1,48 @@
+// The state of the form for a new message, and what the keys do to it. Nothing here draws or
+// starts anything.
+#pragma once
+
+#include "tbx/tui/keys.h"
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+enum compose_focus { COMPOSE_TO = 0, COMPOSE_TITLE = 1, COMPOSE_EXPIRES = 2, COMPOSE_TEXT = 3 };
+constexpr size_t COMPOSE_FIELDS = 3; // the one-line ones
+
+struct compose_field {
+    std::string value;
+    size_t cursor = 0; // byte offset, at a character's start or at the end
+    int scroll = 0;    // first column shown
+};
+
+struct compose_text {
+    std::vector<std::string> lines = {""}; // never empty
+    size_t line = 0;                       // of the cursor
+    size_t cursor = 0;                     // byte offset in that line
+    size_t top = 0;                        // first line shown
+    int scroll = 0;                        // first column shown of the cursor's line
+};
+
+struct compose_form {
+    std::array<compose_field, COMPOSE_FIELDS> fields;
+    compose_text text;
+    int focus = COMPOSE_TO;
+    std::string preview; // whom To reaches, or why it does not; may be styled; empty for none
+};
+
+// Applies an editing or moving key; every other key changes nothing.
+void compose_press(compose_form *form, tui_key key, std::string_view character);
+
+// Whether nothing has been written.
+[[nodiscard]] bool compose_is_empty(const compose_form &form);
+
+// The text, its lines joined by newlines, and its bytes.
+[[nodiscard]] std::string compose_text_joined(const compose_text &text);
+[[nodiscard]] size_t compose_text_bytes(const compose_text &text);
+
+// Replaces the text, without its trailing newlines; the cursor goes to its end.
+void compose_set_text(compose_text *text, std::string_view joined);

@@ -1,0 +1,317 @@
+#include "tbx/tui/detail.h"
+
+#include "tbx/command.h"
+#include "tbx/sent.h"
+#include "tbx/status.h"
+#include "tbx/tui/dialog.h"
+#include "tbx/tui/job.h"
+#include "tbx/tui/list.h"
+#include "tbx/tui/screen.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+enum class detail_tab { recipients, history };
+
+struct detail_page {
+    int64_t id = 0;
+    message_summary summary;
+    std::vector<recipient_line> recipients;
+    strlist text_lines;    // the text, wrapped
+    strlist history_lines; // on the History tab only
+    detail_tab tab = detail_tab::recipients;
+    int scroll = 0;  // first entry of the tab that is shown
+    int visible = 0; // how many entries the last frame had room for
+    bool needs_reload = true;
+    int tick_count = 0;
+    std::string loaded_at;
+    unsigned changes_seen = tui.screen_changes; // the text is wrapped for the present size
+};
+
+// ---- Loading ------------------------------------------------------------------------------
+
+static constexpr int TEXT_SIDE_COLS = 8; // the frame's, the bar's, and one that stays free
+
+static void wrap_text(detail_page *state) {
+    state->changes_seen = tui.screen_changes;
+    strlist_free(&state->text_lines);
+    tui_wrap(state->summary.message.text, tui.screen_cols - TEXT_SIDE_COLS, &state->text_lines);
+}
+
+static void load_recipients(detail_page *state) {
+    state->recipients.clear();
+    if (!recipient_state_lines(state->id, state->summary.message, &state->recipients))
+        state->recipients.clear(); // read again with the next reload
+    for (recipient_line &line : state->recipients) {
+        line.user = tui_clean(line.user);
+        line.text = tui_clean(line.text);
+    }
+}
+
+// What the history command prints, but for its own heading.
+static void load_history(detail_page *state) {
+    strlist_free(&state->history_lines);
+    if (state->tab != detail_tab::history)
+        return;
+    const tui_job job = {cmd_log, std::to_string(state->id), {}};
+    strbuf output;
+    static_cast<void>(tui_run_command(job, {}, &output)); // what came of a failure is shown, too
+    const std::string text = tui_clean(output.view());
+    const size_t heading_end = text.find('\n');
+    if (heading_end != std::string::npos)
+        tui_split_lines(std::string_view(text).substr(heading_end + 1), &state->history_lines);
+}
+
+// False when the message is gone.
+static bool load(detail_page *state) {
+    state->needs_reload = false;
+    recipient_state_cache_drop();
+    recipient_state_ask_only(state->id);
+    if (!message_summary_load(state->id, &state->summary))
+        return false;
+    load_recipients(state);
+    tui_clean_message(&state->summary.message);
+    wrap_text(state);
+    load_history(state);
+    return true;
+}
+
+// ---- State to lines -----------------------------------------------------------------------
+
+static constexpr size_t TEXT_MAX_LINES = 6; // a longer text shows one less, and "…"
+static constexpr int USER_HEADING_COLS = 14;
+static constexpr int USER_COLS = 13;
+
+static std::string short_time(int64_t seconds) {
+    char text[SHORT_TIME_BYTES];
+    format_time_short(seconds, text);
+    return text;
+}
+
+static void append_facts(strlist *lines, const message_summary &summary) {
+    const message_record &message = summary.message;
+    strbuf line;
+    strbuf_printf(&line, " %s%s%s · %s · ", tui_style.bold,
+                  message.title.empty() ? "no title" : message.title.c_str(), tui_style.reset,
+                  short_time(message.date).c_str());
+    strbuf_printf(&line, "from %s", message.from.c_str());
+    if (message.expires != 0)
+        strbuf_printf(&line, " · %s %s", summary.expired ? "expired on" : "expires on",
+                      short_time(message.expires).c_str());
+    if (summary.revoked)
+        strbuf_printf(&line, " · %srevoked on %s%s", tui_style.red,
+                      short_time(summary.revoked_at).c_str(), tui_style.reset);
+    strlist_push_view(lines, line.view());
+}
+
+static void append_text_line(strlist *lines, const char *text) {
+    tui_add_line(lines, " %s│%s %s", tui_style.dim, tui_style.reset, text);
+}
+
+static void append_text(strlist *lines, const strlist &text) {
+    const bool is_cut = text.count > TEXT_MAX_LINES;
+    const size_t shown = is_cut ? TEXT_MAX_LINES - 1 : text.count;
+    for (size_t i = 0; i < shown; i++)
+        append_text_line(lines, text.items[i]);
+    if (is_cut)
+        append_text_line(lines, "…");
+}
+
+static void append_tabs(strlist *lines, const detail_page &state) {
+    const bool is_history = state.tab == detail_tab::history;
+    const std::string recipients = xasprintf(" %s (%zu) ", "Recipients", state.recipients.size());
+    const message_summary &summary = state.summary;
+    strbuf line;
+    strbuf_printf(&line, " %s%s%s %s%s%s    ", is_history ? tui_style.dim : tui_style.selection,
+                  recipients.c_str(), tui_style.reset,
+                  is_history ? tui_style.selection : tui_style.dim, " History ", tui_style.reset);
+    tui_confirm_bar(&line, summary.confirmed, summary.delivered, summary.sent);
+    strbuf_append_str(&line, "  ");
+    tui_counts(&line, summary.confirmed, summary.delivered, summary.sent);
+    strlist_push_view(lines, line.view());
+}
+
+static void append_recipient_heading(strlist *lines) {
+    strbuf line;
+    strbuf_printf(&line, " %s", tui_style.heading);
+    tui_pad(&line, "USER", USER_HEADING_COLS);
+    strbuf_printf(&line, "%s%s", "STATE", tui_style.reset);
+    strlist_push_view(lines, line.view());
+}
+
+static const char *state_colour(delivery_state state) {
+    switch (state) {
+    case delivery_state::confirmed:
+        return tui_style.green;
+    case delivery_state::delivered:
+        return tui_style.yellow;
+    case delivery_state::sent:
+        break;
+    }
+    return tui_style.red;
+}
+
+static void append_recipient(strlist *lines, const recipient_line &recipient) {
+    strbuf user;
+    tui_fit(&user, recipient.user, USER_COLS);
+    tui_add_line(lines, " %s %s%s%s", user.data, state_colour(recipient.state),
+                 recipient.text.c_str(), tui_style.reset);
+}
+
+static int entry_count(const detail_page &state) {
+    return static_cast<int>(state.tab == detail_tab::history ? state.history_lines.count
+                                                             : state.recipients.size());
+}
+
+static void append_entries(strlist *lines, const detail_page &state) {
+    const int end = std::min(state.scroll + state.visible, entry_count(state));
+    for (int entry = state.scroll; entry < end; entry++) {
+        const auto at = static_cast<size_t>(entry);
+        if (state.tab == detail_tab::history)
+            tui_add_line(lines, " %s", state.history_lines.items[at]);
+        else
+            append_recipient(lines, state.recipients[at]);
+    }
+    if (state.tab == detail_tab::history && entry_count(state) == 0)
+        tui_add_line(lines, " %s%s%s", tui_style.grey, "No events in the system log.",
+                     tui_style.reset);
+}
+
+static void append_labels(tui_screen *page, const detail_page &state) {
+    const std::string &title = state.summary.message.title;
+    const auto id = static_cast<long long>(state.id);
+    const char *const key = tui_style.key;
+    const char *const off = tui_style.reset;
+    page->title = title.empty() ? xasprintf("Message %lld", id)
+                                : xasprintf("Message %lld · %s", id, title.c_str());
+    page->status = xasprintf("updated at %s", state.loaded_at.c_str());
+    page->footer = xasprintf("%sTab%s %s   %s↑/↓%s %s   %sm%s %s   %sr%s %s   %sEsc%s %s", key, off,
+                             "recipients/history", key, off, "scroll", key, off, "remind", key, off,
+                             "revoke", key, off, "back");
+}
+
+static void build(detail_page *state, tui_screen *page) {
+    if (state->changes_seen != tui.screen_changes)
+        wrap_text(state);
+    strlist *lines = &page->lines;
+    strlist_free(lines);
+    append_labels(page, *state);
+    append_facts(lines, state->summary);
+    append_text(lines, state->text_lines);
+    tui_add_line(lines, "%s", "");
+    append_tabs(lines, *state);
+    tui_add_line(lines, "%s", "");
+    if (state->tab == detail_tab::recipients)
+        append_recipient_heading(lines);
+    state->visible = tui.screen_rows - 4 - static_cast<int>(lines->count);
+    state->scroll = std::max(std::min(state->scroll, entry_count(*state) - state->visible), 0);
+    append_entries(lines, *state);
+}
+
+// ---- Keys ---------------------------------------------------------------------------------
+
+static constexpr int IDLE_TICKS_MAX = 5; // as on the list
+
+static void idle_tick(detail_page *state) {
+    if (state->changes_seen != tui.screen_changes)
+        state->needs_reload = true;
+    if (++state->tick_count <= IDLE_TICKS_MAX)
+        return;
+    state->tick_count = 0;
+    state->loaded_at = tui_clock();
+    state->needs_reload = true;
+}
+
+static void switch_tab(detail_page *state) {
+    state->tab =
+        state->tab == detail_tab::recipients ? detail_tab::history : detail_tab::recipients;
+    state->scroll = 0;
+    state->needs_reload = true;
+}
+
+static void remind(detail_page *state, tui_screen *page) {
+    const message_summary &summary = state->summary;
+    if (summary.revoked || summary.expired || summary.delivered == 0)
+        return;
+    tui_remind_dialog(page, summary);
+    state->needs_reload = true;
+}
+
+static void revoke(detail_page *state, tui_screen *page) {
+    if (state->summary.revoked)
+        return;
+    tui_revoke_dialog(page, state->summary);
+    state->needs_reload = true;
+}
+
+// False to go back to the list.
+static bool press_letter(detail_page *state, tui_screen *page, std::string_view letter) {
+    if (letter == "m")
+        remind(state, page);
+    else if (letter == "r")
+        revoke(state, page);
+    return letter != "q";
+}
+
+// False to go back to the list.
+static bool press(detail_page *state, tui_screen *page, tui_key key, const char *character) {
+    switch (key) {
+    case KEY_ERROR:
+    case KEY_ESC:
+        return false;
+    case KEY_CHAR:
+        return press_letter(state, page, character);
+    case KEY_TIMEOUT:
+        idle_tick(state);
+        break;
+    case KEY_TAB:
+    case KEY_BACKTAB:
+        switch_tab(state);
+        break;
+    case KEY_UP:
+        state->scroll--;
+        break;
+    case KEY_DOWN:
+        state->scroll++;
+        break;
+    case KEY_PGUP:
+        state->scroll -= state->visible;
+        break;
+    case KEY_PGDN:
+        state->scroll += state->visible;
+        break;
+    case KEY_NONE:
+    case KEY_RIGHT:
+    case KEY_LEFT:
+    case KEY_HOME:
+    case KEY_END:
+    case KEY_ENTER:
+    case KEY_BACKSPACE:
+    case KEY_DELETE:
+    case KEY_CTRL_E:
+    case KEY_CTRL_S:
+        break;
+    }
+    return true;
+}
+
+// ---- The page -----------------------------------------------------------------------------
+
+void detail_view(int64_t id) {
+    detail_page state;
+    state.id = id;
+    state.loaded_at = tui_clock();
+    tui_screen page;
+    page.rebuild = [&state](tui_screen *below) { build(&state, below); };
+    while (!quit_requested) {
+        if (state.needs_reload && !load(&state))
+            return;
+        build(&state, &page);
+        tui_draw(page);
+        tui_character character = {};
+        const tui_key key = tui_next_key(character);
+        if (!press(&state, &page, key, character))
+            return;
+    }
+}

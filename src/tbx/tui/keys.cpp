@@ -1,0 +1,200 @@
+#include "tbx/tui/keys.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+// Between the bytes of one key. A terminal sends them together; a person takes longer.
+static constexpr int SEQUENCE_WAIT_MS = 40;
+
+static constexpr int ESCAPE = 27;
+static constexpr int DELETE_BYTE = 127;
+
+// ---- Bytes --------------------------------------------------------------------------------
+
+bool tui_input_waits(const tui_input &input) {
+    return input.next < input.end;
+}
+
+// Takes what the descriptor holds. 0, or the code that tui_read_byte returns.
+static int fill(tui_input *input, int timeout_ms) {
+    pollfd watched = {.fd = input->fd, .events = POLLIN, .revents = 0};
+    const int ready = poll(&watched, 1, timeout_ms);
+    if (ready == 0)
+        return TUI_BYTE_TIMEOUT;
+    if (ready < 0)
+        return errno == EINTR ? TUI_BYTE_TIMEOUT : TUI_BYTE_ERROR;
+    const ssize_t got = read(input->fd, input->bytes.data(), input->bytes.size());
+    if (got < 0 && errno == EINTR)
+        return TUI_BYTE_TIMEOUT;
+    if (got <= 0)
+        return TUI_BYTE_ERROR; // a terminal that was hung up is readable, and at its end
+    input->next = 0;
+    input->end = static_cast<size_t>(got);
+    return 0;
+}
+
+int tui_read_byte(tui_input *input, int timeout_ms) {
+    if (!tui_input_waits(*input)) {
+        const int code = fill(input, timeout_ms);
+        if (code != 0)
+            return code;
+    }
+    return input->bytes[input->next++];
+}
+
+static void put_back(tui_input *input) {
+    input->next--;
+}
+
+// ---- Text ---------------------------------------------------------------------------------
+
+static bool is_continuation(int byte) {
+    return byte >= 0 && (byte & 0xc0) == 0x80;
+}
+
+static int continuation_bytes(int lead) {
+    if (lead >= 0xf0)
+        return 3;
+    if (lead >= 0xe0)
+        return 2;
+    return lead >= 0xc0 ? 1 : 0;
+}
+
+// Reads what belongs to the character that `lead` begins. A byte that cannot belong to it is
+// a key of its own: a broken character must not swallow, or carry in, an escape.
+static void read_character(tui_input *input, int lead, tui_character &character) {
+    character[0] = static_cast<char>(lead);
+    const int expected = continuation_bytes(lead);
+    for (int i = 1; i <= expected; i++) {
+        const int byte = tui_read_byte(input, SEQUENCE_WAIT_MS);
+        if (byte < 0)
+            return;
+        if (!is_continuation(byte)) {
+            put_back(input);
+            return;
+        }
+        character[i] = static_cast<char>(byte);
+    }
+}
+
+// ---- Escape sequences ---------------------------------------------------------------------
+
+static tui_key letter_key(int letter) {
+    switch (letter) {
+    case 'A':
+        return KEY_UP;
+    case 'B':
+        return KEY_DOWN;
+    case 'C':
+        return KEY_RIGHT;
+    case 'D':
+        return KEY_LEFT;
+    case 'F':
+        return KEY_END;
+    case 'H':
+        return KEY_HOME;
+    case 'Z':
+        return KEY_BACKTAB;
+    default:
+        return KEY_NONE;
+    }
+}
+
+static tui_key numbered_key(int digit) {
+    switch (digit) {
+    case '1':
+    case '7':
+        return KEY_HOME;
+    case '3':
+        return KEY_DELETE;
+    case '4':
+    case '8':
+        return KEY_END;
+    case '5':
+        return KEY_PGUP;
+    case '6':
+        return KEY_PGDN;
+    default:
+        return KEY_NONE;
+    }
+}
+
+static bool is_parameter(int byte) {
+    return byte >= 0x20 && byte <= 0x3f;
+}
+
+// What follows Esc and `introducer`, [ or O. A sequence that means nothing here is read to its
+// final byte all the same, so that none of it is taken for text.
+static tui_key read_sequence(tui_input *input, int introducer) {
+    const int first = tui_read_byte(input, SEQUENCE_WAIT_MS);
+    if (introducer == '[' && first == '[') { // the console's function keys: Esc [ [ A
+        static_cast<void>(tui_read_byte(input, SEQUENCE_WAIT_MS));
+        return KEY_NONE;
+    }
+    int byte = first;
+    int parameters = 0;
+    for (; is_parameter(byte); byte = tui_read_byte(input, SEQUENCE_WAIT_MS))
+        parameters++;
+    if (byte == ESCAPE)
+        put_back(input); // the sequence broke off: this begins the next key
+    if (parameters == 0)
+        return letter_key(byte);
+    return introducer == '[' && parameters == 1 && byte == '~' ? numbered_key(first) : KEY_NONE;
+}
+
+static tui_key read_escape(tui_input *input) {
+    int byte = tui_read_byte(input, SEQUENCE_WAIT_MS);
+    if (byte < 0)
+        return KEY_ESC;
+    if (byte == '[' || byte == 'O')
+        return read_sequence(input, byte);
+
+    // A key held with Alt: its own sequence or character goes unused as a whole.
+    while (byte == ESCAPE)
+        byte = tui_read_byte(input, SEQUENCE_WAIT_MS);
+    tui_character unused = {};
+    if (byte == '[' || byte == 'O')
+        static_cast<void>(read_sequence(input, byte));
+    else if (byte >= 0)
+        read_character(input, byte, unused);
+    return KEY_NONE;
+}
+
+// ---- Keys ---------------------------------------------------------------------------------
+
+static tui_key control_key(int byte) {
+    switch (byte) {
+    case 5:
+        return KEY_CTRL_E;
+    case 8:
+    case DELETE_BYTE:
+        return KEY_BACKSPACE;
+    case '\t':
+        return KEY_TAB;
+    case '\n':
+    case '\r':
+        return KEY_ENTER;
+    case 19:
+        return KEY_CTRL_S;
+    default:
+        return KEY_NONE;
+    }
+}
+
+tui_key tui_read_key(tui_input *input, int timeout_ms, tui_character &character) {
+    memset(character, 0, sizeof character);
+    const int byte = tui_read_byte(input, timeout_ms);
+    if (byte == TUI_BYTE_TIMEOUT)
+        return KEY_TIMEOUT;
+    if (byte == TUI_BYTE_ERROR)
+        return KEY_ERROR;
+    if (byte == ESCAPE)
+        return read_escape(input);
+    if (byte < ' ' || byte == DELETE_BYTE)
+        return control_key(byte);
+    read_character(input, byte, character);
+    return KEY_CHAR;
+}

@@ -1,8 +1,0 @@
-// The form for a new message as a page.
-#pragma once
-
-#include "tui/compose_form.h"
-#include "tui/screen.h"
-
-// Moves the view so that the cursor is in it, and builds the page.
-void compose_build(compose_form *form, tui_screen *page);

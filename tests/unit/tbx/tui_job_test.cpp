@@ -1,0 +1,262 @@
+#include "tbx/tui/job.h"
+
+#include "tbx/command.h"
+#include "tui_support.h"
+
+#include <csignal>
+#include <cstring>
+
+namespace {
+
+struct job_result {
+    int status;
+    std::string output;
+};
+
+job_result run(void (*command)(const char *), const std::string &argument,
+               std::string_view input = {}) {
+    const tui_job job = {command, argument, {}};
+    strbuf output;
+    const int status = tui_run_command(job, input, &output);
+    return {status, std::string(output.view())};
+}
+
+void print_argument(const char *argument) {
+    printf("out %s\n", argument);
+}
+
+void print_on_both(const char * /*argument*/) {
+    printf("one\n");
+    fflush(stdout);
+    fprintf(stderr, "two\n");
+}
+
+void refuse(const char *argument) {
+    die("no such thing: %s", argument);
+}
+
+void kill_itself(const char * /*argument*/) {
+    raise(SIGKILL);
+}
+
+// Prints each chunk of its input at once, so that both pipes fill up.
+void copy_input(const char * /*argument*/) {
+    char chunk[512];
+    size_t got = 0;
+    while ((got = fread(chunk, 1, sizeof chunk, stdin)) > 0) {
+        fwrite(chunk, 1, got, stdout);
+        fflush(stdout);
+    }
+}
+
+void print_before_reading(const char *bytes) {
+    const std::string output(std::stoul(bytes), 'o');
+    fwrite(output.data(), 1, output.size(), stdout);
+    fflush(stdout);
+    copy_input(nullptr);
+}
+
+void do_nothing(const char * /*argument*/) {}
+
+// Makes every further fcntl() that sets flags fail, and no other. For a child only.
+void refuse_setting_flags() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fcntl, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, F_SETFL, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {std::size(program), program};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        throw_errno("seccomp");
+}
+
+void print_signals(const char * /*argument*/) {
+    for (const int number : {SIGINT, SIGPIPE, SIGTSTP}) {
+        struct sigaction action = {};
+        sigaction(number, nullptr, &action);
+        printf("%s", action.sa_handler == SIG_DFL ? "d" : action.sa_handler == SIG_IGN ? "i" : "h");
+    }
+}
+
+// Whether the parent ignores Ctrl+C and Ctrl+Z just now.
+void print_parents_signals(const char * /*argument*/) {
+    const std::string status = read_file("/proc/" + std::to_string(getppid()) + "/status");
+    const size_t at = status.find("SigIgn:");
+    const auto ignored = strtoull(status.c_str() + at + strlen("SigIgn:"), nullptr, 16);
+    for (const int number : {SIGINT, SIGTSTP})
+        printf("%d", (ignored >> (number - 1) & 1) != 0 ? 1 : 0);
+}
+
+} // namespace
+
+// ---- Output and status --------------------------------------------------------------------
+
+TEST(TuiJob, GivesItsArgumentAndReturnsItsOutput) {
+    const job_result result = run(print_argument, "7");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "out 7\n");
+}
+
+TEST(TuiJob, KeepsBothOutputs) {
+    EXPECT_EQ(run(print_on_both, "").output, "one\ntwo\n");
+}
+
+TEST(TuiJob, ACommandThatEndsItsProcessEndsTheChildOnly) {
+    const job_result result = run(refuse, "x");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "tbx: no such thing: x\n");
+}
+
+TEST(TuiJob, ASignalThatEndsItIsAFailure) {
+    EXPECT_EQ(run(kill_itself, "").status, -1);
+}
+
+TEST(TuiJob, PrintsOnlyWhatItPrintedItself) {
+    const child_result child = run_in_child([] {
+        printf("before");
+        return run(print_argument, "x").output == "out x\n" ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_EQ(child.out, "before");
+}
+
+TEST(TuiJob, OutputBeyondTheLimitIsDropped) {
+    const job_result result = run(print_before_reading, "3000000");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output.size(), JOB_OUTPUT_MAX_BYTES);
+}
+
+TEST(TuiJob, LeavesNoDescriptorAndNoChild) {
+    const size_t before = open_descriptors();
+    EXPECT_EQ(run(print_argument, "x", "input").status, 0);
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_TRUE(has_no_children());
+}
+
+TEST(TuiJob, WithoutDescriptorsFails) {
+    for (const rlim_t room : {0U, 2U}) { // for no pipe, and for one of the two
+        const child_result child = run_in_child([room] {
+            leave_descriptors(room);
+            return run(print_argument, "x").status == -1 ? 10 : 20;
+        });
+        EXPECT_EQ(child.exit_status, 10) << room;
+    }
+}
+
+TEST(TuiJob, WithoutProcessesFailsAndLeavesNoDescriptor) {
+    SKIP_UNLESS_ROOT();
+    const child_result child = run_in_child([] {
+        const size_t before = open_descriptors();
+        const rlimit none = {0, 0}; // holds for an ordinary user only
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || setresuid(PAT_UID, PAT_UID, PAT_UID) != 0)
+            throw_errno("setrlimit");
+        return run(print_argument, "x").status == -1 && open_descriptors() == before ? 10 : 20;
+    });
+    EXPECT_EQ(child.exit_status, 10);
+}
+
+TEST(TuiJob, ACommandThatCannotHaveThePipesDoesNotRun) {
+    const child_result child = run_in_child([] {
+        refuse_call(DUP2_CALL, EBUSY);
+        const job_result result = run(print_argument, "x");
+        printf("%d '%s'", result.status, result.output.c_str());
+    });
+    EXPECT_EQ(child.out, "127 ''");
+}
+
+TEST(TuiJob, WhoseStatusNobodyTellsHasFailed) {
+    const child_result child = run_in_child([] {
+        signal(SIGCHLD, SIG_IGN); // it is reaped by the system
+        const job_result result = run(print_argument, "x");
+        printf("%d '%s'", result.status, result.output.c_str());
+    });
+    EXPECT_EQ(child.out, "-1 'out x\n'");
+}
+
+TEST(TuiJob, IsWaitedForThoughNothingCanBePolled) {
+    const child_result child = run_in_child([] {
+        refuse_call(POLL_CALL, ENOMEM);
+        const job_result result = run(do_nothing, "");
+        printf("%d '%s' %d", result.status, result.output.c_str(), has_no_children());
+    });
+    EXPECT_EQ(child.out, "0 '' 1");
+}
+
+// ---- Input --------------------------------------------------------------------------------
+
+TEST(TuiJob, ReadsItsInputToTheEnd) {
+    EXPECT_EQ(run(copy_input, "", "line\nlast").output, "line\nlast");
+}
+
+TEST(TuiJob, InputThatCouldNotBeFedWithoutWaitingIsNone) {
+    const child_result child = run_in_child([] {
+        refuse_setting_flags();
+        const job_result result = run(copy_input, "", "input");
+        printf("%d '%s'", result.status, result.output.c_str());
+    });
+    EXPECT_EQ(child.out, "0 ''");
+}
+
+TEST(TuiJob, WithoutInputReadsNothing) {
+    const job_result result = run(copy_input, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "");
+}
+
+TEST(TuiJob, InputAndOutputLargerThanThePipesGoThrough) {
+    const std::string text(500'000, 't');
+    const job_result result = run(print_before_reading, "200000", text);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output.size(), 700'000U);
+}
+
+TEST(TuiJob, ACommandThatReadsNothingDoesNoHarm) {
+    const child_result child =
+        run_in_child([] { return run(do_nothing, "", std::string(500'000, 't')).status; });
+    EXPECT_EQ(child.exit_status, 0);
+}
+
+TEST(TuiJob, IsWaitedForWhenSignalsInterrupt) {
+    const child_result child = run_in_child([] {
+        interrupt_calls([] {});
+        const job_result result = run(
+            [](const char *) {
+                usleep(100'000);
+                puts("done");
+            },
+            "", "input");
+        stop_interrupting();
+        return result.status == 0 && result.output == "done\n" ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+}
+
+// ---- Signals ------------------------------------------------------------------------------
+
+TEST(TuiJob, CtrlCEndsItAndCtrlZDoesNotStopIt) {
+    const child_result child = run_in_child([] {
+        signal(SIGINT, [](int) {});
+        signal(SIGTSTP, [](int) {});
+        signal(SIGPIPE, SIG_IGN);
+        printf("%s", run(print_signals, "").output.c_str());
+    });
+    EXPECT_EQ(child.out, "ddi");
+}
+
+TEST(TuiJob, TheInterfaceIgnoresBothKeysMeanwhile) {
+    EXPECT_EQ(run(print_parents_signals, "").output, "11");
+}
+
+// ---- Sending ------------------------------------------------------------------------------
+
+TEST(TuiJob, WithoutACommandSends) {
+    const scratch_state state;
+    const tui_job job = {nullptr, "", {"--to", "no-such-user-here"}};
+    strbuf output;
+    EXPECT_EQ(tui_run_command(job, "text", &output), 1);
+    EXPECT_EQ(output.view(), "tbx: no such user: no-such-user-here\n");
+}

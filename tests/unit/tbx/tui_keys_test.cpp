@@ -1,0 +1,225 @@
+#include "tbx/tui/keys.h"
+
+#include "tui_support.h"
+
+#include <gmock/gmock.h>
+
+#include <thread>
+
+using testing::ElementsAre;
+
+namespace {
+
+// Every key that `bytes` give until the end of input, characters as their text.
+std::vector<std::string> keys_in(std::string_view bytes) {
+    const typed_bytes typed(bytes);
+    tui_input input;
+    input.fd = typed.reader.get();
+    std::vector<std::string> keys;
+    while (true) {
+        tui_character character = {};
+        const tui_key key = tui_read_key(&input, TUI_KEY_WAIT_MS, character);
+        if (key == KEY_ERROR)
+            return keys;
+        keys.push_back(key == KEY_CHAR ? character : std::to_string(key));
+    }
+}
+
+// The only key in `bytes`, or -1 when there is another number of them.
+int key_of(std::string_view bytes) {
+    const std::vector<std::string> keys = keys_in(bytes);
+    return keys.size() == 1 ? std::stoi(keys.front()) : -1;
+}
+
+tui_key next_key(tui_input *input, int timeout_ms) {
+    tui_character character = {};
+    return tui_read_key(input, timeout_ms, character);
+}
+
+} // namespace
+
+// ---- Bytes --------------------------------------------------------------------------------
+
+TEST(TuiBytes, ComeInTheOrderTyped) {
+    const typed_bytes typed("ab");
+    tui_input input;
+    input.fd = typed.reader.get();
+    EXPECT_EQ(tui_read_byte(&input, 0), 'a');
+    EXPECT_TRUE(tui_input_waits(input));
+    EXPECT_EQ(tui_read_byte(&input, 0), 'b');
+    EXPECT_FALSE(tui_input_waits(input));
+}
+
+TEST(TuiBytes, AboveAsciiAreNotNegative) {
+    const typed_bytes typed("\xff");
+    tui_input input;
+    input.fd = typed.reader.get();
+    EXPECT_EQ(tui_read_byte(&input, 0), 255);
+}
+
+TEST(TuiBytes, TimeOutWhileNothingIsTyped) {
+    const typed_bytes typed("", /*stays_open=*/true);
+    tui_input input;
+    input.fd = typed.reader.get();
+    EXPECT_EQ(tui_read_byte(&input, 0), TUI_BYTE_TIMEOUT);
+}
+
+TEST(TuiBytes, FailAtTheEndOfInput) {
+    const typed_bytes typed("");
+    tui_input input;
+    input.fd = typed.reader.get();
+    EXPECT_EQ(tui_read_byte(&input, 0), TUI_BYTE_ERROR);
+}
+
+TEST(TuiBytes, FailOnADescriptorThatCannotBeRead) {
+    const unique_fd directory(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    tui_input input;
+    input.fd = directory.get();
+    EXPECT_EQ(tui_read_byte(&input, 0), TUI_BYTE_ERROR);
+}
+
+TEST(TuiBytes, ASignalEndsTheWaitAsATimeOut) {
+    const child_result child = run_in_child([] {
+        const typed_bytes typed("", /*stays_open=*/true);
+        tui_input input;
+        input.fd = typed.reader.get();
+        interrupt_calls([] {});
+        return tui_read_byte(&input, 600'000) == TUI_BYTE_TIMEOUT ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+}
+
+// ---- Keys ---------------------------------------------------------------------------------
+
+TEST(TuiKeys, NothingTypedIsATimeOut) {
+    const typed_bytes typed("", /*stays_open=*/true);
+    tui_input input;
+    input.fd = typed.reader.get();
+    EXPECT_EQ(next_key(&input, 0), KEY_TIMEOUT);
+}
+
+TEST(TuiKeys, TheEndOfInputIsAnError) {
+    const typed_bytes typed("");
+    tui_input input;
+    input.fd = typed.reader.get();
+    EXPECT_EQ(next_key(&input, 0), KEY_ERROR);
+}
+
+TEST(TuiKeys, CursorKeysComeInBothForms) {
+    for (const char *introducer : {"\033[", "\033O"}) {
+        const std::string begin = introducer;
+        EXPECT_EQ(key_of(begin + "A"), KEY_UP);
+        EXPECT_EQ(key_of(begin + "B"), KEY_DOWN);
+        EXPECT_EQ(key_of(begin + "C"), KEY_RIGHT);
+        EXPECT_EQ(key_of(begin + "D"), KEY_LEFT);
+        EXPECT_EQ(key_of(begin + "F"), KEY_END);
+        EXPECT_EQ(key_of(begin + "H"), KEY_HOME);
+        EXPECT_EQ(key_of(begin + "Z"), KEY_BACKTAB);
+    }
+}
+
+TEST(TuiKeys, NumberedKeysHaveOneDigit) {
+    const int expected[] = {KEY_NONE, KEY_HOME, KEY_NONE, KEY_DELETE, KEY_END,
+                            KEY_PGUP, KEY_PGDN, KEY_HOME, KEY_END,    KEY_NONE};
+    for (int digit = 0; digit <= 9; digit++)
+        EXPECT_EQ(key_of("\033[" + std::to_string(digit) + "~"), expected[digit]) << digit;
+}
+
+TEST(TuiKeys, SequencesWithMoreInThemGiveNoKeyAndNoText) {
+    for (const char *sequence : {"\033[15~", "\033[1;5C", "\033[3;2~", "\033[200~", "\033[?1;2c",
+                                 "\033[M", "\033O5A", "\033OP", "\033[[A", "\033[1$", "\033[1A"})
+        EXPECT_EQ(key_of(sequence), KEY_NONE) << sequence + 1;
+}
+
+TEST(TuiKeys, AFunctionKeyBetweenCharactersLeavesThemAlone) {
+    EXPECT_THAT(keys_in("a\033[15~b\033[[Ac"), ElementsAre("a", "0", "b", "0", "c"));
+}
+
+TEST(TuiKeys, ASequenceThatBreaksOffDoesNotSwallowTheNextKey) {
+    EXPECT_THAT(keys_in("\033[1\033[A"), ElementsAre("0", std::to_string(KEY_UP)));
+}
+
+TEST(TuiKeys, ASequenceThatIsNeverFinishedIsNoKey) {
+    EXPECT_EQ(key_of("\033["), KEY_NONE);
+    EXPECT_EQ(key_of("\033[5"), KEY_NONE);
+    EXPECT_EQ(key_of("\033O"), KEY_NONE);
+}
+
+TEST(TuiKeys, EscAloneIsEsc) {
+    const typed_bytes typed("\033", /*stays_open=*/true);
+    tui_input input;
+    input.fd = typed.reader.get();
+    EXPECT_EQ(next_key(&input, 0), KEY_ESC);
+    EXPECT_EQ(next_key(&input, 0), KEY_TIMEOUT);
+}
+
+TEST(TuiKeys, EscBeforeTheEndOfInputIsEsc) {
+    EXPECT_EQ(key_of("\033"), KEY_ESC);
+}
+
+TEST(TuiKeys, KeysHeldWithAltGiveNoKeyAndNoText) {
+    for (const char *bytes : {"\033x", "\033é", "\033\033[A", "\033\033OB", "\033\033"})
+        EXPECT_EQ(key_of(bytes), KEY_NONE) << bytes + 1;
+}
+
+TEST(TuiKeys, ControlBytesAreTheirKeys) {
+    EXPECT_EQ(key_of("\x05"), KEY_CTRL_E);
+    EXPECT_EQ(key_of("\x08"), KEY_BACKSPACE);
+    EXPECT_EQ(key_of("\x7f"), KEY_BACKSPACE);
+    EXPECT_EQ(key_of("\t"), KEY_TAB);
+    EXPECT_EQ(key_of("\n"), KEY_ENTER);
+    EXPECT_EQ(key_of("\r"), KEY_ENTER);
+    EXPECT_EQ(key_of("\x13"), KEY_CTRL_S);
+}
+
+TEST(TuiKeys, EveryOtherControlByteIsNone) {
+    const std::string_view meaningful("\x05\x08\t\n\r\x13\x1b");
+    for (char byte = 0; byte < ' '; byte++) {
+        if (meaningful.find(byte) != std::string_view::npos)
+            continue;
+        EXPECT_EQ(key_of({&byte, 1}), KEY_NONE) << static_cast<int>(byte);
+    }
+}
+
+TEST(TuiKeys, CharactersOfEveryLengthComeWhole) {
+    EXPECT_THAT(keys_in(" a~é€😀z"), ElementsAre(" ", "a", "~", "é", "€", "😀", "z"));
+}
+
+TEST(TuiKeys, ACharacterTypedInPiecesComesWhole) {
+    const typed_bytes typed("\xe2", /*stays_open=*/true);
+    tui_input input;
+    input.fd = typed.reader.get();
+    std::thread rest([&] { typed.type("\x82\xac"); });
+    tui_character character = {};
+    EXPECT_EQ(tui_read_key(&input, TUI_KEY_WAIT_MS, character), KEY_CHAR);
+    rest.join();
+    EXPECT_STREQ(character, "€");
+}
+
+TEST(TuiKeys, AContinuationByteAloneIsACharacterOfOneByte) {
+    EXPECT_THAT(keys_in("\x80z"), ElementsAre("\x80", "z"));
+}
+
+TEST(TuiKeys, ABrokenCharacterDoesNotSwallowTheNextKey) {
+    EXPECT_THAT(keys_in("\xe9\033[A\xc3x"),
+                ElementsAre("\xe9", std::to_string(KEY_UP), "\xc3", "x"));
+}
+
+TEST(TuiKeys, ABrokenCharacterLeavesANulByteToTheNextKey) {
+    using namespace std::string_view_literals;
+    EXPECT_THAT(keys_in("\xc3\0x"sv), ElementsAre("\xc3", std::to_string(KEY_NONE), "x"));
+}
+
+TEST(TuiKeys, ACharacterThatBreaksOffComesAsFarAsItGot) {
+    EXPECT_THAT(keys_in("a\xe2\x82"), ElementsAre("a", "\xe2\x82"));
+}
+
+TEST(TuiKeys, OnlyCharactersHaveText) {
+    const typed_bytes typed("x\t");
+    tui_input input;
+    input.fd = typed.reader.get();
+    tui_character character = {};
+    EXPECT_EQ(tui_read_key(&input, 0, character), KEY_CHAR);
+    EXPECT_EQ(tui_read_key(&input, 0, character), KEY_TAB);
+    EXPECT_STREQ(character, "");
+}
