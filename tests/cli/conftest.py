@@ -1,23 +1,11 @@
-"""Fixtures for tests of the built binary. See harness/ for what they return."""
+"""Fixtures for tests of the built binary. See tests/harness for what they return."""
 
 import os
-import shutil
-import sys
-from pathlib import Path
 
 import pytest
 
-HERE = Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE), str(HERE.parent)]
-
-from harness.machine import Box, CannotBuild, Machine  # noqa: E402
-from prerequisites import program_under_test, skip  # noqa: E402
-
-
-@pytest.fixture(scope="session")
-def binary():
-    """The program under test."""
-    return program_under_test()
+from harness.machine import Box, CannotBuild, Machine
+from prerequisites import skip
 
 
 @pytest.fixture
@@ -39,10 +27,3 @@ def box(binary):
         skip(f"needs root or user namespaces: {error}")
     yield in_test_mode
     in_test_mode.close()
-
-
-@pytest.fixture
-def strace():
-    """Asked for by tests that trace or disturb system calls."""
-    if shutil.which("strace") is None:
-        skip("needs strace")

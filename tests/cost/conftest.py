@@ -5,13 +5,10 @@ import os
 import shutil
 import subprocess
 import sys
-from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
-
-from prerequisites import ROOT, program_under_test, skip  # noqa: E402
+from prerequisites import ROOT, program_under_test, skip
 
 
 @pytest.fixture(scope="session")

@@ -1,18 +1,13 @@
-"""Fixtures of the trials. The machines are those of tests/cli."""
+"""Fixtures of the trials."""
 
 import os
-import sys
-from pathlib import Path
 
 import pytest
 
-HERE = Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE.parent / "cli"), str(HERE), str(HERE.parent)]
-
-from harness.machine import Machine  # noqa: E402
-from prerequisites import program_under_test, skip  # noqa: E402
-from tracing import built_tracer, install_tracer  # noqa: E402
-from trials import Bench  # noqa: E402
+from harness.machine import Machine
+from prerequisites import program_under_test, skip
+from tracing import built_tracer, install_tracer
+from trials import Bench
 
 
 @pytest.fixture(scope="session")

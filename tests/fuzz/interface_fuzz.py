@@ -25,7 +25,7 @@ import time
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "tui"))
+sys.path[:0] = [str(HERE.parent), str(HERE.parent / "tui")]
 
 from interface import BROKEN_CHARACTERS, MEANINGLESS  # noqa: E402
 from messages import USERS, Store  # noqa: E402

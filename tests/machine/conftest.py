@@ -2,23 +2,12 @@
 
 import os
 import signal
-import sys
-from pathlib import Path
 
 import pytest
 
-HERE = Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE), str(HERE.parent)]
-
-from booted import BootFailure, end_on_signals, missing_for_boot  # noqa: E402
-from furnished import Machine  # noqa: E402
-from prerequisites import program_under_test, skip  # noqa: E402
-
-
-@pytest.fixture(scope="session")
-def binary():
-    """The program under test."""
-    return program_under_test()
+from booted import BootFailure, end_on_signals, missing_for_boot
+from furnished import Machine
+from prerequisites import skip
 
 
 @pytest.fixture(scope="session")

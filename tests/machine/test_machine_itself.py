@@ -159,8 +159,7 @@ def test_tests_that_are_interrupted_leave_nothing_behind(run, tmp_path, number):
 def test_without_root_the_tests_are_skipped_but_not_in_ci(ci, outcome):
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o755)
-        shutil.copytree(TESTS, Path(folder, "tests", "machine"))
-        shutil.copy(TESTS.parent / "prerequisites.py", Path(folder, "tests"))
+        shutil.copytree(TESTS.parent, Path(folder, "tests"))
         ordinary = subprocess.run(
             ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", *RUN_TESTS,
              "-k", "test_root_sends_to_a_user", f"{folder}/tests/machine/test_machine_send.py"],

@@ -3,16 +3,14 @@
 import os
 import shutil
 import subprocess
-import sys
 from pathlib import Path
 
 import pytest
 
+from prerequisites import skip
+
 HERE = Path(__file__).resolve().parent
 REPOSITORY = HERE.parent.parent
-sys.path[:0] = [str(HERE), str(HERE.parent)]
-
-from prerequisites import program_under_test, skip  # noqa: E402
 
 
 def need(*programs):
@@ -34,12 +32,6 @@ def install(tree, destination, prefix="/usr/local", **options):
     """Installs what was built in `tree` below the folder `destination`."""
     return run("cmake", "--install", tree, "--prefix", prefix,
                env={**os.environ, "DESTDIR": str(destination)}, **options)
-
-
-@pytest.fixture(scope="session")
-def binary():
-    """The program under test."""
-    return program_under_test()
 
 
 @pytest.fixture(scope="session")

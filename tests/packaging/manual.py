@@ -20,8 +20,7 @@ from pathlib import Path
 
 REPOSITORY = Path(__file__).resolve().parent.parent.parent
 MANUAL = REPOSITORY / "docs" / "manual"
-for folder in ("cli", "tui"):
-    sys.path.append(str(REPOSITORY / "tests" / folder))
+sys.path += [str(REPOSITORY / "tests"), str(REPOSITORY / "tests" / "tui")]
 
 from harness.history import Entry, History, record  # noqa: E402
 from harness.machine import Box  # noqa: E402

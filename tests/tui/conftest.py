@@ -14,14 +14,14 @@ sys.path[:0] = [str(HERE), str(HERE.parent)]
 pytest.register_assert_rewrite("pseudo_terminal", "interface", "terminal_bytes")
 
 from frame_model import DetailPage, FormPage, ListPage  # noqa: E402
+from harness import history as JOURNAL  # noqa: E402
 from interface import expect, press  # noqa: E402
-from messages import USERS, Store, from_command_line_tests  # noqa: E402
+from messages import USERS, Store  # noqa: E402
 from places import WITH_HISTORY, Places  # noqa: E402
 from prerequisites import program_under_test, skip  # noqa: E402
 from pseudo_terminal import ENTER, Terminal  # noqa: E402
 
 EXPECTED = HERE / "expected"
-JOURNAL = from_command_line_tests("history")
 
 
 @pytest.fixture(scope="session")

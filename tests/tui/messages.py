@@ -1,23 +1,9 @@
 """Messages as the tests put them into the store, and as the pages show them."""
 
-import importlib.util
 import time
 from dataclasses import dataclass, replace
-from pathlib import Path
 
-HARNESS = Path(__file__).resolve().parent.parent / "cli" / "harness"
-
-
-def from_command_line_tests(name):
-    """A module of tests/cli/harness. That folder has a conftest.py too, hence not by sys.path."""
-    spec = importlib.util.spec_from_file_location(f"harness_{name}", HARNESS / f"{name}.py")
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module
-
-
-_store = from_command_line_tests("store")
-Store, short_time = _store.Store, _store.short_time
+from harness.store import Store, short_time
 
 # Accounts that every Debian has, in test mode as good as any; an account is what it takes to
 # confirm. Nothing is kept of them but files in the test's own directory.

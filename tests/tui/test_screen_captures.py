@@ -8,14 +8,12 @@ from pathlib import Path
 
 import pytest
 
+from harness.history import record
 from interface import press, seen
-from messages import from_command_line_tests
 from places import PLACES, SENT, Places
 
 SCREENS = Path(__file__).resolve().parent.parent.parent / "docs" / "screens"
 UPDATES = os.environ.get("TBX_UPDATE_SCREENS") == "1"
-
-record = from_command_line_tests("history").record
 
 USERS = ("alex", "kim", "pat", "robin", "sam", "toni")
 EVENTS = [

@@ -6,12 +6,10 @@ program itself.
 """
 
 import pytest
+from harness.history import record
 from interface import frames_drawn
-from messages import from_command_line_tests
 from pseudo_terminal import CTRL_E, ENTER, ESCAPE, FRAME_ENDS, PAGE_DOWN, TAB
 from terminal_bytes import assert_harmless, assert_whole_frames
-
-record = from_command_line_tests("history").record
 
 SIZE = (120, 30)
 # Escape, two-byte C1, bytes that some terminals take for C1, bell, return, a character cut short.

@@ -7,11 +7,10 @@ import pytest
 
 from frame_model import (
     RED, DetailPage, ListPage, message_box, purge_confirmation, revoke_confirmation, search_box)
+from harness.history import record
 from interface import expect, frames_as_text, press
-from messages import DATE, FUTURE, Message, from_command_line_tests, people
+from messages import DATE, FUTURE, Message, people
 from pseudo_terminal import BACK_TAB, CTRL_S, DOWN, ENTER, TAB
-
-record = from_command_line_tests("history").record
 
 # Everything that the interface ever writes beside characters.
 SEQUENCES = re.compile(rb"\x1b\[(?:H|J|\d+;\d+H|\?25[lh]|\?1049[lh]|"
