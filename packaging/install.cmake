@@ -25,6 +25,7 @@ add_executable(tbx-man-page packaging/man_page.cpp)
 target_link_libraries(tbx-man-page PRIVATE tellbox_tbx)
 add_custom_command(OUTPUT ${PACKAGING_OUT}/tbx.1
   COMMAND tbx-man-page ${RELEASE_DATE} > ${PACKAGING_OUT}/tbx.1
+  DEPENDS tbx-man-page # or it would only be built before, and an old page would stay
   COMMENT "Writing the manual page" VERBATIM)
 
 file(GLOB manual_sources CONFIGURE_DEPENDS docs/manual/*.html docs/manual/*.css)

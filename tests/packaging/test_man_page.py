@@ -36,6 +36,17 @@ def words(text):
     return " ".join(text.strip().split("\n")[1:-1]).split()
 
 
+def test_it_is_written_anew_when_what_prints_it_has_changed(tree, page):
+    whole = page.read_text()
+    page.write_text("of an older guide")
+    (tree / "tbx-man-page").touch()
+    try:
+        run("cmake", "--build", tree, "--target", "documentation")
+        assert page.read_text() == whole
+    finally:
+        page.write_text(whole)
+
+
 def test_it_has_the_words_of_the_guide(page, binary):
     guide = run(binary, "help", stdin=subprocess.DEVNULL, env={**os.environ, "TBX_TEST": "1"})
     # The name line has the form that whatis(1) looks for.
