@@ -1,12 +1,10 @@
 """Fixtures that more than one suite asks for."""
 
-import shutil
-
 import pytest
 
 pytest.register_assert_rewrite("harness")
 
-from prerequisites import program_under_test, skip  # noqa: E402
+from prerequisites import need_programs, program_under_test  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -18,5 +16,4 @@ def binary():
 @pytest.fixture
 def strace():
     """Asked for by tests that trace or disturb system calls."""
-    if shutil.which("strace") is None:
-        skip("needs strace")
+    need_programs("strace")

@@ -1,6 +1,7 @@
 """What every suite needs, and what it says where something is missing."""
 
 import os
+import shutil
 from pathlib import Path
 
 import pytest
@@ -14,6 +15,18 @@ def skip(reason):
     if os.environ.get("CI") == "true":
         pytest.fail(f"cannot be skipped here: {reason}", pytrace=False)
     pytest.skip(reason)
+
+
+def need_root(reason):
+    """Skips the test for an ordinary user."""
+    if os.geteuid() != 0:
+        skip(f"needs root: {reason}")
+
+
+def need_programs(*names, path=None):
+    """Skips the test where one of the programs is missing from the search path."""
+    if missing := [name for name in names if shutil.which(name, path=path) is None]:
+        skip(f"needs {', '.join(missing)} (see tools/install-deps)")
 
 
 def program_under_test():

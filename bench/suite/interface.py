@@ -1,14 +1,13 @@
 """The interface under a real pseudo-terminal: how long until a frame stands there."""
 
-import fcntl
 import os
 import pty
 import select
 import statistics
-import struct
-import termios
 import time
 from dataclasses import dataclass
+
+from harness.terminals import set_size
 
 from .machine import ENVIRONMENT, PROGRAMS
 from .measure import run_once
@@ -29,7 +28,7 @@ class Session:
         self._started = time.perf_counter()
         self._pid, self._terminal = pty.fork()
         if self._pid == 0:
-            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", ROWS, COLUMNS, 0, 0))
+            set_size(0, COLUMNS, ROWS)
             os.execve(command[0], command, ENVIRONMENT)
 
     def first_frame(self):

@@ -1,15 +1,13 @@
 """A journal as a busy machine has it, in which a message's history is sought."""
 
 import shutil
-import subprocess
+from pathlib import Path
 
-from .machine import MACHINE_ID
+from harness.history import MACHINE_ID, Entry, writer, write_journal_file
+
 from .stores import FIRST_DATE
 
-# Where distributions put the program that turns the export format into a journal file.
-WRITERS = ("/lib/systemd/systemd-journal-remote", "/usr/lib/systemd/systemd-journal-remote")
-TOP = "/run/log/journal"
-BOOT_ID = "fedcba9876543210fedcba9876543210"
+TOP = Path("/run/log/journal")
 HISTORY_RECORDS = 100  # of the message, among the foreign ones
 
 
@@ -27,11 +25,9 @@ def history_record(number):
             "TBX_USER": user, "TBX_CHANNEL": "", "TBX_DETAILS": 1, "TBX_AUTHOR": ""}
 
 
-def export_format(number, record):
-    usec = FIRST_DATE * 1_000_000 + number * 1000
-    fields = "".join(f"{name}={value}\n" for name, value in record.items())
-    return (f"__REALTIME_TIMESTAMP={usec}\n__MONOTONIC_TIMESTAMP={usec}\n"
-            f"_BOOT_ID={BOOT_ID}\n{fields}\n")
+def entry(number, record):
+    return Entry(FIRST_DATE * 1_000_000 + number * 1000,
+                 [(name, str(value).encode()) for name, value in record.items()])
 
 
 def records(foreign):
@@ -49,12 +45,10 @@ def clear():
 
 def write(foreign):
     """Makes the journal hold just these records."""
-    writer = next((path for path in WRITERS if shutil.which(path)), None)
-    if writer is None:
+    if writer() is None:
         raise RuntimeError("systemd-journal-remote is not installed: see tools/install-deps")
     clear()
-    place = f"{TOP}/{MACHINE_ID}"
-    text = "".join(export_format(*numbered) for numbered in enumerate(records(foreign)))
-    subprocess.run(["mkdir", "-p", place], check=True)
-    subprocess.run([writer, f"--output={place}/system.journal", "-"], input=text.encode(),
-                   check=True, stderr=subprocess.DEVNULL)
+    place = TOP / MACHINE_ID
+    place.mkdir(parents=True)
+    write_journal_file(place / "system.journal",
+                       [entry(*numbered) for numbered in enumerate(records(foreign))])

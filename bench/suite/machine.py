@@ -5,7 +5,6 @@ directories are covered there, and all of it vanishes with the process.
 """
 
 import contextlib
-import fcntl
 import os
 import re
 import shutil
@@ -14,6 +13,9 @@ import struct
 import subprocess
 import threading
 from pathlib import Path
+
+from harness.history import MACHINE_ID
+from harness.terminals import open_multiplexer
 
 STATE = "/var/lib/tellbox"  # of tbx
 FLOOR_STATE = "/var/lib/floor"  # of the floor, where each has a store of its own
@@ -27,9 +29,6 @@ FILE_STEP = 1847
 PLENTY_OF_MEMORY = 8 << 30  # the largest store takes a third of it
 DRAIN_INTERVAL_SECONDS = 0.02
 KEPT_CONFIGURATION = ("ld.so.cache", "localtime")  # of /etc
-# Of <asm/ioctls.h>; the standard library does not name them.
-TIOCGPTN, TIOCSPTLCK = 0x80045430, 0x40045431
-MACHINE_ID = "0123456789abcdef0123456789abcdef"
 
 # As an administrator's shell has it: no TZ, so the time zone is the machine's own.
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LANG": "C.UTF-8",
@@ -106,9 +105,8 @@ class JournalSink:
 
 def open_terminal(owner):
     """A new pseudo-terminal of that user: its master and its name."""
-    master = os.open("/dev/pts/ptmx", os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
-    number, = struct.unpack("i", fcntl.ioctl(master, TIOCGPTN, struct.pack("i", 0)))
-    fcntl.ioctl(master, TIOCSPTLCK, struct.pack("i", 0))
+    master, number = open_multiplexer("/dev/pts/ptmx")
+    os.set_blocking(master, False)
     name = f"/dev/pts/{number}"
     os.chown(name, owner, 0)
     return master, name

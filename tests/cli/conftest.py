@@ -1,18 +1,16 @@
 """Fixtures for tests of the built binary. See tests/harness for what they return."""
 
-import os
-
 import pytest
 
+from harness.history import History, need_journal_files
 from harness.machine import Box, CannotBuild, Machine
-from prerequisites import skip
+from prerequisites import need_root, skip
 
 
 @pytest.fixture
 def machine(binary):
     """A scratch machine where tbx runs as root and not in test mode."""
-    if os.geteuid() != 0:
-        skip("needs root: real users and owners")
+    need_root("real users and owners")
     with_namespaces = Machine(binary)
     yield with_namespaces
     with_namespaces.close()
@@ -27,3 +25,20 @@ def box(binary):
         skip(f"needs root or user namespaces: {error}")
     yield in_test_mode
     in_test_mode.close()
+
+
+@pytest.fixture
+def history(machine):
+    """The journal files of a machine that has message 7."""
+    need_journal_files()
+    machine.store.make_message(7)
+    return History(machine)
+
+
+@pytest.fixture
+def box_history(box):
+    """The same in test mode."""
+    need_root("a journal that holds nothing else")
+    need_journal_files()
+    box.store.make_message(7)
+    return History(box)

@@ -8,8 +8,7 @@ left of each is worked out here from the rules of cleaning.
 import re
 
 import pytest
-from harness.history import MESSAGE_STAMP, History, record, writer
-from prerequisites import skip
+from harness.history import MESSAGE_STAMP, record
 
 CSI = re.compile(rb"\x1b\[[0-9;?]*[\x40-\x7e]")
 OSC = re.compile(rb"\x1b\][^\x07]*\x07")
@@ -136,14 +135,6 @@ def test_every_byte_in_the_detail_of_a_confirmation_is_cleaned(box):
 
 # ---- The history --------------------------------------------------------------------------
 # Any local user writes records.
-
-
-@pytest.fixture
-def history(machine):
-    if writer() is None:
-        skip("needs systemd-journal-remote")
-    machine.store.make_message(7)
-    return History(machine)
 
 
 def pairs_apart(first):

@@ -12,7 +12,7 @@ from harness.machine import Box
 from harness.stopped import without_leak_check
 from harness.store import short_time
 from harness.waiting import wait_for
-from prerequisites import skip
+from prerequisites import need_root, skip
 
 DATE = 1790000000
 INPUT_MAX = 64 * 1024 * 1024
@@ -369,8 +369,7 @@ def run_alone(town, trial, processes):
 
 @pytest.mark.parametrize("name", TRIALS)
 def test_a_user_without_processes_is_told_what_is_wrong(town, name):
-    if os.geteuid() != 0:
-        skip("needs root: an account that nothing else runs as")
+    need_root("an account that nothing else runs as")
     trial = TRIALS[name]
     assert not trial.judge(town, run_alone(town, trial, 1)) or NEEDS_NO_CHILD & {*trial.arguments}
     trial.judge_later(town)

@@ -1,20 +1,11 @@
 """log: the heading, and one line for each record of the message."""
 
 import pytest
-from harness.history import History, MESSAGE_DATE, MESSAGE_STAMP, record, writer
+from harness.history import MESSAGE_DATE, MESSAGE_STAMP, record
 from harness.outcome import assert_fails
 from harness.store import short_time
-from prerequisites import skip
 
 HEADING = f"Message 7 · {short_time(MESSAGE_DATE)}\n"
-
-
-@pytest.fixture
-def history(machine):
-    if writer() is None:
-        skip("needs systemd-journal-remote")
-    machine.store.make_message(7)
-    return History(machine)
 
 
 # The message.
@@ -236,13 +227,9 @@ def test_the_history_is_read_and_nothing_else_happens(history, machine):
     assert machine.journal.events() == []
 
 
-def test_a_user_who_may_not_read_the_journal_sees_the_heading_alone(box):
-    if writer() is None or box.account_running_tests() != "root":
-        skip("needs root and systemd-journal-remote")
-    history = History(box)
-    box.store.make_message(7)
+def test_a_user_who_may_not_read_the_journal_sees_the_heading_alone(box, box_history):
     box.shell(f"chown -R pat:pat {box.state_name}")
-    history.write(record("REVOKED", uid=1001, author="pat"))
-    assert history.lines(user="pat") == [f"{MESSAGE_STAMP}  message 7 revoked by pat"]
-    history.path().chmod(0o600)
-    assert history.lines(user="pat") == []
+    box_history.write(record("REVOKED", uid=1001, author="pat"))
+    assert box_history.lines(user="pat") == [f"{MESSAGE_STAMP}  message 7 revoked by pat"]
+    box_history.path().chmod(0o600)
+    assert box_history.lines(user="pat") == []

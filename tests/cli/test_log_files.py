@@ -1,20 +1,10 @@
 """log: the journal's files, however many there are and whatever they hold."""
 
 import pytest
-from harness.history import (History, MESSAGE_DATE, MESSAGE_STAMP, RUNTIME_JOURNAL, record,
-                             writer)
+from harness.history import MESSAGE_DATE, MESSAGE_STAMP, RUNTIME_JOURNAL, record
 from harness.store import short_time
-from prerequisites import skip
 
 HEADING = f"Message 7 · {short_time(MESSAGE_DATE)}\n"
-
-
-@pytest.fixture
-def history(machine):
-    if writer() is None:
-        skip("needs systemd-journal-remote")
-    machine.store.make_message(7)
-    return History(machine)
 
 
 def reminded(second):

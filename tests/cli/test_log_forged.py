@@ -1,21 +1,12 @@
 """log: any local user can write records, so each line tells when the writer was another."""
 
 import pytest
-from harness.history import History, MESSAGE_STAMP, record, writer
-from prerequisites import skip
+from harness.history import MESSAGE_STAMP, record
 
 PAT, ALEX = 1001, 1002
 OF_THE_ADMINISTRATOR = ["SENT", "DELIVERED", "NOT_DELIVERED", "CANCELLED", "RECOVERED", "DELETED",
                         "REMINDED", "REVOKED"]
 OF_THE_USER = ["POSTPONED", "CONFIRMED", "CONFIRMATION_FAILED"]
-
-
-@pytest.fixture
-def history(machine):
-    if writer() is None:
-        skip("needs systemd-journal-remote")
-    machine.store.make_message(7)
-    return History(machine)
 
 
 def mark(uid):
@@ -119,25 +110,18 @@ def test_root_is_expected_also_where_only_the_effective_user_is_root(history):
 
 
 @pytest.mark.parametrize("uid, marked", [(PAT, False), (0, True), (ALEX, True)])
-def test_in_test_mode_the_administrator_is_whoever_runs_the_program(box, uid, marked):
-    if writer() is None or box.account_running_tests() != "root":
-        skip("needs root and systemd-journal-remote")
-    history = History(box)
-    box.store.make_message(7)
+def test_in_test_mode_the_administrator_is_whoever_runs_the_program(
+        box, box_history, uid, marked):
     box.shell(f"chown -R pat:pat {box.state_name}")
-    history.write(record("REVOKED", author="pat", uid=uid))
-    assert history.lines(user="pat") == [
+    box_history.write(record("REVOKED", author="pat", uid=uid))
+    assert box_history.lines(user="pat") == [
         (mark(uid) if marked else f"{MESSAGE_STAMP}  ") + "message 7 revoked by pat"]
 
 
 @pytest.mark.parametrize("uid, marked", [(PAT, False), (ALEX, True)])
-def test_in_test_mode_a_user_s_record_is_still_theirs(box, uid, marked):
-    if writer() is None or box.account_running_tests() != "root":
-        skip("needs root and systemd-journal-remote")
-    history = History(box)
-    box.store.make_message(7)
-    history.write(record("CONFIRMED", user="pat", uid=uid, channel="terminal"))
-    assert is_marked(history, uid) == marked
+def test_in_test_mode_a_user_s_record_is_still_theirs(box_history, uid, marked):
+    box_history.write(record("CONFIRMED", user="pat", uid=uid, channel="terminal"))
+    assert is_marked(box_history, uid) == marked
 
 
 # What a forged record cannot do.

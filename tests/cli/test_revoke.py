@@ -4,11 +4,11 @@ import fcntl
 import os
 
 import pytest
-from harness.agent import wait_for
 from harness.clock import now
 from harness.outcome import assert_fails, mode
 from harness.stopped import Call, run_failing
 from harness.store import short_time
+from harness.waiting import wait_for
 
 REVOKED = ("Message 7 revoked.\n", "", 0)
 COPIES_LEFT = ("message 7 revoked, but some copies could not be removed from the mailboxes: the "

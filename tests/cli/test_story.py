@@ -8,9 +8,8 @@ import stat
 
 import pytest
 from harness.clock import now, wait_until_after
-from harness.history import History, record, writer
+from harness.history import History, need_journal_files, record
 from harness.store import banner, message_file, parse_message_file, short_time
-from prerequisites import skip
 
 TITLE, TEXT = "Backup", "Tonight at ten.\nPlease log off.\n"
 RECIPIENTS = ("alex", "pat", "sam")
@@ -80,8 +79,7 @@ def in_test_mode(box):
 
 @pytest.fixture(params=["in_test_mode", "real_machine"])
 def place(request):
-    if writer() is None:
-        skip("needs systemd-journal-remote")
+    need_journal_files()
     return request.getfixturevalue(request.param)
 
 

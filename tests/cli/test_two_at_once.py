@@ -4,10 +4,10 @@ import fcntl
 import signal
 
 import pytest
-from harness.agent import wait_for
 from harness.clock import now, wait_until_after
 from harness.stopped import Call, Stopped
 from harness.store import parse_message_file
+from harness.waiting import wait_for
 
 OLD = 1500000000
 REVOKED = ("Message 7 revoked.\n", "", 0)

@@ -1,23 +1,19 @@
 """What each recipient, user, message and key costs now, counted once for all tests."""
 
 import json
-import os
-import shutil
 import subprocess
 import sys
 
 import pytest
 
-from prerequisites import ROOT, program_under_test, skip
+from prerequisites import ROOT, need_programs, need_root, program_under_test
 
 
 @pytest.fixture(scope="session")
 def counted(tmp_path_factory):
     """The costs of the program under test. The programs of bench/ are built beside it."""
-    if os.geteuid() != 0:
-        skip("needs root: real users and owners")
-    if missing := [tool for tool in ("strace", "valgrind") if shutil.which(tool) is None]:
-        skip(f"needs {' and '.join(missing)}")
+    need_root("real users and owners")
+    need_programs("strace", "valgrind")
     tree = program_under_test().parent
     folder = tmp_path_factory.mktemp("cost")
     counting = subprocess.run(

@@ -1,11 +1,9 @@
 """Fixtures of the trials."""
 
-import os
-
 import pytest
 
 from harness.machine import Machine
-from prerequisites import program_under_test, skip
+from prerequisites import need_root, program_under_test, skip
 from tracing import built_tracer, install_tracer
 from trials import Bench
 
@@ -14,8 +12,7 @@ from trials import Bench
 def binary():
     """The program under test."""
     path = program_under_test()
-    if os.geteuid() != 0:
-        skip("needs root: real users and owners")
+    need_root("real users and owners")
     if not built_tracer(path).exists():
         skip("needs the tracer, which is built with the tests, on x86-64, without sanitizers")
     return path

@@ -2,7 +2,7 @@
 
 import time
 
-from .agent import wait_for
+from .waiting import wait_for
 
 
 def now():

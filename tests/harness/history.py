@@ -8,10 +8,13 @@
 
 import os
 import shutil
+import subprocess
 from dataclasses import dataclass
 
-# Where distributions put the program that turns the export format into a journal file.
-WRITERS = ("/lib/systemd/systemd-journal-remote", "/usr/lib/systemd/systemd-journal-remote")
+from prerequisites import need_programs
+
+# Where distributions put systemd-journal-remote, which turns the export format into a journal file.
+SYSTEMD_PROGRAMS = "/lib/systemd:/usr/lib/systemd"
 MACHINE_ID = "0123456789abcdef0123456789abcdef"
 BOOT_ID = "fedcba9876543210fedcba9876543210"
 
@@ -24,7 +27,12 @@ MESSAGE_STAMP = "2026-09-21 14:13:20"  # as the history shows it
 
 def writer():
     """The path of systemd-journal-remote, or None where it is not installed."""
-    return next((path for path in WRITERS if shutil.which(path)), None)
+    return shutil.which("systemd-journal-remote", path=SYSTEMD_PROGRAMS)
+
+
+def need_journal_files():
+    """Skips the test where no journal files can be written."""
+    need_programs("systemd-journal-remote", path=SYSTEMD_PROGRAMS)
 
 
 @dataclass
@@ -54,14 +62,20 @@ def record(event, *, when=MESSAGE_DATE, usec=0, message=7, uid=0, user="", chann
 
 def export_format(entries):
     """The entries in the export format, every value in the form that can hold any byte."""
-    text = b""
+    parts = []
     for entry in entries:
-        text += (f"__REALTIME_TIMESTAMP={entry.usec}\n__MONOTONIC_TIMESTAMP={entry.usec}\n"
-                 f"_BOOT_ID={BOOT_ID}\n").encode()
+        parts.append(f"__REALTIME_TIMESTAMP={entry.usec}\n__MONOTONIC_TIMESTAMP={entry.usec}\n"
+                     f"_BOOT_ID={BOOT_ID}\n".encode())
         for name, value in entry.fields:
-            text += name.encode() + b"\n" + len(value).to_bytes(8, "little") + value + b"\n"
-        text += b"\n"
-    return text
+            parts.append(name.encode() + b"\n" + len(value).to_bytes(8, "little") + value + b"\n")
+        parts.append(b"\n")
+    return b"".join(parts)
+
+
+def write_journal_file(path, entries):
+    """Adds the entries to a journal file."""
+    subprocess.run([writer(), f"--output={path}", "-"], input=export_format(entries),
+                   stderr=subprocess.DEVNULL, check=True)
 
 
 class History:

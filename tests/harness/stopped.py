@@ -9,7 +9,7 @@ import itertools
 import re
 from dataclasses import dataclass
 
-from .agent import wait_for
+from .waiting import wait_for
 
 _numbers = itertools.count(1)
 

@@ -33,10 +33,13 @@ def parse_message_file(data):
     return {**fields, "text": text}
 
 
-def tree(top):
-    """Everything under `top`: relative path to (kind and mode, uid, gid, content)."""
+def tree(top, without=()):
+    """Everything under `top` but the folders `without`, which are named from there: relative path
+    to (kind and mode, uid, gid, content)."""
+    left_out = {os.path.join(top, str(folder).lstrip("/")) for folder in without}
     found = {}
     for folder, folders, files in os.walk(top):
+        folders[:] = [name for name in folders if os.path.join(folder, name) not in left_out]
         for name in folders + files:
             path = os.path.join(folder, name)
             facts = os.lstat(path)

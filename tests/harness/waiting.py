@@ -2,11 +2,24 @@
 
 import time
 
+PATIENCE_SECONDS = 30  # for what is bound to happen, on a busy host
+RETRY_SECONDS = 0.005
 
-def wait_for(condition, limit_seconds=30):
-    """Waits until `condition()` is true and returns what it returned."""
-    deadline = time.monotonic() + limit_seconds
-    while not (outcome := condition()):
-        assert time.monotonic() < deadline, f"never came true: {condition}"
-        time.sleep(0.002)
-    return outcome
+
+class NeverCameTrue(AssertionError, TimeoutError):
+    """What a test waited for did not happen."""
+
+
+def await_condition(condition, seconds, what):
+    """Returns the first true value of condition(); fails after `seconds`."""
+    deadline = time.monotonic() + seconds
+    while not (value := condition()):
+        if time.monotonic() > deadline:
+            raise NeverCameTrue(f"not within {seconds} s: {what}")
+        time.sleep(RETRY_SECONDS)
+    return value
+
+
+def wait_for(condition, what=None, limit_seconds=PATIENCE_SECONDS):
+    """The same, with the patience of all tests."""
+    return await_condition(condition, limit_seconds, what or condition)

@@ -15,7 +15,8 @@ import shutil
 import signal
 import subprocess
 import tempfile
-import time
+
+from harness.waiting import await_condition
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 
@@ -72,18 +73,6 @@ def missing_for_boot():
     search = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
     missing = [name for name in REQUIRED_PROGRAMS if not shutil.which(name, path=search)]
     return f"needs {', '.join(missing)} (see tools/install-deps)" if missing else None
-
-
-def await_condition(condition, seconds, what):
-    """Returns the first true value of condition(), or raises after `seconds`."""
-    deadline = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise TimeoutError(f"not within {seconds} s: {what}")
-        time.sleep(0.01)
 
 
 def end_on_signals():

@@ -1,20 +1,19 @@
 """A booted machine with people on it, and what tests do there."""
 
 import contextlib
-import hashlib
 import json
 import os
 import pathlib
 import re
 import shutil
 import signal
-import stat
 import subprocess
 import tempfile
-import time
 
-from booted import BASE, BootedMachine, await_condition, children, end_process
-from residents import AGENT, PATIENCE_SECONDS, Agents, Console, Session, Terminal
+import harness.store
+from booted import BASE, BootedMachine, children, end_process
+from harness.waiting import PATIENCE_SECONDS, await_condition
+from residents import AGENT, Agents, Console, Session, Terminal
 
 HERE = pathlib.Path(__file__).resolve().parent
 
@@ -32,15 +31,7 @@ TOOLS = "/srv/tests"  # programs of the tests
 
 def banner(text, date, title=""):
     """What a terminal shows of a message: it adds a carriage return of its own to each line."""
-    headline = " · ".join(filter(None, [title, short_time(date)]))
-    plain = (f"\n── Tellbox · Message from the administrator · {headline} ──"
-             f"\n{text}\n{'─' * 40}\n")
-    return plain.replace("\n", "\r\r\n").encode()
-
-
-def short_time(moment):
-    """A time as listings show it; the machine runs in UTC."""
-    return time.strftime("%d/%m %H:%M", time.gmtime(moment))
+    return harness.store.banner(text, date, title).replace(b"\r\n", b"\r\r\n")
 
 
 def process_state(pid):
@@ -50,17 +41,6 @@ def process_state(pid):
     except (FileNotFoundError, ProcessLookupError):
         return ""
     return re.search(r"^State:\t(.)", status, re.MULTILINE)[1]
-
-
-def file_facts(path):
-    """Kind and mode, uid, gid and content of a file; nothing is followed or waited for."""
-    facts = path.lstat()
-    content = None
-    if stat.S_ISREG(facts.st_mode):
-        content = hashlib.sha256(path.read_bytes()).hexdigest()
-    elif stat.S_ISLNK(facts.st_mode):
-        content = os.readlink(path)
-    return facts.st_mode, facts.st_uid, facts.st_gid, content
 
 
 class Machine(BootedMachine):
@@ -215,8 +195,7 @@ class Machine(BootedMachine):
 
     def header(self, message_id, name):
         """A header field of a stored message."""
-        text = self.sent(message_id, "msg").read_text(encoding="utf-8")
-        return re.search(f"^{name}: (.*)$", text, re.MULTILINE)[1]
+        return harness.store.parse_message_file(self.sent(message_id, "msg").read_bytes())[name]
 
     def date(self, message_id=1):
         return int(self.header(message_id, "date"))
@@ -232,13 +211,7 @@ class Machine(BootedMachine):
         """All that was ever written to the machine's disk, without the journal and the folders
         `without`: path to (kind and mode, uid, gid, content)."""
         top = pathlib.Path(f"/proc/{self.holder}/root") / BASE.relative_to("/") / "upper"
-        left_out = {top / str(folder).lstrip("/") for folder in ("/var/log/journal", *without)}
-        found = {}
-        for folder, folders, files in os.walk(top):
-            folders[:] = [name for name in folders if pathlib.Path(folder, name) not in left_out]
-            for path in (pathlib.Path(folder, name) for name in folders + files):
-                found[str(path.relative_to(top))] = file_facts(path)
-        return found
+        return harness.store.tree(top, without=("/var/log/journal", *without))
 
     def make_older(self, message_id, seconds):
         """Moves the date of a stored message back."""

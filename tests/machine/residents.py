@@ -1,18 +1,14 @@
 """What people have on a machine: login sessions, terminals, desktop agents."""
 
-import fcntl
 import os
 import pathlib
 import select
-import struct
 import termios
 
 import pyte
 
-from booted import await_condition
-
-# How long something that is bound to happen may take on a busy host.
-PATIENCE_SECONDS = 30
+from harness.terminals import open_multiplexer, set_size
+from harness.waiting import PATIENCE_SECONDS, await_condition
 
 AGENT = "/usr/local/lib/tellbox/tellbox-user"
 
@@ -20,10 +16,6 @@ SESSION_FILES = "/run/systemd/sessions"
 
 # Size of a terminal
 COLUMNS, ROWS = 110, 24
-
-# ioctl numbers that the termios module does not name
-TIOCSPTLCK = 0x40045431
-TIOCGPTN = 0x80045430
 
 
 def login_sessions(machine):
@@ -118,9 +110,7 @@ class Terminal:
         self._shown = b""
         self._picture = pyte.Screen(COLUMNS, ROWS)
         self._painter = pyte.ByteStream(self._picture)
-        self._master = os.open(machine.path(multiplexer), os.O_RDWR | os.O_NOCTTY | os.O_CLOEXEC)
-        fcntl.ioctl(self._master, TIOCSPTLCK, struct.pack("i", 0))
-        number = struct.unpack("i", fcntl.ioctl(self._master, TIOCGPTN, bytes(4)))[0]
+        self._master, number = open_multiplexer(machine.path(multiplexer))
         self.path = str(pathlib.PurePosixPath(multiplexer).with_name(str(number)))
         self._screen = self._open(os.O_NOCTTY)  # as a shell would keep it
         self.resize(COLUMNS, ROWS)
@@ -133,7 +123,7 @@ class Terminal:
 
     def resize(self, columns, rows):
         self._picture.resize(rows, columns)
-        fcntl.ioctl(self._master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        set_size(self._master, columns, rows)
 
     def type(self, keys):
         os.write(self._master, keys)

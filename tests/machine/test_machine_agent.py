@@ -2,8 +2,8 @@
 
 import pytest
 
-from booted import await_condition
-from residents import AGENT, PATIENCE_SECONDS
+from harness.waiting import PATIENCE_SECONDS, await_condition
+from residents import AGENT
 
 
 @pytest.fixture

@@ -6,9 +6,9 @@ import subprocess
 
 import pytest
 
-from booted import REPOSITORY, await_condition, end_process
+from booted import REPOSITORY, end_process
 from furnished import Machine
-from residents import PATIENCE_SECONDS
+from harness.waiting import PATIENCE_SECONDS, await_condition
 
 ADDRESSES = {"alpha": "192.0.2.1", "beta": "192.0.2.2"}
 UNREACHABLE = {"gamma": "192.0.2.3"}

@@ -11,9 +11,9 @@ import stat
 
 import pytest
 
-from booted import await_condition, end_process
+from booted import end_process
 from furnished import STORE, TOOLS
-from residents import PATIENCE_SECONDS
+from harness.waiting import PATIENCE_SECONDS, await_condition
 
 MAILBOX = f"{STORE}/users/mal"
 

@@ -2,9 +2,8 @@
 
 import pytest
 
-from booted import await_condition
 from furnished import banner
-from residents import PATIENCE_SECONDS
+from harness.waiting import PATIENCE_SECONDS, await_condition
 
 TERMINAL = {"TERM": "xterm-256color"}
 LIST = "Tellbox · sent messages"

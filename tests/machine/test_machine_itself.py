@@ -10,8 +10,8 @@ from pathlib import Path
 
 import pytest
 
-from booted import REPOSITORY, await_condition, children, own_control_groups, remove_control_group
-from residents import PATIENCE_SECONDS
+from booted import REPOSITORY, children, own_control_groups, remove_control_group
+from harness.waiting import PATIENCE_SECONDS, await_condition
 
 TOOL = str(REPOSITORY / "tools" / "machine")
 TESTS = REPOSITORY / "tests" / "machine"

@@ -1,8 +1,8 @@
 """What happens to a message is in the system's journal, and `tbx log` reads it back."""
 
 import pytest
+from harness.store import short_time
 
-from furnished import short_time
 
 # Takes one record where the journal would take them from programs that know nothing of it.
 SYSTEM_LOG = """

@@ -4,9 +4,9 @@ import time
 
 import pytest
 
-from booted import await_condition
-from furnished import CROWD, short_time
-from residents import PATIENCE_SECONDS
+from furnished import CROWD
+from harness.store import short_time
+from harness.waiting import PATIENCE_SECONDS, await_condition
 
 
 def states(machine, message_id=1):

@@ -6,7 +6,7 @@ import sys
 from pathlib import Path
 
 import pytest
-from prerequisites import skip
+from prerequisites import need_programs
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "packaging"))
 
@@ -24,15 +24,12 @@ mkdir -m 755 {' '.join(BASE_FOLDERS)}
 ln -s share/man man
 mv /run/kept lib/tellbox
 """
-NEEDED = ["cpack", "dpkg-deb", "man", "bash", "zsh", "fish"]
 
 
 @pytest.fixture(scope="module")
 def debs(binary, tmp_path_factory):
     """The package, and one of a later version with another configuration file."""
-    missing = [name for name in NEEDED if not shutil.which(name)]
-    if missing:
-        skip(f"needs {', '.join(missing)}")
+    need_programs("cpack", "dpkg-deb", "man", "bash", "zsh", "fish")
     folder = tmp_path_factory.mktemp("package")
     subprocess.run(["cpack", "-G", "DEB", "-B", folder, "--config",
                     binary.parent / "CPackConfig.cmake"], check=True, capture_output=True)

@@ -2,7 +2,8 @@
 
 import pytest
 
-from furnished import PEOPLE, short_time
+from furnished import PEOPLE
+from harness.store import short_time
 
 
 def facts(machine, user, *parts):

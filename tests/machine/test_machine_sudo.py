@@ -2,9 +2,9 @@
 
 import pytest
 
-from booted import await_condition
-from furnished import PEOPLE, short_time
-from residents import PATIENCE_SECONDS
+from furnished import PEOPLE
+from harness.store import short_time
+from harness.waiting import PATIENCE_SECONDS, await_condition
 
 
 def test_the_author_is_the_user_and_not_root(machine):

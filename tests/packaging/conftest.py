@@ -1,23 +1,13 @@
 """Fixtures for tests of what is installed. They use the folder that the program was built in."""
 
 import os
-import shutil
 import subprocess
 from pathlib import Path
 
 import pytest
 
-from prerequisites import skip
-
 HERE = Path(__file__).resolve().parent
 REPOSITORY = HERE.parent.parent
-
-
-def need(*programs):
-    """Skips the test where one of the programs is missing."""
-    missing = [name for name in programs if not shutil.which(name)]
-    if missing:
-        skip(f"needs {', '.join(missing)}")
 
 
 def run(*command, **options):

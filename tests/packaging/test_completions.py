@@ -2,7 +2,7 @@
 
 import pytest
 import shells
-from conftest import need
+from prerequisites import need_programs
 
 COMMANDS = {"send", "list", "status", "revoke", "remind", "log", "purge", "version", "help"}
 OPTIONS = {"--to", "--title", "--expires", "--file"}
@@ -32,7 +32,7 @@ esac
 @pytest.fixture(scope="module", params=["bash", "zsh", "fish"])
 def shell(request, installed, tmp_path_factory):
     """An interactive shell that finds the completions where they are installed."""
-    need(request.param)
+    need_programs(request.param)
     home = tmp_path_factory.mktemp("home")
     for name in ("getent", "tbx"):
         program = home / name

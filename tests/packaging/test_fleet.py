@@ -8,30 +8,21 @@ import re
 import shlex
 import shutil
 import subprocess
-import time
 
 import manual
 import pytest
-from conftest import need, run
-from prerequisites import skip
-from harness.history import export_format, record
+from conftest import run
+from harness.history import SYSTEMD_PROGRAMS, record, write_journal_file
+from harness.waiting import wait_for
+from prerequisites import need_programs, need_root
 
-SYSTEMD = "/lib/systemd:/usr/lib/systemd"
 REMOTE, UPLOAD = "systemd-journal-remote", "systemd-journal-upload"
 COLLECTOR, SENDER = "192.0.2.1", "192.0.2.2"
 PORT = 19532
-PATIENCE_SECONDS = 30
 
 
 def program(name):
-    return shutil.which(name, path=SYSTEMD)
-
-
-def await_condition(condition, what):
-    deadline = time.monotonic() + PATIENCE_SECONDS
-    while not condition():
-        assert time.monotonic() < deadline, f"never: {what}"
-        time.sleep(0.02)
+    return shutil.which(name, path=SYSTEMD_PROGRAMS)
 
 
 class Host:
@@ -42,8 +33,7 @@ class Host:
         self.holder = self._start(["setpriv", "--pdeathsig", "KILL", "unshare", "--net",
                                    "sleep", "infinity"])
         here = os.readlink("/proc/self/ns/net")
-        await_condition(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != here,
-                        "a namespace")
+        wait_for(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != here, "a namespace")
 
     def _start(self, command):
         self._started.append(subprocess.Popen(command, stderr=subprocess.PIPE, text=True))
@@ -64,12 +54,9 @@ class Host:
 @pytest.fixture
 def hosts():
     """The collecting host and a sending one."""
-    if os.geteuid() != 0:
-        skip("needs root: network namespaces")
-    need("ip", "nsenter", "unshare", "journalctl")
-    missing = [name for name in (REMOTE, UPLOAD) if not program(name)]
-    if missing:
-        skip(f"needs {', '.join(missing)}")
+    need_root("network namespaces")
+    need_programs("ip", "nsenter", "unshare", "journalctl")
+    need_programs(REMOTE, UPLOAD, path=SYSTEMD_PROGRAMS)
     pair = Host(), Host()
     try:
         run(*pair[0].entering("ip", "link", "add", "cable", "type", "veth", "peer", "name",
@@ -81,12 +68,6 @@ def hosts():
     finally:
         for host in pair:
             host.close()
-
-
-def write_journal(path, *entries):
-    path.parent.mkdir()
-    subprocess.run([program(REMOTE), f"--output={path}", "-"], input=export_format(entries),
-                   check=True, capture_output=True)
 
 
 def is_listening(host):
@@ -106,12 +87,13 @@ def test_a_confirmation_on_one_machine_is_read_on_another(hosts, tmp_path):
     collector, sender = hosts
     collected = tmp_path / "remote"
     collected.mkdir()
-    write_journal(tmp_path / "local" / "system.journal",
-                  record("SENT", details="pat", author="root", sentence="message 7 sent"),
-                  record("CONFIRMED", user="pat", uid=1001, usec=1, sentence="pat confirmed"))
+    (tmp_path / "local").mkdir()
+    write_journal_file(tmp_path / "local" / "system.journal", [
+        record("SENT", details="pat", author="root", sentence="message 7 sent"),
+        record("CONFIRMED", user="pat", uid=1001, usec=1, sentence="pat confirmed")])
     collector.start(program(REMOTE), f"--listen-http={COLLECTOR}:{PORT}", f"--output={collected}/")
-    await_condition(lambda: is_listening(collector), "somebody listens")
+    wait_for(lambda: is_listening(collector), "somebody listens")
     sender.start(program(UPLOAD), f"--url=http://{COLLECTOR}:{PORT}",
                  f"--directory={tmp_path}/local", f"--save-state={tmp_path}/state")
-    await_condition(lambda: any(collected.iterdir()) and query(collected), "the record arrives")
+    wait_for(lambda: any(collected.iterdir()) and query(collected), "the record arrives")
     assert query(collected) == ["pat confirmed"]

@@ -6,7 +6,8 @@ import re
 import subprocess
 
 import pytest
-from conftest import need, run
+from conftest import run
+from prerequisites import need_programs
 
 
 @pytest.fixture
@@ -16,7 +17,7 @@ def page(tree):
 
 def rendered(page, width=80, locale="C.UTF-8"):
     """The page as man(1) shows it, with what it warns about."""
-    need("man")
+    need_programs("man")
     result = subprocess.run(["man", "--warnings", "-P", "cat", "-l", page], capture_output=True,
                             text=True, check=True, encoding="utf-8", errors="replace",
                             env={**os.environ, "MANWIDTH": str(width), "LC_ALL": locale})
@@ -60,18 +61,18 @@ def test_man_warns_about_nothing(page, locale):
 
 
 def test_mandoc_finds_nothing(page):
-    need("mandoc")
+    need_programs("mandoc")
     assert run("mandoc", "-T", "lint", page) == ""
 
 
 def test_mandoc_shows_the_same_words(page):
-    need("mandoc")
+    need_programs("mandoc")
     shown = run("mandoc", "-T", "utf8", "-O", "width=78", page)
     assert first_difference(words(re.sub(".\b", "", shown)), words(rendered(page)[0])) is None
 
 
 def test_whatis_finds_the_name_and_the_purpose(page):
-    need("lexgrog")
+    need_programs("lexgrog")
     assert run("lexgrog", page) == (
         f'{page}: "tbx - sends messages to the users of the machine and tracks their '
         'read confirmation"\n')

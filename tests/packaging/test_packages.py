@@ -7,8 +7,8 @@ import shutil
 import subprocess
 
 import pytest
-from conftest import REPOSITORY, need, run
-from prerequisites import skip
+from conftest import REPOSITORY, run
+from prerequisites import need_programs, need_root
 from test_install import FILES, FISH_LINK
 
 TOOLS = {"DEB": "dpkg-deb", "RPM": "rpmbuild"}
@@ -16,7 +16,7 @@ TOOLS = {"DEB": "dpkg-deb", "RPM": "rpmbuild"}
 
 def pack(kind, tree, folder, **options):
     """Makes a package of a built tree in the folder; returns its path."""
-    need("cpack", TOOLS[kind])
+    need_programs("cpack", TOOLS[kind])
     # In a folder whose name is not always the same.
     run("cpack", "-G", kind, "-B", folder, "--config", tree / "CPackConfig.cmake", **options)
     found = [path for path in folder.iterdir() if path.suffix == f".{kind.lower()}"]
@@ -92,8 +92,7 @@ def test_the_configuration_is_never_replaced_by_rpm(rpm):
 
 
 def test_the_rpm_installs_and_goes_again(rpm, tmp_path):
-    if os.geteuid() != 0:
-        skip("needs root: rpm --root")
+    need_root("rpm --root")
     root = ["rpm", "--root", tmp_path, "--nodeps"]
     run(*root, "-i", rpm)
     assert run(tmp_path / "usr/local/bin/tbx", "version").startswith("Tellbox - ")
