@@ -1,0 +1,73 @@
+#include "common/pager.h"
+
+#include "common/core.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <string_view>
+
+static constexpr const char *DEFAULT_PAGER = "less -R -F -X";
+static constexpr const char *DEFAULT_PATH = "/usr/bin:/bin";
+
+// What a shell returns for a command that it cannot run, or cannot find.
+static constexpr int SHELL_CANNOT_RUN = 126;
+static constexpr int SHELL_NOT_FOUND = 127;
+
+static bool is_in_path(const char *program) {
+    const char *path = getenv("PATH");
+    std::string_view rest = path ? path : DEFAULT_PATH;
+    while (!rest.empty()) {
+        const std::string directory(rest.substr(0, rest.find(':')));
+        rest.remove_prefix(std::min(directory.size() + 1, rest.size()));
+        if (directory.empty())
+            continue; // the current directory is no place to find programs in
+        if (access(xasprintf("%s/%s", directory.c_str(), program).c_str(), X_OK) == 0)
+            return true;
+    }
+    return false;
+}
+
+std::string pager_command() {
+    const char *pager = getenv("PAGER");
+    if (pager && pager[0])
+        return pager;
+    return is_in_path("less") ? DEFAULT_PAGER : "";
+}
+
+// While the pager has the terminal, its keys are the pager's: an interrupt ends a search there
+// and not this process under it. Made after the pager started, which keeps the defaults.
+class signals_left_to_pager {
+public:
+    signals_left_to_pager() = default;
+    ~signals_left_to_pager() {
+        signal(SIGPIPE, pipe_);
+        signal(SIGINT, interrupt_);
+        signal(SIGQUIT, quit_);
+    }
+    signals_left_to_pager(const signals_left_to_pager &) = delete;
+    signals_left_to_pager &operator=(const signals_left_to_pager &) = delete;
+
+private:
+    void (*pipe_)(int) = signal(SIGPIPE, SIG_IGN); // quitting before the end is no failure
+    void (*interrupt_)(int) = signal(SIGINT, SIG_IGN);
+    void (*quit_)(int) = signal(SIGQUIT, SIG_IGN);
+};
+
+bool pager_show(const std::string &command, const std::function<void(FILE *)> &print) {
+    // The text is UTF-8 whatever the locale, which sudo or a console may have left at "C".
+    setenv("LESSCHARSET", "utf-8", /*overwrite=*/0);
+    fflush(stdout);
+    FILE *pager = popen(command.c_str(), "we");
+    if (!pager)
+        return false;
+    const signals_left_to_pager guard;
+    print(pager);
+    const int status = pclose(pager);
+    if (status == -1 || !WIFEXITED(status))
+        return true; // it ran
+    return WEXITSTATUS(status) != SHELL_CANNOT_RUN && WEXITSTATUS(status) != SHELL_NOT_FOUND;
+}
