@@ -13,7 +13,7 @@ endif()
 set(RELEASE_DATE ${CMAKE_MATCH_1})
 
 # The names of folders here would else be in what is built, and so in its build identifier.
-foreach(target tellbox_common tellbox_tbx tbx)
+foreach(target tellbox_common tellbox_tbx tellbox_user tbx tellbox-user)
   target_compile_options(${target} PRIVATE $<$<CONFIG:RelWithDebInfo>:
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}=/usr/src/tellbox
     -ffile-prefix-map=${CMAKE_BINARY_DIR}=/usr/src/tellbox/build>)

@@ -1,5 +1,6 @@
 #include "common/message.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -197,4 +198,85 @@ void sanitize_text(const char *data, size_t len, strbuf *buf) {
         append_without_controls(text, buf);
     else
         append_without_controls(remove_escape_sequences(text), buf);
+}
+
+// ---- Bytes that are no characters ---------------------------------------------------------
+
+constexpr std::string_view REPLACEMENT = "\xef\xbf\xbd"; // U+FFFD
+
+// Bytes of the character that begins with `lead`, and the range of its second byte, which keeps
+// out longer forms than needed, surrogates and what lies beyond Unicode.
+struct utf8_form {
+    size_t length;
+    unsigned char second_min;
+    unsigned char second_max;
+};
+
+static utf8_form form_of(unsigned char lead) {
+    if (lead < 0x80)
+        return {1, 0, 0};
+    if (lead >= 0xc2 && lead <= 0xdf)
+        return {2, 0x80, 0xbf};
+    if (lead >= 0xe0 && lead <= 0xef)
+        return {3, static_cast<unsigned char>(lead == 0xe0 ? 0xa0 : 0x80),
+                static_cast<unsigned char>(lead == 0xed ? 0x9f : 0xbf)};
+    if (lead >= 0xf0 && lead <= 0xf4)
+        return {4, static_cast<unsigned char>(lead == 0xf0 ? 0x90 : 0x80),
+                static_cast<unsigned char>(lead == 0xf4 ? 0x8f : 0xbf)};
+    return {0, 0, 0};
+}
+
+// Bytes of the character at the start of `text`, 0 if there is none.
+static size_t character_length(std::string_view text) {
+    const utf8_form form = form_of(static_cast<unsigned char>(text[0]));
+    if (form.length > text.size())
+        return 0;
+    for (size_t i = 1; i < form.length; i++) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const unsigned char min = i == 1 ? form.second_min : 0x80;
+        const unsigned char max = i == 1 ? form.second_max : 0xbf;
+        if (byte < min || byte > max)
+            return 0;
+    }
+    return form.length;
+}
+
+void repair_utf8(std::string_view text, strbuf *buf) {
+    strbuf_reserve(buf, text.size());
+    while (!text.empty()) {
+        const size_t length = character_length(text);
+        strbuf_append_view(buf, length == 0 ? REPLACEMENT : text.substr(0, length));
+        text.remove_prefix(std::max<size_t>(length, 1));
+    }
+}
+
+// ---- Text for a screen --------------------------------------------------------------------
+
+std::string clean_text(std::string_view text) {
+    strbuf clean;
+    sanitize_text(text.data(), text.size(), &clean);
+    strbuf repaired;
+    repair_utf8(clean.view(), &repaired);
+    return std::string(repaired.view());
+}
+
+std::string clean_line(std::string_view text) {
+    std::string line = clean_text(text);
+    std::ranges::replace_if(
+        line, [](char c) { return c == '\n' || c == '\t'; }, ' ');
+    return line;
+}
+
+constexpr size_t BANNER_RULE_COLUMNS = 40;
+
+void message_banner(const message_record &rec, strbuf *buf) {
+    strbuf_append_str(buf, "── Tellbox · Message from the administrator · ");
+    message_headline(rec, buf);
+    strbuf_append_str(buf, " ──\n");
+    strbuf_append_view(buf,
+                       std::string_view(rec.text).substr(0, rec.text.find_last_not_of('\n') + 1));
+    strbuf_append_str(buf, "\n");
+    for (size_t column = 0; column < BANNER_RULE_COLUMNS; column++)
+        strbuf_append_str(buf, "─");
+    strbuf_append_str(buf, "\n");
 }

@@ -39,3 +39,17 @@ void message_headline(const message_record &rec, strbuf *buf);
 // Appends a copy of `data` without terminal escape sequences and control characters; tab,
 // newline and all other bytes from 0x20 up are kept.
 void sanitize_text(const char *data, size_t len, strbuf *buf);
+
+// Appends a copy of `text` in which U+FFFD stands for every byte that is not part of a character
+// in UTF-8.
+void repair_utf8(std::string_view text, strbuf *buf);
+
+// A copy of untrusted text for a screen: without escape sequences and control characters, in
+// valid UTF-8.
+[[nodiscard]] std::string clean_text(std::string_view text);
+// The same on one line: line ends and tabs become blanks.
+[[nodiscard]] std::string clean_line(std::string_view text);
+
+// Appends the frame in which a terminal shows a message: a headline, the text without the line
+// ends behind it, a rule. Every line ends with "\n".
+void message_banner(const message_record &rec, strbuf *buf);

@@ -18,7 +18,6 @@
 
 constexpr const char *PSEUDO_TERMINALS = "/dev/pts";
 constexpr const char *CONSOLE_PREFIX = "tty";
-constexpr size_t BANNER_RULE_COLUMNS = 40;
 constexpr time_t WRITE_PATIENCE_SECONDS = 2;
 constexpr int WRITE_POLL_MILLISECONDS = 100;
 constexpr size_t WAITING_TERMINALS_MAX = 256;
@@ -121,24 +120,10 @@ void user_terminals_list(uint32_t uid, strlist *list) {
 
 // ---- The banner ---------------------------------------------------------------------------
 
-static std::string_view without_trailing_newlines(std::string_view text) {
-    return text.substr(0, text.find_last_not_of('\n') + 1);
-}
-
-static void append_plain_banner(const message_record &message, strbuf *out) {
-    strbuf_append_str(out, "\n── Tellbox · Message from the administrator · ");
-    message_headline(message, out);
-    strbuf_append_str(out, " ──\n");
-    strbuf_append_view(out, without_trailing_newlines(message.text));
-    strbuf_append_str(out, "\n");
-    for (size_t column = 0; column < BANNER_RULE_COLUMNS; column++)
-        strbuf_append_str(out, "─");
-    strbuf_append_str(out, "\n");
-}
-
 void terminal_banner_build(const message_record &message, strbuf *out) {
     strbuf plain;
-    append_plain_banner(message, &plain);
+    strbuf_append_char(&plain, '\n'); // away from what is being typed
+    message_banner(message, &plain);
     for (const char byte : plain.view()) {
         if (byte == '\n')
             strbuf_append_char(out, '\r'); // a full-screen program may have made the terminal raw

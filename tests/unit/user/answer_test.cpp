@@ -1,0 +1,358 @@
+#include "user_support.h"
+
+#include <sys/file.h>
+
+namespace {
+
+// A mailbox with message 7, and what the journal hears. In a child on a private machine only.
+struct heard_mailbox : tried_mailbox {
+    heard_mailbox() { put_message(7); }
+    journal_stand_in journal;
+};
+
+// Runs `body` with such a mailbox and returns what it printed.
+template <typename Body> std::string told(Body &&body) {
+    const child_result child = run_on(machine_of_pat_and_sam(), [&] {
+        std::filesystem::create_directories("/run/scratch");
+        setenv("TMPDIR", "/run/scratch", 1);
+        const heard_mailbox mailbox;
+        body(mailbox);
+    });
+    return child.out + child.err;
+}
+
+void print_line(const std::string &line) {
+    printf("%s\n", line.c_str());
+}
+
+const char *name_of(confirm_result result) {
+    switch (result) {
+    case confirm_result::confirmed:
+        return "confirmed";
+    case confirm_result::already:
+        return "already";
+    case confirm_result::not_a_file:
+        return "not a file";
+    case confirm_result::withdrawn:
+        return "withdrawn";
+    case confirm_result::failed:
+        return "failed";
+    }
+    return "?";
+}
+
+std::string confirm(const tried_mailbox &mailbox, channel where = channel::terminal) {
+    own_mailbox box = mailbox.open();
+    return name_of(answer_confirm(&box, 7, where).result);
+}
+
+int mark_shown(const tried_mailbox &mailbox, int64_t moment) {
+    own_mailbox box = mailbox.open();
+    return answer_shown(&box, 7, channel::terminal, moment, HALF_AN_HOUR);
+}
+
+// Seconds ago; -1 without a mark.
+int64_t mark_age(const tried_mailbox &mailbox, const std::string &name) {
+    struct stat status = {};
+    return stat(mailbox.file(name).c_str(), &status) == 0 ? now() - status.st_mtim.tv_sec : -1;
+}
+
+// ---- Confirming ---------------------------------------------------------------------------
+
+TEST(Confirm, WritesTheAnswerRecordsItAndMovesTheCopy) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  const int64_t before = now();
+                  print_line(confirm(mailbox));
+                  print_line(mailbox.files());
+                  const answer_record answer = answer_read(mailbox.open(), 7);
+                  printf("%d %s\n", answer.time >= before && answer.time <= now(),
+                         answer.channel.c_str());
+                  printf("%s", mailbox.journal.events().c_str());
+              }),
+              "confirmed\nacks/7 read/7\n1 terminal\n"
+              "CONFIRMED 7 user=root details= author=\n");
+}
+
+TEST(Confirm, WritesOneLineForEverybodyToRead) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(7);
+    const mode_t mask = umask(022);
+    EXPECT_EQ(confirm(mailbox, channel::desktop), "confirmed");
+    umask(mask);
+    EXPECT_THAT(mailbox.text("acks/7"), testing::MatchesRegex("[0-9]+ desktop\n"));
+    EXPECT_EQ(mode_and_owner(mailbox.file("acks/7")).substr(0, 4), "0644");
+}
+
+TEST(Confirm, LeavesAnEarlierAnswerAsItIs) {
+    const tried_mailbox mailbox;
+    mailbox.put("acks/7", "1790000000 desktop\n");
+    own_mailbox box = mailbox.open();
+    const confirmation outcome = answer_confirm(&box, 7, channel::terminal);
+    EXPECT_EQ(outcome.result, confirm_result::already);
+    EXPECT_EQ(outcome.answer.time, 1'790'000'000);
+    EXPECT_EQ(outcome.answer.channel, "desktop");
+    EXPECT_EQ(mailbox.text("acks/7"), "1790000000 desktop\n");
+}
+
+TEST(Confirm, ChangesNothingWhereSomethingElseStands) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  std::filesystem::create_directory(mailbox.file("acks/7"));
+                  print_line(confirm(mailbox));
+                  print_line(mailbox.files());
+                  printf("%s", mailbox.journal.events().c_str());
+              }),
+              "not a file\ninbox/7\n");
+}
+
+TEST(Confirm, LeavesNoAnswerToAMessageThatIsNotThere) {
+    const tried_mailbox mailbox;
+    EXPECT_EQ(confirm(mailbox), "withdrawn");
+    EXPECT_EQ(mailbox.files(), "");
+}
+
+TEST(Confirm, MakesTheFoldersThatAreMissing) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(7);
+    std::filesystem::remove(mailbox.file("acks"));
+    std::filesystem::remove(mailbox.file("read"));
+    EXPECT_EQ(confirm(mailbox), "confirmed");
+    EXPECT_EQ(mailbox.files(), "acks/7 read/7");
+}
+
+TEST(Confirm, TellsAndRecordsAnAnswerThatCannotBeWritten) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  refuse_call(SYS_fsync, EIO);
+                  own_mailbox box = mailbox.open();
+                  const confirmation outcome = answer_confirm(&box, 7, channel::terminal);
+                  printf("%s: %s\n", name_of(outcome.result), strerror(outcome.error));
+                  printf("%s\n", mailbox.files().c_str());
+                  printf("%s", mailbox.journal.events().c_str());
+              }),
+              "failed: Input/output error\ninbox/7\n"
+              "CONFIRMATION_FAILED 7 user=root details=Input/output error author=\n");
+}
+
+TEST(Confirm, ThatCannotMoveTheCopyIsNotRecordedAgainByTheNextRun) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  std::filesystem::remove(mailbox.file("read"));
+                  mailbox.put("read", "in the way");
+                  own_mailbox box;
+                  (void)mailbox_open(mailbox.owner, &box); // as far as it goes
+                  std::filesystem::remove(mailbox.file("read"));
+                  box = mailbox.open();
+                  mailbox.put("read", "in the way");
+                  printf("%s\n", name_of(answer_confirm(&box, 7, channel::terminal).result));
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  std::filesystem::remove(mailbox.file("read"));
+                  box = mailbox.open();
+                  answer_finish_interrupted(&box);
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "confirmed\nacks/7 inbox/7 read\nCONFIRMED 7 user=root details= author=\n"
+              "acks/7 read/7\n");
+}
+
+// ---- Several at once ----------------------------------------------------------------------
+
+TEST(Confirm, ByManyAtOnceMakesOneAnswerAndOneRecord) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  std::vector<pid_t> others;
+                  static const heard_mailbox *shared;
+                  shared = &mailbox;
+                  for (int i = 0; i < 40; i++)
+                      others.push_back(start_process([] {
+                          own_mailbox box = shared->open();
+                          answer_finish_interrupted(&box);
+                          const confirmation outcome = answer_confirm(&box, 7, channel::terminal);
+                          answer_finish_interrupted(&box);
+                          return outcome.result == confirm_result::confirmed ? 10
+                                 : outcome.result == confirm_result::already ? 0
+                                                                             : 1;
+                      }));
+                  int sum = 0;
+                  for (const pid_t other : others)
+                      sum += exit_status_of(other);
+                  printf("%d %s\n%s", sum, mailbox.files().c_str(),
+                         mailbox.journal.events().c_str());
+              }),
+              "10 acks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
+}
+
+TEST(MailboxLock, IsOneForAllAndNotWaitedForLongerThanAllowed) {
+    const tried_mailbox mailbox;
+    const own_mailbox box = mailbox.open();
+    mailbox_lock first = mailbox_lock::take(box, 0);
+    EXPECT_TRUE(first.is_held());
+    EXPECT_FALSE(mailbox_lock::take(box, 20).is_held());
+    first = mailbox_lock();
+    EXPECT_TRUE(mailbox_lock::take(box, 0).is_held());
+}
+
+// ---- Tidying up ---------------------------------------------------------------------------
+
+TEST(Interrupted, AnAnswerIsRecordedAndItsCopyMoved) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  mailbox.put("acks/7", "1790000000 desktop\n");
+                  own_mailbox box = mailbox.open();
+                  answer_finish_interrupted(&box);
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "acks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
+}
+
+TEST(Interrupted, AnAnswerThatSomebodyIsStillWritingIsLeftToThem) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  mailbox.put("acks/7", "1790000000 desktop\n");
+                  const unique_fd other(::open(mailbox.file("acks/7").c_str(), O_RDONLY));
+                  flock(other.get(), LOCK_EX);
+                  own_mailbox box = mailbox.open();
+                  answer_finish_interrupted(&box);
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "acks/7 inbox/7\n");
+}
+
+TEST(Interrupted, ACopyThatWasDeliveredAgainIsMovedWithoutARecord) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  mailbox.put("acks/7", "1790000000 desktop\n");
+                  mailbox.put("read/7", "the first copy");
+                  own_mailbox box = mailbox.open();
+                  answer_finish_interrupted(&box);
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "acks/7 read/7\n");
+}
+
+TEST(Leftovers, AreTheHiddenFilesOfAnswersAndMarksAndNoOthers) {
+    const tried_mailbox mailbox;
+    for (const char *name : {"acks/.7.tmp", "read/.8.tmp", "state/.9.term.tmp", "state/.9.gui.tmp",
+                             "acks/.x.tmp", "acks/7.tmp", "acks/.7", "state/.9.other.tmp",
+                             "state/.prompt", "inbox/.7.tmp", "acks/..tmp"})
+        mailbox.put(name, "");
+    const own_mailbox box = mailbox.open();
+    answer_remove_leftovers(box, mailbox_lock());
+    EXPECT_TRUE(mailbox.has("acks/.7.tmp"));
+    answer_remove_leftovers(box, mailbox_lock::take(box, 0));
+    EXPECT_EQ(mailbox.files(), "acks/..tmp acks/.7 acks/.x.tmp acks/7.tmp inbox/.7.tmp "
+                               "state/.9.other.tmp state/.prompt");
+}
+
+// ---- Marks --------------------------------------------------------------------------------
+
+TEST(Shown, IsTheMomentInTheChannelsMark) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(7);
+    ASSERT_EQ(mark_shown(mailbox, now() - 20), 0);
+    EXPECT_EQ(mailbox.files(), "inbox/7 state/7.term");
+    EXPECT_EQ(mailbox.text("state/7.term"), "shown\n");
+    EXPECT_GE(mark_age(mailbox, "state/7.term"), 20);
+    ASSERT_EQ(mark_shown(mailbox, now() - 10), 0);
+    EXPECT_LT(mark_age(mailbox, "state/7.term"), 20);
+    EXPECT_EQ(mailbox.files(), "inbox/7 state/7.term");
+}
+
+TEST(Shown, ReplacesNoYoungerMarkAndNoPostponementThatHolds) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(7);
+    mailbox.put("state/7.term", "shown\n");
+    mailbox.age("state/7.term", -10);
+    ASSERT_EQ(mark_shown(mailbox, now() - 20), 0);
+    EXPECT_LT(mark_age(mailbox, "state/7.term"), 20);
+    mailbox.put("state/7.term", "postponed\n");
+    mailbox.age("state/7.term", -1000);
+    ASSERT_EQ(mark_shown(mailbox, now()), 0);
+    EXPECT_EQ(mailbox.text("state/7.term"), "postponed\n");
+}
+
+TEST(Shown, ReplacesAPostponementThatIsOverAndAMarkFromTheFuture) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(7);
+    mailbox.put("state/7.term", "postponed\n");
+    mailbox.age("state/7.term", -HALF_AN_HOUR);
+    ASSERT_EQ(mark_shown(mailbox, now()), 0);
+    EXPECT_EQ(mailbox.text("state/7.term"), "shown\n");
+    mailbox.put("state/7.term", "postponed\n");
+    mailbox.age("state/7.term", 5000);
+    ASSERT_EQ(mark_shown(mailbox, now()), 0);
+    EXPECT_EQ(mailbox.text("state/7.term"), "shown\n");
+    EXPECT_GE(mark_age(mailbox, "state/7.term"), 0);
+}
+
+TEST(Shown, ReplacesALinkAndNotWhatItPointsTo) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(7);
+    write_file(mailbox.path("elsewhere"), "kept");
+    std::filesystem::create_symlink(mailbox.path("elsewhere"), mailbox.file("state/7.term"));
+    ASSERT_EQ(mark_shown(mailbox, now()), 0);
+    EXPECT_EQ(mailbox.text("state/7.term"), "shown\n");
+    EXPECT_EQ(read_file(mailbox.path("elsewhere")), "kept");
+}
+
+TEST(Marks, AreNotMadeForAMessageThatIsGoneOrAnswered) {
+    const tried_mailbox mailbox;
+    EXPECT_EQ(mark_shown(mailbox, now()), -1);
+    EXPECT_EQ(errno, ENOENT);
+    mailbox.put_message(7);
+    mailbox.put("acks/7", "1790000000 desktop\n");
+    EXPECT_EQ(mark_shown(mailbox, now()), -1);
+    EXPECT_EQ(errno, EALREADY);
+    own_mailbox box = mailbox.open();
+    EXPECT_EQ(answer_postpone(&box, 7, channel::terminal), -1);
+    EXPECT_EQ(errno, EALREADY);
+    EXPECT_EQ(mailbox.files(), "acks/7 inbox/7");
+}
+
+TEST(Marks, AreNotMadeWhereAFolderStands) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(7);
+    write_file(mailbox.file("state/7.term/inside"), "");
+    own_mailbox box = mailbox.open();
+    EXPECT_EQ(answer_postpone(&box, 7, channel::terminal), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(mailbox.files(), "inbox/7 state/7.term/inside");
+}
+
+TEST(Postpone, WritesTheMarkAndRecordsIt) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  mailbox.put("state/7.gui", "shown\n");
+                  mailbox.put("state/.7.gui.tmp", "of a killed run");
+                  own_mailbox box = mailbox.open();
+                  print_line(std::to_string(answer_postpone(&box, 7, channel::desktop)));
+                  print_line(mailbox.files());
+                  printf("%s%s", mailbox.text("state/7.gui").c_str(),
+                         mailbox.journal.events().c_str());
+              }),
+              "0\ninbox/7 state/7.gui\npostponed\nPOSTPONED 7 user=root details= author=\n");
+}
+
+TEST(PromptMark, GetsTheTimeOfTheLook) {
+    const tried_mailbox mailbox;
+    own_mailbox box = mailbox.open();
+    ASSERT_EQ(answer_touch_prompt(&box), 0);
+    mailbox.age("state/.prompt", -100);
+    ASSERT_EQ(answer_touch_prompt(&box), 0);
+    EXPECT_LT(mark_age(mailbox, "state/.prompt"), 50);
+    EXPECT_EQ(mailbox.text("state/.prompt"), "");
+}
+
+TEST(PromptMark, IsNotTouchedThroughALinkOrAPipe) {
+    const tried_mailbox mailbox;
+    write_file(mailbox.path("elsewhere"), "kept");
+    std::filesystem::create_symlink(mailbox.path("elsewhere"), mailbox.file("state/.prompt"));
+    own_mailbox box = mailbox.open();
+    EXPECT_EQ(answer_touch_prompt(&box), -1);
+    std::filesystem::remove(mailbox.file("state/.prompt"));
+    make_fifo(mailbox.file("state/.prompt"));
+    EXPECT_EQ(answer_touch_prompt(&box), -1);
+}
+
+} // namespace

@@ -1,0 +1,67 @@
+// Shared by the tests of the recipients' programs: a mailbox of whoever runs the test, in test
+// mode.
+#pragma once
+
+#include "support.h"
+#include "user/answer.h"
+#include "user/inbox.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+constexpr int64_t HALF_AN_HOUR = 1800;
+
+struct tried_mailbox : scratch_state {
+    tried_mailbox() {
+        if (own_account(&owner) != 0)
+            throw_errno("own account");
+        for (const char *folder : {"inbox", "read", "acks", "state"})
+            std::filesystem::create_directories(file(folder));
+    }
+
+    [[nodiscard]] std::string file(const std::string &name) const {
+        return path("users/" + owner + "/" + name);
+    }
+    void put(const std::string &name, std::string_view text) const { write_file(file(name), text); }
+    // A message that expires at `expires`, 0 for never.
+    void put_message(int64_t id, const std::string &text = "Hello\n", int64_t expires = 0) const {
+        message_record message = {id, "root", 1'790'000'000, "", expires, text};
+        strbuf contents;
+        message_format(message, &contents);
+        put("inbox/" + std::to_string(id), contents.view());
+    }
+    [[nodiscard]] bool has(const std::string &name) const {
+        return path_exists(file(name).c_str()) != 0;
+    }
+    [[nodiscard]] std::string text(const std::string &name) const { return read_file(file(name)); }
+    // Moves a file's time to that many seconds from now, into the past if it is negative.
+    void age(const std::string &name, int64_t seconds) const {
+        const timespec times[] = {{now() + seconds, 0}, {now() + seconds, 0}};
+        if (utimensat(AT_FDCWD, file(name).c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+            throw_errno(name);
+    }
+    [[nodiscard]] own_mailbox open() const {
+        own_mailbox box;
+        if (mailbox_open(owner, &box) != mailbox_look::found)
+            throw_errno(box.path);
+        return box;
+    }
+    // Every file in the mailbox, in order.
+    [[nodiscard]] std::string files() const {
+        std::vector<std::string> names;
+        for (const auto &entry : std::filesystem::recursive_directory_iterator(file("")))
+            if (!entry.is_directory() || entry.is_symlink())
+                names.push_back(std::filesystem::relative(entry.path(), file("")));
+        std::ranges::sort(names);
+        std::string line;
+        for (const std::string &name : names)
+            line += (line.empty() ? "" : " ") + name;
+        return line;
+    }
+
+    std::string owner;
+};
