@@ -227,6 +227,24 @@ void strlist_free(strlist *l) {
     l->cap = 0;
 }
 
+// ---- Lines --------------------------------------------------------------------------------
+
+bool next_line(std::string_view *rest, std::string_view *line) {
+    if (rest->empty())
+        return false;
+    const size_t end = rest->find('\n');
+    *line = rest->substr(0, end);
+    rest->remove_prefix(end == std::string_view::npos ? rest->size() : end + 1);
+    return true;
+}
+
+std::string strlist_lines(const strlist &l) {
+    std::string lines;
+    for (const char *item : l)
+        lines.append(item).push_back('\n');
+    return lines;
+}
+
 // ---- place_index --------------------------------------------------------------------------
 
 void place_index::put(slot added) {
@@ -251,6 +269,24 @@ void place_index::add(uint32_t hash, size_t place) {
     if (2 * count > slots_.size())
         grow();
     put({hash, static_cast<uint32_t>(count)});
+}
+
+// ---- Looking up ---------------------------------------------------------------------------
+
+lookup lookup_of_error(int error) {
+    return error == ENOENT || error == ENOTDIR ? lookup::absent : lookup::failed;
+}
+
+lookup path_look_up(const char *path) {
+    struct stat status = {};
+    return lstat(path, &status) == 0 ? lookup::found : lookup_of_error(errno);
+}
+
+lookup directory_look_up(const char *path) {
+    struct stat status = {};
+    if (lstat(path, &status) != 0)
+        return lookup_of_error(errno);
+    return S_ISDIR(status.st_mode) ? lookup::found : lookup::absent;
 }
 
 // ---- Files --------------------------------------------------------------------------------
@@ -291,6 +327,25 @@ int read_file_limited(const char *path, size_t max, bool nofollow, strbuf *b) {
         return -1;
     }
     return read_fd_limited(fd.get(), max, b);
+}
+
+// Whether something stands at `path` that is known to be no regular file of at most `max` bytes.
+static bool is_no_such_file(const char *path, size_t max) {
+    struct stat status = {};
+    return lstat(path, &status) == 0 &&
+           (!S_ISREG(status.st_mode) || static_cast<uintmax_t>(status.st_size) > max);
+}
+
+lookup read_stored_file(const char *path, size_t max, strbuf *b) {
+    strbuf_reset(b);
+    if (read_file_limited(path, max, /*nofollow=*/true, b) == 0)
+        return lookup::found;
+    const int error = errno;
+    strbuf_reset(b); // part of a file must not pass for the whole
+    if (lookup_of_error(error) == lookup::absent || is_no_such_file(path, max))
+        return lookup::absent;
+    errno = error;
+    return lookup::failed;
 }
 
 int write_all(int fd, const void *data, size_t len) {
@@ -405,10 +460,6 @@ int parse_id(std::string_view text, int64_t *out) {
 
 int parse_id(const char *text, int64_t *out) {
     return parse_id(std::string_view(text), out);
-}
-
-bool is_resource_error(int error) {
-    return error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
 int compare_length_then_text(const char *a, const char *b) {

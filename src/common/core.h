@@ -1,5 +1,5 @@
-// The ground that every room stands on: diagnostics, memory that never comes back null,
-// growable containers, whole-file reading and writing, small predicates, identifiers, time.
+// Utilities used everywhere: diagnostics, allocation that never returns null, growable
+// containers, reading and writing of whole files, small predicates, identifiers, time.
 #pragma once
 
 #include <dirent.h>
@@ -156,6 +156,15 @@ void strlist_push_view(strlist *l, std::string_view text); // copies; `text` hol
 void strlist_sort(strlist *l); // strcmp order
 void strlist_free(strlist *l); // releases everything; the list may be used again
 
+// ---- Lines --------------------------------------------------------------------------------
+
+// Takes the next line off `*rest`, without its newline; a last line without one counts. False
+// when nothing is left.
+[[nodiscard]] bool next_line(std::string_view *rest, std::string_view *line);
+
+// The items of a list, each followed by a newline.
+[[nodiscard]] std::string strlist_lines(const strlist &l);
+
 // ---- place_index --------------------------------------------------------------------------
 
 // Finds the place of something in a list by a hash of its key: a table with linear probing, at
@@ -189,8 +198,29 @@ private:
     std::vector<slot> slots_; // a power of two of them
 };
 
+// ---- Looking up ---------------------------------------------------------------------------
+
+// The answer to "is it there?". Nothing may be cancelled, removed, skipped or reported as done
+// on the strength of `failed`.
+enum class lookup {
+    found,
+    absent, // the system says that it is not there
+    failed, // nobody can say; errno tells why
+};
+
+// What the errno of a call that failed on a path says: ENOENT and ENOTDIR that nothing is there,
+// every other one nothing.
+[[nodiscard]] lookup lookup_of_error(int error);
+
+// Whether something stands at `path`; a dangling symbolic link does.
+[[nodiscard]] lookup path_look_up(const char *path);
+
+// Whether a directory stands at `path`. Anything else there, a symbolic link to a directory
+// included, is `absent`.
+[[nodiscard]] lookup directory_look_up(const char *path);
+
 // ---- Files --------------------------------------------------------------------------------
-// These return 0, or -1 with errno; none of them prints.
+// Unless it says otherwise, a function returns 0, or -1 with errno; none of them prints.
 
 // Appends the contents of `fd` to `b` until b->len is `max` bytes; what follows is read to its
 // end and dropped. EINTR is retried. What was read before an error stays in `b`.
@@ -202,6 +232,11 @@ private:
 // Returns 0, or -1 with errno: EINVAL when it is not a regular file, otherwise that of open,
 // fstat or read. A pipe or terminal at `path` never blocks.
 [[nodiscard]] int read_file_limited(const char *path, size_t max, bool nofollow, strbuf *b);
+
+// Reads the regular file at `path` into `b`, which is emptied first. A symbolic link as the last
+// component, anything else that is no regular file, and a file of more than `max` bytes are
+// `absent` like a missing one: what stands there is known, and is no such file.
+[[nodiscard]] lookup read_stored_file(const char *path, size_t max, strbuf *b);
 
 // Writes every byte, retrying on EINTR.
 [[nodiscard]] int write_all(int fd, const void *data, size_t len);
@@ -230,10 +265,6 @@ constexpr int64_t ID_MAX = 999'999'999'999'999'999;
 // Parses 1 to 18 decimal digits into `out`; anything else returns 0 and leaves `out` alone.
 [[nodiscard]] int parse_id(const char *text, int64_t *out);
 [[nodiscard]] int parse_id(std::string_view text, int64_t *out);
-
-// Whether `error` is an errno that tells of missing resources (EIO, EMFILE, ENFILE, ENOMEM)
-// and so says nothing about the file or account that was asked for.
-[[nodiscard]] bool is_resource_error(int error);
 
 // The next entry of a directory; null at its end, with errno 0, or when it cannot be read.
 [[nodiscard]] const dirent *next_entry(DIR *directory);

@@ -81,6 +81,15 @@ int message_load(const char *path, message_record *rec) {
     return message_parse(text.view().data(), text.len, rec);
 }
 
+lookup message_look_up(const char *path, message_record *rec) {
+    message_free(rec);
+    strbuf text;
+    const lookup found = read_stored_file(path, MESSAGE_FILE_MAX_BYTES, &text);
+    if (found != lookup::found)
+        return found;
+    return message_parse(text.view().data(), text.len, rec) == 0 ? lookup::found : lookup::absent;
+}
+
 void message_free(message_record *rec) {
     const int saved = errno;
     *rec = {};

@@ -28,6 +28,10 @@ void message_format(const message_record &rec, strbuf *buf);
 // Returns 0, or -1 with errno and a zeroed record.
 [[nodiscard]] int message_load(const char *path, message_record *rec);
 
+// The same, for a caller that acts on what is missing: `absent` when no message stands there (no
+// file, no regular one, too long, or damaged), `failed` with errno when that cannot be told.
+[[nodiscard]] lookup message_look_up(const char *path, message_record *rec);
+
 void message_free(message_record *rec); // releases the strings and zeroes the record
 
 // Whether the message has an expiry and it is not later than `now`.

@@ -2,10 +2,9 @@
 
 #include "common/core.h"
 #include "common/environment.h"
-#include "tbx/mailbox.h"
 #include "tbx/terminal.h"
+#include "tbx/user_child.h"
 
-#include <fcntl.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -13,7 +12,8 @@
 #include <cstdlib>
 
 constexpr int WAKE_TIMEOUT_SECONDS = 5;
-constexpr int LAUNCH_TIMEOUT_MS = 30'000;
+constexpr int LAUNCH_TIMEOUT_MS = 20'000;
+constexpr int CANNOT_START = 127; // exit status of a child that is no systemd-run
 constexpr size_t READY_FILE_MAX_BYTES = 64;
 constexpr size_t COMMAND_LINE_MAX_BYTES = 4096;
 constexpr int64_t PID_MIN = 2;
@@ -57,43 +57,41 @@ int agent_wake_existing(void *argument) {
 
 // ---- Starting -----------------------------------------------------------------------------
 
-// In the child: hands the agent to the user's service manager. Standard error stays, but what
-// systemd-run would tell there goes nowhere: its words can be those of the user's own bus, and
-// would drive the administrator's terminal.
+// In the child: hands the agent to the user's service manager. systemd-run reaches it through a
+// process that runs as the user and inherits its descriptors: whoever may look into that process
+// would have the administrator's terminal, so it gets none of them.
 [[noreturn]] static void exec_systemd_run(const char *agent, const char *machine) {
-    const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    if (null) {
-        dup2(null.get(), STDIN_FILENO); // where it fails, the old ones do no harm
-        dup2(null.get(), STDOUT_FILENO);
-    }
-    setenv("SYSTEMD_LOG_TARGET", "null", /*overwrite=*/1); // where it fails, the words are shown
+    drop_descriptors_or_exit(CANNOT_START);
     if (geteuid() == 0)
         execlp("systemd-run", "systemd-run", "--user", machine, "--collect", "--quiet", agent,
                "agent", nullptr);
     else
         execlp("systemd-run", "systemd-run", "--user", "--collect", "--quiet", agent, "agent",
                nullptr);
-    _exit(127);
+    _exit(CANNOT_START);
 }
 
 // A user's manager that answers but never finishes must not hold up everyone after them.
 static void start_new_agent(const resolved_user &user) {
+    const user_timer timer(user);
+    if (timer.is_over())
+        return;
     const std::string agent = agent_path();
     const std::string machine = xasprintf("--machine=%s@.host", user.name.c_str());
-    fflush(stdout);
+    (void)fflush(stdout); // told at the end of the run if it cannot be written
     const pid_t child = fork();
     if (child == 0)
         exec_systemd_run(agent.c_str(), machine.c_str());
     int status = 0;
     if (child > 0)
-        (void)reap_child(child, monotonic_ms() + LAUNCH_TIMEOUT_MS, &status); // nobody is told
+        (void)reap_child(child, timer.deadline_ms(LAUNCH_TIMEOUT_MS), &status); // nobody is told
 }
 
 void agent_start(const resolved_user &user) {
     if (test_mode() || !user_has_graphical_session(user.uid))
         return;
     uint32_t uid = user.uid;
-    if (run_as_user(user, agent_wake_existing, &uid, nullptr, nullptr, 0, WAKE_TIMEOUT_SECONDS) !=
-        0)
+    if (!run_as_user(user, agent_wake_existing, &uid, nullptr, nullptr, 0, WAKE_TIMEOUT_SECONDS)
+             .succeeded())
         start_new_agent(user);
 }

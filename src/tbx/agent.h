@@ -1,7 +1,7 @@
 // Waking or starting the desktop agent of a user who is logged in to a graphical desktop.
 #pragma once
 
-#include "tbx/recipients.h"
+#include "tbx/accounts.h"
 
 // Wakes the user's running agent with SIGUSR1, or else starts one through the user's service
 // manager. Does nothing in test mode or without a live graphical session. Reports nothing.

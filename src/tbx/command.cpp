@@ -1,9 +1,9 @@
 #include "tbx/command.h"
 
 #include "common/core.h"
+#include "tbx/accounts.h"
 #include "tbx/sent.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,24 +22,30 @@ int64_t parse_message_id(const char *arg) {
 message_record load_message_or_die(int64_t id, const char *id_text) {
     const std::string path = sent_path(id, "msg");
     message_record message;
-    if (message_load(path.c_str(), &message) == 0)
+    switch (message_look_up(path.c_str(), &message)) {
+    case lookup::found:
         return message;
-    if (is_resource_error(errno))
+    case lookup::failed:
         die("%s: %s", path.c_str(), strerror(errno));
+    case lookup::absent:
+        break;
+    }
     die("no such message: %s", id_text);
 }
 
 bool has_marker_or_die(int64_t id, const char *name) {
-    const marker_state state = sent_marker_look_up(id, name);
-    const int error = errno;
-    if (state == marker_state::unknown)
-        die("%s: %s", sent_path(id, name).c_str(), strerror(error));
-    return state == marker_state::present;
+    const std::string path = sent_path(id, name);
+    const lookup state = path_look_up(path.c_str());
+    if (state == lookup::failed)
+        die("%s: %s", path.c_str(), strerror(errno));
+    return state == lookup::found;
 }
 
+// A name that cannot be looked up now is believed: sudo itself has looked it up.
 static bool is_known_author(const char *name) {
+    resolved_user user;
     return name != nullptr && *name != '\0' && strlen(name) < AUTHOR_BYTES &&
-           getpwnam(name) != nullptr;
+           user_lookup_by_name(name, &user) != lookup::absent;
 }
 
 const char *current_author() {
@@ -49,8 +55,9 @@ const char *current_author() {
         snprintf(author, sizeof author, "%s", sudo_user);
         return author;
     }
-    const struct passwd *account = getpwuid(getuid());
-    snprintf(author, sizeof author, "%s", account != nullptr ? account->pw_name : "?");
+    resolved_user user;
+    const bool is_known = user_lookup_by_uid(getuid(), &user) == lookup::found;
+    snprintf(author, sizeof author, "%s", is_known ? user.name.c_str() : "?");
     return author;
 }
 

@@ -11,7 +11,7 @@
 [[nodiscard]] int64_t parse_message_id(const char *arg);
 
 // Loads the reference copy of message `id`, typed as `id_text`. Ends the process with "no such
-// message: %s", or with the file and the error when it could not be read for want of resources.
+// message: %s", or with the file and the error when it could not be read.
 [[nodiscard]] message_record load_message_or_die(int64_t id, const char *id_text);
 
 // Whether the marker of message `id` exists. Ends the process when that cannot be told.

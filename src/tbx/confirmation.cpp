@@ -18,37 +18,31 @@ constexpr size_t ACK_MAX_BYTES = 200;
 
 // ---- The parent's side --------------------------------------------------------------------
 
-std::string identifier_lines(const strlist &ids) {
-    std::string lines;
-    for (const char *id : ids)
-        lines.append(id).push_back('\n');
-    return lines;
+int mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
+                               confirmation_list *list) {
+    return mailbox_read_confirmations(user, strlist_lines(ids), list);
 }
 
-bool mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
-                                confirmation_list *list) {
-    return mailbox_read_confirmations(user, identifier_lines(ids), list);
-}
-
-bool mailbox_read_confirmations(const resolved_user &user, std::string_view id_lines,
-                                confirmation_list *list) {
+int mailbox_read_confirmations(const resolved_user &user, std::string_view id_lines,
+                               confirmation_list *list) {
     confirmation_list_free(list);
-    std::string mailbox = mailbox_dir(user);
     if (id_lines.empty())
-        return true;
-    errno = 0;
-    if (!is_directory(mailbox.c_str()))
-        return !is_resource_error(errno);
+        return 0;
+    const mailbox_state found = mailbox_look_up(user);
+    if (found != mailbox_state::found)
+        return found == mailbox_state::failed ? -1 : 0;
+    std::string mailbox = mailbox_dir(user);
     strbuf report;
-    if (run_as_user(user, mailbox_report_confirmations, mailbox.data(), &id_lines, &report,
-                    REPORT_MAX_BYTES, MAILBOX_TIMEOUT_SECONDS) < 0)
-        return errno == 0; // a child that was started may fail of what it found
-    confirmation_parse(report.view(), list);
-    return true;
+    const child_end result =
+        run_as_user(user, mailbox_report_confirmations, mailbox.data(), &id_lines, &report,
+                    REPORT_MAX_BYTES, MAILBOX_TIMEOUT_SECONDS);
+    if (result.outcome == child_outcome::done)
+        confirmation_parse(report.view(), list);
+    return result.outcome == child_outcome::failed ? -1 : 0;
 }
 
-// Identifiers are counted up, and asked for in their order: eight at a time lie side by side. All
-// of them would be one long row, to whose end the search for every other one goes.
+// Identifiers are consecutive: hashed as they are they would fill one long run of slots, and every
+// miss would walk to its end. So only eight at a time lie side by side.
 static uint32_t hash_of(int64_t id) {
     constexpr unsigned ROW_BITS = 3;
     constexpr uint64_t GOLDEN_RATIO = 0x9e37'79b9'7f4a'7c15;
@@ -98,11 +92,9 @@ static void parse_report_line(std::string_view line, confirmation_list *list) {
 }
 
 void confirmation_parse(std::string_view output, confirmation_list *list) {
-    while (!output.empty()) {
-        const size_t end = output.find('\n');
-        parse_report_line(output.substr(0, end), list);
-        output.remove_prefix(end == std::string_view::npos ? output.size() : end + 1);
-    }
+    std::string_view line;
+    while (next_line(&output, &line))
+        parse_report_line(line, list);
 }
 
 // ---- The child's side, as the user --------------------------------------------------------
@@ -235,10 +227,8 @@ static void report_identifiers(std::string_view lines) {
     const mailbox_files files =
         list_mailbox(static_cast<size_t>(std::count(lines.begin(), lines.end(), '\n')));
     strbuf report;
-    while (files.may_hold_any() && !lines.empty()) {
-        const size_t end = lines.find('\n');
-        const std::string_view id = lines.substr(0, end);
-        lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+    std::string_view id;
+    while (files.may_hold_any() && next_line(&lines, &id)) {
         const unsigned kinds = files.kinds_of(id);
         if (kinds != 0 && is_identifier_line(id))
             report_files(std::string(id), kinds, &report);

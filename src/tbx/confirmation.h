@@ -3,7 +3,7 @@
 #pragma once
 
 #include "common/core.h"
-#include "tbx/recipients.h"
+#include "tbx/accounts.h"
 
 #include <cstdint>
 #include <optional>
@@ -24,16 +24,15 @@ struct confirmation_list {
 };
 
 // Fills `list` with what the user's mailbox says of the messages `ids` (decimal strings), in
-// one child that runs as the user. Whatever is wrong with the mailbox yields a shorter or empty
-// list. False, with errno, when nobody could look for want of resources.
-[[nodiscard]] bool mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
-                                              confirmation_list *list);
+// one child that runs as the user. Whatever is wrong with the mailbox, or done to the child, yields
+// a shorter or empty list. Returns 0, or -1 with errno when nobody could look.
+[[nodiscard]] int mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
+                                             confirmation_list *list);
 
 // The same with the identifiers as the child takes them, one on each line: for many users the
 // lines are made once.
-[[nodiscard]] bool mailbox_read_confirmations(const resolved_user &user, std::string_view id_lines,
-                                              confirmation_list *list);
-[[nodiscard]] std::string identifier_lines(const strlist &ids);
+[[nodiscard]] int mailbox_read_confirmations(const resolved_user &user, std::string_view id_lines,
+                                             confirmation_list *list);
 
 // The entry of a message, or null. Stays valid until the list changes.
 [[nodiscard]] const confirmation_entry *confirmation_find(const confirmation_list &list,

@@ -4,8 +4,8 @@
 #include "common/environment.h"
 #include "common/event.h"
 #include "common/message.h"
+#include "tbx/accounts.h"
 #include "tbx/command.h"
-#include "tbx/recipients.h"
 #include "tbx/sent.h"
 
 #include <unistd.h>
@@ -53,23 +53,32 @@ static history_record read_record(sd_journal *journal) {
             journal_field(journal, "_UID")};
 }
 
-constexpr int64_t NO_UID = -1;
-
 static bool is_user_side(const std::string &event) {
     return event == "POSTPONED" || event == "CONFIRMED" || event == "CONFIRMATION_FAILED";
 }
 
-// Who may have written such a record: the user whom it is about, or the administrator.
-static int64_t expected_writer(const history_record &record) {
+// Finds who may have written such a record: the user whom it is about, or the administrator.
+// Absent when there is no such user; a name that no account of ours can have is not looked up.
+static lookup expected_writer(const history_record &record, int64_t *uid) {
+    *uid = test_mode() ? getuid() : 0;
     if (!is_user_side(record.event))
-        return test_mode() ? getuid() : 0;
+        return lookup::found;
+    if (!is_storable_name(record.user))
+        return lookup::absent;
     resolved_user user;
-    return user_lookup_by_name(record.user.c_str(), &user) ? int64_t{user.uid} : NO_UID;
+    const lookup found = user_lookup_by_name(record.user.c_str(), &user);
+    *uid = user.uid;
+    return found;
 }
 
-static bool is_trustworthy(const history_record &record) {
+// Failed when nobody could tell: the record is not trusted then.
+static lookup trust_in(const history_record &record) {
+    int64_t expected = 0;
+    const lookup known = expected_writer(record, &expected);
     int64_t writer = 0;
-    return parse_id(record.uid, &writer) && writer == expected_writer(record);
+    if (known != lookup::found)
+        return known;
+    return parse_id(record.uid, &writer) && writer == expected ? lookup::found : lookup::absent;
 }
 
 static void append_stamp(sd_journal *journal, strbuf *line) {
@@ -102,15 +111,19 @@ static void print_cleaned(strbuf *line) {
     fwrite(cleaned.data, 1, cleaned.len, stdout);
 }
 
-static void print_record(sd_journal *journal, int64_t id) {
+// Returns 0, or the errno that kept the writer from being looked up.
+static int print_record(sd_journal *journal, int64_t id) {
     const history_record record = read_record(journal);
     strbuf line;
     append_stamp(journal, &line);
-    if (!is_trustworthy(record))
+    const lookup trust = trust_in(record);
+    const int error = trust == lookup::failed ? errno : 0;
+    if (trust != lookup::found)
         strbuf_printf(&line, "[not trustworthy: written by UID %s] ",
                       record.uid.empty() ? "?" : record.uid.c_str());
     append_sentence(record, id, &line);
     print_cleaned(&line);
+    return error;
 }
 
 // ---- The command --------------------------------------------------------------------------
@@ -156,6 +169,11 @@ void cmd_log(const char *id_text) {
     const unique_journal journal = open_journal();
     if (!journal || !select_message(journal.get(), message, id))
         return;
-    while (sd_journal_next(journal.get()) > 0)
-        print_record(journal.get(), id);
+    int error = 0;
+    while (sd_journal_next(journal.get()) > 0) {
+        const int record_error = print_record(journal.get(), id);
+        error = error == 0 ? record_error : error;
+    }
+    if (error != 0)
+        die("some writers could not be looked up: %s", strerror(error));
 }

@@ -2,274 +2,27 @@
 
 #include "common/environment.h"
 #include "common/message.h"
+#include "tbx/mounts.h"
 
 #include <fcntl.h>
-#include <grp.h>
-#include <poll.h>
-#include <sys/prctl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-
-constexpr int CHILD_FAILED = 126; // exit status of a child that never reached its callback
-
-// ---- Waiting ------------------------------------------------------------------------------
-
-constexpr int REAP_INTERVAL_MS = 10;
-constexpr int KILL_PATIENCE_MS = 2000;
-constexpr int NOT_REAPED = -1; // no wait status has this value
-constexpr int POLL_LIMIT_MS = 1000;
-
-int64_t monotonic_ms() {
-    struct timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
-}
-
-// A descriptor that becomes readable when `child` ends; empty where the system has none.
-static unique_fd open_pidfd(pid_t child) {
-    return unique_fd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-}
-
-// Sleeps until the child ends, at most until the next try is due. Without a pidfd poll()
-// watches nothing and only sleeps.
-static void await_exit(const unique_fd &pidfd, int64_t remaining_ms) {
-    struct pollfd watched = {pidfd.get(), POLLIN, 0};
-    const int wait_ms = static_cast<int>(std::min<int64_t>(remaining_ms, REAP_INTERVAL_MS));
-    poll(&watched, 1, wait_ms); // however it ends, the caller looks at the child again
-}
-
-// Whether the child has ended, and is reaped, by the deadline. True, too, where waiting for it
-// makes no sense; `status` then stays as it was.
-static bool await_child(pid_t child, int64_t deadline_ms, int *status) {
-    const unique_fd pidfd = open_pidfd(child);
-    while (true) {
-        const pid_t ended = waitpid(child, status, WNOHANG);
-        if (ended != 0 && !(ended < 0 && errno == EINTR))
-            return true;
-        const int64_t remaining_ms = deadline_ms - monotonic_ms();
-        if (remaining_ms <= 0)
-            return false;
-        await_exit(pidfd, remaining_ms);
-    }
-}
-
-// A child that hangs in a file system of its user's own making may not even die of this: it is
-// given up then, so that nobody can hold up the administrator.
-static int kill_and_reap(pid_t child) {
-    int status = 0;
-    kill(child, SIGKILL); // cannot fail: a child stays ours until it is waited for
-    (void)await_child(child, monotonic_ms() + KILL_PATIENCE_MS, &status);
-    return -1;
-}
-
-int reap_child(pid_t child, int64_t deadline_ms, int *status) {
-    *status = NOT_REAPED;
-    if (!await_child(child, deadline_ms, status))
-        return kill_and_reap(child);
-    return *status == NOT_REAPED ? -1 : 0;
-}
-
-// ---- The child's side ---------------------------------------------------------------------
-
-struct pipe_ends {
-    unique_fd read_end;
-    unique_fd write_end;
-};
-
-static bool open_pipe(pipe_ends *ends) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        return false;
-    ends->read_end.reset(fds[0]);
-    ends->write_end.reset(fds[1]);
-    return true;
-}
-
-// Standard input becomes the input pipe, or /dev/null where there is none; standard output
-// the output pipe; standard error /dev/null, so that nothing of the user's reaches root's
-// terminal.
-static void redirect_standard_descriptors(const pipe_ends &input, const pipe_ends &output) {
-    const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-    const int in = input.read_end ? input.read_end.get() : null.get();
-    if (!null || dup2(in, STDIN_FILENO) < 0 || dup2(output.write_end.get(), STDOUT_FILENO) < 0 ||
-        dup2(null.get(), STDERR_FILENO) < 0)
-        _exit(CHILD_FAILED);
-}
-
-// Becomes `user` for good or ends the child: nothing runs between two identities.
-static void become_user(const resolved_user &user) {
-    if (initgroups(user.name.c_str(), user.gid) != 0 ||
-        setresgid(user.gid, user.gid, user.gid) != 0 ||
-        setresuid(user.uid, user.uid, user.uid) != 0)
-        _exit(CHILD_FAILED);
-    if (getuid() != user.uid || geteuid() != user.uid || getegid() != user.gid || setuid(0) == 0)
-        _exit(CHILD_FAILED); // a way back to root is a failed drop
-}
-
-// When the parent is killed the child must go too: nobody would be left to end it, and it must
-// not write into the mailbox beside a later run. After the change of identity, which clears the
-// request.
-static void die_with_parent(pid_t parent) {
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)
-        _exit(CHILD_FAILED);
-}
-
-[[noreturn]] static void run_child(const resolved_user &user, user_callback callback,
-                                   void *argument, pid_t parent, pipe_ends *input,
-                                   pipe_ends *output) {
-    input->write_end.reset();
-    output->read_end.reset();
-    redirect_standard_descriptors(*input, *output);
-    // Above all the message's lock: a user who stops their child must not hold it.
-    closefrom(STDERR_FILENO + 1);
-    if (geteuid() == 0 && !test_mode())
-        become_user(user);
-    die_with_parent(parent);
-    if (chdir("/") != 0)
-        _exit(CHILD_FAILED);
-    umask(022);
-    signal(SIGPIPE, SIG_DFL);
-    const int status = callback(argument);
-    fflush(stdout);
-    _exit(status & 0xff);
-}
-
-// ---- The parent's side --------------------------------------------------------------------
-
-// Keeps a child that ends without reading its input from ending this process.
-class sigpipe_ignored {
-public:
-    sigpipe_ignored() : previous_(signal(SIGPIPE, SIG_IGN)) {}
-    ~sigpipe_ignored() { signal(SIGPIPE, previous_); }
-    sigpipe_ignored(const sigpipe_ignored &) = delete;
-    sigpipe_ignored &operator=(const sigpipe_ignored &) = delete;
-
-private:
-    void (*previous_)(int);
-};
-
-// What goes to the child and comes back from it.
-struct child_traffic {
-    unique_fd to_child; // non-blocking; empty once everything is written
-    unique_fd from_child;
-    std::string_view input;
-    strbuf *output;
-    size_t output_limit;
-};
-
-// Writes what the pipe takes, and closes it once nothing is left or nobody reads.
-static void feed_child(child_traffic *traffic, short events) {
-    if ((events & POLLOUT) == 0) {
-        traffic->to_child.reset();
-        return;
-    }
-    const ssize_t written =
-        write(traffic->to_child.get(), traffic->input.data(), traffic->input.size());
-    if (written < 0 && (errno == EINTR || errno == EAGAIN))
-        return;
-    if (written > 0)
-        traffic->input.remove_prefix(static_cast<size_t>(written));
-    if (written <= 0 || traffic->input.empty())
-        traffic->to_child.reset();
-}
-
-// Reads once. False at the end of the output or on an error.
-static bool drain_child(child_traffic *traffic) {
-    char chunk[8192];
-    const ssize_t got = read(traffic->from_child.get(), chunk, sizeof chunk);
-    if (got <= 0)
-        return got < 0 && errno == EINTR;
-    if (traffic->output == nullptr || traffic->output->len >= traffic->output_limit)
-        return true; // read all the same, so that the child never blocks on a full pipe
-    const size_t room = traffic->output_limit - traffic->output->len;
-    strbuf_append(traffic->output, chunk, std::min(static_cast<size_t>(got), room));
-    return true;
-}
-
-// Feeds and drains the child until its output ends. False when the deadline came first.
-static bool exchange_until(child_traffic *traffic, int64_t deadline_ms) {
-    while (true) {
-        const int64_t remaining_ms = deadline_ms - monotonic_ms();
-        if (remaining_ms < 1)
-            return false;
-        // A negative descriptor is passed over.
-        struct pollfd watched[] = {{traffic->from_child.get(), POLLIN, 0},
-                                   {traffic->to_child.get(), POLLOUT, 0}};
-        if (poll(watched, 2, static_cast<int>(std::min<int64_t>(remaining_ms, POLL_LIMIT_MS))) <
-            0) {
-            if (errno == EINTR)
-                continue;
-            return true;
-        }
-        if (watched[1].revents != 0)
-            feed_child(traffic, watched[1].revents);
-        if (watched[0].revents != 0 && !drain_child(traffic))
-            return true;
-    }
-}
-
-static int exit_result(int wait_status) {
-    if (!WIFEXITED(wait_status) || WEXITSTATUS(wait_status) == CHILD_FAILED)
-        return -1;
-    return WEXITSTATUS(wait_status);
-}
-
-// Follows a started child to its end.
-static int attend_child(pid_t child, child_traffic *traffic, int64_t deadline_ms) {
-    const bool in_time = exchange_until(traffic, deadline_ms);
-    traffic->to_child.reset();
-    traffic->from_child.reset();
-    if (!in_time)
-        return kill_and_reap(child);
-    int status = 0;
-    return reap_child(child, deadline_ms, &status) == 0 ? exit_result(status) : -1;
-}
-
-static bool set_nonblocking(const unique_fd &fd) {
-    return fcntl(fd.get(), F_SETFL, O_NONBLOCK) == 0;
-}
-
-int run_as_user(const resolved_user &user, user_callback callback, void *argument,
-                const std::string_view *input, strbuf *output, size_t output_limit,
-                int timeout_seconds) {
-    const int64_t deadline_ms = monotonic_ms() + int64_t{timeout_seconds} * 1000;
-    pipe_ends to_child;
-    pipe_ends from_child;
-    if ((input != nullptr && !open_pipe(&to_child)) || !open_pipe(&from_child))
-        return -1;
-    if (input != nullptr && !set_nonblocking(to_child.write_end))
-        return -1;
-    fflush(stdout);
-    fflush(stderr);
-    const pid_t parent = getpid();
-    const pid_t child = fork();
-    if (child < 0)
-        return -1;
-    if (child == 0)
-        run_child(user, callback, argument, parent, &to_child, &from_child);
-
-    const sigpipe_ignored guard;
-    to_child.read_end.reset();
-    from_child.write_end.reset();
-    child_traffic traffic = {std::move(to_child.write_end), std::move(from_child.read_end),
-                             input != nullptr ? *input : std::string_view(), output, output_limit};
-    if (traffic.input.empty())
-        traffic.to_child.reset();
-    const int result = attend_child(child, &traffic, deadline_ms);
-    errno = 0; // it was started
-    return result;
-}
+#include <climits>
+#include <functional>
 
 // ---- Paths --------------------------------------------------------------------------------
 
+std::string users_dir() {
+    return xasprintf("%s/users", var_dir());
+}
+
 std::string mailbox_dir(const resolved_user &user) {
-    return xasprintf("%s/users/%s", var_dir(), user.name.c_str());
+    return users_dir().append("/").append(user.name);
 }
 
 std::string mailbox_file(const mailbox_target &target, const char *folder, const char *suffix) {
@@ -277,33 +30,177 @@ std::string mailbox_file(const mailbox_target &target, const char *folder, const
                      static_cast<long long>(target.id), suffix);
 }
 
-static int run_on_mailbox(const resolved_user &user, user_callback callback, mailbox_target *target,
-                          const std::string_view *input) {
+// ---- Finding the mailbox, as root ---------------------------------------------------------
+// A user may mount a file system of their own on the mailbox, and a call that asks it anything may
+// never return. So the directory is opened without crossing into a mount. One that the
+// administrator made is told from the user's by the mount table, which asks no file system.
+
+static unique_fd open_users_dir() {
+    return unique_fd(open(users_dir().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+// Opens `name` in `users`, a link as itself, with nothing but the place of it asked.
+static unique_fd open_in(const unique_fd &users, const char *name, uint64_t resolve) {
+    open_how how = {};
+    how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = resolve;
+    return unique_fd(static_cast<int>(syscall(SYS_openat2, users.get(), name, &how, sizeof how)));
+}
+
+// Whether the kernel, or what watches over its calls, knows no openat2.
+static bool lacks_openat2(int error) {
+    return error == ENOSYS || error == EPERM;
+}
+
+// Who mounted something on the mailbox. The table names places without links.
+static int mailbox_mount_maker(const unique_fd &users, const resolved_user &user,
+                               mount_maker *maker) {
+    char path[PATH_MAX];
+    const std::string link = xasprintf("/proc/self/fd/%d", users.get());
+    const ssize_t length = readlink(link.c_str(), path, sizeof path);
+    if (length < 0)
+        return -1;
+    const std::string mailbox =
+        std::string(path, static_cast<size_t>(length)).append("/").append(user.name);
+    return mount_maker_of(mailbox, maker);
+}
+
+// Opens what stands at the mailbox's place. Empty, with errno: EXDEV for a mount that is not the
+// administrator's, and as lacks_openat2().
+static unique_fd open_mailbox(const unique_fd &users, const resolved_user &user) {
+    constexpr uint64_t INSIDE = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+    const char *name = user.name.c_str();
+    unique_fd mailbox = open_in(users, name, INSIDE | RESOLVE_NO_XDEV);
+    mount_maker maker = mount_maker::nobody;
+    if (mailbox || errno != EXDEV || mailbox_mount_maker(users, user, &maker) != 0)
+        return mailbox;
+    if (maker == mount_maker::administrator)
+        return open_in(users, name, INSIDE);
+    errno = EXDEV;
+    return {};
+}
+
+static mailbox_state state_of_directory(const unique_fd &found) {
+    struct stat status = {};
+    if (fstat(found.get(), &status) != 0)
+        return mailbox_state::failed;
+    return S_ISDIR(status.st_mode) ? mailbox_state::found : mailbox_state::absent;
+}
+
+static mailbox_state state_of_error(int error) {
+    if (error == EXDEV)
+        return mailbox_state::barred;
+    return lookup_of_error(error) == lookup::absent ? mailbox_state::absent : mailbox_state::failed;
+}
+
+// ---- Without openat2 ----------------------------------------------------------------------
+// There every look at the mailbox is taken by a child of root's that is bounded in time.
+
+// Whether a child may look: not where a user has mounted something.
+static mailbox_state may_look_by_path(const unique_fd &users, const resolved_user &user) {
+    mount_maker maker = mount_maker::nobody;
+    if (mailbox_mount_maker(users, user, &maker) != 0)
+        return mailbox_state::failed;
+    return maker == mount_maker::user || !is_storable_name(user.name) ? mailbox_state::barred
+                                                                      : mailbox_state::found;
+}
+
+// In the child. Exit status: a lookup.
+static int look_by_path(void *argument) {
+    const auto &user = *static_cast<const resolved_user *>(argument);
+    return static_cast<int>(directory_look_up(mailbox_dir(user).c_str()));
+}
+
+static mailbox_state look_up_in_child(const unique_fd &users, resolved_user user) {
+    const mailbox_state allowed = may_look_by_path(users, user);
+    if (allowed != mailbox_state::found)
+        return allowed;
+    const child_end result = run_bounded(user, look_by_path, &user, MAILBOX_TIMEOUT_SECONDS);
+    if (result.outcome == child_outcome::refused)
+        return mailbox_state::barred;
+    if (result.outcome == child_outcome::failed)
+        return mailbox_state::failed;
+    switch (static_cast<lookup>(result.status)) {
+    case lookup::found:
+        return mailbox_state::found;
+    case lookup::absent:
+        return mailbox_state::absent;
+    case lookup::failed:
+        break;
+    }
+    errno = EIO; // the child's own error is lost
+    return mailbox_state::failed;
+}
+
+// In the child. Exit status 0 when the mailbox is there and the user's.
+static int prepare_by_path(void *argument) {
+    const auto &user = *static_cast<const resolved_user *>(argument);
+    const std::string mailbox = mailbox_dir(user);
+    struct stat status = {};
+    if (lstat(mailbox.c_str(), &status) != 0 &&
+        ((mkdir(mailbox.c_str(), 0700) != 0 && errno != EEXIST) ||
+         lstat(mailbox.c_str(), &status) != 0))
+        return 1;
+    if (!S_ISDIR(status.st_mode))
+        return 1;
+    const bool is_roots = geteuid() == 0 && !test_mode() && status.st_uid == 0;
+    return is_roots && lchown(mailbox.c_str(), user.uid, user.gid) != 0 ? 1 : 0;
+}
+
+static bool prepare_in_child(const unique_fd &users, resolved_user user) {
+    return may_look_by_path(users, user) == mailbox_state::found &&
+           run_bounded(user, prepare_by_path, &user, MAILBOX_TIMEOUT_SECONDS).succeeded();
+}
+
+// ---- Looking it up, preparing it ----------------------------------------------------------
+
+mailbox_state mailbox_look_up(const resolved_user &user) {
+    const unique_fd users = open_users_dir();
+    if (!users)
+        return state_of_error(errno);
+    const unique_fd mailbox = open_mailbox(users, user);
+    if (mailbox)
+        return state_of_directory(mailbox);
+    return lacks_openat2(errno) ? look_up_in_child(users, user) : state_of_error(errno);
+}
+
+// Root hands over what is root's: a directory that it has just made, now or in an earlier run.
+static bool hand_over(const unique_fd &mailbox, const resolved_user &user) {
+    struct stat status = {};
+    if (fstat(mailbox.get(), &status) != 0 || !S_ISDIR(status.st_mode))
+        return false;
+    if (geteuid() != 0 || test_mode() || status.st_uid != 0)
+        return true;
+    return fchownat(mailbox.get(), "", user.uid, user.gid, AT_EMPTY_PATH) == 0;
+}
+
+// Root's part: makes sure that the mailbox directory exists, is a directory and is the user's.
+static bool prepare_mailbox(const resolved_user &user) {
+    const unique_fd users = open_users_dir();
+    if (!users)
+        return false;
+    unique_fd mailbox = open_mailbox(users, user);
+    if (!mailbox && errno == ENOENT) {
+        if (mkdirat(users.get(), user.name.c_str(), 0700) != 0 && errno != EEXIST)
+            return false;
+        mailbox = open_mailbox(users, user);
+    }
+    if (mailbox)
+        return hand_over(mailbox, user);
+    return lacks_openat2(errno) && prepare_in_child(users, user);
+}
+
+static child_end run_on_mailbox(const resolved_user &user, user_callback callback,
+                                mailbox_target *target, const std::string_view *input) {
     return run_as_user(user, callback, target, input, nullptr, 0, MAILBOX_TIMEOUT_SECONDS);
 }
 
 // ---- Delivering ---------------------------------------------------------------------------
 
-// Root's part: makes sure that the mailbox directory exists, is a directory and is the user's.
-static bool prepare_mailbox(const char *mailbox, const resolved_user &user) {
-    struct stat status = {};
-    if (lstat(mailbox, &status) != 0) {
-        if (mkdir(mailbox, 0700) != 0 && errno != EEXIST)
-            return false;
-        if (lstat(mailbox, &status) != 0)
-            return false;
-    }
-    if (!S_ISDIR(status.st_mode))
-        return false;
-    if (geteuid() == 0 && !test_mode() && status.st_uid == 0)
-        return lchown(mailbox, user.uid, user.gid) == 0;
-    return true;
-}
-
 bool mailbox_deliver(const resolved_user &user, int64_t id, std::string_view text) {
     mailbox_target target = {mailbox_dir(user), id};
-    return prepare_mailbox(target.mailbox.c_str(), user) &&
-           run_on_mailbox(user, mailbox_write_copy, &target, &text) == 0;
+    return prepare_mailbox(user) &&
+           run_on_mailbox(user, mailbox_write_copy, &target, &text).succeeded();
 }
 
 static bool make_subdirectories(const std::string &mailbox) {
@@ -311,6 +208,12 @@ static bool make_subdirectories(const std::string &mailbox) {
         if (mkdir((mailbox + "/" + folder).c_str(), 0755) != 0 && errno != EEXIST)
             return false;
     return true;
+}
+
+// Whether the user has read or confirmed the message.
+static lookup answer_look_up(const mailbox_target &target) {
+    const lookup read = path_look_up(mailbox_file(target, "read", "").c_str());
+    return read == lookup::absent ? path_look_up(mailbox_file(target, "acks", "").c_str()) : read;
 }
 
 static bool write_copy_file(const char *path, const strbuf &text) {
@@ -322,11 +225,13 @@ int mailbox_write_copy(void *argument) {
     const auto &target = *static_cast<const mailbox_target *>(argument);
     if (!make_subdirectories(target.mailbox))
         return 1;
-    for (const char *folder : {"read", "acks"}) {
-        if (path_exists(mailbox_file(target, folder, "").c_str()))
-            return 0; // read or confirmed: a repeated delivery must not bring it back
-        if (is_resource_error(errno))
-            return 1;
+    switch (answer_look_up(target)) {
+    case lookup::found:
+        return 0; // a repeated delivery must not bring it back
+    case lookup::failed:
+        return 1;
+    case lookup::absent:
+        break;
     }
     strbuf text;
     if (read_fd_limited(STDIN_FILENO, MESSAGE_FILE_MAX_BYTES, &text) != 0 || text.len == 0)
@@ -334,9 +239,9 @@ int mailbox_write_copy(void *argument) {
 
     const std::string copy = mailbox_file(target, "inbox", "");
     const std::string temporary = mailbox_file(target, "inbox", ".tmp");
-    unlink(temporary.c_str()); // a stale one of an interrupted delivery
+    (void)unlink(temporary.c_str()); // a stale one of an interrupted delivery; there may be none
     if (!write_copy_file(temporary.c_str(), text) || rename(temporary.c_str(), copy.c_str()) != 0) {
-        unlink(temporary.c_str()); // nothing half written stays
+        (void)unlink(temporary.c_str()); // nothing half written stays; it may not be there
         return 1;
     }
     struct stat status = {};
@@ -347,45 +252,32 @@ int mailbox_write_copy(void *argument) {
 
 // ---- Removing -----------------------------------------------------------------------------
 
-// Whether there is certainly nothing at `path`, or something that is no directory. A look-up
-// that fails in another way says nothing.
-static bool is_certainly_no_mailbox(const char *path) {
-    struct stat status = {};
-    if (lstat(path, &status) == 0)
-        return !S_ISDIR(status.st_mode);
-    return errno == ENOENT || errno == ENOTDIR;
+bool mailbox_withdraw(const resolved_user &user, int64_t id) {
+    std::vector<size_t> done;
+    mailbox_withdraw_all(user, {id}, &done);
+    return !done.empty();
 }
 
-bool mailbox_withdraw(const resolved_user &user, int64_t id) {
-    mailbox_target target = {mailbox_dir(user), id};
-    if (is_certainly_no_mailbox(target.mailbox.c_str()))
-        return true; // nothing to withdraw
-    return run_on_mailbox(user, mailbox_remove_copy, &target, nullptr) == 0;
+bool mailbox_purge_message(const resolved_user &user, int64_t id) {
+    std::vector<size_t> done;
+    mailbox_purge_all(user, {id}, &done);
+    return !done.empty();
 }
 
 bool mailbox_reset_shown(const resolved_user &user, int64_t id) {
     mailbox_target target = {mailbox_dir(user), id};
-    if (!is_directory(target.mailbox.c_str()))
-        return false; // nobody there to be shown anything
-    return run_on_mailbox(user, mailbox_remove_shown, &target, nullptr) == 0;
+    return mailbox_look_up(user) == mailbox_state::found && // else nobody there is shown anything
+           run_on_mailbox(user, mailbox_remove_shown, &target, nullptr).succeeded();
 }
 
-bool mailbox_purge_message(const resolved_user &user, int64_t id) {
-    mailbox_target target = {mailbox_dir(user), id};
-    if (is_certainly_no_mailbox(target.mailbox.c_str()))
-        return true;
-    return run_on_mailbox(user, mailbox_remove_all, &target, nullptr) >= 0 || errno == 0;
-}
-
-// Failures are ignored: the callers look at what is left.
+// Failures show below: the callers look at what is left.
 static void remove_file(const mailbox_target &target, const char *folder, const char *suffix) {
-    unlink(mailbox_file(target, folder, suffix).c_str());
+    (void)unlink(mailbox_file(target, folder, suffix).c_str());
 }
 
 // A file that cannot be looked up is not known to be gone.
 static bool file_is_left(const mailbox_target &target, const char *folder, const char *suffix) {
-    const bool stands = path_exists(mailbox_file(target, folder, suffix).c_str()) != 0;
-    return stands || (errno != ENOENT && errno != ENOTDIR);
+    return path_look_up(mailbox_file(target, folder, suffix).c_str()) != lookup::absent;
 }
 
 static void remove_shown_marks(const mailbox_target &target) {
@@ -413,4 +305,123 @@ int mailbox_remove_all(void *argument) {
     remove_file(target, "acks", "");
     remove_shown_marks(target);
     return 0;
+}
+
+// ---- Many messages, one child -------------------------------------------------------------
+
+// What one child does with many messages: it has the list from its parent's memory, and reports a
+// byte for each, in their order.
+struct mailbox_batch {
+    std::string mailbox;
+    const std::vector<int64_t> *ids;
+    int (*remove)(void *target); // one of the callbacks
+};
+
+constexpr char DONE = '0'; // what a report holds for a message that the callback calls done
+
+// Writes what has come together. A parent that has stopped reading ends the child by SIGPIPE.
+static void write_report(const std::string &report) {
+    if (write_all(STDOUT_FILENO, report.data(), report.size()) != 0)
+        _exit(1);
+}
+
+static int remove_each(void *argument) {
+    const auto &batch = *static_cast<const mailbox_batch *>(argument);
+    std::string report;
+    for (const int64_t id : *batch.ids) {
+        mailbox_target target = {batch.mailbox, id};
+        report.push_back(static_cast<char>(DONE + batch.remove(&target)));
+    }
+    write_report(report);
+    return 0;
+}
+
+static void remove_all(const resolved_user &user, mailbox_batch batch, std::vector<size_t> *done) {
+    strbuf report;
+    const mailbox_state mailbox = mailbox_look_up(user);
+    if (mailbox == mailbox_state::found)
+        (void)run_as_user(user, remove_each, &batch, nullptr, &report, batch.ids->size(),
+                          MAILBOX_TIMEOUT_SECONDS); // the report tells
+    for (size_t place = 0; place < batch.ids->size(); place++)
+        if (mailbox == mailbox_state::absent || (place < report.len && report.data[place] == DONE))
+            done->push_back(place);
+}
+
+void mailbox_withdraw_all(const resolved_user &user, const std::vector<int64_t> &ids,
+                          std::vector<size_t> *done) {
+    remove_all(user, {mailbox_dir(user), &ids, mailbox_remove_copy}, done);
+}
+
+void mailbox_purge_all(const resolved_user &user, const std::vector<int64_t> &ids,
+                       std::vector<size_t> *done) {
+    remove_all(user, {mailbox_dir(user), &ids, mailbox_remove_all}, done);
+}
+
+// ---- What a mailbox holds -----------------------------------------------------------------
+
+struct mailbox_question {
+    std::string mailbox;
+    const std::vector<expected_copy> *copies;
+};
+
+size_t copy_hash(std::string_view text) {
+    return std::hash<std::string_view>{}(text);
+}
+
+static bool is_directory_at(const std::string &path) {
+    return directory_look_up(path.c_str()) == lookup::found;
+}
+
+// In the child. Unknown where something could not be read.
+static copy_state look_at_copy(const std::string &mailbox, const expected_copy &expected) {
+    const mailbox_target target = {mailbox, expected.id};
+    const lookup answer = answer_look_up(target);
+    if (answer != lookup::absent)
+        return answer == lookup::found ? copy_state::held : copy_state::unknown;
+    const std::string path = mailbox_file(target, "inbox", "");
+    strbuf copy;
+    switch (read_stored_file(path.c_str(), expected.bytes, &copy)) {
+    case lookup::failed:
+        return copy_state::unknown;
+    case lookup::absent:
+        return is_directory_at(path) ? copy_state::blocked : copy_state::missing;
+    case lookup::found:
+        break;
+    }
+    const bool is_whole = copy.len == expected.bytes && copy_hash(copy.view()) == expected.hash;
+    return is_whole ? copy_state::held : copy_state::missing;
+}
+
+static int look_at_copies(void *argument) {
+    const auto &question = *static_cast<const mailbox_question *>(argument);
+    std::string report;
+    for (const expected_copy &expected : *question.copies)
+        report.push_back(
+            static_cast<char>('0' + static_cast<int>(look_at_copy(question.mailbox, expected))));
+    write_report(report);
+    return 0;
+}
+
+static copy_state reported_state(char byte) {
+    for (const copy_state state : {copy_state::held, copy_state::missing, copy_state::blocked})
+        if (byte == '0' + static_cast<int>(state))
+            return state;
+    return copy_state::unknown;
+}
+
+std::vector<copy_state> mailbox_survey(const resolved_user &user,
+                                       const std::vector<expected_copy> &copies) {
+    const mailbox_state mailbox = mailbox_look_up(user);
+    std::vector<copy_state> states(copies.size(), mailbox == mailbox_state::absent
+                                                      ? copy_state::missing
+                                                      : copy_state::unknown);
+    mailbox_question question = {mailbox_dir(user), &copies};
+    strbuf report;
+    if (mailbox == mailbox_state::found &&
+        run_as_user(user, look_at_copies, &question, nullptr, &report, copies.size(),
+                    MAILBOX_TIMEOUT_SECONDS)
+            .succeeded())
+        std::transform(report.data, report.data + std::min(report.len, copies.size()),
+                       states.begin(), reported_state);
+    return states;
 }

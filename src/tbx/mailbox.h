@@ -1,37 +1,18 @@
-// The users' mailboxes. Every operation inside one is carried out by a short-lived child that
-// has become the user; root only creates the mailbox directory and hands it over.
+// The users' mailboxes. Every operation inside one is carried out by a child that has become the
+// user; root only creates the mailbox directory and hands it over, and asks no file system that a
+// user could have mounted.
 #pragma once
 
 #include "common/core.h"
-#include "tbx/recipients.h"
+#include "tbx/accounts.h"
+#include "tbx/user_child.h"
 
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 constexpr int MAILBOX_TIMEOUT_SECONDS = 20;
-
-// Runs in the child; its result (modulo 256) is the child's exit status. Must not return 126.
-using user_callback = int (*)(void *argument);
-
-// Runs `callback(argument)` in a child that has become `user` (outside test mode, when root).
-//   input            bytes for the child's standard input, or null for /dev/null
-//   output           receives the child's standard output, at most `output_limit` bytes, or null
-//   timeout_seconds  after which the child is killed
-// Returns the callback's exit status (0 to 255, never 126), or -1 when the child could not be
-// started, could not become the user, ran out of time or was ended by a signal. With -1, errno
-// says what kept it from being started, and is 0 when it was started.
-[[nodiscard]] int run_as_user(const resolved_user &user, user_callback callback, void *argument,
-                              const std::string_view *input, strbuf *output, size_t output_limit,
-                              int timeout_seconds);
-
-// The monotonic clock, in milliseconds.
-[[nodiscard]] int64_t monotonic_ms();
-
-// Waits for `child` until `deadline_ms` on the monotonic clock, noticing its end at once; a
-// child still running then is killed and waited for. Returns 0 with the wait status in
-// `status`, or -1 when it had to be killed or could not be waited for.
-[[nodiscard]] int reap_child(pid_t child, int64_t deadline_ms, int *status);
 
 // What the callbacks inside a mailbox work on.
 struct mailbox_target {
@@ -39,11 +20,25 @@ struct mailbox_target {
     int64_t id;          // message
 };
 
+// "VAR/users"
+[[nodiscard]] std::string users_dir();
 // "VAR/users/NAME"
 [[nodiscard]] std::string mailbox_dir(const resolved_user &user);
 // "MAILBOX/FOLDER/IDSUFFIX", for example mailbox_file(target, "state", ".term").
 [[nodiscard]] std::string mailbox_file(const mailbox_target &target, const char *folder,
                                        const char *suffix);
+
+enum class mailbox_state {
+    found,
+    absent, // nothing is there, or a link or file is in its place
+    barred, // the user has mounted something on it: root does not ask it, nobody enters it
+    failed, // could not be looked up; errno says why
+};
+
+// Looks the user's mailbox directory up.
+[[nodiscard]] mailbox_state mailbox_look_up(const resolved_user &user);
+
+// ---- One message --------------------------------------------------------------------------
 
 // Writes `text` (the message file) to inbox/ID, creating the mailbox when needed. True when the
 // copy stands there, or when the user has already read or confirmed the message.
@@ -56,9 +51,39 @@ struct mailbox_target {
 // without a mailbox.
 [[nodiscard]] bool mailbox_reset_shown(const resolved_user &user, int64_t id);
 
-// Removes every file of the message, as far as possible. False, with errno, when nobody could
-// try for want of resources.
+// Removes every file of the message, as far as possible. False when nobody could try.
 [[nodiscard]] bool mailbox_purge_message(const resolved_user &user, int64_t id);
+
+// ---- Many messages, one child -------------------------------------------------------------
+
+// The same as mailbox_withdraw and mailbox_purge_message, for many messages. Appends the positions
+// in `ids` of those that are done to `done`; whatever goes wrong leaves the others out.
+void mailbox_withdraw_all(const resolved_user &user, const std::vector<int64_t> &ids,
+                          std::vector<size_t> *done);
+void mailbox_purge_all(const resolved_user &user, const std::vector<int64_t> &ids,
+                       std::vector<size_t> *done);
+
+// A copy as it should stand in an inbox.
+struct expected_copy {
+    int64_t id;
+    size_t bytes;
+    size_t hash; // copy_hash of the message file
+};
+[[nodiscard]] size_t copy_hash(std::string_view text);
+
+enum class copy_state : uint8_t {
+    unknown, // the mailbox could not be asked
+    held,    // the copy stands there whole, or the user has read or confirmed the message
+    missing,
+    blocked, // a directory is in its place: it cannot be delivered
+};
+
+// Asks the mailbox which of the copies it holds, without changing anything. The result is as long
+// as `copies`.
+[[nodiscard]] std::vector<copy_state> mailbox_survey(const resolved_user &user,
+                                                     const std::vector<expected_copy> &copies);
+
+// ---- In the child -------------------------------------------------------------------------
 
 // The callbacks, each run as the user; the argument is a mailbox_target. They report through
 // their exit status only: 0 done, 1 not.

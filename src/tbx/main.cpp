@@ -47,6 +47,7 @@ struct command {
     const char *name;
     int arguments_max; // -1: checked by the command itself, or not at all
     bool recovers;     // finishes interrupted operations first
+    bool changes;      // something that cannot be undone: not told is done all the same
     void (*run)(int argc, char **argv);
 };
 
@@ -61,18 +62,18 @@ template <void run(const char *)> static void with_optional_argument(int argc, c
 }
 
 static const command commands[] = {
-    {"help", -1, false, without_arguments<guide_show>},
-    {"-h", -1, false, without_arguments<guide_show>},
-    {"--help", -1, false, without_arguments<guide_show>},
-    {"version", -1, false, without_arguments<print_version>},
-    {"--version", -1, false, without_arguments<print_version>},
-    {"send", -1, true, cmd_send},
-    {"list", 0, true, without_arguments<cmd_list>},
-    {"status", 1, true, with_optional_argument<cmd_status>},
-    {"revoke", 1, true, with_optional_argument<cmd_revoke>},
-    {"remind", 1, true, with_optional_argument<cmd_remind>},
-    {"log", 1, true, with_optional_argument<cmd_log>},
-    {"purge", 1, false, with_optional_argument<cmd_purge>},
+    {"help", -1, false, false, without_arguments<guide_show>},
+    {"-h", -1, false, false, without_arguments<guide_show>},
+    {"--help", -1, false, false, without_arguments<guide_show>},
+    {"version", -1, false, false, without_arguments<print_version>},
+    {"--version", -1, false, false, without_arguments<print_version>},
+    {"send", -1, true, true, cmd_send},
+    {"list", 0, true, false, without_arguments<cmd_list>},
+    {"status", 1, true, false, with_optional_argument<cmd_status>},
+    {"revoke", 1, true, true, with_optional_argument<cmd_revoke>},
+    {"remind", 1, true, true, with_optional_argument<cmd_remind>},
+    {"log", 1, true, false, with_optional_argument<cmd_log>},
+    {"purge", 1, false, true, with_optional_argument<cmd_purge>},
 };
 
 static const command &find_command_or_die(const char *name) {
@@ -80,6 +81,18 @@ static const command &find_command_or_die(const char *name) {
         if (strcmp(candidate.name, name) == 0)
             return candidate;
     die("unknown command: %s (tbx --help for the guide)", name);
+}
+
+// What was printed must have arrived. A full disk behind a redirection makes a command fail, but
+// not one that has changed something: whoever called it would do it again.
+static void flush_output(bool has_changed) {
+    errno = EIO; // for an error that came earlier and left no other trace
+    if (fflush(stdout) == 0 && ferror(stdout) == 0)
+        return;
+    const int error = errno;
+    if (!has_changed)
+        die("standard output: %s", strerror(error));
+    warn("standard output: %s", strerror(error));
 }
 
 static void run_command(const char *name, int argc, char **argv) {
@@ -90,6 +103,7 @@ static void run_command(const char *name, int argc, char **argv) {
     if (chosen.recovers)
         recover_interrupted();
     chosen.run(argc, argv);
+    flush_output(chosen.changes);
 }
 
 // The interface where there is a terminal to show it on, else the guide.
@@ -114,13 +128,6 @@ static void open_missing_standard_descriptors() {
         close(fd);
 }
 
-// What was printed must have arrived: a full disk behind a redirection is an error.
-static void flush_output_or_die() {
-    errno = EIO; // for an error that came earlier and left no other trace
-    if (fflush(stdout) != 0 || ferror(stdout) != 0)
-        die("standard output: %s", strerror(errno));
-}
-
 int main(int argc, char **argv) {
     open_missing_standard_descriptors();
     signal(SIGCHLD, SIG_DFL); // ignored by whoever started us, no child could be waited for
@@ -129,10 +136,11 @@ int main(int argc, char **argv) {
     if (geteuid() != 0 && !test_mode())
         reexec_with_sudo(argv);
     umask(022);
-    if (argc < 2 || *argv[1] == '\0')
+    if (argc < 2 || *argv[1] == '\0') {
         run_without_command();
-    else
+        flush_output(/*has_changed=*/false);
+    } else {
         run_command(argv[1], argc - 2, argv + 2);
-    flush_output_or_die();
+    }
     return 0;
 }

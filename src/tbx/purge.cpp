@@ -4,11 +4,13 @@
 #include "common/event.h"
 #include "common/message.h"
 #include "tbx/sent.h"
+#include "tbx/withdrawal.h"
 
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 // Everything before it is old; nothing is older than a duration too large for the clock.
 static int64_t parse_cutoff_or_die(const char *duration_text) {
@@ -20,50 +22,89 @@ static int64_t parse_cutoff_or_die(const char *duration_text) {
     return duration > now() ? INT64_MIN : now() - duration;
 }
 
-// When the message was sent; where that cannot be read, when its directory was last changed,
-// or 0, so that a broken message is always old enough. False when a read failed for want of
-// resources, which says nothing about the message.
-static bool message_date(int64_t id, int64_t *date) {
+// Finds when the message was sent; if there is no message, when its directory was last changed, or
+// 0, so that a broken message is always old enough. -1 when that could not be read.
+static int message_date(int64_t id, int64_t *date) {
     message_record message;
-    if (message_load(sent_path(id, "msg").c_str(), &message) == 0) {
-        *date = message.date;
-        return true;
-    }
-    if (is_resource_error(errno))
-        return false;
     struct stat status = {};
-    const bool known = lstat(sent_message_dir(id).c_str(), &status) == 0;
-    *date = known ? status.st_mtime : 0;
-    return known || !is_resource_error(errno);
+    switch (message_look_up(sent_path(id, "msg").c_str(), &message)) {
+    case lookup::found:
+        *date = message.date;
+        return 0;
+    case lookup::failed:
+        return -1;
+    case lookup::absent:
+        break;
+    }
+    if (lstat(sent_message_dir(id).c_str(), &status) != 0) {
+        *date = 0;
+        return lookup_of_error(errno) == lookup::absent ? 0 : -1;
+    }
+    *date = status.st_mtime;
+    return 0;
 }
 
 static bool is_due(int64_t id, int64_t cutoff) {
     int64_t date = 0;
-    return sent_marker_look_up(id, "incomplete") == marker_state::absent &&
-           message_date(id, &date) && date < cutoff;
+    return sent_marker_look_up(id, "incomplete") == lookup::absent &&
+           message_date(id, &date) == 0 && date < cutoff;
 }
 
-// Moves the message out of every listing at once, unless another run is working on it.
+// Moves the message out of every listing at once. The caller holds its lock.
 static bool move_aside(int64_t id, const char *aside) {
-    const unique_fd lock = sent_lock(id, /*nonblocking=*/true);
-    if (!lock || rename(sent_message_dir(id).c_str(), aside) != 0)
+    if (rename(sent_message_dir(id).c_str(), aside) != 0)
         return false;
-    if (fsync_path(sent_dir().c_str()) != 0)
-        errno = 0; // on a failing disk the removal goes on all the same
+    (void)fsync_path(sent_dir().c_str()); // on a failing disk the removal goes on all the same
     return true;
 }
 
-// Renamed first and deleted afterwards: an interruption never leaves half a message listed.
-static bool purge_one(int64_t id, const char *duration_text) {
-    const std::string aside =
-        xasprintf("%s/.deleting-%lld", sent_dir().c_str(), static_cast<long long>(id));
-    if (!move_aside(id, aside.c_str()))
-        return false;
+static std::string aside_dir(int64_t id) {
+    return xasprintf("%s/.deleting-%lld", sent_dir().c_str(), static_cast<long long>(id));
+}
+
+// Renames what is due, and tells the log. False for a message that another run is working on.
+static bool take_due(int64_t id, const char *duration_text, std::vector<removed_message> *removed) {
+    const std::string aside = aside_dir(id);
+    {
+        const message_lock lock = sent_lock(id, /*nonblocking=*/true);
+        if (lock.state != lock_state::taken || !move_aside(id, aside.c_str()))
+            return false;
+    }
     event_log("DELETED", id, /*user=*/nullptr, /*channel=*/nullptr, duration_text,
               current_author());
-    sent_remove_message_dir(aside.c_str(), id);
+    removed->push_back({id, aside});
     return true;
 }
+
+// ---- What a send left that could not be marked --------------------------------------------
+
+constexpr int64_t LITTER_AGE_SECONDS = 60; // a send that begins needs less to mark its directory
+
+// Whether the directory holds neither a message nor a mark: nobody got anything of it, and no other
+// command removes it.
+static bool holds_no_message(int64_t id) {
+    for (const char *name : {"msg", "delivery", "incomplete", "failed", "revoking", "revoked"})
+        if (sent_marker_look_up(id, name) != lookup::absent)
+            return false;
+    return true;
+}
+
+static bool is_old_litter(int64_t id) {
+    struct stat status = {};
+    return sent_marker_exists(id, "lock") && holds_no_message(id) &&
+           lstat(sent_message_dir(id).c_str(), &status) == 0 &&
+           now() - status.st_mtime >= LITTER_AGE_SECONDS;
+}
+
+// It was never a message: neither counted nor told.
+static void take_litter(int64_t id, std::vector<removed_message> *removed) {
+    const std::string aside = aside_dir(id);
+    const message_lock lock = sent_lock(id, /*nonblocking=*/true);
+    if (lock.state == lock_state::taken && holds_no_message(id) && move_aside(id, aside.c_str()))
+        removed->push_back({id, aside});
+}
+
+// ---- The command --------------------------------------------------------------------------
 
 static void report(int deleted, const char *duration_text) {
     if (deleted == 0)
@@ -76,19 +117,26 @@ static void report(int deleted, const char *duration_text) {
 
 static void list_ids_or_die(strlist *ids) {
     const std::string sent = sent_dir();
-    if (sent_list_ids(ids) != 0 && errno != ENOENT)
+    if (sent_list_ids(ids) != 0 && lookup_of_error(errno) == lookup::failed)
         die("%s: %s", sent.c_str(), strerror(errno));
 }
 
+// Renamed first and deleted afterwards: an interruption never leaves half a message listed.
 void cmd_purge(const char *duration_text) {
     const int64_t cutoff = parse_cutoff_or_die(duration_text);
     strlist ids;
     list_ids_or_die(&ids);
     int deleted = 0;
+    std::vector<removed_message> removed;
     for (const char *name : ids) {
         int64_t id = 0;
-        if (parse_id(name, &id) && is_due(id, cutoff) && purge_one(id, duration_text))
-            deleted++;
+        if (!parse_id(name, &id))
+            continue;
+        if (is_due(id, cutoff))
+            deleted += take_due(id, duration_text, &removed) ? 1 : 0;
+        else if (is_old_litter(id))
+            take_litter(id, &removed);
     }
+    sent_remove_message_dirs(removed);
     report(deleted, duration_text);
 }

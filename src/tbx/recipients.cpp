@@ -1,260 +1,171 @@
 #include "tbx/recipients.h"
 
-#include <grp.h>
-#include <pwd.h>
+#include "common/message.h"
+#include "tbx/accounts.h"
+
 #include <systemd/sd-login.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <optional>
-#include <unordered_set>
-
-constexpr const char *LOGIN_DEFS = "/etc/login.defs";
-constexpr size_t LOGIN_DEFS_MAX_BYTES = 1'048'576;
-constexpr int64_t UID_MIN_DEFAULT = 1000;
-constexpr int64_t UID_MAX_DEFAULT = 60'000;
-
-namespace {
-
-// Adds names to a list that holds each name once. The list must not change otherwise.
-class name_set {
-public:
-    explicit name_set(strlist *list) : list_(list) { seen_.insert(list->begin(), list->end()); }
-
-    void add(const char *name) {
-        if (seen_.contains(name))
-            return;
-        strlist_push_dup(list_, name);
-        seen_.insert(list_->items[list_->count - 1]);
-    }
-
-private:
-    strlist *list_;
-    std::unordered_set<std::string_view> seen_; // the list's own strings
-};
-
-} // namespace
-
-// ---- Accounts -----------------------------------------------------------------------------
-
-int user_lookup_by_name(const char *name, resolved_user *out) {
-    resolved_user_free(out);
-    errno = 0;
-    const passwd *account = getpwnam(name);
-    if (!account)
-        return 0;
-    *out = {.name = account->pw_name, .uid = account->pw_uid, .gid = account->pw_gid};
-    return 1;
-}
-
-void resolved_user_free(resolved_user *out) {
-    *out = {};
-}
-
-// Calls `visit` for every account. False, with errno, when they cannot all be read: some of
-// the accounts must never pass for all of them.
-template <typename Visit> static bool for_each_account(Visit visit) {
-    errno = 0;
-    setpwent(); // reports its failure here only: the next getpwent would find a plain end
-    int error = errno;
-    while (!is_resource_error(error)) {
-        errno = 0;
-        const passwd *account = getpwent();
-        if (!account) {
-            error = errno;
-            break;
-        }
-        visit(*account);
-    }
-    endpwent();
-    errno = error;
-    return !is_resource_error(error);
-}
-
-// ---- Human users --------------------------------------------------------------------------
-
-// The number that one line of login.defs, "WORD NUMBER ...", gives for `key`.
-static std::optional<int64_t> defined_number(const std::string &line, const char *key) {
-    char word[64];
-    int word_end = 0;
-    if (sscanf(line.c_str(), "%63s%n", word, &word_end) != 1 || strcmp(word, key) != 0)
-        return std::nullopt;
-    const char *number_text = line.c_str() + word_end;
-    char *number_end = nullptr;
-    const int64_t number = strtoll(number_text, &number_end, 10);
-    return number_end != number_text ? std::optional(number) : std::nullopt;
-}
-
-int64_t login_defs_parse(std::string_view text, const char *key, int64_t fallback) {
-    int64_t result = fallback;
-    while (!text.empty()) {
-        const size_t line_end = std::min(text.find('\n'), text.size());
-        const std::string line(text.substr(0, line_end));
-        result = defined_number(line, key).value_or(result);
-        text.remove_prefix(std::min(line_end + 1, text.size()));
-    }
-    return result;
-}
-
-int64_t login_defs_number(const char *key, int64_t fallback) {
-    strbuf text;
-    if (read_file_limited(LOGIN_DEFS, LOGIN_DEFS_MAX_BYTES, /*nofollow=*/false, &text) != 0)
-        return fallback;
-    return login_defs_parse(text.view(), key, fallback);
-}
-
-// By suffix on purpose: the directory of "nologin" and "false" differs between systems.
-static bool is_login_shell(const char *shell) {
-    const std::string_view path = shell ? shell : "";
-    return !path.ends_with("nologin") && !path.ends_with("false");
-}
-
-bool human_users_list(strlist *list) {
-    errno = 0;
-    const int64_t uid_min = login_defs_number("UID_MIN", UID_MIN_DEFAULT);
-    const int64_t uid_max = login_defs_number("UID_MAX", UID_MAX_DEFAULT);
-    if (is_resource_error(errno))
-        return false; // the defaults could name other people
-    name_set names(list);
-    const bool complete = for_each_account([&](const passwd &account) {
-        const int64_t uid = account.pw_uid;
-        if (uid >= uid_min && uid <= uid_max && is_login_shell(account.pw_shell))
-            names.add(account.pw_name);
-    });
-    if (!complete)
-        return false;
-    strlist_sort(list);
-    return true;
-}
 
 // ---- Login sessions -----------------------------------------------------------------------
 
-// Whether a call to the login manager failed for want of resources: errno says so then. Any
-// other failure means that there is no such session, or no login manager.
-static bool lacked_resources(int result) {
-    errno = result < 0 ? -result : 0;
-    return is_resource_error(errno);
+// What a call to the login manager's library returned: a session that has ended meanwhile, or one
+// that does not say, is absent.
+static lookup lookup_of_result(int result) {
+    if (result >= 0)
+        return lookup::found;
+    errno = -result;
+    return result == -ENOENT || result == -ENXIO || result == -ENODATA ? lookup::absent
+                                                                       : lookup::failed;
 }
 
-bool login_sessions_list(strlist *list) {
+int login_sessions_list(strlist *list) {
     char **identifiers = nullptr;
     const int count = sd_get_sessions(&identifiers);
     const std::unique_ptr<char *[], free_deleter> array(identifiers);
     for (int i = 0; i < count; i++) // never, after a failure
         strlist_push(list, owned_cstring(identifiers[i]));
-    return !lacked_resources(count);
+    return lookup_of_result(count) == lookup::failed ? -1 : 0;
 }
 
 // Finds whose session of class "user" it is: greeters, lock screens and background services have
-// sessions too. Nobody's when it is another one, or has ended meanwhile. False, with errno, when
-// it could not be read for want of resources.
-static bool session_user(const char *session, std::optional<uid_t> *user) {
+// sessions too. Absent when it is another one, names no user, or has ended meanwhile.
+static lookup session_user(const char *session, uid_t *user) {
     char *text = nullptr;
-    int result = sd_session_get_class(session, &text);
+    const lookup found = lookup_of_result(sd_session_get_class(session, &text));
     const owned_cstring session_class(text);
-    if (result >= 0 && strcmp(session_class.get(), "user") == 0) {
-        uid_t uid = 0;
-        result = sd_session_get_uid(session, &uid);
-        if (result >= 0)
-            *user = uid;
-        else if (result == -EIO)
-            result = -ENODATA; // it names no user: the file itself has just been read
-    }
-    return !lacked_resources(result);
+    if (found != lookup::found)
+        return found;
+    if (strcmp(session_class.get(), "user") != 0)
+        return lookup::absent;
+    const int result = sd_session_get_uid(session, user);
+    // EIO: the file, which has just been read, names no user.
+    return result == -EIO ? lookup::absent : lookup_of_result(result);
 }
 
-bool online_users_list(strlist *list) {
+// Finds the name of the session's user, if that is an ordinary one with an account.
+static lookup session_user_name(const char *session, resolved_user *user) {
+    uid_t uid = 0;
+    const lookup found = session_user(session, &uid);
+    return found == lookup::found ? user_lookup_by_uid(uid, user) : found;
+}
+
+int online_users_list(strlist *list) {
     strlist sessions;
     strlist humans;
-    if (!login_sessions_list(&sessions) || !human_users_list(&humans))
-        return false;
+    if (login_sessions_list(&sessions) != 0 || human_users_list(&humans) != 0)
+        return -1;
     const std::unordered_set<std::string_view> is_human(humans.begin(), humans.end());
 
     name_set names(list);
     for (const char *session : sessions) {
-        std::optional<uid_t> uid;
-        if (!session_user(session, &uid))
-            return false;
-        if (!uid)
-            continue;
-        errno = 0;
-        const passwd *account = getpwuid(*uid);
-        if (!account && is_resource_error(errno))
-            return false;
-        if (account && is_human.contains(account->pw_name))
-            names.add(account->pw_name);
+        resolved_user user;
+        const lookup found = session_user_name(session, &user);
+        if (found == lookup::failed)
+            return -1;
+        if (found == lookup::found && is_human.contains(user.name))
+            names.add(user.name.c_str());
     }
     strlist_sort(list);
-    return true;
-}
-
-// ---- Groups -------------------------------------------------------------------------------
-
-bool group_members_list(const char *name, strlist *list) {
-    errno = 0;
-    const group *found = getgrnam(name);
-    if (!found)
-        return false;
-    name_set names(list);
-    for (char **member = found->gr_mem; *member; member++)
-        names.add(*member);
-    const gid_t gid = found->gr_gid;
-    return for_each_account([&](const passwd &account) {
-        if (account.pw_gid == gid)
-            names.add(account.pw_name);
-    });
+    return 0;
 }
 
 // ---- From text to names -------------------------------------------------------------------
 
-static bool named_user_list(const char *name, strlist *list) {
+enum class item_kind { all, online, group, user };
+
+static item_kind kind_of(const char *item) {
+    if (strcmp(item, "all") == 0)
+        return item_kind::all;
+    if (strcmp(item, "online") == 0)
+        return item_kind::online;
+    return item[0] == '@' ? item_kind::group : item_kind::user;
+}
+
+static lookup named_user_list(const char *name, strlist *list) {
     resolved_user user;
-    if (!user_lookup_by_name(name, &user))
-        return false;
-    strlist_push_dup(list, name);
-    return true;
+    const lookup found = user_lookup_by_name(name, &user);
+    if (found == lookup::found)
+        strlist_push_dup(list, name);
+    return found;
+}
+
+static lookup item_look_up(item_kind kind, const char *item, strlist *list) {
+    switch (kind) {
+    case item_kind::all:
+        return human_users_list(list) == 0 ? lookup::found : lookup::failed;
+    case item_kind::online:
+        return online_users_list(list) == 0 ? lookup::found : lookup::failed;
+    case item_kind::group:
+        return group_members_list(item + 1, list);
+    case item_kind::user:
+        break;
+    }
+    return named_user_list(item, list);
 }
 
 // Appends the names that one item stands for, or ends the process.
-static void expand_item(const char *item, strlist *list) {
-    const bool is_group = item[0] == '@';
-    bool found = false;
-    if (strcmp(item, "all") == 0)
-        found = human_users_list(list);
-    else if (strcmp(item, "online") == 0)
-        found = online_users_list(list);
-    else
-        found = is_group ? group_members_list(item + 1, list) : named_user_list(item, list);
-    if (found)
+static void expand_item(item_kind kind, const char *item, strlist *list) {
+    switch (item_look_up(kind, item, list)) {
+    case lookup::found:
         return;
-    if (is_resource_error(errno)) // says nothing about the user or group
+    case lookup::failed:
         die("%s: %s", item, strerror(errno));
-    if (is_group)
+    case lookup::absent:
+        break;
+    }
+    if (kind == item_kind::group)
         die("no such group: %s", item + 1);
     die("no such user: %s", item);
 }
 
-void recipients_resolve(const char *text, strlist *list) {
+// A name as it is shown: on one line, and unable to drive the terminal.
+static std::string shown_name(const char *name) {
+    std::string on_one_line = name;
+    std::ranges::replace_if(
+        on_one_line, [](char c) { return c >= '\t' && c <= '\r'; }, ' ');
+    strbuf cleaned;
+    sanitize_text(on_one_line.data(), on_one_line.size(), &cleaned);
+    return std::string(cleaned.view());
+}
+
+// Resolves the text; `unstorable` receives the names that are left out, each once.
+static void resolve(const char *text, strlist *list, strlist *unstorable) {
     std::string items = text;
     name_set names(list);
+    name_set left_out(unstorable);
     char *rest = nullptr;
-    for (char *item = strtok_r(items.data(), ",", &rest); item;
+    for (char *item = strtok_r(items.data(), ",", &rest); item != nullptr;
          item = strtok_r(nullptr, ",", &rest)) {
+        const item_kind kind = kind_of(item);
         strlist expanded;
-        expand_item(item, &expanded);
-        for (const char *name : expanded)
-            if (*name != '\0')
+        expand_item(kind, item, &expanded);
+        for (const char *name : expanded) {
+            if (is_storable_name(name))
                 names.add(name);
+            else if (kind == item_kind::user)
+                die("cannot keep the name: %s", shown_name(name).c_str());
+            else if (*name != '\0')
+                left_out.add(name);
+        }
     }
     strlist_sort(list);
 }
 
+void recipients_resolve(const char *text, strlist *list) {
+    strlist unstorable;
+    resolve(text, list, &unstorable);
+    for (const char *name : unstorable)
+        warn("cannot keep the name: %s", shown_name(name).c_str());
+}
+
 void recipients_count_print(const char *text) {
     strlist list;
-    recipients_resolve(text, &list);
+    strlist unstorable;
+    resolve(text, &list, &unstorable);
     printf("%zu\n", list.count);
 }

@@ -3,15 +3,19 @@
 #include "common/core.h"
 #include "common/event.h"
 #include "common/message.h"
+#include "tbx/accounts.h"
 #include "tbx/agent.h"
 #include "tbx/mailbox.h"
-#include "tbx/recipients.h"
 #include "tbx/sent.h"
+#include "tbx/withdrawal.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <vector>
 
 // If the mark stays, the next run comes here again.
 static bool remove_incomplete(int64_t id) {
@@ -29,25 +33,30 @@ struct interrupted_send {
 
 enum class saved { complete, partly, unknown };
 
-// How much of the message was saved before the interruption; unknown when a read failed for
-// want of resources.
+// How much of the message was saved before the interruption; unknown when that cannot be read.
 static saved load_interrupted(interrupted_send *send) {
-    const bool recipients_read = sent_read_recipients(send->id, &send->recipients) == 0;
-    if (!recipients_read && is_resource_error(errno))
+    const lookup recipients = sent_read_recipients(send->id, &send->recipients);
+    const lookup text = read_stored_file(sent_path(send->id, "msg").c_str(), MESSAGE_FILE_MAX_BYTES,
+                                         &send->file_text);
+    if (recipients == lookup::failed || text == lookup::failed)
         return saved::unknown;
-    const bool text_read = read_file_limited(sent_path(send->id, "msg").c_str(),
-                                             MESSAGE_FILE_MAX_BYTES, true, &send->file_text) == 0;
-    if (!text_read && is_resource_error(errno))
-        return saved::unknown;
-    const bool complete =
-        text_read && send->file_text.len > 0 && send->recipients.count > 0 &&
+    const bool is_complete =
+        text == lookup::found && send->file_text.len > 0 && send->recipients.count > 0 &&
         message_parse(send->file_text.data, send->file_text.len, &send->message) == 0;
-    return complete ? saved::complete : saved::partly;
+    return is_complete ? saved::complete : saved::partly;
+}
+
+// Whether nobody is to see the message any more; failed when that cannot be told.
+static lookup is_withdrawn(const interrupted_send &send) {
+    const lookup revoked = sent_marker_look_up(send.id, "revoked");
+    if (revoked == lookup::absent && message_is_expired(send.message, now()))
+        return lookup::found;
+    return revoked;
 }
 
 static void cancel_send(int64_t id) {
-    if (sent_marker_write_time(id, "failed") != 0)
-        errno = 0; // cancelled all the same: what was not saved cannot be sent
+    // Cancelled even if the time cannot be written: what was not saved cannot be sent.
+    (void)sent_marker_write_time(id, "failed");
     if (!remove_incomplete(id))
         return; // told once, when it is done
     event_log("CANCELLED", id, /*user=*/nullptr, /*channel=*/nullptr, /*details=*/nullptr,
@@ -56,17 +65,89 @@ static void cancel_send(int64_t id) {
          static_cast<long long>(id));
 }
 
+// ---- What the mailboxes hold --------------------------------------------------------------
+// Each mailbox is asked once, by one child, which of the interrupted messages it holds: the work
+// grows with the recipients and with what is missing, not with their product.
+
+struct recipient_mailbox {
+    lookup account = lookup::failed;
+    resolved_user user;
+    std::vector<expected_copy> expected; // of the messages that concern the user
+    std::vector<copy_state> states;      // parallel to it
+};
+
+using mailbox_table = std::map<std::string, recipient_mailbox, std::less<>>;
+
+static void expect_copies(int64_t id, mailbox_table *mailboxes) {
+    if (sent_lock(id, /*nonblocking=*/true).state != lock_state::taken)
+        return; // it is being sent
+    interrupted_send send = {id, {}, {}, {}};
+    if (load_interrupted(&send) != saved::complete || is_withdrawn(send) != lookup::absent)
+        return;
+    const std::string_view text = send.file_text.view();
+    const expected_copy copy = {id, text.size(), copy_hash(text)};
+    for (const char *name : send.recipients)
+        (*mailboxes)[name].expected.push_back(copy);
+}
+
+// A single copy is not asked for: its delivery looks by itself.
+static void survey(const std::string &name, recipient_mailbox *mailbox) {
+    mailbox->account = user_lookup_by_name(name.c_str(), &mailbox->user);
+    if (mailbox->account == lookup::found && mailbox->expected.size() > 1)
+        mailbox->states = mailbox_survey(mailbox->user, mailbox->expected);
+    else
+        mailbox->states.assign(mailbox->expected.size(), copy_state::missing);
+}
+
+static mailbox_table survey_mailboxes(const std::vector<int64_t> &incomplete) {
+    mailbox_table mailboxes;
+    if (incomplete.size() < 2)
+        return mailboxes; // each delivery looks by itself
+    for (const int64_t id : incomplete)
+        expect_copies(id, &mailboxes);
+    for (auto &[name, mailbox] : mailboxes)
+        survey(name, &mailbox);
+    return mailboxes;
+}
+
+static copy_state known_state(const recipient_mailbox &mailbox, int64_t id) {
+    const auto found = std::ranges::lower_bound(mailbox.expected, id, {}, &expected_copy::id);
+    if (found == mailbox.expected.end() || found->id != id)
+        return copy_state::missing; // the message was not interrupted yet when they were asked
+    return mailbox.states[static_cast<size_t>(found - mailbox.expected.begin())];
+}
+
+// ---- Completing the delivery --------------------------------------------------------------
+
 struct completion {
     int completed = 0; // recipients newly delivered to
     int failures = 0;
 };
 
-// Writes the copy for one recipient, also for one who has it already: it may be half written.
+// Makes sure that the copy stands in the mailbox, whole: also for one who is in the log already,
+// it may be half written.
+static bool ensure_copy(const interrupted_send &send, const recipient_mailbox &mailbox) {
+    if (mailbox.account != lookup::found)
+        return false;
+    switch (known_state(mailbox, send.id)) {
+    case copy_state::held:
+        return true;
+    case copy_state::missing:
+        return mailbox_deliver(mailbox.user, send.id, send.file_text.view());
+    case copy_state::blocked:
+    case copy_state::unknown:
+        break;
+    }
+    return false;
+}
+
 static void complete_recipient(const interrupted_send &send, const delivery_table &delivery,
-                               const char *name, completion *done) {
-    resolved_user user;
-    if (!user_lookup_by_name(name, &user) ||
-        !mailbox_deliver(user, send.id, send.file_text.view())) {
+                               const char *name, mailbox_table *mailboxes, completion *done) {
+    const auto [place, is_new] = mailboxes->try_emplace(name);
+    recipient_mailbox &mailbox = place->second;
+    if (is_new)
+        survey(name, &mailbox);
+    if (!ensure_copy(send, mailbox)) {
         done->failures++;
         return;
     }
@@ -75,7 +156,7 @@ static void complete_recipient(const interrupted_send &send, const delivery_tabl
     sent_append_delivery(send.id, name, /*terminals=*/0);
     event_log("DELIVERED", send.id, name, /*channel=*/nullptr, /*details=*/nullptr,
               /*author=*/nullptr);
-    agent_start(user);
+    agent_start(mailbox.user);
     done->completed++;
 }
 
@@ -88,21 +169,21 @@ static void report_completed(int64_t id, int completed) {
          completed);
 }
 
-// Makes the copies durable before the mark goes; where that fails it stays for the next run.
+// Makes the copies durable before the mark goes. If that fails the mark stays for the next run.
 static void finish_send(int64_t id) {
     if (syncfs_path(users_dir().c_str()) == 0 && fsync_path(sent_message_dir(id).c_str()) == 0)
-        (void)remove_incomplete(id);
+        (void)remove_incomplete(id); // likewise
 }
 
-static void complete_delivery(const interrupted_send &send) {
-    if (!sent_mend_delivery(send.id))
+static void complete_delivery(const interrupted_send &send, mailbox_table *mailboxes) {
+    if (sent_mend_delivery(send.id) != 0)
         return; // the next line would run into the torn one: left for the next run
     delivery_table delivery;
-    if (sent_read_delivery(send.id, &delivery) != 0 && is_resource_error(errno))
-        return; // it cannot be told who has it: left for the next run
+    if (sent_read_delivery(send.id, &delivery) == lookup::failed)
+        return; // nobody can tell who has it: left for the next run
     completion done;
     for (const char *name : send.recipients)
-        complete_recipient(send, delivery, name, &done);
+        complete_recipient(send, delivery, name, mailboxes, &done);
     if (done.failures == 0)
         finish_send(send.id);
     report_completed(send.id, done.completed);
@@ -111,7 +192,7 @@ static void complete_delivery(const interrupted_send &send) {
              static_cast<long long>(send.id), done.failures, static_cast<long long>(send.id));
 }
 
-static void recover_send(int64_t id) {
+static void recover_send(int64_t id, mailbox_table *mailboxes) {
     interrupted_send send = {id, {}, {}, {}};
     switch (load_interrupted(&send)) {
     case saved::unknown:
@@ -122,34 +203,69 @@ static void recover_send(int64_t id) {
     case saved::complete:
         break;
     }
-    const marker_state revoked = sent_marker_look_up(id, "revoked");
-    if (revoked == marker_state::unknown)
+    switch (is_withdrawn(send)) {
+    case lookup::failed:
         return;
-    if (revoked == marker_state::present || message_is_expired(send.message, now()))
-        (void)remove_incomplete(id); // nobody is to see it any more
-    else
-        complete_delivery(send);
+    case lookup::found:
+        (void)remove_incomplete(id); // if it stays, the next run comes here again
+        return;
+    case lookup::absent:
+        break;
+    }
+    complete_delivery(send, mailboxes);
 }
 
 // ---- One message --------------------------------------------------------------------------
 
-static bool is_unmarked(int64_t id) {
-    return !sent_marker_exists(id, "incomplete") && !sent_marker_exists(id, "revoking");
+// Finishes what is under way with a message. Returns true when what is left is a revocation that
+// can be finished with others.
+static bool recover_message(int64_t id, mailbox_table *mailboxes) {
+    const message_lock lock = sent_lock(id, /*nonblocking=*/true);
+    if (lock.state != lock_state::taken)
+        return false; // another run is working on it, or the next run tries again
+    const lookup incomplete = sent_marker_look_up(id, "incomplete");
+    if (incomplete == lookup::failed)
+        return false; // a send is finished before a revocation: it would deliver again
+    if (incomplete == lookup::found)
+        recover_send(id, mailboxes);
+    if (!sent_marker_exists(id, "revoking"))
+        return false;
+    // No run delivers a message that is marked so; before, only the lock keeps others away.
+    if (sent_marker_exists(id, "revoked"))
+        return true;
+    (void)sent_finish_revoking(id); // the mark stays for the next run if it fails
+    return false;
 }
 
-static void recover_message(int64_t id) {
-    if (is_unmarked(id))
+// The messages with a mark, in their order. Those that were being sent are named apart, too.
+static void find_interrupted(std::vector<int64_t> *marked, std::vector<int64_t> *incomplete) {
+    strlist ids;
+    if (sent_list_ids(&ids) != 0)
         return;
-    const unique_fd lock = sent_lock(id, /*nonblocking=*/true);
-    if (!lock)
-        return; // another run is working on it
-    const marker_state incomplete = sent_marker_look_up(id, "incomplete");
-    if (incomplete == marker_state::unknown)
-        return; // a send is finished before a revocation: it would deliver again
-    if (incomplete == marker_state::present)
-        recover_send(id);
-    if (sent_marker_exists(id, "revoking"))
-        (void)sent_finish_revoking(id); // the mark stays for the next run if it fails
+    for (const char *name : ids) {
+        int64_t id = 0;
+        if (!parse_id(name, &id))
+            continue;
+        const bool is_incomplete = sent_marker_exists(id, "incomplete");
+        if (is_incomplete)
+            incomplete->push_back(id);
+        if (is_incomplete || sent_marker_exists(id, "revoking"))
+            marked->push_back(id);
+    }
+}
+
+static void finish_messages() {
+    std::vector<int64_t> marked;
+    std::vector<int64_t> incomplete;
+    find_interrupted(&marked, &incomplete);
+    if (marked.empty())
+        return;
+    mailbox_table mailboxes = survey_mailboxes(incomplete);
+    std::vector<int64_t> revocations;
+    for (const int64_t id : marked)
+        if (recover_message(id, &mailboxes))
+            revocations.push_back(id);
+    sent_finish_revocations(revocations);
 }
 
 // ---- Purges that were cut off -------------------------------------------------------------
@@ -159,23 +275,18 @@ static void finish_purges() {
     const std::string sent = sent_dir();
     const unique_dir directory(opendir(sent.c_str()));
     if (!directory)
-        return;
-    while (const dirent *entry = readdir(directory.get())) {
+        return; // left for the next run
+    std::vector<removed_message> messages;
+    while (const dirent *entry = next_entry(directory.get())) {
         const std::string_view name = entry->d_name;
         int64_t id = 0;
         if (name.starts_with(PREFIX) && parse_id(name.substr(PREFIX.size()), &id))
-            sent_remove_message_dir(xasprintf("%s/%s", sent.c_str(), entry->d_name).c_str(), id);
+            messages.push_back({id, xasprintf("%s/%s", sent.c_str(), entry->d_name)});
     }
+    sent_remove_message_dirs(messages);
 }
 
 void recover_interrupted() {
-    strlist ids;
-    if (sent_list_ids(&ids) != 0)
-        return;
-    for (const char *name : ids) {
-        int64_t id = 0;
-        if (parse_id(name, &id))
-            recover_message(id);
-    }
+    finish_messages();
     finish_purges();
 }

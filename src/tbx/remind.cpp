@@ -3,9 +3,9 @@
 #include "common/core.h"
 #include "common/event.h"
 #include "common/message.h"
+#include "tbx/accounts.h"
 #include "tbx/agent.h"
 #include "tbx/mailbox.h"
-#include "tbx/recipients.h"
 #include "tbx/sent.h"
 #include "tbx/status.h"
 
@@ -23,7 +23,7 @@ static message_record load_due_message(int64_t id, const char *id_text) {
 // Whether the user will be shown the message again.
 static bool remind_user(const std::string &name, int64_t id) {
     resolved_user user;
-    if (!user_lookup_by_name(name.c_str(), &user) || !mailbox_reset_shown(user, id))
+    if (user_lookup_by_name(name.c_str(), &user) != lookup::found || !mailbox_reset_shown(user, id))
         return false;
     agent_start(user);
     return true;

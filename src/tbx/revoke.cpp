@@ -4,6 +4,7 @@
 #include "common/event.h"
 #include "common/message.h"
 #include "tbx/sent.h"
+#include "tbx/withdrawal.h"
 
 #include <unistd.h>
 
@@ -33,7 +34,8 @@ static bool write_mark_or_die(int64_t id) {
 // Puts the marks on the disk. A recovery that found "revoking" before the message was revoked
 // has removed it: it is set anew. One that removes it from now on has withdrawn every copy.
 static int sync_marks(int64_t id) {
-    sent_marker_create(id, "revoking");
+    if (sent_marker_create(id, "revoking") != 0)
+        return -1;
     if (fsync_path(sent_path(id, "revoking").c_str()) != 0 && errno != ENOENT)
         return -1;
     return fsync_path(sent_message_dir(id).c_str());
@@ -46,7 +48,8 @@ static void mark_revoked(int64_t id) {
         return;
     if (sync_marks(id) != 0) {
         const int error = errno;
-        unlink(sent_path(id, "revoked").c_str()); // if it stays, the message is revoked after all
+        (void)unlink(
+            sent_path(id, "revoked").c_str()); // if it stays, the message is revoked after all
         die_of_path(sent_message_dir(id), error);
     }
     event_log("REVOKED", id, /*user=*/nullptr, /*channel=*/nullptr, /*details=*/nullptr,
@@ -57,14 +60,18 @@ void cmd_revoke(const char *id_text) {
     const int64_t id = parse_message_id(id_text);
     (void)load_message_or_die(id, id_text); // only whether it is there matters
 
-    sent_marker_create(id, "revoking");
+    // Without the mark no later run would remove the copies that this one cannot.
+    if (sent_marker_create(id, "revoking") != 0) {
+        const int error = errno;
+        die_of_path(sent_path(id, "revoking"), error);
+    }
     if (!has_marker_or_die(id, "revoked"))
         mark_revoked(id);
 
     // Marked before locked: a send in progress holds the lock until it ends, and looks for the
     // mark before each recipient.
-    const unique_fd lock = sent_lock(id, /*nonblocking=*/false);
-    if (!lock) {
+    const message_lock lock = sent_lock(id, /*nonblocking=*/false);
+    if (lock.state != lock_state::taken) {
         const int error = errno;
         die_of_path(sent_message_dir(id), error);
     }

@@ -3,6 +3,7 @@
 #include "common/core.h"
 #include "common/event.h"
 #include "common/message.h"
+#include "tbx/accounts.h"
 #include "tbx/agent.h"
 #include "tbx/mailbox.h"
 #include "tbx/recipients.h"
@@ -34,19 +35,21 @@ struct send_request {
 
 constexpr size_t DATE_OUTPUT_MAX_BYTES = 64;
 
-// In the child: the system's date program reads the date.
+// In the child: the system's date program reads the date. The text of the message may be on
+// standard input, which is not its own.
 [[noreturn]] static void exec_date(const char *value, const unique_fd &output) {
     if (dup2(output.get(), STDOUT_FILENO) < 0)
         _exit(127);
-    const unique_fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (null)
-        dup2(null.get(), STDERR_FILENO); // where it fails, its words are shown: no harm
+    const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (null) {
+        (void)dup2(null.get(), STDIN_FILENO);  // if it fails, nothing is read there all the same
+        (void)dup2(null.get(), STDERR_FILENO); // if it fails, its words are shown: no harm
+    }
     execlp("date", "date", "-d", value, "+%s", nullptr);
     _exit(127);
 }
 
-// Reads up to DATE_OUTPUT_MAX_BYTES and no further: a program that never stops talking is
-// left talking to nobody.
+// Reads at most DATE_OUTPUT_MAX_BYTES; anything after that is ignored.
 static bool read_date_output(const unique_fd &from_date, std::string *output) {
     char text[DATE_OUTPUT_MAX_BYTES];
     while (output->size() < sizeof text) {
@@ -164,8 +167,9 @@ static void read_text(send_request *request) {
     if (request->file != nullptr) {
         if (read_file_limited(request->file, INPUT_MAX_BYTES, /*nofollow=*/false, &input) != 0)
             die("%s: %s", request->file, strerror(errno));
-    } else if (read_fd_limited(STDIN_FILENO, INPUT_MAX_BYTES, &input) != 0) {
-        errno = 0; // a broken input ends the text where it broke
+    } else {
+        // A broken input ends the text where it broke.
+        (void)read_fd_limited(STDIN_FILENO, INPUT_MAX_BYTES, &input);
     }
     request->text = input.view();
 }
@@ -198,13 +202,6 @@ static message_record make_record(const send_request &request, int64_t id) {
     return {id, current_author(), now(), request.title, request.expires, request.text + "\n"};
 }
 
-static std::string recipient_lines(const strlist &recipients) {
-    std::string lines;
-    for (const char *name : recipients)
-        lines.append(name).push_back('\n');
-    return lines;
-}
-
 // What could be written but never be read back is refused. The message file is measured with
 // the longest identifier, since the real one is not known before something is written.
 static void check_file_sizes(const send_request &request, const strlist &recipients) {
@@ -213,7 +210,7 @@ static void check_file_sizes(const send_request &request, const strlist &recipie
     if (file_text.len > MESSAGE_FILE_MAX_BYTES)
         die("message too long: %zu bytes (at most %d)", file_text.len,
             static_cast<int>(MESSAGE_FILE_MAX_BYTES));
-    const std::string lines = recipient_lines(recipients);
+    const std::string lines = strlist_lines(recipients);
     if (lines.size() > RECIPIENTS_MAX_BYTES)
         die("too many recipients: %zu bytes (at most %d)", lines.size(),
             static_cast<int>(RECIPIENTS_MAX_BYTES));
@@ -241,14 +238,14 @@ static void write_or_die(int64_t id, const char *name, std::string_view contents
         die_of_message_dir(id);
 }
 
-// Puts the reference copy on the disk for good. Where that cannot be had, the copy goes again,
-// so that the next command cancels what is reported as failed here.
+// Puts the reference copy on the disk for good. If that fails, the copy is removed, so that the
+// next command cancels what is reported as failed here.
 static void sync_saved_or_die(int64_t id) {
     if (fsync_path(sent_path(id, "incomplete").c_str()) == 0 &&
         fsync_path(sent_message_dir(id).c_str()) == 0 && fsync_path(sent_dir().c_str()) == 0)
         return;
     const int error = errno;
-    unlink(sent_path(id, "msg").c_str()); // if it stays, the message is delivered after all
+    (void)unlink(sent_path(id, "msg").c_str()); // if it stays, the message is delivered after all
     errno = error;
     die_of_message_dir(id);
 }
@@ -258,7 +255,7 @@ static void save_message(const send_request &request, outgoing *out) {
     message_format(record, &out->file_text);
     terminal_banner_build(record, &out->banner);
     write_or_die(out->id, "msg", out->file_text.view());
-    write_or_die(out->id, "recipients", recipient_lines(out->recipients));
+    write_or_die(out->id, "recipients", strlist_lines(out->recipients));
     sync_saved_or_die(out->id);
 }
 
@@ -273,7 +270,8 @@ static int write_to_terminals(uint32_t uid, const strbuf &banner) {
 
 static bool deliver_to(const char *name, const outgoing &out) {
     resolved_user user;
-    if (!user_lookup_by_name(name, &user) || !mailbox_deliver(user, out.id, out.file_text.view()))
+    if (user_lookup_by_name(name, &user) != lookup::found ||
+        !mailbox_deliver(user, out.id, out.file_text.view()))
         return false;
     const int terminals = write_to_terminals(user.uid, out.banner);
     agent_start(user);
@@ -300,7 +298,7 @@ static void deliver_to_all(outgoing *out) {
 }
 
 static void log_sent(const outgoing &out) {
-    std::string names = recipient_lines(out.recipients);
+    std::string names = strlist_lines(out.recipients);
     names.pop_back();
     std::replace(names.begin(), names.end(), '\n', ' ');
     event_log("SENT", out.id, /*user=*/nullptr, /*channel=*/nullptr, names.c_str(),
@@ -352,10 +350,10 @@ void cmd_send(int argc, char **argv) {
 
     // Nothing has been written up to here.
     out.id = sent_allocate_id();
-    const unique_fd lock = sent_lock(out.id, /*nonblocking=*/false); // held until the end
-    if (!lock)
+    const message_lock lock = sent_lock(out.id, /*nonblocking=*/false); // held until the end
+    // Without the mark nothing may be saved: no later run would finish or cancel it.
+    if (lock.state != lock_state::taken || sent_marker_create(out.id, "incomplete") != 0)
         die_of_message_dir(out.id);
-    sent_marker_create(out.id, "incomplete");
     save_message(request, &out);
 
     deliver_to_all(&out);

@@ -1,8 +1,6 @@
 #include "tbx/sent.h"
 
 #include "common/environment.h"
-#include "tbx/mailbox.h"
-#include "tbx/recipients.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -12,8 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <optional>
-#include <unordered_map>
+#include <utility>
 
 // Non-blocking, so that a named pipe in a file's place is refused; files do not care.
 constexpr int STORE_CREATE = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
@@ -25,10 +22,6 @@ constexpr size_t TIME_FILE_MAX_BYTES = 64; // ".seq", "revoked"
 
 std::string sent_dir() {
     return xasprintf("%s/sent", var_dir());
-}
-
-std::string users_dir() {
-    return xasprintf("%s/users", var_dir());
 }
 
 std::string sent_message_dir(int64_t id) {
@@ -43,14 +36,16 @@ std::string sent_path(int64_t id, const char *name) {
 
 // ---- Small files --------------------------------------------------------------------------
 
-// The number on the first line of a small file; 0 when it is missing or malformed, -1 with errno
-// when it could not be read for want of resources.
-static int64_t read_number(const char *path) {
+// Reads the number on the first line of a small file, 0 when it is missing or malformed. Returns
+// 0, or -1 with errno when the file could not be read.
+static int read_number(const char *path, int64_t *number) {
+    *number = 0;
     strbuf text;
-    if (read_file_limited(path, TIME_FILE_MAX_BYTES, /*nofollow=*/true, &text) != 0)
-        return is_resource_error(errno) ? -1 : 0;
-    int64_t number = 0;
-    return parse_id(text.view().substr(0, text.view().find('\n')), &number) ? number : 0;
+    if (read_stored_file(path, TIME_FILE_MAX_BYTES, &text) == lookup::failed)
+        return -1;
+    if (!parse_id(text.view().substr(0, text.view().find('\n')), number))
+        *number = 0;
+    return 0;
 }
 
 static std::string number_line(int64_t number) {
@@ -68,14 +63,14 @@ int sent_list_ids(strlist *list) {
     return list_numeric_entries(sent_dir().c_str(), list);
 }
 
-static unique_fd open_locked(const char *path, int operation) {
+static message_lock open_locked(const char *path, int operation) {
     unique_fd lock(open(path, STORE_CREATE, STORE_FILE_MODE));
     if (!lock)
-        return {};
+        return {lock_state::failed, {}};
     while (flock(lock.get(), operation) != 0)
         if (errno != EINTR)
-            return {};
-    return lock;
+            return {errno == EWOULDBLOCK ? lock_state::held : lock_state::failed, {}};
+    return {lock_state::taken, std::move(lock)};
 }
 
 // Returns 0, or the errno that kept the directory from being created.
@@ -84,7 +79,7 @@ static int make_directory(const char *path, mode_t mode) {
 }
 
 static void require_directory(const std::string &path, int error) {
-    if (!is_directory(path.c_str()))
+    if (directory_look_up(path.c_str()) != lookup::found)
         die("%s: %s", var_dir(), strerror(error == EEXIST ? ENOTDIR : error));
 }
 
@@ -92,10 +87,11 @@ static void require_directory(const std::string &path, int error) {
 // that kept the state directory from being created explains those of its folders.
 static void create_state_directories() {
     const int var_error = make_directory(var_dir(), 0755);
-    const int users_error = make_directory(users_dir().c_str(), 0755);
+    const std::string users = xasprintf("%s/users", var_dir());
+    const int users_error = make_directory(users.c_str(), 0755);
     const int sent_error = make_directory(sent_dir().c_str(), 0700);
     const bool var_failed = var_error != 0 && var_error != EEXIST;
-    require_directory(users_dir(), var_failed ? var_error : users_error);
+    require_directory(users, var_failed ? var_error : users_error);
     require_directory(sent_dir(), var_failed ? var_error : sent_error);
 }
 
@@ -115,11 +111,11 @@ int64_t sent_allocate_id() {
     create_state_directories();
     const std::string lock_path = sent_dir() + "/.seq.lock";
     const std::string seq_path = sent_dir() + "/.seq";
-    const unique_fd lock = open_locked(lock_path.c_str(), LOCK_EX);
-    if (!lock)
+    const message_lock lock = open_locked(lock_path.c_str(), LOCK_EX);
+    if (lock.state != lock_state::taken)
         die("%s: %s", lock_path.c_str(), strerror(errno));
-    const int64_t last = read_number(seq_path.c_str());
-    if (last < 0) // from 0 on, a purged identifier would be taken again
+    int64_t last = 0;
+    if (read_number(seq_path.c_str(), &last) != 0) // from 0 on, a purged one would be taken again
         die("%s: %s", seq_path.c_str(), strerror(errno));
     const int64_t id = claim_directory_after(last, seq_path.c_str());
     if (write_number(seq_path.c_str(), id) != 0)
@@ -129,22 +125,21 @@ int64_t sent_allocate_id() {
 
 // ---- Locks and markers --------------------------------------------------------------------
 
-unique_fd sent_lock(int64_t id, bool nonblocking) {
+message_lock sent_lock(int64_t id, bool nonblocking) {
     return open_locked(sent_path(id, "lock").c_str(), nonblocking ? LOCK_EX | LOCK_NB : LOCK_EX);
 }
 
-void sent_marker_create(int64_t id, const char *name) {
+int sent_marker_create(int64_t id, const char *name) {
     const unique_fd marker(open(sent_path(id, name).c_str(), STORE_CREATE, STORE_FILE_MODE));
+    return marker ? 0 : -1;
 }
 
-marker_state sent_marker_look_up(int64_t id, const char *name) {
-    if (path_exists(sent_path(id, name).c_str()))
-        return marker_state::present;
-    return errno == ENOENT || errno == ENOTDIR ? marker_state::absent : marker_state::unknown;
+lookup sent_marker_look_up(int64_t id, const char *name) {
+    return path_look_up(sent_path(id, name).c_str());
 }
 
-int sent_marker_exists(int64_t id, const char *name) {
-    return sent_marker_look_up(id, name) == marker_state::present;
+bool sent_marker_exists(int64_t id, const char *name) {
+    return sent_marker_look_up(id, name) == lookup::found;
 }
 
 int sent_marker_write_time(int64_t id, const char *name) {
@@ -153,8 +148,8 @@ int sent_marker_write_time(int64_t id, const char *name) {
                               STORE_FILE_MODE);
 }
 
-int64_t sent_revocation_time(int64_t id) {
-    return read_number(sent_path(id, "revoked").c_str());
+int sent_revocation_time(int64_t id, int64_t *time) {
+    return read_number(sent_path(id, "revoked").c_str(), time);
 }
 
 // ---- Recipients ---------------------------------------------------------------------------
@@ -173,16 +168,17 @@ static void push_tokens(std::string_view text, strlist *list) {
     }
 }
 
-static int read_recipients_file(const char *path, strlist *list) {
+lookup sent_read_recipients_in(const char *dir, strlist *list) {
+    strlist_free(list);
     strbuf text;
-    if (read_file_limited(path, RECIPIENTS_MAX_BYTES, /*nofollow=*/true, &text) != 0)
-        return -1;
+    const lookup found =
+        read_stored_file(xasprintf("%s/recipients", dir).c_str(), RECIPIENTS_MAX_BYTES, &text);
     push_tokens(text.view(), list);
-    return 0;
+    return found;
 }
 
-int sent_read_recipients(int64_t id, strlist *list) {
-    return read_recipients_file(sent_path(id, "recipients").c_str(), list);
+lookup sent_read_recipients(int64_t id, strlist *list) {
+    return sent_read_recipients_in(sent_message_dir(id).c_str(), list);
 }
 
 // ---- Delivery log -------------------------------------------------------------------------
@@ -226,18 +222,15 @@ static void add_delivery_line(std::string_view line, delivery_table *table) {
     table->terminals.push_back(terminals.empty() ? "0" : terminals.substr(0, terminals.find('\0')));
 }
 
-int sent_read_delivery(int64_t id, delivery_table *table) {
+lookup sent_read_delivery(int64_t id, delivery_table *table) {
     *table = {};
-    if (read_file_limited(sent_path(id, "delivery").c_str(), DELIVERY_MAX_BYTES, /*nofollow=*/true,
-                          &table->log) != 0)
-        return -1;
+    const lookup found =
+        read_stored_file(sent_path(id, "delivery").c_str(), DELIVERY_MAX_BYTES, &table->log);
     std::string_view rest = table->log.view();
-    while (!rest.empty()) {
-        const size_t end = rest.find('\n');
-        add_delivery_line(rest.substr(0, end), table);
-        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
-    }
-    return 0;
+    std::string_view line;
+    while (next_line(&rest, &line))
+        add_delivery_line(line, table);
+    return found;
 }
 
 ptrdiff_t delivery_find(const delivery_table &table, std::string_view user) {
@@ -254,191 +247,15 @@ void sent_append_delivery(int64_t id, const char *user, int terminals) {
         (void)sent_mend_delivery(id); // best effort, like the log itself
 }
 
-bool sent_mend_delivery(int64_t id) {
+int sent_mend_delivery(int64_t id) {
     const std::string path = sent_path(id, "delivery");
     strbuf log;
-    if (read_file_limited(path.c_str(), DELIVERY_MAX_BYTES, /*nofollow=*/true, &log) != 0)
-        return !is_resource_error(errno); // nothing to mend, or nothing that can be read
+    if (read_stored_file(path.c_str(), DELIVERY_MAX_BYTES, &log) == lookup::failed)
+        return -1;
     if (log.len == 0 || log.view().back() == '\n')
-        return true;
+        return 0;
     const size_t last_newline = log.view().rfind('\n');
     const size_t whole = last_newline == std::string_view::npos ? 0 : last_newline + 1;
     const unique_fd file(open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
-    return file && ftruncate(file.get(), static_cast<off_t>(whole)) == 0;
-}
-
-// ---- Removing -----------------------------------------------------------------------------
-
-// Removes the files of a directory (one level; it holds nothing but files) and the directory.
-static void remove_directory(const char *dir) {
-    const int fd = open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd >= 0) {
-        const unique_dir directory(fdopendir(fd));
-        if (!directory) {
-            close(fd);
-            return; // for want of memory: tried again by a later run
-        }
-        while (const dirent *entry = readdir(directory.get()))
-            if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-                unlinkat(fd, entry->d_name, 0); // what stays makes rmdir fail
-    }
-    rmdir(dir); // what cannot be removed is tried again by a later run
-}
-
-// Whether a look-up or read that just failed did so for want of resources, which says nothing
-// about whether the account or file exists.
-static bool failed_for_resources() {
-    return is_resource_error(errno);
-}
-
-void sent_remove_message_dir(const char *dir, int64_t id) {
-    strlist recipients;
-    if (read_recipients_file(xasprintf("%s/recipients", dir).c_str(), &recipients) != 0 &&
-        failed_for_resources())
-        return;
-    bool all_tried = true;
-    for (const char *name : recipients) {
-        resolved_user user;
-        if (user_lookup_by_name(name, &user)) {
-            if (!mailbox_purge_message(user, id))
-                all_tried = false;
-        } else if (failed_for_resources()) {
-            all_tried = false;
-        }
-    }
-    if (all_tried)
-        remove_directory(dir);
-}
-
-bool sent_finish_revoking(int64_t id) {
-    strlist recipients;
-    if (sent_read_recipients(id, &recipients) != 0 && failed_for_resources())
-        return false;
-    size_t failures = 0;
-    for (const char *name : recipients) {
-        resolved_user user;
-        if (user_lookup_by_name(name, &user)) {
-            if (!mailbox_withdraw(user, id))
-                failures++;
-        } else if (failed_for_resources()) {
-            failures++;
-        }
-    }
-    if (failures > 0)
-        return false;
-    unlink(sent_path(id, "revoking").c_str());
-    return true;
-}
-
-// ---- State of a recipient -----------------------------------------------------------------
-
-struct user_confirmations {
-    confirmation_list list;
-    int error = 0; // that kept them from being read
-};
-
-// For the length of one run, or until recipient_state_cache_drop(): what each user's mailbox
-// said, and the identifiers that it was asked for.
-static struct {
-    std::optional<int64_t> only_id; // none: every message
-    bool ids_listed = false;
-    std::string id_lines; // as each child takes them
-    std::unordered_map<std::string, user_confirmations, string_hash, std::equal_to<>> users;
-} state_cache;
-
-// False, with errno, where the store cannot be listed: no identifiers then, and not half of them.
-static bool list_ids_once() {
-    if (state_cache.ids_listed)
-        return true;
-    strlist ids;
-    state_cache.ids_listed = sent_list_ids(&ids) == 0;
-    const int error = errno;
-    if (state_cache.ids_listed)
-        state_cache.id_lines = identifier_lines(ids);
-    strlist_free(&ids);
-    errno = error;
-    return state_cache.ids_listed;
-}
-
-// False, with errno, where something could not be read.
-static bool read_confirmations(const char *name, confirmation_list *list) {
-    resolved_user user;
-    if (!user_lookup_by_name(name, &user))
-        return !failed_for_resources();
-    if (!list_ids_once() && failed_for_resources())
-        return false;
-    return mailbox_read_confirmations(user, state_cache.id_lines, list);
-}
-
-static const user_confirmations &confirmations_of(const char *name, int64_t id) {
-    if (state_cache.only_id && *state_cache.only_id != id)
-        recipient_state_cache_drop();
-    const auto found = state_cache.users.find(std::string_view(name));
-    if (found != state_cache.users.end())
-        return found->second;
-    user_confirmations &known = state_cache.users[name];
-    if (!read_confirmations(name, &known.list))
-        known.error = errno;
-    return known;
-}
-
-const confirmation_entry *recipient_confirmation(const char *user, int64_t id) {
-    return confirmation_find(confirmations_of(user, id).list, id);
-}
-
-// Splits "SECONDS DETAIL"; a time that is no number counts as 0.
-static void split_ack(std::string_view ack, recipient_status *out) {
-    const size_t blank = ack.find(' ');
-    if (!parse_id(ack.substr(0, blank), &out->time))
-        out->time = 0;
-    if (blank != std::string_view::npos)
-        out->detail = ack.substr(blank + 1);
-}
-
-// What a confirmation in the mailbox makes of a recipient who has the message.
-static void apply_ack(std::string_view ack, const message_record &message, int64_t cutoff,
-                      recipient_status *out) {
-    recipient_status confirmed;
-    split_ack(ack, &confirmed);
-    if (message.expires != 0 && message.expires < confirmed.time) {
-        out->late = true;
-        return;
-    }
-    if (cutoff != 0 && cutoff < confirmed.time)
-        return;
-    confirmed.state = delivery_state::confirmed;
-    *out = std::move(confirmed);
-}
-
-bool recipient_state(const char *user, int64_t id, const delivery_table &delivery,
-                     const message_record &message, int64_t cutoff, recipient_status *out) {
-    *out = {};
-    if (delivery_find(delivery, user) < 0)
-        return true;
-    out->state = delivery_state::delivered;
-    const user_confirmations &known = confirmations_of(user, id);
-    if (known.error != 0) {
-        errno = known.error;
-        return false;
-    }
-    const confirmation_entry *entry = confirmation_find(known.list, id);
-    if (entry != nullptr && entry->ack)
-        apply_ack(*entry->ack, message, cutoff, out);
-    return true;
-}
-
-void recipient_state_cache_drop() {
-    state_cache.users.clear();
-    state_cache.id_lines.clear();
-    state_cache.ids_listed = false;
-    state_cache.only_id.reset();
-}
-
-void recipient_state_ask_only(int64_t id) {
-    if (state_cache.only_id == id)
-        return;
-    recipient_state_cache_drop();
-    state_cache.only_id = id;
-    state_cache.id_lines = number_line(id);
-    state_cache.ids_listed = true;
+    return file ? ftruncate(file.get(), static_cast<off_t>(whole)) : -1;
 }

@@ -21,50 +21,63 @@ static void count_state(delivery_state state, message_summary *summary) {
     }
 }
 
-// Who the recipients are and who of them has the message. False, with errno, when that could
-// not be read for want of resources; a missing or foreign file otherwise names nobody.
-static bool read_recipients(int64_t id, strlist *recipients, delivery_table *delivery) {
-    if (sent_read_recipients(id, recipients) != 0 && is_resource_error(errno))
-        return false;
-    return sent_read_delivery(id, delivery) == 0 || !is_resource_error(errno);
+// Reads who the recipients are and who of them has the message. -1 with errno when that could not
+// be read; a missing file names nobody.
+static int read_recipients(int64_t id, strlist *recipients, delivery_table *delivery) {
+    const bool failed = sent_read_recipients(id, recipients) == lookup::failed ||
+                        sent_read_delivery(id, delivery) == lookup::failed;
+    return failed ? -1 : 0;
 }
 
-// False when a state could not be read.
-static bool count_recipients(int64_t id, const strlist &recipients, const delivery_table &delivery,
-                             message_summary *summary) {
+// -1 with errno when a state could not be read.
+static int count_recipients(int64_t id, const strlist &recipients, const delivery_table &delivery,
+                            confirmation_cache *cache, message_summary *summary) {
     for (const char *user : recipients) {
         recipient_status status;
-        if (!recipient_state(user, id, delivery, summary->message, summary->revoked_at, &status))
-            return false;
+        if (recipient_state(user, id, delivery, summary->message, summary->revoked_at, cache,
+                            &status) != 0)
+            return -1;
         count_state(status.state, summary);
     }
-    return true;
+    return 0;
 }
 
 // The summary of a message that is not marked failed.
-static bool load_saved_summary(int64_t id, message_summary *summary) {
-    if (message_load(sent_path(id, "msg").c_str(), &summary->message) != 0)
-        return false;
+static lookup load_saved_summary(int64_t id, confirmation_cache *cache, message_summary *summary) {
+    const lookup message = message_look_up(sent_path(id, "msg").c_str(), &summary->message);
+    if (message != lookup::found)
+        return message;
     summary->message.id = id; // where it stands decides, not what it says
     strlist recipients;
     delivery_table delivery;
-    const marker_state revoked = sent_marker_look_up(id, "revoked");
-    if (!read_recipients(id, &recipients, &delivery) || recipients.count == 0 ||
-        revoked == marker_state::unknown)
-        return false;
-    summary->revoked = revoked == marker_state::present;
-    if (summary->revoked)
-        summary->revoked_at = sent_revocation_time(id);
-    if (summary->revoked_at < 0)
-        return false;
+    const lookup revoked = sent_marker_look_up(id, "revoked");
+    if (revoked == lookup::failed || read_recipients(id, &recipients, &delivery) != 0)
+        return lookup::failed;
+    if (recipients.count == 0)
+        return lookup::absent;
+    summary->revoked = revoked == lookup::found;
+    if (summary->revoked && sent_revocation_time(id, &summary->revoked_at) != 0)
+        return lookup::failed;
     summary->expired = message_is_expired(summary->message, now());
-    return count_recipients(id, recipients, delivery, summary);
+    return count_recipients(id, recipients, delivery, cache, summary) == 0 ? lookup::found
+                                                                           : lookup::failed;
 }
 
-bool message_summary_load(int64_t id, message_summary *summary) {
+lookup message_summary_load(int64_t id, confirmation_cache *cache, message_summary *summary) {
     *summary = {};
-    return sent_marker_look_up(id, "failed") == marker_state::absent &&
-           load_saved_summary(id, summary);
+    switch (sent_marker_look_up(id, "failed")) {
+    case lookup::found:
+        return lookup::absent;
+    case lookup::failed:
+        return lookup::failed;
+    case lookup::absent:
+        break;
+    }
+    return load_saved_summary(id, cache, summary);
+}
+
+std::string message_marks(const message_summary &summary) {
+    return std::string(summary.revoked ? "[revoked] " : "") + (summary.expired ? "[expired] " : "");
 }
 
 static void append_count(strbuf *out, int count, const char *word, bool *is_first) {
@@ -122,11 +135,7 @@ static constexpr std::string_view LINE_ENDS("\n\0", 2);
 static void print_summary_line(const char *name, const message_summary &summary) {
     char date[SHORT_TIME_BYTES];
     format_time_short(summary.message.date, date);
-    std::string text;
-    if (summary.revoked)
-        text += "[revoked] ";
-    if (summary.expired)
-        text += "[expired] ";
+    std::string text = message_marks(summary);
     const std::string_view whole = summary.message.text;
     text += whole.substr(0, whole.find_first_of(LINE_ENDS));
 
@@ -138,24 +147,31 @@ static void print_summary_line(const char *name, const message_summary &summary)
     printf("%s\n", line.data);
 }
 
-static void print_message(const char *name) {
+// Prints the line of one message, nothing for one that is not there. Failed, with errno, when
+// something of it could not be read.
+static lookup print_message(const char *name, confirmation_cache *cache) {
     int64_t id = 0;
     if (!parse_id(name, &id))
-        return;
-    message_summary summary;
-    const marker_state failed = sent_marker_look_up(id, "failed");
-    if (failed == marker_state::present)
+        return lookup::absent;
+    const lookup cancelled = sent_marker_look_up(id, "failed");
+    if (cancelled == lookup::failed)
+        return lookup::failed;
+    if (cancelled == lookup::found) {
         printf("%-5s %-12s %s\n", name, "-", "[send cancelled: interrupted before it was saved]");
-    else if (failed == marker_state::absent && load_saved_summary(id, &summary))
+        return lookup::found;
+    }
+    message_summary summary;
+    const lookup loaded = load_saved_summary(id, cache, &summary);
+    if (loaded == lookup::found)
         print_summary_line(name, summary);
+    return loaded;
 }
 
-// The identifiers of all messages; none where there is no store.
+// The identifiers of all messages; none if there is no store.
 static void list_ids_or_die(strlist *ids) {
     const std::string sent = sent_dir();
-    errno = 0;
-    const bool has_store = is_directory(sent.c_str()) != 0;
-    if ((has_store && sent_list_ids(ids) != 0) || (!has_store && is_resource_error(errno)))
+    const lookup store = directory_look_up(sent.c_str());
+    if (store == lookup::failed || (store == lookup::found && sent_list_ids(ids) != 0))
         die("%s: %s", sent.c_str(), strerror(errno));
 }
 
@@ -167,8 +183,10 @@ void cmd_list() {
         return;
     }
     print_heading();
+    confirmation_cache cache;
     for (const char *name : ids)
-        print_message(name);
+        if (print_message(name, &cache) == lookup::failed)
+            die("%s/%s: %s", sent_dir().c_str(), name, strerror(errno));
 }
 
 // ---- status -------------------------------------------------------------------------------
@@ -179,18 +197,21 @@ struct message_state {
     bool revoked;
     bool expired;
     bool incomplete;
+    int64_t revoked_at;
     delivery_table delivery;
 };
 
-// False, with errno, when a marker could not be looked up.
-static bool look_up_markers(message_state *state) {
-    const marker_state revoked = sent_marker_look_up(state->id, "revoked");
-    if (revoked == marker_state::unknown)
-        return false;
-    const marker_state incomplete = sent_marker_look_up(state->id, "incomplete");
-    state->revoked = revoked == marker_state::present;
-    state->incomplete = incomplete == marker_state::present;
-    return incomplete != marker_state::unknown;
+// -1 with errno when a marker could not be looked up or read.
+static int look_up_markers(message_state *state) {
+    const lookup revoked = sent_marker_look_up(state->id, "revoked");
+    if (revoked == lookup::failed)
+        return -1;
+    const lookup incomplete = sent_marker_look_up(state->id, "incomplete");
+    if (incomplete == lookup::failed)
+        return -1;
+    state->revoked = revoked == lookup::found;
+    state->incomplete = incomplete == lookup::found;
+    return state->revoked ? sent_revocation_time(state->id, &state->revoked_at) : 0;
 }
 
 // The channel comes from the user's own file: cleaned before it is shown.
@@ -213,8 +234,10 @@ static std::string terminals_text(const char *user, const delivery_table &delive
     return xasprintf(", written to %lld terminals", static_cast<long long>(count));
 }
 
-static std::string postponed_text(const char *user, int64_t id) {
-    const confirmation_entry *entry = recipient_confirmation(user, id);
+// What the user's mailbox says has just been read for the state.
+static std::string postponed_text(const char *user, int64_t id, confirmation_cache *cache) {
+    const confirmation_list *list = cache->find(user);
+    const confirmation_entry *entry = list != nullptr ? confirmation_find(*list, id) : nullptr;
     if (entry == nullptr || entry->shown == 0)
         return "";
     char date[SHORT_TIME_BYTES];
@@ -223,14 +246,15 @@ static std::string postponed_text(const char *user, int64_t id) {
 }
 
 static std::string delivered_text(const char *user, const recipient_status &status,
-                                  const message_state &message) {
+                                  const message_state &message, confirmation_cache *cache) {
     if (message.revoked)
         return "delivered, not confirmed (revoked)";
     if (status.late)
         return "delivered, not confirmed (expired; confirmation arrived after the expiry)";
     if (message.expired)
         return "delivered, not confirmed (expired)";
-    return "delivered" + terminals_text(user, message.delivery) + postponed_text(user, message.id);
+    return "delivered" + terminals_text(user, message.delivery) +
+           postponed_text(user, message.id, cache);
 }
 
 static std::string undelivered_text(const message_state &message) {
@@ -240,41 +264,39 @@ static std::string undelivered_text(const message_state &message) {
 }
 
 static std::string state_text(const char *user, const recipient_status &status,
-                              const message_state &message) {
+                              const message_state &message, confirmation_cache *cache) {
     switch (status.state) {
     case delivery_state::confirmed:
         return confirmed_text(status);
     case delivery_state::delivered:
-        return delivered_text(user, status, message);
+        return delivered_text(user, status, message, cache);
     case delivery_state::sent:
         break;
     }
     return undelivered_text(message);
 }
 
-bool recipient_state_lines(int64_t id, const message_record &message,
-                           std::vector<recipient_line> *lines) {
+int recipient_state_lines(int64_t id, const message_record &message, confirmation_cache *cache,
+                          std::vector<recipient_line> *lines) {
     strlist recipients;
-    message_state state = {id, false, message_is_expired(message, now()), false, {}};
-    if (!read_recipients(id, &recipients, &state.delivery) || !look_up_markers(&state))
-        return false;
-    const int64_t cutoff = state.revoked ? sent_revocation_time(id) : 0;
-    if (cutoff < 0)
-        return false;
-    recipient_state_ask_only(id);
+    message_state state = {id, false, message_is_expired(message, now()), false, 0, {}};
+    if (read_recipients(id, &recipients, &state.delivery) != 0 || look_up_markers(&state) != 0)
+        return -1;
     for (const char *user : recipients) {
         recipient_status status;
-        if (!recipient_state(user, id, state.delivery, message, cutoff, &status))
-            return false;
-        lines->push_back({user, status.state, state_text(user, status, state)});
+        if (recipient_state(user, id, state.delivery, message, state.revoked_at, cache, &status) !=
+            0)
+            return -1;
+        lines->push_back({user, status.state, state_text(user, status, state, cache)});
     }
-    return true;
+    return 0;
 }
 
 std::vector<recipient_line> recipient_state_lines_or_die(int64_t id,
                                                          const message_record &message) {
     std::vector<recipient_line> lines;
-    if (!recipient_state_lines(id, message, &lines)) {
+    confirmation_cache cache(id);
+    if (recipient_state_lines(id, message, &cache, &lines) != 0) {
         const int error = errno;
         die("%s: %s", sent_message_dir(id).c_str(), strerror(error));
     }
@@ -282,10 +304,11 @@ std::vector<recipient_line> recipient_state_lines_or_die(int64_t id,
 }
 
 static int64_t revocation_time_or_die(int64_t id) {
-    const int64_t time = sent_revocation_time(id);
-    const int error = errno;
-    if (time < 0)
+    int64_t time = 0;
+    if (sent_revocation_time(id, &time) != 0) {
+        const int error = errno;
         die("%s: %s", sent_path(id, "revoked").c_str(), strerror(error));
+    }
     return time;
 }
 
@@ -304,11 +327,9 @@ static void print_facts(int64_t id, const message_record &message) {
 }
 
 static void print_text(std::string_view text) {
-    while (!text.empty()) {
-        const std::string_view line = text.substr(0, text.find('\n'));
+    std::string_view line;
+    while (next_line(&text, &line))
         printf("  │ %.*s\n", static_cast<int>(line.size()), line.data());
-        text.remove_prefix(line.size() < text.size() ? line.size() + 1 : line.size());
-    }
     printf("\n");
 }
 

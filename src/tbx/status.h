@@ -4,7 +4,7 @@
 
 #include "common/core.h"
 #include "common/message.h"
-#include "tbx/sent.h"
+#include "tbx/recipient_state.h"
 
 #include <cstdint>
 #include <string>
@@ -20,9 +20,13 @@ struct message_summary {
     int sent = 0;
 };
 
-// Loads the summary of message `id`. False for a message that is marked failed, that has no
-// recipients or of which something could not be read.
-[[nodiscard]] bool message_summary_load(int64_t id, message_summary *summary);
+// What stands before the text of a message in listings: "[revoked] ", "[expired] ", both or none.
+[[nodiscard]] std::string message_marks(const message_summary &summary);
+
+// Loads the summary of message `id`. Absent for a message that is marked failed, that was not saved
+// or has no recipients; failed, with errno, when something could not be read.
+[[nodiscard]] lookup message_summary_load(int64_t id, confirmation_cache *cache,
+                                          message_summary *summary);
 
 // Appends the recipients column: "all confirmed (3)", or "1 confirmed · 2 delivered".
 void summary_text(const message_summary &summary, strbuf *out);
@@ -33,10 +37,11 @@ struct recipient_line {
     std::string text; // "confirmed on 04/10 12:00 (desktop)", ...
 };
 
-// Appends one line per recipient, in the order of the recipients file. False, with errno, when
-// they could not be read for want of resources.
-[[nodiscard]] bool recipient_state_lines(int64_t id, const message_record &message,
-                                         std::vector<recipient_line> *lines);
+// Appends one line per recipient, in the order of the recipients file. Returns 0, or -1 with errno
+// when they could not be read.
+[[nodiscard]] int recipient_state_lines(int64_t id, const message_record &message,
+                                        confirmation_cache *cache,
+                                        std::vector<recipient_line> *lines);
 
 // The same; ends the process where they could not be read.
 [[nodiscard]] std::vector<recipient_line>

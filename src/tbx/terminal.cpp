@@ -143,7 +143,7 @@ static time_t monotonic_seconds() {
 struct pending_output {
     unique_fd terminal;
     std::string_view rest;
-    time_t start;
+    time_t start; // of the writing to the user's terminals: all share one patience
 };
 
 enum class output_state { whole, waiting, given_up };
@@ -170,7 +170,7 @@ static void wait_for_room(const std::vector<pending_output> &waiting) {
     watched.reserve(waiting.size());
     for (const pending_output &pending : waiting)
         watched.push_back({.fd = pending.terminal.get(), .events = POLLOUT, .revents = 0});
-    poll(watched.data(), watched.size(), WRITE_POLL_MILLISECONDS); // the next writes tell
+    (void)poll(watched.data(), watched.size(), WRITE_POLL_MILLISECONDS); // the next writes tell
 }
 
 // Writes the rest of all of them. Returns how many took everything.
@@ -205,6 +205,7 @@ static unique_fd open_terminal(const char *path, uint32_t uid) {
 
 int terminals_write(const strlist &paths, uint32_t uid, std::string_view text) {
     int whole = 0;
+    const time_t start = monotonic_seconds();
     std::vector<pending_output> waiting;
     for (const char *path : paths) {
         unique_fd terminal = open_terminal(path, uid);
@@ -215,7 +216,7 @@ int terminals_write(const strlist &paths, uint32_t uid, std::string_view text) {
             terminal = open_terminal(path, uid);
         if (!terminal)
             continue;
-        pending_output pending = {std::move(terminal), text, monotonic_seconds()};
+        pending_output pending = {std::move(terminal), text, start};
         const output_state state = write_some(&pending);
         if (state == output_state::whole)
             whole++;

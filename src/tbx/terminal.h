@@ -18,8 +18,8 @@ void terminal_banner_build(const message_record &message, strbuf *out);
 // terminal that takes nothing is given up after just over 2 seconds.
 [[nodiscard]] bool terminal_write(const char *path, uint32_t uid, const char *data, size_t length);
 
-// The same for all of a user's terminals together: those that take nothing are waited for at the
-// same time, so that somebody with many of them holds up nobody. Returns how many took all.
+// The same for all of a user's terminals together, with one patience for all of them: somebody with
+// many that take nothing holds up nobody for longer than with one. Returns how many took all.
 [[nodiscard]] int terminals_write(const strlist &paths, uint32_t uid, std::string_view text);
 
 // Whether the user has an x11 or wayland session that is not closing.

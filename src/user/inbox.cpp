@@ -252,13 +252,18 @@ int message_read(const unique_fd &folder, int64_t id, message_record *message) {
     return 0;
 }
 
+// Whether the error tells what stands in the message's place: nothing, or no message.
+static bool tells_of_no_message(int error) {
+    return lookup_of_error(error) == lookup::absent || error == ELOOP || error == EINVAL ||
+           error == EFBIG || error == ENXIO;
+}
+
 waiting_state inbox_look(const own_mailbox &box, int64_t id, int64_t now,
                          waiting_message *message) {
     *message = {};
     message->id = id;
     if (message_read(box.inbox, id, &message->message) != 0)
-        return is_resource_error(errno) || errno == EACCES ? waiting_state::failed
-                                                           : waiting_state::absent;
+        return tells_of_no_message(errno) ? waiting_state::absent : waiting_state::failed;
     message->terminal = mark_read(box, id, channel::terminal, now);
     message->desktop = mark_read(box, id, channel::desktop, now);
     if (!is_unanswered(box, id))

@@ -49,9 +49,11 @@ def test_nothing_of_the_mailbox_is_touched_before_the_identity_is_dropped(traced
 
 def test_the_parent_touches_only_the_mailbox_directory_itself(traced):
     trace = traced("%file")
-    touched = {match for _, arguments, _ in trace.of_parent()
-               for match in re.findall(r'"([^"]*users/pat[^"]*)"', arguments)}
-    assert touched == {"/var/lib/tellbox/users/pat"}
+    touched = {(name, match) for name, arguments, _ in trace.of_parent()
+               for match in re.findall(r'"([^"]*\bpat\b[^"]*)"', arguments)}
+    assert touched == {("openat2", "pat"), ("mkdirat", "pat")}
+    assert all("RESOLVE_NO_XDEV" in arguments for name, arguments, _ in trace.of_parent()
+               if name == "openat2")
 
 
 @pytest.mark.parametrize("failure", [

@@ -2,6 +2,7 @@
 
 import fcntl
 import os
+import time
 
 import pytest
 from harness.clock import now
@@ -213,8 +214,8 @@ def test_an_empty_message_directory_goes_by_its_age(box):
     assert_purges(box, "90d", 7)
 
 
-@pytest.mark.parametrize("error", ["EMFILE", "ENFILE", "EIO", "ENOMEM"])
-def test_a_message_that_cannot_be_read_for_want_of_resources_is_kept(box, strace, error):
+@pytest.mark.parametrize("error", ["EMFILE", "ENFILE", "EIO", "ENOMEM", "EUCLEAN", "EACCES"])
+def test_a_message_that_cannot_be_read_is_kept(box, strace, error):
     make_old(box, 7, "pat")
     os.utime(box.store.sent(7), (OLD, OLD))
     message = Call("openat", f"{box.state_name}/sent/7/msg")
@@ -222,10 +223,11 @@ def test_a_message_that_cannot_be_read_for_want_of_resources_is_kept(box, strace
     assert box.store.mailbox("pat", "inbox", 7).exists()
 
 
-@pytest.mark.parametrize("error, listed_after", [("EACCES", set()), ("EIO", {"7"})])
-def test_a_message_whose_age_cannot_be_told_is_always_old_enough(box, strace, error,
-                                                                listed_after):
-    box.store.make_message(7, msg=False)  # but want of resources tells nothing
+@pytest.mark.parametrize("error, listed_after", [("ENOENT", set()), ("EACCES", {"7"}),
+                                                 ("EIO", {"7"}), ("ESTALE", {"7"})])
+def test_a_broken_message_is_always_old_enough_unless_its_age_cannot_be_read(
+        box, strace, error, listed_after):
+    box.store.make_message(7, msg=False)
     directory = Call("newfstatat", f"{box.state_name}/sent/7")
     run_failing(box, directory, error, "purge", "90d")
     assert listed(box) == listed_after
@@ -350,3 +352,44 @@ def test_a_lost_sync_of_the_store_does_not_stop_the_purge(box, strace):
     traced = box.trace("fsync", "purge", "90d", inject=["fsync:error=EIO"])
     assert tuple(traced.result) == ("Deleted 1 message older than 90d.\n", "", 0)
     assert not box.store.mailbox("pat", "inbox", 7).exists()
+
+
+# What a send left that could not be marked.
+
+def make_litter(box, age_seconds=120, **options):
+    box.store.make_message(7, msg=False, **options)
+    box.store.sent(7, "lock").touch()
+    moment = time.time() - age_seconds
+    os.utime(box.store.sent(7), (moment, moment))
+
+
+@pytest.mark.parametrize("to", [None, ["pat"]])
+def test_a_directory_without_message_and_mark_goes_with_the_next_purge(box, to):
+    make_litter(box, to=to)
+    assert tuple(box.run("purge", "90d")) == ("No messages older than 90d.\n", "", 0)
+    assert not box.store.sent(7).exists()
+    assert not list((box.store.top / "sent").glob(".deleting-*"))
+    assert box.journal.events() == []
+
+
+@pytest.mark.parametrize("marks", [{"markers": ["incomplete"]}, {"markers": ["revoking"]},
+                                   {"failed": OLD}, {"revoked": OLD},
+                                   {"delivered": [("pat", OLD, 0)]}])
+def test_a_directory_with_a_mark_is_no_litter(box, marks):
+    make_litter(box, **marks)
+    box.run("purge", "90d")
+    assert box.store.sent(7).exists()
+
+
+def test_a_directory_that_a_send_has_just_made_is_left_to_it(box):
+    make_litter(box, age_seconds=0)
+    box.run("purge", "90d")
+    assert box.store.sent(7).exists()
+
+
+def test_litter_whose_lock_is_held_is_left(box):
+    make_litter(box)
+    with open(box.store.sent(7, "lock"), "wb") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        box.run("purge", "90d")
+    assert box.store.sent(7).exists()

@@ -335,3 +335,15 @@ def test_marks_are_on_the_disk_before_the_event_and_the_lock(machine, strace):
         ("fsync", "revoked.tmp"), ("renameat2", 'revoked", RENAME_NOREPLACE'),
         ("fsync", "revoking"), ("fsync", ""), ("sendmsg", "REVOKED"),
         ("flock", "lock>, LOCK_EX"), ("unlink", "pat/inbox/7"), ("unlink", "revoking")]
+
+
+@pytest.mark.parametrize("error, text", [("ENOSPC", "No space left on device"),
+                                         ("EIO", "Input/output error")])
+def test_a_revocation_that_no_later_run_could_finish_does_not_begin(box, strace, error, text):
+    box.store.make_message(7, copies=["pat"], delivered=[("pat", 1790000000, 0)])
+    traced = box.trace("openat", "revoke", "7", inject=[f"openat:error={error}"],
+                       only_path=f"{box.state_name}/sent/7/revoking")
+    assert tuple(traced.result) == ("", f"tbx: {box.state_name}/sent/7/revoking: {text}\n", 1)
+    assert not box.store.sent(7, "revoked").exists()
+    assert box.store.mailbox("pat", "inbox", 7).exists()
+    assert box.journal.events() == []

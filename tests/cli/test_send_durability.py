@@ -46,7 +46,7 @@ def test_every_step_is_on_the_disk_before_the_next_one_relies_on_it(box, strace)
         "mkdir sent/1", *written("sent/.seq"), "create sent/1/lock", "flock sent/1/lock",
         "create sent/1/incomplete", *written("sent/1/msg"), *written("sent/1/recipients"),
         "fsync sent/1/incomplete", "fsync sent/1", "fsync sent",
-        "mkdir users/pat", "create sent/1/delivery",
+        "mkdirat pat", "create sent/1/delivery",
         "syncfs users", "fsync sent/1", "unlink sent/1/incomplete", "fsync sent/1"]
 
 

@@ -229,3 +229,16 @@ def test_sends_at_the_same_time_get_identifiers_of_their_own(box):
     texts = {box.store.mailbox("sam", "inbox", number).read_text(encoding="utf-8").split("\n")[-2]
              for number in range(1, 13)}
     assert texts == {f"text {number}" for number in range(12)}
+
+
+# A send that cannot be marked.
+
+@pytest.mark.parametrize("error, text", [("ENOSPC", "No space left on device"),
+                                         ("EMFILE", "Too many open files"),
+                                         ("EIO", "Input/output error")])
+def test_a_send_that_cannot_be_marked_saves_nothing(box, strace, error, text):
+    traced = box.trace("openat", "send", "--to", "pat", "hello", inject=[f"openat:error={error}"],
+                       only_path=f"{box.state_name}/sent/1/incomplete")
+    assert tuple(traced.result) == ("", f"tbx: {box.state_name}/sent/1: {text}\n", 1)
+    assert [path.name for path in box.store.sent(1).iterdir()] == ["lock"]
+    assert box.journal.events() == []

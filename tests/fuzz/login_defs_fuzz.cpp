@@ -1,6 +1,6 @@
 // /etc/login.defs, against the pattern that its lines are told by.
 #include "fuzz.h"
-#include "tbx/recipients.h"
+#include "tbx/accounts.h"
 
 #include <cstdio>
 

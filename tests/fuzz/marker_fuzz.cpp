@@ -27,9 +27,15 @@ static void put_marker(char kind, const std::string &path, std::string_view text
     }
 }
 
+static int64_t revocation_time() {
+    int64_t time = -1;
+    CHECK(sent_revocation_time(7, &time) == 0);
+    return time;
+}
+
 static void check_new_marker() {
     const int64_t before = now();
-    CHECK(sent_marker_look_up(7, "failed") == marker_state::absent);
+    CHECK(sent_marker_look_up(7, "failed") == lookup::absent);
     CHECK(sent_marker_write_time(7, "failed") == 0);
     const std::string text = contents_of(state_path("sent/7/failed"));
     CHECK(text.ends_with('\n'));
@@ -42,21 +48,21 @@ void fuzz_one(std::string_view input) {
     remove_all(state_path("sent/7"));
     make_folder(state_path("sent/7"));
     put_file(state_path("elsewhere"), "");
-    CHECK(sent_marker_look_up(7, "revoked") == marker_state::absent);
-    CHECK(sent_revocation_time(7) == 0);
+    CHECK(sent_marker_look_up(7, "revoked") == lookup::absent);
+    CHECK(revocation_time() == 0);
 
     const char kind = static_cast<char>(take_byte(&input));
     put_marker(kind, path, input);
-    CHECK(sent_marker_look_up(7, "revoked") == marker_state::present);
+    CHECK(sent_marker_look_up(7, "revoked") == lookup::found);
     const bool is_readable = has_file(kind) && input.size() <= TIME_FILE_MAX_BYTES;
     const std::string_view first_line = input.substr(0, input.find('\n'));
     const int64_t stands = is_readable ? decimal(first_line).value_or(0) : 0;
-    CHECK(sent_revocation_time(7) == stands);
+    CHECK(revocation_time() == stands);
 
     // What stands there keeps its time.
     errno = 0;
     CHECK(sent_marker_write_time(7, "revoked") == -1 && errno == EEXIST);
-    CHECK(sent_revocation_time(7) == stands);
+    CHECK(revocation_time() == stands);
     CHECK(!path_exists((path + ".tmp").c_str()));
     CHECK(contents_of(state_path("elsewhere")) == (kind == 'l' ? input : ""));
     check_new_marker();

@@ -19,7 +19,7 @@ static std::vector<std::string> names_in(std::string_view file) {
 static std::vector<std::string> names_read(std::string_view file) {
     put_file(state_path("sent/7/recipients"), file);
     strlist names;
-    CHECK(sent_read_recipients(7, &names) == 0);
+    CHECK(sent_read_recipients(7, &names) == lookup::found);
     return items_of(names);
 }
 

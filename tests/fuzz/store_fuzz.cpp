@@ -14,12 +14,13 @@
 #include <cstring>
 
 extern "C" {
-passwd *getpwnam(const char *name) {
-    static passwd pat = {};
+int getpwnam_r(const char *name, passwd *storage, char *, size_t, passwd **result) {
     static char pat_name[] = "pat";
-    pat.pw_name = pat_name;
-    pat.pw_uid = 1001;
-    return strcmp(name, "pat") == 0 || strcmp(name, "sam") == 0 ? &pat : nullptr;
+    *storage = {};
+    storage->pw_name = pat_name;
+    storage->pw_uid = 1001;
+    *result = strcmp(name, "pat") == 0 || strcmp(name, "sam") == 0 ? storage : nullptr;
+    return 0;
 }
 }
 
@@ -44,10 +45,12 @@ static bool has_failed(std::string_view markers) {
 }
 
 static void check_summary(const std::vector<std::string_view> &parts, bool is_listed) {
+    confirmation_cache cache;
     message_summary summary;
     strlist recipients;
-    CHECK(sent_read_recipients(7, &recipients) == 0);
-    CHECK(message_summary_load(7, &summary) == is_listed);
+    CHECK(sent_read_recipients(7, &recipients) == lookup::found);
+    CHECK(message_summary_load(7, &cache, &summary) ==
+          (is_listed ? lookup::found : lookup::absent));
     if (!is_listed)
         return;
     CHECK(summary.message.id == 7);
@@ -56,7 +59,7 @@ static void check_summary(const std::vector<std::string_view> &parts, bool is_li
     CHECK(summary.revoked == !parts[4].empty());
 
     std::vector<recipient_line> lines;
-    CHECK(recipient_state_lines(7, summary.message, &lines));
+    CHECK(recipient_state_lines(7, summary.message, &cache, &lines) == 0);
     CHECK(lines.size() == recipients.count);
     CHECK(std::ranges::count(lines, delivery_state::delivered, &recipient_line::state) ==
           summary.delivered);
@@ -105,7 +108,6 @@ static void check_interface(bool is_listed) {
 void fuzz_one(std::string_view input) {
     const auto parts = parts_of(input, 5);
     furnish(parts);
-    recipient_state_cache_drop();
     message_record record;
     const bool has_message = message_parse(parts[1].data(), parts[1].size(), &record) == 0;
     const bool failed = has_failed(parts[0]);

@@ -1,7 +1,7 @@
 #include "tbx/tui/compose_editor.h"
 
 #include "common/core.h"
-#include "tbx/recipients.h"
+#include "tbx/accounts.h"
 #include "tbx/tui/screen.h"
 
 #include <fcntl.h>
@@ -33,7 +33,8 @@ struct edited_file {
 static std::optional<resolved_user> calling_user() {
     const char *name = getenv("SUDO_USER");
     resolved_user user;
-    if (geteuid() != 0 || name == nullptr || *name == '\0' || !user_lookup_by_name(name, &user))
+    if (geteuid() != 0 || name == nullptr || *name == '\0' ||
+        user_lookup_by_name(name, &user) != lookup::found)
         return std::nullopt;
     return user;
 }

@@ -7,9 +7,11 @@
 #include "tbx/tui/job.h"
 #include "tbx/tui/list.h"
 #include "tbx/tui/screen.h"
+#include "tbx/user_child.h"
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 enum class detail_tab { recipients, history };
@@ -39,14 +41,16 @@ static void wrap_text(detail_page *state) {
     tui_wrap(state->summary.message.text, tui.screen_cols - TEXT_SIDE_COLS, &state->text_lines);
 }
 
-static void load_recipients(detail_page *state) {
-    state->recipients.clear();
-    if (!recipient_state_lines(state->id, state->summary.message, &state->recipients))
-        state->recipients.clear(); // read again with the next reload
-    for (recipient_line &line : state->recipients) {
+// What cannot be read now stays as it was; the next reload tries again.
+static void load_recipients(detail_page *state, confirmation_cache *cache) {
+    std::vector<recipient_line> lines;
+    if (recipient_state_lines(state->id, state->summary.message, cache, &lines) != 0)
+        return;
+    for (recipient_line &line : lines) {
         line.user = tui_clean(line.user);
         line.text = tui_clean(line.text);
     }
+    state->recipients = std::move(lines);
 }
 
 // What the history command prints, but for its own heading.
@@ -66,11 +70,19 @@ static void load_history(detail_page *state) {
 // False when the message is gone.
 static bool load(detail_page *state) {
     state->needs_reload = false;
-    recipient_state_cache_drop();
-    recipient_state_ask_only(state->id);
-    if (!message_summary_load(state->id, &state->summary))
+    user_times_renew();
+    confirmation_cache cache(state->id);
+    message_summary summary;
+    switch (message_summary_load(state->id, &cache, &summary)) {
+    case lookup::absent:
         return false;
-    load_recipients(state);
+    case lookup::failed:
+        return state->summary.message.id != 0; // stays as it was; the next reload tries again
+    case lookup::found:
+        break;
+    }
+    state->summary = std::move(summary);
+    load_recipients(state, &cache);
     tui_clean_message(&state->summary.message);
     wrap_text(state);
     load_history(state);

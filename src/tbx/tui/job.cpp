@@ -1,8 +1,8 @@
 #include "tbx/tui/job.h"
 
 #include "tbx/command.h"
-#include "tbx/sent.h"
 #include "tbx/tui/screen.h"
+#include "tbx/user_child.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -38,7 +38,7 @@ static void run_send(const std::vector<std::string> &arguments) {
     if (dup2(in.get(), STDIN_FILENO) < 0 || dup2(out.get(), STDOUT_FILENO) < 0 ||
         dup2(out.get(), STDERR_FILENO) < 0)
         _exit(CANNOT_START);
-    recipient_state_cache_drop(); // users may have confirmed since the page was read
+    user_times_renew(); // a command is a run of its own
     if (job.command != nullptr)
         job.command(job.argument.c_str());
     else

@@ -6,9 +6,12 @@
 #include "tbx/tui/dialog.h"
 #include "tbx/tui/list_dialogs.h"
 #include "tbx/tui/screen.h"
+#include "tbx/user_child.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <utility>
 
 // ---- Loading ------------------------------------------------------------------------------
 
@@ -38,20 +41,37 @@ static bool is_wanted(const message_record &message, const std::string &search_t
            contains(message.title, search_text);
 }
 
+// Loads the summary of a message; one that cannot be read now stays as it was shown before.
+static lookup load_row(int64_t id, const std::vector<message_summary> &old_rows,
+                       confirmation_cache *cache, message_summary *summary) {
+    const lookup loaded = message_summary_load(id, cache, summary);
+    if (loaded == lookup::failed) {
+        const auto old = std::ranges::find(
+            old_rows, id, [](const message_summary &row) { return row.message.id; });
+        if (old == old_rows.end())
+            return lookup::failed;
+        *summary = *old;
+        return lookup::found;
+    }
+    tui_clean_message(&summary->message);
+    return loaded;
+}
+
 void message_list_load(message_list *list, const std::string &search_text) {
     list->loaded_at = tui_clock();
-    list->rows.clear();
-    recipient_state_cache_drop();
+    user_times_renew();
     strlist ids;
-    if (sent_list_ids(&ids) != 0)
-        return; // no store yet, or none that can be read: nothing to show
+    if (sent_list_ids(&ids) != 0 && lookup_of_error(errno) == lookup::failed)
+        return; // the next reload tries again
+    const std::vector<message_summary> old_rows = std::exchange(list->rows, {});
+    confirmation_cache cache;
     for (size_t i = ids.count; i > 0 && !quit_requested; i--) {
         int64_t id = 0;
         message_summary summary;
-        if (!parse_id(ids.items[i - 1], &id) || !message_summary_load(id, &summary))
+        if (!parse_id(ids.items[i - 1], &id))
             continue;
-        tui_clean_message(&summary.message);
-        if (is_wanted(summary.message, search_text))
+        const lookup loaded = load_row(id, old_rows, &cache, &summary);
+        if (loaded == lookup::found && is_wanted(summary.message, search_text))
             list->rows.push_back(std::move(summary));
     }
 }

@@ -530,13 +530,6 @@ TEST(ParseId, LooksAtTheWholeView) {
     EXPECT_EQ(parse_id(std::string_view(), &id), 0);
 }
 
-TEST(ResourceErrors, AreThoseThatSayNothingOfTheFile) {
-    for (const int error : {EIO, EMFILE, ENFILE, ENOMEM})
-        EXPECT_TRUE(is_resource_error(error)) << strerror(error);
-    for (const int error : {0, ENOENT, EACCES, ELOOP, EINVAL, EFBIG, ENOTDIR, ESRCH})
-        EXPECT_FALSE(is_resource_error(error)) << strerror(error);
-}
-
 TEST(CompareLengthThenText, OrdersNumbersByValue) {
     EXPECT_LT(compare_length_then_text("9", "10"), 0);
     EXPECT_GT(compare_length_then_text("100", "99"), 0);

@@ -2,6 +2,7 @@
 
 #include "support.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <unistd.h>
 
@@ -342,20 +343,35 @@ TEST(AgentStart, WaitsForSystemdRunWhateverItsStatus) {
     EXPECT_EQ(child.out, STARTED + "end\nalone\n");
 }
 
-TEST(AgentStart, SystemdRunHasOnlyStandardErrorOfOurs) {
+// The user can look into what systemd-run starts, and take a descriptor out of it.
+TEST(AgentStart, SystemdRunHasNoDescriptorOfOurs) {
     SKIP_UNLESS_ROOT();
     const child_result child = run_with_systemd_run(desktop_of_pat(), [] {
-        install_systemd_run("exec 3>&1\n"
-                            "readlink /proc/$$/fd/0 /proc/$$/fd/3 > /run/log/started\n"
-                            "echo to standard output\n"
-                            "echo to standard error >&2");
+        install_systemd_run("echo to standard output\n"
+                            "echo to standard error >&2\n"
+                            // The shell has the script at a number of two digits.
+                            "(readlink /proc/$$/fd/? > /run/log/started)\n"
+                            "true");
         replace_standard_input();
-        printf("printed before\n"); // and only once
+        const unique_fd inheritable(open("/etc/passwd", O_RDONLY)); // NOLINT(android-cloexec-open)
+        printf("printed before\n");                                 // and only once
         agent_start(PAT);
         fputs(started().c_str(), stdout);
     });
-    EXPECT_EQ(child.out, "printed before\n/dev/null\n/dev/null\n");
-    EXPECT_EQ(child.err, "to standard error\n");
+    EXPECT_EQ(child.out, "printed before\n/dev/null\n/dev/null\n/dev/null\n");
+    EXPECT_EQ(child.err, "");
+}
+
+TEST(AgentStart, NothingIsStartedWithoutANullDevice) {
+    SKIP_UNLESS_ROOT();
+    const child_result child = run_with_systemd_run(desktop_of_pat(), [] {
+        if (mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0)
+            throw_errno("/dev");
+        agent_start(PAT);
+        fputs(started().c_str(), stdout);
+    });
+    EXPECT_EQ(child.out, "nothing\n");
+    EXPECT_EQ(child.err, "");
 }
 
 TEST(AgentStart, MissingSystemdRunIsNotReported) {

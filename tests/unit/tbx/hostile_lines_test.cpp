@@ -172,16 +172,16 @@ TEST(HostileListing, EveryPairIsHarmlessInTheDetailOfAConfirmation) {
     for_each_batch([&](std::span<const std::string> details) {
         for (size_t i = 0; i < details.size(); i++)
             store.replace(acks + std::to_string(i + 1), "1790000001 " + details[i]);
-        recipient_state_cache_drop();
+        confirmation_cache cache;
         for (size_t i = 0; i < details.size(); i++) {
             std::vector<recipient_line> lines;
-            ASSERT_TRUE(recipient_state_lines(static_cast<int64_t>(i) + 1, message, &lines));
+            ASSERT_EQ(recipient_state_lines(static_cast<int64_t>(i) + 1, message, &cache, &lines),
+                      0);
             ASSERT_EQ(lines.size(), 1U);
             ASSERT_EQ(lines[0].state, delivery_state::confirmed);
             ASSERT_FALSE(drives_terminal(lines[0].text, "\t")) << in_hexadecimal(details[i]);
         }
     });
-    recipient_state_cache_drop();
 }
 
 // ---- The history --------------------------------------------------------------------------

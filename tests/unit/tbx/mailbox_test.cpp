@@ -70,6 +70,7 @@ struct tried_mailbox : real_mailbox {
 
 TEST(MailboxNames, StandUnderTheStateDirectory) {
     const scratch_state state;
+    EXPECT_EQ(users_dir(), state.path("users"));
     EXPECT_EQ(mailbox_dir(PAT), state.path("users/pat"));
     const mailbox_target target = {mailbox_dir(PAT), 999'999'999'999'999'999};
     EXPECT_EQ(mailbox_file(target, "inbox", ""), state.path("users/pat/inbox/999999999999999999"));

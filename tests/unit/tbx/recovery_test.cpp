@@ -407,8 +407,8 @@ TEST(Recovery, LeavesAMessageAloneThatAnotherRunHolds) {
     SKIP_UNLESS_ROOT();
     const interrupted_store store;
     store->write("sent/7/revoking", "");
-    const unique_fd held = sent_lock(7, /*nonblocking=*/true);
-    ASSERT_TRUE(held);
+    const message_lock held = sent_lock(7, /*nonblocking=*/true);
+    ASSERT_EQ(held.state, lock_state::taken);
     expect_nothing(recover());
     EXPECT_TRUE(store->exists("sent/7/incomplete"));
     EXPECT_TRUE(store->exists("sent/7/revoking"));
@@ -420,7 +420,8 @@ TEST(Recovery, GoesOnToTheMessagesThatAreFree) {
     const interrupted_store store;
     store->make_message("6");
     store->write("sent/6/incomplete", "");
-    const unique_fd held = sent_lock(6, /*nonblocking=*/true);
+    const message_lock held = sent_lock(6, /*nonblocking=*/true);
+    ASSERT_EQ(held.state, lock_state::taken);
     EXPECT_EQ(recover().warnings, completed_warning(2));
     EXPECT_TRUE(store->exists("sent/6/incomplete"));
 }
@@ -445,7 +446,7 @@ TEST(Recovery, ReleasesTheLock) {
     const interrupted_store store;
     (void)recover();
     EXPECT_TRUE(store->exists("sent/7/lock"));
-    EXPECT_TRUE(sent_lock(7, /*nonblocking=*/true));
+    EXPECT_EQ(sent_lock(7, /*nonblocking=*/true).state, lock_state::taken);
 }
 
 TEST(Recovery, LeavesNoDescriptor) {

@@ -52,6 +52,21 @@ void unlock(const unique_fd &lock) {
         throw_errno("unlock");
 }
 
+lock_state try_lock(int64_t id) {
+    return sent_lock(id, /*nonblocking=*/true).state;
+}
+
+lock_state wait_for_lock(int64_t id) {
+    return sent_lock(id, /*nonblocking=*/false).state;
+}
+
+// The time in the marker, which can be read.
+int64_t revocation_time(int64_t id) {
+    int64_t time = -1;
+    EXPECT_EQ(sent_revocation_time(id, &time), 0);
+    return time;
+}
+
 } // namespace
 
 // ---- Paths --------------------------------------------------------------------------------
@@ -59,7 +74,6 @@ void unlock(const unique_fd &lock) {
 TEST(SentPaths, StandUnderTheStateDirectory) {
     const scratch_state state;
     EXPECT_EQ(sent_dir(), state.path("sent"));
-    EXPECT_EQ(users_dir(), state.path("users"));
     EXPECT_EQ(sent_message_dir(ID_MAX), state.path("sent/999999999999999999"));
     EXPECT_EQ(sent_path(7, "msg"), state.path("sent/7/msg"));
 }
@@ -306,49 +320,49 @@ TEST(SentAllocateId, RunsAtTheSameTimeNeverShareAnIdentifier) {
 TEST(SentLock, CreatesItsFile) {
     const scratch_store store;
     store.make_message("7");
-    const unique_fd lock = sent_lock(7, /*nonblocking=*/true);
-    ASSERT_TRUE(lock);
+    const message_lock lock = sent_lock(7, /*nonblocking=*/true);
+    ASSERT_EQ(lock.state, lock_state::taken);
     EXPECT_THAT(mode_and_owner(store.path("sent/7/lock")), StartsWith("0600"));
     EXPECT_EQ(store.read("sent/7/lock"), "");
-    EXPECT_EQ(fcntl(lock.get(), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(lock.file.get(), F_GETFD), FD_CLOEXEC);
 }
 
 TEST(SentLock, IsRefusedWhileAnotherHoldsIt) {
     const scratch_store store;
     store.make_message("7");
     unique_fd held = lock_file(store.path("sent/7/lock"));
-    EXPECT_FALSE(sent_lock(7, /*nonblocking=*/true));
-    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_EQ(try_lock(7), lock_state::held);
     held.reset();
-    EXPECT_TRUE(sent_lock(7, /*nonblocking=*/true));
+    EXPECT_EQ(try_lock(7), lock_state::taken);
 }
 
 TEST(SentLock, IsHeldUntilItIsClosed) {
     const scratch_store store;
     store.make_message("7");
-    unique_fd lock = sent_lock(7, /*nonblocking=*/false);
-    const auto try_it = [] { return sent_lock(7, /*nonblocking=*/true) ? 0 : 1; };
-    EXPECT_EQ(exit_status_of(start_process(try_it)), 1);
-    lock.reset();
-    EXPECT_EQ(exit_status_of(start_process(try_it)), 0);
+    message_lock lock = sent_lock(7, /*nonblocking=*/false);
+    const auto try_it = [] { return try_lock(7) == lock_state::taken ? 10 : 20; };
+    EXPECT_EQ(exit_status_of(start_process(try_it)), 20);
+    lock.file.reset();
+    EXPECT_EQ(exit_status_of(start_process(try_it)), 10);
 }
 
 TEST(SentLock, WaitsWhenAskedTo) {
     const scratch_store store;
     store.make_message("7");
     const unique_fd held = lock_file(store.path("sent/7/lock"));
-    const pid_t other = start_process([] { return sent_lock(7, /*nonblocking=*/false) ? 0 : 1; });
+    const pid_t other =
+        start_process([] { return wait_for_lock(7) == lock_state::taken ? 10 : 20; });
     EXPECT_TRUE(await_waiting_for_lock(other));
     unlock(held);
-    EXPECT_EQ(exit_status_of(other), 0);
+    EXPECT_EQ(exit_status_of(other), 10);
 }
 
 TEST(SentLock, IsOfOneMessage) {
     const scratch_store store;
     store.make_message("7");
     store.make_message("8");
-    const unique_fd first = sent_lock(7, /*nonblocking=*/true);
-    EXPECT_TRUE(sent_lock(8, /*nonblocking=*/true));
+    const message_lock first = sent_lock(7, /*nonblocking=*/true);
+    EXPECT_EQ(try_lock(8), lock_state::taken);
 }
 
 namespace {
@@ -363,32 +377,32 @@ TEST(SentLock, WaitsOnAfterAnInterruption) {
     const child_result child = run_in_child([&store] {
         held_fd = lock_file(store.path("sent/7/lock")).release();
         interrupt_calls([] { close(held_fd); });
-        const unique_fd lock = sent_lock(7, /*nonblocking=*/false);
+        const lock_state state = wait_for_lock(7);
         stop_interrupting();
-        return lock ? 10 : 20;
+        return state == lock_state::taken ? 10 : 20;
     });
     EXPECT_EQ(child.exit_status, 10) << child.err;
 }
 
 TEST(SentLock, FailsWhereItsFileCannotBeOpened) {
     const scratch_store store;
-    EXPECT_FALSE(sent_lock(6, /*nonblocking=*/true)); // no such message
+    EXPECT_EQ(try_lock(6), lock_state::failed); // no such message
     EXPECT_EQ(errno, ENOENT);
 
     store.make_message("7");
     std::filesystem::create_symlink("elsewhere", store.path("sent/7/lock"));
-    EXPECT_FALSE(sent_lock(7, /*nonblocking=*/true));
+    EXPECT_EQ(try_lock(7), lock_state::failed);
     EXPECT_EQ(errno, ELOOP);
     EXPECT_FALSE(store.exists("sent/7/elsewhere"));
 
     store.make_message("8");
     std::filesystem::create_directory(store.path("sent/8/lock"));
-    EXPECT_FALSE(sent_lock(8, /*nonblocking=*/false));
+    EXPECT_EQ(wait_for_lock(8), lock_state::failed);
     EXPECT_EQ(errno, EISDIR);
 
     store.make_message("9");
     make_fifo(store.path("sent/9/lock")); // which nobody reads: it must not block
-    EXPECT_FALSE(sent_lock(9, /*nonblocking=*/false));
+    EXPECT_EQ(wait_for_lock(9), lock_state::failed);
     EXPECT_EQ(errno, ENXIO);
 }
 
@@ -397,7 +411,7 @@ TEST(SentLock, FailureLeavesNoDescriptor) {
     store.make_message("7");
     const unique_fd held = lock_file(store.path("sent/7/lock"));
     const size_t before = open_descriptors();
-    EXPECT_FALSE(sent_lock(7, /*nonblocking=*/true));
+    EXPECT_EQ(try_lock(7), lock_state::held);
     EXPECT_EQ(open_descriptors(), before);
 }
 
@@ -406,9 +420,9 @@ TEST(SentLock, FailureLeavesNoDescriptor) {
 TEST(SentMarker, IsAnEmptyFile) {
     const scratch_store store;
     store.make_message("7");
-    EXPECT_EQ(sent_marker_exists(7, "incomplete"), 0);
-    sent_marker_create(7, "incomplete");
-    EXPECT_EQ(sent_marker_exists(7, "incomplete"), 1);
+    EXPECT_FALSE(sent_marker_exists(7, "incomplete"));
+    EXPECT_EQ(sent_marker_create(7, "incomplete"), 0);
+    EXPECT_TRUE(sent_marker_exists(7, "incomplete"));
     EXPECT_EQ(store.read("sent/7/incomplete"), "");
     EXPECT_THAT(mode_and_owner(store.path("sent/7/incomplete")), StartsWith("0600"));
 }
@@ -416,7 +430,7 @@ TEST(SentMarker, IsAnEmptyFile) {
 TEST(SentMarker, ThatIsThereIsKept) {
     const scratch_store store;
     store.write("sent/7/revoked", "200\n");
-    sent_marker_create(7, "revoked");
+    EXPECT_EQ(sent_marker_create(7, "revoked"), 0);
     EXPECT_EQ(store.read("sent/7/revoked"), "200\n");
 }
 
@@ -424,15 +438,17 @@ TEST(SentMarker, IsNotCreatedThroughALink) {
     const scratch_store store;
     store.make_message("7");
     std::filesystem::create_symlink("elsewhere", store.path("sent/7/incomplete"));
-    sent_marker_create(7, "incomplete");
+    EXPECT_EQ(sent_marker_create(7, "incomplete"), -1);
+    EXPECT_EQ(errno, ELOOP);
     EXPECT_FALSE(store.exists("sent/7/elsewhere"));
-    EXPECT_EQ(sent_marker_exists(7, "incomplete"), 1); // whatever it is
+    EXPECT_TRUE(sent_marker_exists(7, "incomplete")); // whatever it is
 }
 
-TEST(SentMarker, FailureIsNotReported) {
+TEST(SentMarker, ThatCannotBeCreatedIsAnErrorAndNotPrinted) {
     const scratch_store store;
-    const child_result child = run_in_child([] { sent_marker_create(7, "incomplete"); });
-    EXPECT_EQ(child.exit_status, 0);
+    const child_result child = run_in_child(
+        [] { return sent_marker_create(7, "incomplete") == -1 && errno == ENOENT ? 10 : 20; });
+    EXPECT_EQ(child.exit_status, 10);
     EXPECT_EQ(child.out + child.err, "");
     EXPECT_FALSE(store.exists("sent/7"));
 }
@@ -441,32 +457,33 @@ TEST(SentMarker, NamedPipeInItsPlaceDoesNotBlock) {
     const scratch_store store;
     store.make_message("7");
     make_fifo(store.path("sent/7/incomplete"));
-    sent_marker_create(7, "incomplete");
-    EXPECT_EQ(sent_marker_exists(7, "incomplete"), 1);
+    EXPECT_EQ(sent_marker_create(7, "incomplete"), -1);
+    EXPECT_EQ(errno, ENXIO);
+    EXPECT_TRUE(sent_marker_exists(7, "incomplete"));
 }
 
 TEST(SentMarker, IsAbsentWhereThereIsNoMessage) {
     const scratch_store store;
-    EXPECT_EQ(sent_marker_look_up(7, "failed"), marker_state::absent);
+    EXPECT_EQ(sent_marker_look_up(7, "failed"), lookup::absent);
     store.write("sent/7", "a file");
-    EXPECT_EQ(sent_marker_look_up(7, "failed"), marker_state::absent);
-    EXPECT_EQ(sent_marker_exists(7, "failed"), 0);
+    EXPECT_EQ(sent_marker_look_up(7, "failed"), lookup::absent);
+    EXPECT_FALSE(sent_marker_exists(7, "failed"));
 }
 
-TEST(SentMarker, IsPresentWhateverItIs) {
+TEST(SentMarker, IsFoundWhateverItIs) {
     const scratch_store store;
     store.make_message("7");
     std::filesystem::create_symlink("nowhere", store.path("sent/7/failed"));
-    EXPECT_EQ(sent_marker_look_up(7, "failed"), marker_state::present);
-    EXPECT_EQ(sent_marker_exists(7, "failed"), 1);
+    EXPECT_EQ(sent_marker_look_up(7, "failed"), lookup::found);
+    EXPECT_TRUE(sent_marker_exists(7, "failed"));
 }
 
-TEST(SentMarker, IsUnknownWhereItCannotBeLookedUp) {
+TEST(SentMarker, IsNeitherFoundNorAbsentWhereItCannotBeLookedUp) {
     const scratch_store store;
     std::filesystem::create_symlink("7", store.path("sent/7")); // leads nowhere else
-    EXPECT_EQ(sent_marker_look_up(7, "failed"), marker_state::unknown);
+    EXPECT_EQ(sent_marker_look_up(7, "failed"), lookup::failed);
     EXPECT_EQ(errno, ELOOP);
-    EXPECT_EQ(sent_marker_exists(7, "failed"), 0);
+    EXPECT_FALSE(sent_marker_exists(7, "failed"));
 }
 
 TEST(SentMarker, WithATimeHoldsTheClock) {
@@ -475,9 +492,9 @@ TEST(SentMarker, WithATimeHoldsTheClock) {
     const int64_t before = now();
     EXPECT_EQ(sent_marker_write_time(7, "revoked"), 0);
     const int64_t after = now();
-    EXPECT_LE(before, sent_revocation_time(7));
-    EXPECT_LE(sent_revocation_time(7), after);
-    EXPECT_EQ(store.read("sent/7/revoked"), std::to_string(sent_revocation_time(7)) + "\n");
+    EXPECT_LE(before, revocation_time(7));
+    EXPECT_LE(revocation_time(7), after);
+    EXPECT_EQ(store.read("sent/7/revoked"), std::to_string(revocation_time(7)) + "\n");
     EXPECT_THAT(mode_and_owner(store.path("sent/7/revoked")), StartsWith("0600"));
     EXPECT_FALSE(store.exists("sent/7/revoked.tmp"));
 }
@@ -492,17 +509,17 @@ TEST(SentRevocationTime, IsTheNumberInTheMarker) {
     const scratch_store store;
     for (const char *text : {"200\n", "200", "200\nand more\n", "0200\n"}) {
         store.write("sent/7/revoked", text);
-        EXPECT_EQ(sent_revocation_time(7), 200) << text;
+        EXPECT_EQ(revocation_time(7), 200) << text;
     }
 }
 
 TEST(SentRevocationTime, IsZeroWhereThereIsNoNumber) {
     const scratch_store store;
-    EXPECT_EQ(sent_revocation_time(7), 0); // missing
+    EXPECT_EQ(revocation_time(7), 0); // missing
     for (const std::string &text : {std::string(), std::string("abc\n"), std::string("-200\n"),
                                     "200\n" + std::string(61, 'x')}) {
         store.write("sent/7/revoked", text);
-        EXPECT_EQ(sent_revocation_time(7), 0) << text;
+        EXPECT_EQ(revocation_time(7), 0) << text;
     }
 }
 
@@ -510,8 +527,8 @@ TEST(SentRevocationTime, IsZeroWhereTheMarkerIsNoFile) {
     const scratch_store store;
     store.write("sent/7/elsewhere", "200\n");
     std::filesystem::create_symlink("elsewhere", store.path("sent/7/revoked"));
-    EXPECT_EQ(sent_revocation_time(7), 0);
+    EXPECT_EQ(revocation_time(7), 0);
     store.make_message("8");
     make_fifo(store.path("sent/8/revoked"));
-    EXPECT_EQ(sent_revocation_time(8), 0);
+    EXPECT_EQ(revocation_time(8), 0);
 }

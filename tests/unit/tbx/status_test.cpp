@@ -52,8 +52,9 @@ std::string printed(const std::function<void()> &body) {
 
 std::string summary_of(int64_t id) {
     return printed([id] {
+        confirmation_cache cache;
         message_summary summary;
-        if (!message_summary_load(id, &summary)) {
+        if (message_summary_load(id, &cache, &summary) != lookup::found) {
             printf("none");
             return;
         }
@@ -80,8 +81,9 @@ std::string state_lines(int64_t expires = 0) {
     return printed([expires] {
         message_record message;
         message.expires = expires;
+        confirmation_cache cache;
         std::vector<recipient_line> lines;
-        EXPECT_TRUE(recipient_state_lines(7, message, &lines));
+        EXPECT_EQ(recipient_state_lines(7, message, &cache, &lines), 0);
         for (const recipient_line &line : lines)
             printf("%s: %s\n", line.user.c_str(), line.text.c_str());
     });
@@ -153,17 +155,19 @@ TEST(MessageSummary, IsNoneWithoutTheCopyOrRecipients) {
     EXPECT_EQ(summary_of(7), "none");
 }
 
-TEST(MessageSummary, IsNoneWhereAFileCannotBeRead) {
+TEST(MessageSummary, FailsWhereAFileCannotBeRead) {
     SKIP_UNLESS_ROOT();
     for (const char *file : {"msg", "recipients", "delivery"}) {
         const listed_store store;
         store.write_mixed_message();
         EXPECT_EQ(printed([file] {
                       make_unreadable(sent_path(7, file));
+                      confirmation_cache cache;
                       message_summary summary;
-                      printf("%d", message_summary_load(7, &summary));
+                      const lookup loaded = message_summary_load(7, &cache, &summary);
+                      printf("%d %s", loaded == lookup::failed, strerror(errno));
                   }),
-                  "0")
+                  "1 Input/output error")
             << file;
     }
 }
@@ -198,8 +202,9 @@ TEST(RecipientStateLines, CarryTheState) {
     const listed_store store;
     store.write_mixed_message();
     EXPECT_EQ(printed([] {
+                  confirmation_cache cache;
                   std::vector<recipient_line> lines;
-                  EXPECT_TRUE(recipient_state_lines(7, {}, &lines));
+                  EXPECT_EQ(recipient_state_lines(7, {}, &cache, &lines), 0);
                   for (const recipient_line &line : lines)
                       printf("%d ", static_cast<int>(line.state));
               }),
@@ -332,11 +337,12 @@ TEST(RecipientStateLines, FailWhereTheFilesCannotBeRead) {
         store.write_mixed_message();
         const child_result child = run_there([file] {
             make_unreadable(sent_path(7, file));
+            confirmation_cache cache;
             std::vector<recipient_line> lines;
-            const bool read = recipient_state_lines(7, {}, &lines);
-            printf("%d %s", read, strerror(errno));
+            const int result = recipient_state_lines(7, {}, &cache, &lines);
+            printf("%d %s", result, strerror(errno));
         });
-        EXPECT_EQ(child.out, "0 Input/output error") << file;
+        EXPECT_EQ(child.out, "-1 Input/output error") << file;
     }
 }
 

@@ -1,5 +1,4 @@
-// The state of a recipient, from the delivery log and the user's confirmation.
-#include "tbx/sent.h"
+#include "tbx/recipient_state.h"
 
 #include "support.h"
 
@@ -35,16 +34,22 @@ std::string shown(const recipient_status &status) {
 }
 
 // The state of `user` for message `id`, over an old one that must not survive.
-std::string state_here(const char *user, int64_t id, int64_t expires, int64_t cutoff) {
+std::string state_here(const char *user, int64_t id, int64_t expires, int64_t cutoff,
+                       confirmation_cache *cache) {
     delivery_table delivery;
-    if (sent_read_delivery(id, &delivery) != 0)
+    if (sent_read_delivery(id, &delivery) != lookup::found)
         return "no delivery log";
     message_record message;
     message.expires = expires;
     recipient_status status = {delivery_state::confirmed, true, 99, "old"};
-    if (!recipient_state(user, id, delivery, message, cutoff, &status))
+    if (recipient_state(user, id, delivery, message, cutoff, cache, &status) != 0)
         return "unknown";
     return shown(status);
+}
+
+// What the cache, which is asked for nothing but the state, makes of it.
+void print_state(const char *user, int64_t id, confirmation_cache *cache) {
+    printf("%s\n", state_here(user, id, 0, 0, cache).c_str());
 }
 
 struct conditions {
@@ -56,7 +61,8 @@ struct conditions {
 // The same on a machine with pat and sam.
 std::string state_with(const conditions &given = {}) {
     const child_result child = run_on(machine_of_pat_and_sam(), [&given] {
-        fputs(state_here(given.user, 7, given.expires, given.cutoff).c_str(), stdout);
+        confirmation_cache cache;
+        fputs(state_here(given.user, 7, given.expires, given.cutoff, &cache).c_str(), stdout);
     });
     EXPECT_EQ(child.exit_status, 0) << child.err;
     return child.out;
@@ -183,9 +189,10 @@ TEST(RecipientState, IsUnknownWhereTheMailboxCannotBeRead) {
     for (const rlim_t room : {1U, 3U}) { // for no pipe, and for one of the two
         const child_result child = run_on(machine_of_pat_and_sam(), [room] {
             leave_descriptors(room);
-            fputs(state_here("pat", 7, 0, 0).c_str(), stdout);
+            confirmation_cache cache;
+            print_state("pat", 7, &cache);
         });
-        EXPECT_EQ(child.out, "unknown");
+        EXPECT_EQ(child.out, "unknown\n");
     }
 }
 
@@ -196,59 +203,76 @@ TEST(RecipientState, IsUnknownWhereTheAccountsCannotBeRead) {
     store.write("users/pat/acks/7", "300 terminal\n");
     const child_result child = run_on(machine_of_pat_and_sam(), [] {
         make_unreadable("/etc/passwd");
-        fputs(state_here("pat", 7, 0, 0).c_str(), stdout);
+        confirmation_cache cache;
+        print_state("pat", 7, &cache);
     });
-    EXPECT_EQ(child.out, "unknown");
+    EXPECT_EQ(child.out, "unknown\n");
 }
 
-TEST(RecipientConfirmation, GivesWhatTheMailboxRecords) {
+// ---- The cache ----------------------------------------------------------------------------
+
+TEST(ConfirmationCache, FindsWhatTheMailboxRecords) {
     SKIP_UNLESS_ROOT();
     const delivered_message message("500 desktop\n");
     EXPECT_EQ(printed_by(
                   [](const scratch_store &) {
-                      const confirmation_entry *entry = recipient_confirmation("pat", 7);
-                      printf("%s, ", entry ? entry->ack->c_str() : "none");
-                      printf("%s", recipient_confirmation("pat", 8) ? "some" : "none");
+                      confirmation_cache cache;
+                      const confirmation_list *list = cache.find("pat");
+                      const confirmation_entry *entry = confirmation_find(*list, 7);
+                      printf("%s, ", entry != nullptr ? entry->ack->c_str() : "none");
+                      printf("%s", confirmation_find(*list, 8) != nullptr ? "some" : "none");
                   },
                   message),
               "500 desktop, none");
 }
 
-// ---- The cache ----------------------------------------------------------------------------
+TEST(ConfirmationCache, FindsAnEmptyListForAnAccountThatIsNoMore) {
+    SKIP_UNLESS_ROOT();
+    const delivered_message message("500 desktop\n");
+    EXPECT_EQ(printed_by(
+                  [](const scratch_store &) {
+                      confirmation_cache cache;
+                      printf("%zu", cache.find("nobody-of-that-name")->entries.size());
+                  },
+                  message),
+              "0");
+}
 
-TEST(RecipientStateCache, KeepsWhatWasReadUntilItIsDropped) {
+TEST(ConfirmationCache, KeepsWhatWasReadAsLongAsItLives) {
     SKIP_UNLESS_ROOT();
     const delivered_message message("500 desktop\n");
     EXPECT_EQ(printed_by(
                   [](const scratch_store &store) {
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                      confirmation_cache cache;
+                      print_state("pat", 7, &cache);
                       store.write("users/pat/acks/7", "600 terminal\n");
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
-                      recipient_state_cache_drop();
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                      print_state("pat", 7, &cache);
+                      confirmation_cache next;
+                      print_state("pat", 7, &next);
                   },
                   message),
               "confirmed 500 'desktop'\nconfirmed 500 'desktop'\nconfirmed 600 'terminal'\n");
 }
 
-TEST(RecipientStateCache, ListsTheMessagesOnceUntilItIsDropped) {
+TEST(ConfirmationCache, ListsTheMessagesOnce) {
     SKIP_UNLESS_ROOT();
     const delivered_message message;
     message.write("sent/7/delivery", "pat 100 2\nsam 100 2\n");
     EXPECT_EQ(printed_by(
                   [](const scratch_store &store) {
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                      confirmation_cache cache;
+                      print_state("pat", 7, &cache);
                       store.write("sent/8/delivery", "sam 100 2\n");
                       store.write("users/sam/acks/8", "500 desktop\n");
-                      printf("%s\n", state_here("sam", 8, 0, 0).c_str());
-                      recipient_state_cache_drop();
-                      printf("%s\n", state_here("sam", 8, 0, 0).c_str());
+                      print_state("sam", 8, &cache);
+                      confirmation_cache next;
+                      print_state("sam", 8, &next);
                   },
                   message),
               "delivered 0 ''\ndelivered 0 ''\nconfirmed 500 'desktop'\n");
 }
 
-TEST(RecipientStateCache, ReadsEachUserByOneChild) {
+TEST(ConfirmationCache, ReadsEachUserByOneChild) {
     SKIP_UNLESS_ROOT();
     const scratch_store store;
     for (const char *id : {"7", "8", "9"}) {
@@ -259,9 +283,10 @@ TEST(RecipientStateCache, ReadsEachUserByOneChild) {
     EXPECT_EQ(printed_by(
                   [](const scratch_store &) {
                       pthread_atfork([] { forks++; }, nullptr, nullptr);
+                      confirmation_cache cache;
                       for (const int64_t id : {7, 8, 9})
                           for (const char *user : {"pat", "sam"})
-                              printf("%s\n", state_here(user, id, 0, 0).c_str());
+                              print_state(user, id, &cache);
                       printf("%d", forks);
                   },
                   store),
@@ -269,74 +294,45 @@ TEST(RecipientStateCache, ReadsEachUserByOneChild) {
               "confirmed 500 'desktop'\nconfirmed 500 'desktop'\nconfirmed 500 'desktop'\n2");
 }
 
-TEST(RecipientStateCache, WhoHasNothingIsNotAskedAgain) {
+TEST(ConfirmationCache, WhoHasNothingIsNotAskedAgain) {
     SKIP_UNLESS_ROOT();
     const delivered_message message;
     EXPECT_EQ(printed_by(
                   [](const scratch_store &) {
                       pthread_atfork([] { forks++; }, nullptr, nullptr);
+                      confirmation_cache cache;
                       for (int i = 0; i < 3; i++)
-                          printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                          print_state("pat", 7, &cache);
                       printf("%d", forks);
                   },
                   message),
               "delivered 0 ''\ndelivered 0 ''\ndelivered 0 ''\n1");
 }
 
-TEST(RecipientStateCache, HoldsOneMessageAloneWhereThatIsAskedFor) {
+TEST(ConfirmationCache, HoldsOneMessageAloneWhereThatIsAskedFor) {
     SKIP_UNLESS_ROOT();
     const two_messages messages;
     EXPECT_EQ(printed_by(
-                  [](const scratch_store &store) {
-                      recipient_state_ask_only(7);
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
-                      store.write("users/pat/acks/7", "700 terminal\n");
-                      recipient_state_ask_only(7);
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
-                      printf("%s\n", state_here("pat", 8, 0, 0).c_str()); // reads all afresh
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                  [](const scratch_store &) {
+                      for (const int64_t only : {7, 8}) {
+                          confirmation_cache cache(only);
+                          print_state("pat", 7, &cache);
+                          print_state("pat", 8, &cache);
+                      }
                   },
                   messages),
-              "confirmed 500 'desktop'\nconfirmed 500 'desktop'\nconfirmed 600 'desktop'\n"
-              "confirmed 700 'terminal'\n");
+              "confirmed 500 'desktop'\ndelivered 0 ''\n"
+              "delivered 0 ''\nconfirmed 600 'desktop'\n");
 }
 
-TEST(RecipientStateCache, HoldsAnotherMessageAloneWhereThatIsAskedForNext) {
-    SKIP_UNLESS_ROOT();
-    const two_messages messages;
-    EXPECT_EQ(printed_by(
-                  [](const scratch_store &store) {
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
-                      store.write("users/pat/acks/8", "700 terminal\n");
-                      recipient_state_ask_only(8);
-                      printf("%s\n", state_here("pat", 8, 0, 0).c_str());
-                      recipient_state_cache_drop();
-                      store.write("users/pat/acks/7", "800 desktop\n");
-                      printf("%s\n", state_here("pat", 8, 0, 0).c_str());
-                      store.write("users/pat/acks/7", "900 desktop\n"); // was read already
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
-                  },
-                  messages),
-              "confirmed 500 'desktop'\nconfirmed 700 'terminal'\nconfirmed 700 'terminal'\n"
-              "confirmed 800 'desktop'\n");
-}
-
-TEST(RecipientStateCache, HoldsMessageZeroAloneLikeAnyOther) {
+TEST(ConfirmationCache, HoldsMessageZeroAloneLikeAnyOther) {
     SKIP_UNLESS_ROOT();
     const delivered_message message("500 desktop\n");
     EXPECT_EQ(printed_by(
                   [](const scratch_store &) {
-                      recipient_state_ask_only(7);
-                      recipient_state_ask_only(0);
-                      printf("%s\n", state_here("pat", 7, 0, 0).c_str());
+                      confirmation_cache cache(0);
+                      print_state("pat", 7, &cache);
                   },
                   message),
-              "confirmed 500 'desktop'\n");
-}
-
-TEST(RecipientStateCache, IsDroppedAsOftenAsWanted) {
-    recipient_state_cache_drop();
-    recipient_state_cache_drop();
-    EXPECT_EQ(recipient_confirmation("nobody-of-that-name", 7), nullptr);
-    recipient_state_cache_drop();
+              "delivered 0 ''\n");
 }

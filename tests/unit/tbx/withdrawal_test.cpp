@@ -1,7 +1,7 @@
-// Removing a message and its copies.
-#include "tbx/sent.h"
+#include "tbx/withdrawal.h"
 
 #include "support.h"
+#include "tbx/sent.h"
 
 namespace {
 

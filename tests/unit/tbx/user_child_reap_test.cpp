@@ -1,5 +1,5 @@
 // reap_child(): the end of a child is noticed, or brought about.
-#include "tbx/mailbox.h"
+#include "tbx/user_child.h"
 
 #include "support.h"
 

@@ -1,0 +1,86 @@
+#include "tbx/mounts.h"
+
+#include "common/core.h"
+
+#include <fcntl.h>
+
+#include <string>
+#include <vector>
+
+constexpr const char *MOUNT_TABLE = "/proc/self/mountinfo";
+constexpr size_t MOUNT_TABLE_MAX_BYTES = 16'777'216;
+
+// A line is "ID PARENT DEVICE ROOT PLACE OPTIONS [TAG...] - TYPE SOURCE SUPER-OPTIONS".
+constexpr size_t PLACE_FIELD = 4;
+constexpr size_t TAGS_FIELD = 6;
+
+static std::vector<std::string_view> fields_of(std::string_view line) {
+    std::vector<std::string_view> fields;
+    while (true) {
+        const size_t blank = line.find(' ');
+        fields.push_back(line.substr(0, blank));
+        if (blank == std::string_view::npos)
+            return fields;
+        line.remove_prefix(blank + 1);
+    }
+}
+
+static bool is_octal_digit(char c) {
+    return c >= '0' && c <= '7';
+}
+
+// The kernel writes blanks, tabs, newlines and backslashes as "\ooo".
+static std::string unescaped(std::string_view field) {
+    std::string text;
+    for (size_t i = 0; i < field.size(); i++) {
+        const bool is_escape = field[i] == '\\' && i + 3 < field.size() &&
+                               is_octal_digit(field[i + 1]) && is_octal_digit(field[i + 2]) &&
+                               is_octal_digit(field[i + 3]);
+        if (!is_escape) {
+            text.push_back(field[i]);
+            continue;
+        }
+        const int value =
+            (field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0');
+        text.push_back(static_cast<char>(value));
+        i += 3;
+    }
+    return text;
+}
+
+// Users mount through FUSE alone; its helper notes whose it is. "user_id=0" is root's own.
+static mount_maker maker_of(std::string_view type, std::string_view options) {
+    const bool is_fuse = type == "fuse" || type == "fuseblk" || type.starts_with("fuse.") ||
+                         type.starts_with("fuseblk.");
+    if (!is_fuse)
+        return mount_maker::administrator;
+    constexpr std::string_view ROOTS = ",user_id=0,";
+    const std::string all = "," + std::string(options) + ",";
+    return all.find(ROOTS) != std::string::npos ? mount_maker::administrator : mount_maker::user;
+}
+
+mount_maker mountinfo_maker(std::string_view mountinfo, std::string_view path) {
+    mount_maker maker = mount_maker::nobody;
+    std::string_view line;
+    while (next_line(&mountinfo, &line)) {
+        const std::vector<std::string_view> fields = fields_of(line);
+        if (fields.size() <= TAGS_FIELD || unescaped(fields[PLACE_FIELD]) != path)
+            continue;
+        size_t dash = TAGS_FIELD;
+        while (dash < fields.size() && fields[dash] != "-")
+            dash++;
+        // The last line of a place is the topmost mount.
+        maker = dash + 3 < fields.size() ? maker_of(fields[dash + 1], fields[dash + 3])
+                                         : mount_maker::user;
+    }
+    return maker;
+}
+
+int mount_maker_of(std::string_view path, mount_maker *maker) {
+    const unique_fd table(open(MOUNT_TABLE, O_RDONLY | O_CLOEXEC));
+    strbuf text;
+    if (!table || read_fd_limited(table.get(), MOUNT_TABLE_MAX_BYTES, &text) != 0)
+        return -1;
+    *maker = mountinfo_maker(text.view(), path);
+    return 0;
+}
