@@ -327,7 +327,7 @@ def test_duration_of_the_greatest_length_is_asked_for_as_typed(interface):
 @pytest.fixture
 def cramped(binary):
     """The program's command line where no pipe to a command can be opened."""
-    return ["sh", "-c", 'ulimit -Sn 5; exec "$0"', binary]
+    return ["sh", "-c", 'ulimit -Sn 6; exec "$0"', binary]
 
 
 def test_command_that_cannot_be_started_shows_done(interface, cramped):
