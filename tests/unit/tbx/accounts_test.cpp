@@ -2,11 +2,15 @@
 
 #include "accounts_support.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
+#include <vector>
 
 namespace {
 
@@ -61,12 +65,174 @@ TEST(UserLookup, TellsAFailedLookUpFromAMissingAccount) {
               "failed Too many open files");
 }
 
+TEST(UserLookup, FindsAnAccountWhoseEntryIsLong) {
+    SKIP_UNLESS_ROOT();
+    private_machine machine;
+    machine.passwd = "pat:x:1001:50:" + std::string(100'000, 'x') + ":/:/bin/sh\n";
+    EXPECT_EQ(said_on(machine,
+                      [] {
+                          resolved_user user;
+                          const lookup by_name = user_lookup_by_name("pat", &user);
+                          const lookup by_uid = user_lookup_by_uid(1001, &user);
+                          printf("%s %s %s", text_of(by_name), text_of(by_uid), user.name.c_str());
+                      }),
+              "found found pat");
+}
+
 TEST(UserLookup, FreeZeroesTheRecord) {
     resolved_user user = {.name = "pat", .uid = 7, .gid = 8};
     resolved_user_free(&user);
     EXPECT_EQ(user.name, "");
     EXPECT_EQ(user.uid, 0U);
     EXPECT_EQ(user.gid, 0U);
+}
+
+// ---- What a service answers ---------------------------------------------------------------
+// The system's functions are replaced by a service that answers as the tests say.
+
+namespace {
+
+std::optional<int> answer; // an errno, 0 for "no such entry"; none: the system answers
+int walk_error = 0;        // that setpwent() or getpwent() leaves
+bool fails_at_once = false;
+int entries_before_error = 0;
+
+// All that a directory service that is down, or in doubt, has been seen to answer.
+constexpr int FAILURES[] = {EIO,    EMFILE, ENFILE,       ENOMEM,    EAGAIN,   EACCES,
+                            EPERM,  ESTALE, EUCLEAN,      ETIMEDOUT, ENOTCONN, EINTR,
+                            EINVAL, EBADF,  ECONNREFUSED, ERANGE,    ENOTDIR,  EHOSTUNREACH};
+
+template <class Function> Function real(const char *name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+extern "C" {
+int getpwnam_r(const char *name, passwd *storage, char *text, size_t bytes, passwd **result) {
+    if (!answer)
+        return real<decltype(&getpwnam_r)>("getpwnam_r")(name, storage, text, bytes, result);
+    *result = nullptr;
+    return *answer;
+}
+int getpwuid_r(uid_t uid, passwd *storage, char *text, size_t bytes, passwd **result) {
+    if (!answer)
+        return real<decltype(&getpwuid_r)>("getpwuid_r")(uid, storage, text, bytes, result);
+    *result = nullptr;
+    return *answer;
+}
+int getgrnam_r(const char *name, group *storage, char *text, size_t bytes, group **result) {
+    if (!answer)
+        return real<decltype(&getgrnam_r)>("getgrnam_r")(name, storage, text, bytes, result);
+    *result = nullptr;
+    return *answer;
+}
+void setpwent() {
+    real<decltype(&setpwent)>("setpwent")();
+    if (walk_error != 0 && fails_at_once)
+        errno = walk_error;
+}
+passwd *getpwent() {
+    if (walk_error == 0 || entries_before_error-- > 0)
+        return real<decltype(&getpwent)>("getpwent")();
+    errno = walk_error;
+    return nullptr;
+}
+}
+
+namespace {
+
+// The three look-ups one after the other, in one line.
+std::string looked_up() {
+    resolved_user user;
+    strlist list;
+    std::string line = text_of(user_lookup_by_name("root", &user));
+    line += std::string(" ") + text_of(user_lookup_by_uid(0, &user));
+    return line + " " + text_of(group_members_list("root", &list));
+}
+
+} // namespace
+
+TEST(LookUpOfAccounts, IsAbsentForWhatSaysThatThereIsNone) {
+    for (const int error : {0, ENOENT, ESRCH}) {
+        answer = error;
+        EXPECT_EQ(looked_up(), "absent absent absent") << strerror(error);
+    }
+    answer.reset();
+}
+
+TEST(LookUpOfAccounts, FailsForEverythingElseAndLeavesTheError) {
+    for (const int error : FAILURES) {
+        answer = error;
+        errno = 0;
+        EXPECT_EQ(looked_up(), "failed failed failed");
+        EXPECT_EQ(errno, error) << strerror(error);
+    }
+    answer.reset();
+}
+
+TEST(LookUpOfAccounts, WalkThatFailsIsNotAWalkThatEnded) {
+    SKIP_UNLESS_ROOT();
+    for (const int error : FAILURES)
+        for (const bool at_once : {true, false}) {
+            const auto walk = [error, at_once] {
+                walk_error = error;
+                fails_at_once = at_once;
+                entries_before_error = 3;
+                const int result = for_each_account([](const passwd &) {});
+                printf("%d %s", result, strerror(errno));
+            };
+            EXPECT_EQ(said_on(office(), walk), std::string("-1 ") + strerror(error)) << at_once;
+        }
+}
+
+TEST(LookUpOfAccounts, WalkEndsWhereTheSystemSaysThatThereAreNoMore) {
+    SKIP_UNLESS_ROOT();
+    for (const int error : {ENOENT, ESRCH}) {
+        const auto walk = [error] {
+            walk_error = error;
+            entries_before_error = 3;
+            int accounts = 0;
+            const int result = for_each_account([&](const passwd &) { accounts++; });
+            printf("%d %d", result, accounts);
+        };
+        EXPECT_EQ(said_on(office(), walk), "0 3");
+    }
+}
+
+// ---- The groups of a user -----------------------------------------------------------------
+
+namespace {
+
+std::string groups_on(const private_machine &machine, const resolved_user &user) {
+    return said_on(machine, [&user] {
+        std::vector<gid_t> groups;
+        if (user_groups_list(user, &groups) != 0)
+            throw_errno("user_groups_list");
+        std::sort(groups.begin(), groups.end());
+        for (const gid_t group : groups)
+            printf("%u ", group);
+    });
+}
+
+} // namespace
+
+TEST(UserGroups, AreThePrimaryOneAndThoseThatNameTheUser) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(groups_on(office(), {"pat", 1001, 1001}), "50 1001 ");
+    EXPECT_EQ(groups_on(office(), {"sam", 1002, 50}), "50 ");
+    EXPECT_EQ(groups_on(office(), {"nobody of that name", 4000, 7}), "7 ");
+}
+
+TEST(UserGroups, MayBeMany) {
+    SKIP_UNLESS_ROOT();
+    private_machine machine = office();
+    std::string expected;
+    for (int i = 2000; i < 2500; i++) {
+        machine.group += xasprintf("group%d:x:%d:sam,pat\n", i, i);
+        expected += std::to_string(i) + " ";
+    }
+    EXPECT_EQ(groups_on(machine, {"pat", 1001, 1001}), "50 1001 " + expected);
 }
 
 // ---- Groups -------------------------------------------------------------------------------
@@ -344,4 +510,61 @@ TEST(LoginDefs, WhatIsNoFileGivesTheFallback) {
                           printf("%d", static_cast<int>(login_defs_number("UID_MIN", 1000)));
                       }),
               "1000");
+}
+
+TEST(LoginDefs, FileThatCannotBeReadIsAFailureNotAFallback) {
+    SKIP_UNLESS_ROOT();
+    private_machine machine;
+    machine.login_defs = "UID_MIN 500\n";
+    const auto look_up = [] {
+        make_unreadable("/etc/login.defs");
+        int64_t number = -1;
+        const int result = login_defs_look_up("UID_MIN", 1000, &number);
+        printf("%d %s, ", result, strerror(errno));
+        strlist list;
+        const int humans = human_users_list(&list);
+        printf("%d %s, ", humans, strerror(errno));
+        printf("%lld", static_cast<long long>(login_defs_number("UID_MIN", 1000)));
+    };
+    EXPECT_EQ(said_on(machine, look_up), "-1 Input/output error, -1 Input/output error, 1000");
+}
+
+TEST(LoginDefs, LinkIsFollowedAndADanglingOneIsNoFile) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(said_on(private_machine(),
+                      [] {
+                          std::filesystem::create_symlink("defs", "/etc/login.defs");
+                          int64_t number = -1;
+                          const int missing = login_defs_look_up("UID_MIN", 1000, &number);
+                          printf("%d %d, ", missing, static_cast<int>(number));
+                          write_file("/etc/defs", "UID_MIN 500\n");
+                          const int found = login_defs_look_up("UID_MIN", 1000, &number);
+                          printf("%d %d", found, static_cast<int>(number));
+                      }),
+              "0 1000, 0 500");
+}
+
+// ---- Names that can be kept ---------------------------------------------------------------
+
+TEST(StorableName, IsOneWordThatNamesADirectory) {
+    for (const char *name : {"pat", "a", "...", ".pat", "..pat", "sam-o'hara", "m\xc3\xbcller",
+                             "DOMAIN\\pat", "pat@example.org", "-rf", "7"})
+        EXPECT_TRUE(is_storable_name(name)) << name;
+}
+
+TEST(StorableName, HasNoWhiteCharacter) {
+    for (const char *white : {" ", "\t", "\n", "\v", "\f", "\r"})
+        for (const std::string &name : {std::string(white), "john" + std::string(white) + "smith",
+                                        white + std::string("pat"), "pat" + std::string(white)})
+            EXPECT_FALSE(is_storable_name(name)) << name;
+}
+
+TEST(StorableName, LeadsNowhereElse) {
+    for (const char *name : {"", ".", "..", "/", "a/b", "/pat", "pat/", "../pat"})
+        EXPECT_FALSE(is_storable_name(name)) << name;
+}
+
+TEST(StorableName, HasAtMost255Bytes) {
+    EXPECT_TRUE(is_storable_name(std::string(255, 'x')));
+    EXPECT_FALSE(is_storable_name(std::string(256, 'x')));
 }

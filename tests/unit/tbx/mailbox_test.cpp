@@ -1,6 +1,6 @@
 #include "tbx/mailbox.h"
 
-#include "support.h"
+#include "mailbox_support.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,7 +10,6 @@
 
 namespace {
 
-const resolved_user PAT = {"pat", PAT_UID, PAT_UID};
 const std::string COPY = "format: 1\nid: 7\ndate: 5\n\nHello\n";
 
 // A mailbox, and the operations on it as root carries them out on a real machine.

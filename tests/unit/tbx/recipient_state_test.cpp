@@ -309,6 +309,44 @@ TEST(ConfirmationCache, WhoHasNothingIsNotAskedAgain) {
               "delivered 0 ''\ndelivered 0 ''\ndelivered 0 ''\n1");
 }
 
+TEST(ConfirmationCache, AsksAgainForWhatCouldNotBeRead) {
+    SKIP_UNLESS_ROOT();
+    const delivered_message message("500 desktop\n");
+    EXPECT_EQ(printed_by(
+                  [](const scratch_store &store) {
+                      confirmation_cache cache;
+                      std::filesystem::rename("/etc/passwd", "/etc/kept");
+                      std::filesystem::create_symlink("/proc/self/mem", "/etc/passwd");
+                      print_state("pat", 7, &cache);
+                      std::filesystem::rename("/etc/kept", "/etc/passwd");
+                      std::filesystem::rename(store.path("users"), store.path("kept"));
+                      std::filesystem::create_symlink("users", store.path("users"));
+                      print_state("pat", 7, &cache);
+                      std::filesystem::remove(store.path("users"));
+                      std::filesystem::rename(store.path("kept"), store.path("users"));
+                      print_state("pat", 7, &cache);
+                  },
+                  message),
+              "unknown\nunknown\nconfirmed 500 'desktop'\n");
+}
+
+TEST(ConfirmationCache, AsksAgainForTheMessagesWhereTheyCouldNotBeListed) {
+    SKIP_UNLESS_ROOT();
+    const delivered_message message("500 desktop\n");
+    EXPECT_EQ(printed_by(
+                  [](const scratch_store &store) {
+                      confirmation_cache cache;
+                      std::filesystem::rename(store.path("sent"), store.path("kept"));
+                      store.write("sent", "not a directory");
+                      printf("%s\n", cache.find("pat") == nullptr ? "unknown" : "known");
+                      std::filesystem::remove(store.path("sent"));
+                      std::filesystem::rename(store.path("kept"), store.path("sent"));
+                      print_state("pat", 7, &cache);
+                  },
+                  message),
+              "unknown\nconfirmed 500 'desktop'\n");
+}
+
 TEST(ConfirmationCache, HoldsOneMessageAloneWhereThatIsAskedFor) {
     SKIP_UNLESS_ROOT();
     const two_messages messages;

@@ -2,10 +2,13 @@
 
 #include "accounts_support.h"
 
+#include <gmock/gmock.h>
+
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 namespace {
 
@@ -191,6 +194,90 @@ TEST(GroupRecipients, AccountsThatCannotBeReadAreAnErrorNotAShorterList) {
     });
     EXPECT_EQ(child.exit_status, 1);
     EXPECT_EQ(child.err, "tbx: @staff: Input/output error\n");
+}
+
+// ---- Names that the store cannot keep -----------------------------------------------------
+
+namespace {
+
+// The office with accounts, members of staff, whose names no directory or line can hold.
+private_machine office_with_strange_names() {
+    private_machine machine = office();
+    machine.passwd += "john smith:x:1005:50::/:/bin/sh\n"
+                      "a/b:x:1006:50::/:/bin/sh\n"
+                      "..:x:1007:50::/:/bin/sh\n";
+    machine.group = "staff:x:50:pat,john smith\n";
+    return machine;
+}
+
+std::vector<std::string> lines_of(std::string_view text) {
+    std::vector<std::string> lines;
+    std::string_view line;
+    while (next_line(&text, &line))
+        lines.emplace_back(line);
+    return lines;
+}
+
+} // namespace
+
+TEST(UnstorableRecipients, AreRefusedWhereTheyAreNamed) {
+    SKIP_UNLESS_ROOT();
+    for (const std::string name : {"john smith", "a/b", ".."}) {
+        const child_result child =
+            resolve_on(office_with_strange_names(), ("pat," + name + ",nosuch").c_str());
+        EXPECT_EQ(child.exit_status, 1);
+        EXPECT_EQ(child.err, "tbx: cannot keep the name: " + name + "\n");
+    }
+}
+
+TEST(UnstorableRecipients, AreLeftOutOfGroupsWithOneWarningEach) {
+    SKIP_UNLESS_ROOT();
+    for (const char *text : {"@staff", "all", "@staff,all,@staff"}) {
+        const child_result child = run_on(office_with_strange_names(), [text] {
+            strlist list;
+            recipients_resolve(text, &list);
+            for (const char *name : list)
+                printf("%s|", name);
+        });
+        EXPECT_EQ(child.exit_status, 0);
+        EXPECT_EQ(child.out.substr(0, 4), "pat|") << text;
+        EXPECT_THAT(lines_of(child.err),
+                    testing::UnorderedElementsAre("tbx: cannot keep the name: john smith",
+                                                  "tbx: cannot keep the name: a/b",
+                                                  "tbx: cannot keep the name: .."))
+            << text;
+    }
+}
+
+TEST(UnstorableRecipients, AreLeftOutOfThoseWhoAreLoggedIn) {
+    SKIP_UNLESS_ROOT();
+    private_machine machine = office_with_strange_names();
+    machine.sessions["1"] = session_of("1005");
+    machine.sessions["2"] = session_of("1002");
+    const child_result child = run_on(machine, [] {
+        strlist list;
+        recipients_resolve("online", &list);
+        print_list(list);
+    });
+    EXPECT_EQ(child.out, "sam");
+    EXPECT_EQ(child.err, "tbx: cannot keep the name: john smith\n");
+}
+
+TEST(UnstorableRecipients, AreShownOnOneLineAndUnableToDriveTheTerminal) {
+    SKIP_UNLESS_ROOT();
+    private_machine machine = office();
+    machine.group = "staff:x:50:pat,a\x1b[31m b\tc\n";
+    const child_result child = resolve_on(machine, "@staff");
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_EQ(child.err, "tbx: cannot keep the name: a b c\n");
+}
+
+TEST(UnstorableRecipients, AreNotCounted) {
+    SKIP_UNLESS_ROOT();
+    const child_result child =
+        run_on(office_with_strange_names(), [] { recipients_count_print("@staff"); });
+    EXPECT_EQ(child.out, "1\n");
+    EXPECT_EQ(child.err, "");
 }
 
 // ---- Their number -------------------------------------------------------------------------
