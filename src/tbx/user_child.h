@@ -37,8 +37,8 @@ struct child_end {
                                     void *argument, const std::string_view *input, strbuf *output,
                                     size_t output_limit, int timeout_seconds);
 
-// The same as root, with null descriptors and nothing to read or report: for a call that may
-// never return. It is charged to `user`, whose file system it asks.
+// The same without becoming the user, with nothing to read and nothing taken of what it prints: for
+// a call that may never return. It is charged to `user`, whose file system it asks.
 [[nodiscard]] child_end run_bounded(const resolved_user &user, user_callback callback,
                                     void *argument, int timeout_seconds);
 
