@@ -48,6 +48,13 @@ configure() {
     (cd "$root" && cmake --preset "$preset" -B "$tree" "$@")
 }
 
+# Lets ccache serve what was compiled before, where it is installed.
+use_ccache() {
+    command -v ccache >/dev/null || return 0
+    export CMAKE_CXX_COMPILER_LAUNCHER=ccache
+    export CCACHE_SLOPPINESS="${CCACHE_SLOPPINESS-pch_defines,time_macros}" # precompiled headers
+}
+
 # Runs a command and shows its output only if it fails.
 quietly() {
     "$@" >"$scratch/quiet.log" 2>&1 && return

@@ -8,80 +8,14 @@ from pathlib import Path
 import pytest
 
 from harness.clock import now
-from harness.machine import Box
 from harness.stopped import without_leak_check
 from harness.store import short_time
-from harness.waiting import wait_for
 from prerequisites import need_root, skip
 
 DATE = 1790000000
 INPUT_MAX = 64 * 1024 * 1024
 PATH_MAX = 4095  # without the NUL
 NAME_MAX = 255
-MANY = 100_000
-
-
-# Many messages.
-
-@pytest.fixture(scope="module")
-def crowded(binary):
-    """A machine with that many messages to pat, whose first one pat has confirmed."""
-    machine = Box(binary)
-    machine.store.make_message(1, delivered=[("pat", DATE, 0)], copies=["pat"])
-    machine.store.confirm("pat", 1, DATE + 60)
-    store = os.open(machine.store.top / "sent", os.O_RDONLY)
-    for number in range(2, MANY + 1):
-        os.mkdir(str(number), 0o700, dir_fd=store)
-        for name in ("msg", "recipients", "delivery"):
-            os.link(f"1/{name}", f"{number}/{name}", src_dir_fd=store, dst_dir_fd=store)
-    os.close(store)
-    yield machine
-    machine.close()
-
-
-def listed(number, state="1 delivered"):
-    return rf"{number} +{short_time(DATE)}  Hello +{state}"
-
-
-def test_many_messages_are_listed_in_order(crowded):
-    out, err, status = crowded.run("list", timeout=120)
-    lines = out.splitlines()
-    assert (err, status) == ("", 0)
-    numbers = [int(line.split()[0]) for line in lines[1:MANY + 1]]
-    assert numbers == list(range(1, MANY + 1))
-    assert re.fullmatch(listed(1, r"all confirmed \(1\)"), lines[1])
-    assert re.fullmatch(listed(MANY), lines[MANY])
-
-
-def test_one_of_many_messages_is_shown(crowded):
-    out, err, status = crowded.run("status", str(MANY), timeout=120)
-    assert (err, status) == ("", 0)
-    assert out.startswith(f"Message {MANY} · ")
-    assert out.endswith("\npat              delivered\n")
-
-
-@pytest.mark.parametrize("sequence", [b"", b"100000\n"])
-def test_behind_many_messages_comes_a_number_of_its_own(crowded, sequence):
-    crowded.store.write_private(crowded.store.top / "sent/.seq", sequence)
-    taken = {int(entry) for entry in os.listdir(crowded.store.top / "sent") if entry.isdigit()}
-    out, err, status = crowded.run("send", "--to", "alex", "hello", timeout=120)
-    assert (out, err, status) == (f"Message {max(taken) + 1} sent to 1 user.\n", "", 0)
-
-
-def test_the_interface_opens_on_many_messages(crowded):
-    terminal = crowded.open_terminal("pat")
-    terminal.set_size(80, 24)
-    tbx = crowded.start_on_terminal(terminal)
-    shown = b""
-
-    def newest_is_shown():
-        nonlocal shown
-        shown += terminal.read()
-        return re.search(rf"\b{MANY}\b".encode(), shown)
-
-    wait_for(newest_is_shown, limit_seconds=120)
-    os.write(terminal.master, b"q")
-    assert tbx.wait(120).status == 0
 
 
 # Long inputs.

@@ -1,45 +1,111 @@
 """Limits that a build with sanitizers cannot be held to: it reserves more memory than any limit
-of these, and takes minutes for thousands of children."""
+of these, and takes minutes for a hundred thousand messages or thousands of children."""
 
+import os
 import re
 
 import pytest
 
-from harness.store import message_file
-from test_limits import TRIALS, start_over
+from harness.machine import Box
+from harness.store import message_file, short_time
+from harness.waiting import wait_for
+from test_limits import DATE, TRIALS, start_over
 
 KIB = 1024
-USERS = [f"user{number:05}" for number in range(20_000)]
+MANY = 100_000
+
+
+# Many messages.
+
+@pytest.fixture(scope="module")
+def crowded(binary):
+    """A machine with that many messages to pat, whose first one pat has confirmed."""
+    machine = Box(binary)
+    machine.store.make_message(1, delivered=[("pat", DATE, 0)], copies=["pat"])
+    machine.store.confirm("pat", 1, DATE + 60)
+    store = os.open(machine.store.top / "sent", os.O_RDONLY)
+    for number in range(2, MANY + 1):
+        os.mkdir(str(number), 0o700, dir_fd=store)
+        for name in ("msg", "recipients", "delivery"):
+            os.link(f"1/{name}", f"{number}/{name}", src_dir_fd=store, dst_dir_fd=store)
+    os.close(store)
+    yield machine
+    machine.close()
+
+
+def listed(number, state="1 delivered"):
+    return rf"{number} +{short_time(DATE)}  Hello +{state}"
+
+
+def test_many_messages_are_listed_in_order(crowded):
+    out, err, status = crowded.run("list", timeout=120)
+    lines = out.splitlines()
+    assert (err, status) == ("", 0)
+    numbers = [int(line.split()[0]) for line in lines[1:MANY + 1]]
+    assert numbers == list(range(1, MANY + 1))
+    assert re.fullmatch(listed(1, r"all confirmed \(1\)"), lines[1])
+    assert re.fullmatch(listed(MANY), lines[MANY])
+
+
+def test_one_of_many_messages_is_shown(crowded):
+    out, err, status = crowded.run("status", str(MANY), timeout=120)
+    assert (err, status) == ("", 0)
+    assert out.startswith(f"Message {MANY} · ")
+    assert out.endswith("\npat              delivered\n")
+
+
+@pytest.mark.parametrize("sequence", [b"", b"100000\n"])
+def test_behind_many_messages_comes_a_number_of_its_own(crowded, sequence):
+    crowded.store.write_private(crowded.store.top / "sent/.seq", sequence)
+    taken = {int(entry) for entry in os.listdir(crowded.store.top / "sent") if entry.isdigit()}
+    out, err, status = crowded.run("send", "--to", "alex", "hello", timeout=120)
+    assert (out, err, status) == (f"Message {max(taken) + 1} sent to 1 user.\n", "", 0)
+
+
+def test_the_interface_opens_on_many_messages(crowded):
+    terminal = crowded.open_terminal("pat")
+    terminal.set_size(80, 24)
+    tbx = crowded.start_on_terminal(terminal)
+    shown = b""
+
+    def newest_is_shown():
+        nonlocal shown
+        shown += terminal.read()
+        return re.search(rf"\b{MANY}\b".encode(), shown)
+
+    wait_for(newest_is_shown, limit_seconds=120)
+    os.write(terminal.master, b"q")
+    assert tbx.wait(120).status == 0
 
 
 # Many users.
 
-@pytest.fixture
-def city(box):
-    """A machine with 20,000 users."""
+@pytest.fixture(params=[2_000, pytest.param(20_000, marks=pytest.mark.large)])
+def users(request, box):
+    """The names of all users of a machine that has many."""
+    names = [f"user{number:05}" for number in range(request.param)]
     box.write("/etc/passwd", "root:x:0:0:root:/:/bin/sh\n" + "".join(
-        f"{name}:x:{uid}:{uid}::/:/bin/sh\n" for uid, name in enumerate(USERS, 1001)))
-    return box
+        f"{name}:x:{uid}:{uid}::/:/bin/sh\n" for uid, name in enumerate(names, 1001)))
+    return names
 
 
-def test_a_message_to_all_reaches_every_one_of_many_users(city):
-    out, err, status = city.run("send", "--to", "all", "hello", timeout=170)
-    assert (out, err, status) == ("Message 1 sent to 20000 users.\n", "", 0)
-    log = city.store.sent(1, "delivery").read_text()
-    assert [line.split()[0] for line in log.splitlines()] == USERS
-    copies = {city.store.mailbox(name, "inbox", 1).read_bytes() for name in USERS}
+def test_a_message_to_all_reaches_every_one_of_many_users(box, users):
+    out, err, status = box.run("send", "--to", "all", "hello", timeout=170)
+    assert (out, err, status) == (f"Message 1 sent to {len(users)} users.\n", "", 0)
+    log = box.store.sent(1, "delivery").read_text()
+    assert [line.split()[0] for line in log.splitlines()] == users
+    copies = {box.store.mailbox(name, "inbox", 1).read_bytes() for name in users}
     assert len(copies) == 1
     assert copies.pop().endswith(b"\n\nhello\n")
 
 
-def test_the_states_of_many_users_are_shown(city):
-    city.store.make_message(7, to=USERS, delivered=[(name, 1790000000, 0) for name in USERS])
-    city.store.make_mailbox("user19999")
-    (city.store.mailbox("user19999", "acks") / "7").write_text("1790000060 terminal\n")
-    out, err, status = city.run("status", "7", timeout=170)
-    lines = out.splitlines()[-len(USERS):]
+def test_the_states_of_many_users_are_shown(box, users):
+    box.store.make_message(7, to=users, delivered=[(name, DATE, 0) for name in users])
+    box.store.confirm(users[-1], 7, DATE + 60)
+    out, err, status = box.run("status", "7", timeout=170)
+    lines = out.splitlines()[-len(users):]
     assert (err, status) == ("", 0)
-    assert [line.split()[0] for line in lines] == USERS
+    assert [line.split()[0] for line in lines] == users
     assert lines[-1].split(maxsplit=1)[1].startswith("confirmed on ")
     assert {line.split(maxsplit=1)[1] for line in lines[:-1]} == {"delivered"}
 

@@ -1,0 +1,1 @@
+// Stands for the headers that every unit test includes: see CMakeLists.txt.

@@ -1,0 +1,136 @@
+"""Which tests concern which files: the one table behind `tools/check quick` and tools/mutate.
+
+    /usr/bin/python3 tools/suites.py FILE...
+
+prints a line for each suite that a change of these files concerns: its folder and its test files,
+without "test_" and ".py", the most telling first; "all" for the whole suite. Unit tests are not
+named: a room's are those that begin with its name, and tools/check runs all of them.
+"""
+
+import re
+import sys
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+SUITES = ("cli", "user", "tui", "desktop", "packaging", "cost", "fuzz", "faults", "machine")
+ALL = "all"
+
+SENDING = ("send_arguments send_durability send_events send_expiry send_recipients send_revoked "
+           "send_store send_text")
+FORM = "screen_compose screen_send"
+GUIDE = {"cli": "dispatch", "tui": "manual guide", "packaging": "man_page completions"}
+
+# What besides unit tests shows a mistake in a room of src/ (the path without its suffix), by suite.
+ROOMS = {
+    "common/core": {
+        "cli": "send_durability send_store send_text list status failing_lookups log_files",
+        "tui": "screen_list"},
+    "common/environment": {"cli": "environment dispatch send_store", "packaging": "install"},
+    "common/event": {"cli": "send_events log revoke remind recovery_run"},
+    "common/message": {"cli": "send_text send_store list status log_forged hostile_texts"},
+    "common/pager": {"cli": "dispatch", "tui": "manual"},
+    "common/style": {"cli": "status list log", "tui": "manual guide screen_detail"},
+    "tbx/accounts": {"cli": "failing_lookups send_recipients status purge recovery_run"},
+    "tbx/agent": {"cli": "agent send_events story recovery_run"},
+    "tbx/command": {"cli": "send_expiry purge status log send_events sudo dispatch"},
+    "tbx/confirmation": {"cli": "status list remind mailbox story"},
+    "tbx/history": {"cli": "log log_files log_forged", "tui": "screen_detail"},
+    "tbx/mailbox": {"cli": "mailbox privileges send_revoked revoke remind purge recovery_run "
+                           "failing_lookups"},
+    "tbx/main": {"cli": "dispatch sudo environment story send_arguments failing_lookups",
+                 "tui": "manual screen_list", "packaging": "completions man_page"},
+    "tbx/purge": {"cli": "purge two_at_once failing_lookups", "tui": "screen_dialogs"},
+    "tbx/recipient_state": {"cli": "status list remind failing_lookups story",
+                            "tui": "screen_list screen_detail"},
+    "tbx/recipients": {"cli": "send_recipients failing_lookups send_arguments"},
+    "tbx/recovery": {"cli": "recovery_run two_at_once failing_lookups send_revoked"},
+    "tbx/remind": {"cli": "remind two_at_once failing_lookups agent", "tui": "screen_dialogs"},
+    "tbx/revoke": {"cli": "revoke two_at_once failing_lookups", "tui": "screen_dialogs"},
+    "tbx/send": {"cli": f"{SENDING} failing_lookups two_at_once mailbox terminal agent",
+                 "tui": "screen_send"},
+    "tbx/sent": {"cli": "send_store send_durability status failing_lookups recovery_run revoke "
+                        "purge"},
+    "tbx/status": {"cli": "status list failing_lookups story", "tui": "screen_list screen_detail"},
+    "tbx/terminal": {"cli": "terminal send_text send_recipients send_events"},
+    "tbx/withdrawal": {"cli": "revoke purge recovery_run send_revoked failing_lookups"},
+    "tbx/guide/browser": {"tui": "guide"},
+    "tbx/guide/guide": {"tui": "manual guide"},
+    "tbx/guide/keys": {"tui": "guide"},
+    "tbx/guide/manual": GUIDE,
+    "tbx/guide/texts": GUIDE,
+    "tbx/screen/frame": {"tui": "screen_list screen_text screen_resize guide"},
+    "tbx/screen/keys": {"tui": "screen_list_keys guide screen_compose screen_dialogs"},
+    "tbx/screen/session": {"tui": "screen_signals screen_list guide"},
+    "tbx/tui/compose": {"tui": FORM},
+    "tbx/tui/compose_draw": {"tui": FORM},
+    "tbx/tui/compose_editor": {"tui": "screen_compose_editor"},
+    "tbx/tui/compose_form": {"tui": FORM},
+    "tbx/tui/detail": {"tui": "screen_detail"},
+    "tbx/tui/dialog": {"tui": "screen_dialogs screen_text"},
+    "tbx/tui/job": {"tui": "screen_send screen_dialogs"},
+    "tbx/tui/keys": {"tui": "screen_list_keys screen_compose screen_dialogs"},
+    "tbx/tui/list": {"tui": "screen_list screen_list_keys screen_dialogs"},
+    "tbx/tui/list_dialogs": {"tui": "screen_dialogs"},
+    "tbx/tui/screen": {"tui": "screen_list screen_text screen_signals"},
+    "tbx/tui/text": {"tui": "screen_text screen_list screen_compose"},
+}
+
+# A room without a row of its own, such as a new command: what shows a mistake in its wing.
+WINGS = {
+    "common": {"cli": ALL, "tui": "screen_list guide"},
+    "tbx": {"cli": f"dispatch sudo story status list {SENDING}", "tui": "manual screen_list",
+            "packaging": "man_page completions"},
+    "user": {"user": ALL},
+    "window": {"desktop": ALL},
+}
+
+# Other files, by a pattern of their path.
+OTHERS = (
+    (r"packaging/", {"packaging": ALL}),
+    (r"docs/manual/", {"packaging": "manual"}),
+    (r"docs/screens/", {"tui": "screen_captures"}),
+    (r"tests/tui/expected/", {"tui": ALL}),
+    (r"tests/harness/", {"cli": "story status dispatch log terminal agent"}),
+    (r"bench/", {"cost": ALL}),
+    (r"tests/machine/user_side/", {"machine": ALL}),
+)
+
+
+def suites_of_room(room):
+    """{suite: its test files, in one text} of a room of src/."""
+    return ROOMS.get(room) or WINGS.get(room.split("/")[0], {})
+
+
+def suites_of_file(path):
+    """The same of any file, by its path in the checkout."""
+    if path.startswith("src/"):
+        return suites_of_room(path.removeprefix("src/").rsplit(".", 1)[0])
+    if found := re.fullmatch(r"tests/(\w+)/test_(\w+)\.py", path):
+        return {found[1]: found[2]}
+    for pattern, suites in OTHERS:
+        if re.match(pattern, path):
+            return suites
+    if (found := re.fullmatch(r"tests/(\w+)/[^/]+\.py", path)) and found[1] in SUITES:
+        return {found[1]: ALL}
+    return {}
+
+
+def concerned(paths):
+    """{suite: test files} of several files, in the order of SUITES; those that are not there, as
+    those of a room to come, are left out."""
+    wanted = {}
+    for path in paths:
+        for suite, names in suites_of_file(path).items():
+            wanted.setdefault(suite, {}).update(dict.fromkeys(names.split()))
+    found = {}
+    for suite in filter(wanted.get, SUITES):
+        names = [name for name in wanted[suite] if name == ALL or
+                 (ROOT / "tests" / suite / f"test_{name}.py").exists()]
+        if names:
+            found[suite] = [ALL] if ALL in names else names
+    return found
+
+
+if __name__ == "__main__":
+    for suite, names in concerned(sys.argv[1:]).items():
+        print(suite, *names)
