@@ -12,6 +12,7 @@ The attribute data-before says what happens before:
 <pre class="terminal" data-banner="N"> holds the Nth thing that was written to pat's terminal.
 """
 
+import difflib
 import html
 import re
 import sys
@@ -49,6 +50,17 @@ exec "$@"
 def comparable(text):
     """The text without what is different each time: when the example ran."""
     return TIMES.sub(lambda moment: re.sub(r"\d", "0", moment[0]), text)
+
+
+def merged(old, fresh):
+    """The fresh text, but each of its lines as it was where nothing but a time is different."""
+    old_lines, fresh_lines = old.splitlines(keepends=True), fresh.splitlines(keepends=True)
+    matcher = difflib.SequenceMatcher(None, [comparable(line) for line in old_lines],
+                                      [comparable(line) for line in fresh_lines], autojunk=False)
+    kept = []
+    for kind, begin, end, fresh_begin, fresh_end in matcher.get_opcodes():
+        kept += old_lines[begin:end] if kind == "equal" else fresh_lines[fresh_begin:fresh_end]
+    return "".join(kept)
 
 
 class Stage:

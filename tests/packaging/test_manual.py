@@ -143,19 +143,36 @@ def test_every_command_and_option_of_the_guide_is_in_it(text, binary):
 
 
 @pytest.fixture(scope="module")
-def stage(binary):
-    opened = manual.Stage(binary)
-    yield opened
-    opened.close()
+def chapters():
+    return {path.name: path.read_text(encoding="utf-8") for path in manual.CHAPTERS}
 
 
-def test_every_example_prints_what_the_manual_says(stage):
-    chapters = {path.name: path.read_text(encoding="utf-8") for path in manual.CHAPTERS}
-    fresh = manual.rewritten(chapters, stage)
+@pytest.fixture(scope="module")
+def fresh(chapters, binary):
+    """The chapters, with what the program prints now."""
+    stage = manual.Stage(binary)
+    try:
+        return manual.rewritten(chapters, stage)
+    finally:
+        stage.close()
+
+
+def test_every_example_prints_what_the_manual_says(chapters, fresh):
     for name, text in chapters.items():
         expected = manual.comparable(text).splitlines()
         assert manual.comparable(fresh[name]).splitlines() == expected, (
             f"{name}: look at it, and run docs/manual/refresh if the program is right")
+
+
+def test_refreshing_leaves_the_times_of_lines_that_have_not_changed():
+    old = "sent 21/11 03:02\nread 21/11 03:04 by pat\nin between\nthe end at 03:05:01\n"
+    fresh = "sent 22/11 10:00\nread 22/11 10:02 by sam\nthe end at 10:03:07\nnew 22/11 10:04\n"
+    assert manual.merged(old, fresh) == (
+        "sent 21/11 03:02\nread 22/11 10:02 by sam\nthe end at 03:05:01\nnew 22/11 10:04\n")
+
+
+def test_refreshing_what_is_right_changes_nothing(chapters, fresh):
+    assert {name: manual.merged(text, fresh[name]) for name, text in chapters.items()} == chapters
 
 
 def test_every_picture_shows_what_the_program_shows(binary):
