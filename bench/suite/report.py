@@ -129,17 +129,12 @@ def machine_line(figures):
             + f"; load {min(loads)} to {max(loads)}, {minutes:.0f} minutes in all")
 
 
-# ---- The documentation --------------------------------------------------------------------
+# ---- The report ---------------------------------------------------------------------------
 
-BEGIN, END = "<!-- figures: written by tools/bench --record -->\n", "<!-- end of figures -->\n"
-
-
-def record(figures, document):
-    """Replaces the figures in the document."""
-    whole = document.read_text(encoding="utf-8")
-    before, rest = whole.split(BEGIN)
-    _, after = rest.split(END)
+def write(figures, path):
+    """The figures as tables in Markdown."""
     runs = min(result["runs"] for result in figures["results"])
     body = "\n\n".join(markdown(*table) for table in tables(figures["results"]))
     taken = f"Medians of {runs} runs of each program on {machine_line(figures)}."
-    document.write_text(f"{before}{BEGIN}\n{taken}\n\n{body}\n\n{END}{after}", encoding="utf-8")
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(f"{taken}\n\n{body}\n", encoding="utf-8")
