@@ -1,0 +1,130 @@
+// tellbox alone, on a terminal: asks about each waiting message in turn.
+#include "user/command.h"
+#include "user/question.h"
+#include "user/texts.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// What became of one message.
+enum class asked_state { done, failed, stopped };
+
+} // namespace
+
+// A descriptor that becomes readable when something changes in the mailbox; empty if there is
+// none, and then a look every second has to do.
+static unique_fd watch_mailbox(const own_mailbox &box) {
+    constexpr uint32_t CHANGES = IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM;
+    unique_fd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!watch)
+        return watch;
+    for (const char *folder : {"inbox", "acks"})
+        (void)inotify_add_watch(watch.get(), mailbox_path(box.owner, folder).c_str(), CHANGES);
+    return watch;
+}
+
+// Whether the message has stopped waiting. A look that fails says nothing.
+static bool is_over(own_mailbox *box, int64_t id) {
+    if (!reopen_mailbox(box))
+        return false;
+    waiting_message message;
+    const waiting_state state = inbox_look(*box, id, now(), &message);
+    return state != waiting_state::waiting && state != waiting_state::failed;
+}
+
+// The sentence for a message that stopped waiting while it was on the screen.
+static void tell_what_happened(const own_mailbox &box, int64_t id) {
+    const answer_record answer = answer_read(box, id);
+    waiting_message message;
+    const auto number = static_cast<long long>(id);
+    if (answer.state == answer_state::answered)
+        printf(_("Message %lld was confirmed %s.\n"), number, answer_moment(answer).c_str());
+    else if (answer.state == answer_state::not_a_file)
+        warn_not_a_file(box, id);
+    else if (inbox_look(box, id, now(), &message) == waiting_state::expired)
+        printf(_("Message %lld has expired.\n"), number);
+    else
+        printf(_("Message %lld has been withdrawn.\n"), number);
+}
+
+static asked_state act_on(reply answer, own_mailbox *box, int64_t id) {
+    switch (answer) {
+    case reply::read:
+        return confirm_and_tell(box, id) == 0 ? asked_state::done : asked_state::failed;
+    case reply::later:
+        return postpone_and_tell(box, id) == 0 ? asked_state::done : asked_state::failed;
+    case reply::dropped:
+        tell_what_happened(*box, id);
+        return asked_state::done;
+    case reply::quit:
+    case reply::aborted:
+        break;
+    }
+    return asked_state::stopped;
+}
+
+static asked_state ask_about(own_mailbox *box, const waiting_message &message, bool *aborted) {
+    if (!show_message(message.message, "")) {
+        *aborted = true;
+        return asked_state::stopped;
+    }
+    {
+        const mailbox_lock lock = mailbox_lock::take(*box);
+        // The question follows at once: without the mark the message is shown once more.
+        (void)answer_shown(box, message.id, channel::terminal, now(), remind_seconds());
+    }
+    const unique_fd watch = watch_mailbox(*box);
+    const reply answer = ask_question({.text = _("I have read it [r]   Later [l]   Quit [q]"),
+                                       .is_over = [&] { return is_over(box, message.id); },
+                                       .watched = watch.get()});
+    *aborted = answer == reply::aborted;
+    return act_on(answer, box, message.id);
+}
+
+// The first waiting message behind `last`: what arrives meanwhile is asked about too.
+static bool next_waiting(own_mailbox *box, int64_t last, waiting_message *next) {
+    std::vector<int64_t> ids;
+    if (!reopen_mailbox(box))
+        return false;
+    if (folder_ids(box->inbox, &ids) != 0)
+        die("%s: %s", box->path.c_str(), strerror(errno));
+    return std::ranges::any_of(ids, [&](int64_t id) {
+        return id > last && inbox_look(*box, id, now(), next) == waiting_state::waiting;
+    });
+}
+
+static int ask_in_turn(own_mailbox *box) {
+    int status = 0;
+    bool aborted = false;
+    bool any = false;
+    waiting_message message;
+    while (next_waiting(box, message.id, &message)) {
+        if (any)
+            printf("\n");
+        any = true;
+        const asked_state state = ask_about(box, message, &aborted);
+        status |= state == asked_state::failed || aborted ? 1 : 0;
+        if (state == asked_state::stopped)
+            return status;
+    }
+    if (!any)
+        print_nothing_waits();
+    return status;
+}
+
+int cmd_ask() {
+    if (!is_on_terminal())
+        return cmd_list();
+    own_mailbox box = open_own_mailbox_or_die();
+    if (!box.folder) {
+        print_nothing_waits();
+        return 0;
+    }
+    return ask_in_turn(&box);
+}

@@ -1,0 +1,220 @@
+#include "user/command.h"
+
+#include "common/pager.h"
+#include "user/texts.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+// ---- The own mailbox ----------------------------------------------------------------------
+
+std::string own_account_or_die() {
+    std::string name;
+    if (own_account(&name) == 0)
+        return name;
+    const auto uid = static_cast<unsigned>(geteuid());
+    if (errno == ENOENT)
+        die(_("UID %u has no account"), uid);
+    die(_("the account of UID %u: %s"), uid, strerror(errno));
+}
+
+own_mailbox open_own_mailbox_or_die() {
+    own_mailbox box;
+    const std::string owner = own_account_or_die();
+    switch (mailbox_open(owner, &box)) {
+    case mailbox_look::found:
+        break;
+    case mailbox_look::absent:
+        return box;
+    case mailbox_look::failed:
+        if (errno == EPERM)
+            die(_("%s belongs to another user"), box.path.c_str());
+        die("%s: %s", box.path.c_str(), strerror(errno));
+    }
+    answer_finish_interrupted(&box);
+    const mailbox_lock lock = mailbox_lock::take(box, /*patience_ms=*/0);
+    answer_remove_leftovers(box, lock);
+    return box;
+}
+
+bool reopen_mailbox(own_mailbox *box) {
+    const std::string owner = box->owner;
+    return mailbox_open(owner, box) == mailbox_look::found;
+}
+
+// ---- Identifiers --------------------------------------------------------------------------
+
+bool parse_identifier(const std::string &argument, int64_t *id) {
+    if (parse_id(argument, id) && *id > 0)
+        return true;
+    warn(_("no such message: %s"), clean_line(argument).c_str());
+    return false;
+}
+
+// ---- Sentences ----------------------------------------------------------------------------
+
+static long long printable(int64_t id) {
+    return static_cast<long long>(id);
+}
+
+std::string answer_moment(const answer_record &answer) {
+    char date[SHORT_TIME_BYTES];
+    format_time_short(answer.time, date);
+    const char *where = answer.channel.empty() ? "?" : answer.channel.c_str();
+    return xasprintf(_("on %s (%s)"), answer.time == 0 ? "?" : date, where);
+}
+
+std::string already_confirmed_sentence(int64_t id, const answer_record &answer) {
+    return xasprintf(_("Message %lld was already confirmed %s."), printable(id),
+                     answer_moment(answer).c_str());
+}
+
+std::string how_to_answer_sentence(int64_t id) {
+    return xasprintf(_("Answer with: tellbox   or: tellbox read %lld · tellbox later %lld"),
+                     printable(id), printable(id));
+}
+
+std::string remind_period(int64_t seconds) {
+    const int64_t minutes = seconds / 60;
+    return minutes == 1 ? _("1 minute") : xasprintf(_("%lld minutes"), printable(minutes));
+}
+
+void print_nothing_waits() {
+    printf("%s\n", _("No message is waiting."));
+}
+
+void warn_no_such_message(int64_t id) {
+    warn(_("no such message: %lld"), printable(id));
+}
+
+void warn_withdrawn(int64_t id) {
+    warn(_("message %lld has been withdrawn"), printable(id));
+}
+
+void warn_not_a_file(const own_mailbox &box, int64_t id) {
+    const std::string path = mailbox_path(box.owner, "acks/" + std::to_string(id));
+    warn(_("message %lld cannot be answered while %s is not a regular file"), printable(id),
+         path.c_str());
+}
+
+// ---- Answering ----------------------------------------------------------------------------
+
+int confirm_and_tell(own_mailbox *box, int64_t id) {
+    const mailbox_lock lock = mailbox_lock::take(*box);
+    const confirmation outcome = answer_confirm(box, id, channel::terminal);
+    switch (outcome.result) {
+    case confirm_result::confirmed:
+        printf(_("Message %lld confirmed.\n"), printable(id));
+        return 0;
+    case confirm_result::already:
+        printf("%s\n", already_confirmed_sentence(id, outcome.answer).c_str());
+        return 0;
+    case confirm_result::not_a_file:
+        warn_not_a_file(*box, id);
+        break;
+    case confirm_result::withdrawn:
+        warn_withdrawn(id);
+        break;
+    case confirm_result::failed:
+        warn(_("message %lld could not be confirmed and stays waiting: %s"), printable(id),
+             strerror(outcome.error));
+        break;
+    }
+    return 1;
+}
+
+static void warn_answered(const own_mailbox &box, int64_t id) {
+    const answer_record answer = answer_read(box, id);
+    if (answer.state == answer_state::not_a_file)
+        warn_not_a_file(box, id);
+    else
+        warn(_("message %lld was already confirmed %s"), printable(id),
+             answer_moment(answer).c_str());
+}
+
+int postpone_and_tell(own_mailbox *box, int64_t id) {
+    const mailbox_lock lock = mailbox_lock::take(*box);
+    if (answer_postpone(box, id, channel::terminal) == 0) {
+        printf(_("Message %lld postponed: it comes back in %s.\n"), printable(id),
+               remind_period(remind_seconds()).c_str());
+        return 0;
+    }
+    if (errno == EALREADY)
+        warn_answered(*box, id);
+    else if (errno == ENOENT)
+        warn_withdrawn(id);
+    else
+        warn(_("message %lld could not be postponed: %s"), printable(id), strerror(errno));
+    return 1;
+}
+
+// ---- The terminal -------------------------------------------------------------------------
+
+terminal_size output_size() {
+    winsize size = {};
+    terminal_size result;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0)
+        result = {size.ws_row, size.ws_col};
+    return result;
+}
+
+bool is_on_terminal() {
+    return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+}
+
+static bool is_continuation(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
+}
+
+// Columns of the character that begins with `lead`. Everything from U+0800 on counts as wide:
+// rows are better overestimated.
+static size_t columns_of(char lead, size_t column) {
+    constexpr size_t TAB_STOP = 8;
+    if (lead == '\t')
+        return TAB_STOP - column % TAB_STOP;
+    return static_cast<unsigned char>(lead) >= 0xe0 ? 2 : 1;
+}
+
+size_t rows_of(std::string_view text, int columns) {
+    const auto width = static_cast<size_t>(std::max(columns, 2));
+    size_t rows = 0;
+    size_t column = 0;
+    for (const char byte : text) {
+        if (byte == '\n') {
+            rows++;
+            column = 0;
+        } else if (!is_continuation(byte)) {
+            const size_t wide = columns_of(byte, column);
+            if (column + wide > width) {
+                rows++;
+                column = 0;
+            }
+            column += wide;
+        }
+    }
+    return rows + (column > 0 ? 1 : 0);
+}
+
+static bool is_written(const std::string &text) {
+    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+}
+
+bool show_message(const message_record &message, const std::string &footer) {
+    strbuf banner;
+    message_banner(message, &banner);
+    if (!footer.empty())
+        strbuf_printf(&banner, "%s\n", footer.c_str());
+    const std::string text(banner.view());
+    const terminal_size size = output_size();
+    if (is_on_terminal() && rows_of(text, size.columns) >= static_cast<size_t>(size.rows)) {
+        const std::string pager = pager_command();
+        const auto print = [&](FILE *stream) { fputs(text.c_str(), stream); };
+        if (!pager.empty() && pager_show(pager, print))
+            return true;
+    }
+    return is_written(text);
+}

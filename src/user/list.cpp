@@ -1,0 +1,198 @@
+// tellbox list and tellbox show: what there is, and one of them whole.
+#include "user/command.h"
+#include "user/texts.h"
+
+#include "common/environment.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+
+// ---- What has become of a message ---------------------------------------------------------
+
+static std::string short_time(int64_t time) {
+    char date[SHORT_TIME_BYTES];
+    format_time_short(time, date);
+    return date;
+}
+
+// The younger of the two marks.
+static const channel_mark &last_mark(const channel_mark &one, const channel_mark &other) {
+    return one.kind == mark_kind::none || other.time > one.time ? other : one;
+}
+
+static std::string waiting_text(const waiting_message &message) {
+    const channel_mark &mark = last_mark(message.terminal, message.desktop);
+    switch (mark.kind) {
+    case mark_kind::none:
+        return _("waiting");
+    case mark_kind::shown:
+        return xasprintf(_("waiting, shown on %s"), short_time(mark.time).c_str());
+    case mark_kind::postponed:
+        return xasprintf(_("postponed on %s"), short_time(mark.time).c_str());
+    }
+    return "";
+}
+
+static std::string answered_text(const own_mailbox &box, int64_t id) {
+    const answer_record answer = answer_read(box, id);
+    switch (answer.state) {
+    case answer_state::answered:
+        return xasprintf(_("confirmed %s"), answer_moment(answer).c_str());
+    case answer_state::not_a_file:
+        return xasprintf(_("cannot be answered: acks/%lld is not a regular file"),
+                         static_cast<long long>(id));
+    case answer_state::none:
+        return _("read");
+    case answer_state::failed:
+        break;
+    }
+    return "?";
+}
+
+// ---- list ---------------------------------------------------------------------------------
+
+constexpr size_t TEXT_COLUMNS = 40;
+
+// At most TEXT_COLUMNS characters, padded with blanks.
+static std::string text_column(std::string_view text) {
+    size_t columns = 0;
+    size_t end = 0;
+    for (; end < text.size(); end++) {
+        const bool begins = (static_cast<unsigned char>(text[end]) & 0xc0) != 0x80;
+        if (begins && columns == TEXT_COLUMNS)
+            break;
+        columns += begins ? 1 : 0;
+    }
+    return std::string(text.substr(0, end)) + std::string(TEXT_COLUMNS - columns, ' ');
+}
+
+// The title, or the first line that holds anything.
+static std::string headline(const message_record &message) {
+    if (!message.title.empty())
+        return message.title;
+    std::string_view text = message.text;
+    text.remove_prefix(std::min(text.find_first_not_of("\n \t"), text.size()));
+    return clean_line(text.substr(0, text.find('\n')));
+}
+
+static void print_row(const std::string &id, const std::string &date, const std::string &text,
+                      const std::string &state) {
+    printf("%-5s %-12s %s  %s\n", id.c_str(), date.c_str(), text_column(text).c_str(),
+           state.c_str());
+}
+
+struct listed_message {
+    int64_t id;
+    message_record message;
+    std::string state;
+};
+
+// A message in the inbox. False for what is none.
+static bool list_inbox_message(const own_mailbox &box, int64_t id, listed_message *listed) {
+    waiting_message message;
+    switch (inbox_look(box, id, now(), &message)) {
+    case waiting_state::waiting:
+        listed->state = waiting_text(message);
+        break;
+    case waiting_state::expired:
+        listed->state = xasprintf(_("expired on %s"), short_time(message.message.expires).c_str());
+        break;
+    case waiting_state::answered:
+        listed->state = answered_text(box, id);
+        break;
+    case waiting_state::absent:
+        return false;
+    case waiting_state::failed:
+        warn(_("message %lld cannot be read: %s"), static_cast<long long>(id), strerror(errno));
+        return false;
+    }
+    listed->id = id;
+    listed->message = std::move(message.message);
+    return true;
+}
+
+static bool list_read_message(const own_mailbox &box, int64_t id, listed_message *listed) {
+    if (message_read(box.read, id, &listed->message) != 0)
+        return false;
+    listed->id = id;
+    listed->state = answered_text(box, id);
+    return true;
+}
+
+static std::vector<int64_t> ids_or_die(const own_mailbox &box, const unique_fd &folder) {
+    std::vector<int64_t> ids;
+    if (folder_ids(folder, &ids) != 0)
+        die("%s: %s", box.path.c_str(), strerror(errno));
+    return ids;
+}
+
+static void print_message(const listed_message &listed, bool is_first) {
+    if (is_first)
+        print_row(_("ID"), _("DATE"), _("TEXT"), _("STATE"));
+    print_row(std::to_string(listed.id), short_time(listed.message.date), headline(listed.message),
+              listed.state);
+}
+
+int cmd_list() {
+    const own_mailbox box = open_own_mailbox_or_die();
+    const std::vector<int64_t> in_inbox = ids_or_die(box, box.inbox);
+    const std::vector<int64_t> in_read = ids_or_die(box, box.read);
+    std::vector<int64_t> ids;
+    std::ranges::set_union(in_inbox, in_read, std::back_inserter(ids));
+    bool is_first = true;
+    for (const int64_t id : ids) {
+        listed_message listed;
+        if (!list_inbox_message(box, id, &listed) && !list_read_message(box, id, &listed))
+            continue;
+        print_message(listed, is_first);
+        is_first = false;
+    }
+    if (is_first)
+        print_nothing_waits();
+    return 0;
+}
+
+// ---- show ---------------------------------------------------------------------------------
+
+static int show_one(own_mailbox *box, int64_t id) {
+    waiting_message message;
+    const waiting_state state = inbox_look(*box, id, now(), &message);
+    if (state == waiting_state::failed) {
+        warn(_("message %lld cannot be read: %s"), static_cast<long long>(id), strerror(errno));
+        return 1;
+    }
+    if (state == waiting_state::absent) {
+        listed_message read;
+        if (!list_read_message(*box, id, &read)) {
+            warn_no_such_message(id);
+            return 1;
+        }
+        return show_message(read.message, read.state) ? 0 : 1;
+    }
+    listed_message listed;
+    (void)list_inbox_message(*box, id, &listed);
+    const bool waits = state == waiting_state::waiting;
+    const std::string footer = waits ? how_to_answer_sentence(id) : listed.state;
+    if (!show_message(message.message, footer))
+        return 1;
+    if (waits && isatty(STDOUT_FILENO) != 0) {
+        const mailbox_lock lock = mailbox_lock::take(*box);
+        // If the mark cannot be written the message is shown once more, which harms nobody.
+        (void)answer_shown(box, id, channel::terminal, now(), remind_seconds());
+    }
+    return 0;
+}
+
+int cmd_show(const arguments &ids) {
+    int64_t id = 0;
+    if (ids.empty())
+        die("%s", _("missing message ID"));
+    if (!parse_identifier(ids[0], &id))
+        return 1;
+    own_mailbox box = open_own_mailbox_or_die();
+    return show_one(&box, id);
+}

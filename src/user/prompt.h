@@ -1,0 +1,25 @@
+// What a shell prints before its prompt.
+#pragma once
+
+#include "user/inbox.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// What a shell is told by the exit status: in how long it looks again, and whether what was shown
+// could be marked. A shell that learns that it could not stays silent for so long.
+//
+//   1 to 60      minutes
+//   61 to 120    1 to 60 seconds
+//   193 to 252   1 to 60 minutes, and nothing could be marked
+//
+// Every other status is a failure to the shell, which tries again in a minute.
+[[nodiscard]] int prompt_status(int64_t seconds, bool marked);
+
+// The text for a screen with so many rows and columns: the messages in their order, as many as
+// fit into two thirds of it, but at least one, which is cut to that length. `shown` receives the
+// identifiers of those that are in it.
+//   others   how many more are due, for the last line
+[[nodiscard]] std::string prompt_text(const std::vector<waiting_message> &due, size_t others,
+                                      int rows, int columns, std::vector<int64_t> *shown);

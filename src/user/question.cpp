@@ -1,0 +1,230 @@
+#include "user/question.h"
+
+#include "common/core.h"
+
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+// How long the bytes that come with a key take at most: those of an escape sequence or a paste.
+constexpr int BURST_MS = 40;
+constexpr int LOOK_INTERVAL_MS = 1000;
+
+// Set by signals while a question is asked.
+static volatile sig_atomic_t abort_requested = 0;
+static volatile sig_atomic_t stop_requested = 0;
+static volatile sig_atomic_t continued = 0;
+
+extern "C" {
+static void request_abort(int /*signal*/) {
+    abort_requested = 1;
+}
+static void request_stop(int /*signal*/) {
+    stop_requested = 1;
+}
+static void note_continued(int /*signal*/) {
+    continued = 1;
+}
+}
+
+static int64_t monotonic_ms() {
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
+    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
+}
+
+// ---- Signals ------------------------------------------------------------------------------
+
+namespace {
+
+// The question's handlers, for as long as it lives. An ignored signal stays ignored.
+class question_signals {
+public:
+    question_signals() {
+        abort_requested = 0;
+        stop_requested = 0;
+        continued = 0;
+        for (size_t i = 0; i < SIGNALS.size(); i++)
+            install(SIGNALS[i], &previous_[i]);
+    }
+    ~question_signals() {
+        for (size_t i = 0; i < SIGNALS.size(); i++)
+            sigaction(SIGNALS[i], &previous_[i], nullptr);
+    }
+    question_signals(const question_signals &) = delete;
+    question_signals &operator=(const question_signals &) = delete;
+
+private:
+    static constexpr std::array<int, 6> SIGNALS = {SIGINT,  SIGTERM, SIGHUP,
+                                                   SIGQUIT, SIGTSTP, SIGCONT};
+
+    static void install(int number, struct sigaction *previous) {
+        struct sigaction action = {};
+        action.sa_handler = number == SIGTSTP   ? request_stop
+                            : number == SIGCONT ? note_continued
+                                                : request_abort;
+        sigemptyset(&action.sa_mask);
+        sigaction(number, nullptr, previous);
+        if (previous->sa_handler != SIG_IGN)
+            sigaction(number, &action, nullptr);
+    }
+
+    std::array<struct sigaction, SIGNALS.size()> previous_ = {};
+};
+
+// ---- The terminal -------------------------------------------------------------------------
+
+// Reads single keys without showing them, for as long as it lives.
+class single_keys {
+public:
+    single_keys() : works_(tcgetattr(STDIN_FILENO, &saved_) == 0) { enter(); }
+    ~single_keys() { leave(); }
+    single_keys(const single_keys &) = delete;
+    single_keys &operator=(const single_keys &) = delete;
+
+    // Drops what was typed so far.
+    void enter() const {
+        termios keys = saved_;
+        keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        keys.c_cc[VMIN] = 1;
+        keys.c_cc[VTIME] = 0;
+        set(keys);
+    }
+    void leave() const { set(saved_); }
+
+private:
+    // A signal may come while the output drains: waiting once more could take for ever.
+    void set(const termios &attributes) const {
+        if (works_ && tcsetattr(STDIN_FILENO, TCSAFLUSH, &attributes) != 0 && errno == EINTR)
+            tcsetattr(STDIN_FILENO, TCSANOW, &attributes);
+    }
+
+    termios saved_ = {};
+    bool works_;
+};
+
+} // namespace
+
+static void print_now(const std::string &text) {
+    (void)!write(STDOUT_FILENO, text.data(), text.size()); // nobody to show it to: see the input
+}
+
+// Stops as the key asked, with the terminal as the shell wants it.
+static void stop_until_continued(const single_keys &terminal) {
+    stop_requested = 0;
+    terminal.leave();
+    struct sigaction handler = {};
+    struct sigaction stop = {};
+    stop.sa_handler = SIG_DFL;
+    sigemptyset(&stop.sa_mask);
+    sigaction(SIGTSTP, &stop, &handler);
+    raise(SIGTSTP);
+    sigaction(SIGTSTP, &handler, nullptr);
+}
+
+// ---- Keys ---------------------------------------------------------------------------------
+
+enum class key { none, answer, ended };
+
+// Whether more follows at once.
+static bool more_follows() {
+    pollfd input = {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+    return poll(&input, 1, BURST_MS) > 0 && (input.revents & POLLIN) != 0;
+}
+
+// Reads what has arrived, until it is quiet for a moment. `letter` is the key if it was one alone.
+static key read_key(char *letter) {
+    std::array<char, 256> bytes = {};
+    size_t count = 0;
+    do {
+        const ssize_t got = read(STDIN_FILENO, bytes.data(), bytes.size());
+        if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN))
+            return key::ended;
+        count += got > 0 ? static_cast<size_t>(got) : 0;
+    } while (more_follows() && abort_requested == 0);
+    *letter = bytes[0];
+    return count == 1 ? key::answer : key::none;
+}
+
+static bool is_reply(char letter, reply *answer) {
+    switch (letter) {
+    case 'r':
+    case 'R':
+        *answer = reply::read;
+        return true;
+    case 'l':
+    case 'L':
+        *answer = reply::later;
+        return true;
+    case 'q':
+    case 'Q':
+        *answer = reply::quit;
+        return true;
+    default:
+        return false;
+    }
+}
+
+// ---- The question -------------------------------------------------------------------------
+
+// Waits for a key, a change or the next look. False when the terminal is gone.
+static bool await_something(const question &asked, bool *has_key) {
+    std::array<pollfd, 2> watched = {{{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
+                                      {.fd = asked.watched, .events = POLLIN, .revents = 0}}};
+    *has_key = false;
+    if (poll(watched.data(), watched.size(), LOOK_INTERVAL_MS) <= 0)
+        return true; // time to look, or a signal
+    if ((watched[1].revents & POLLIN) != 0) {
+        std::array<char, 4096> changes = {};
+        (void)!read(asked.watched, changes.data(), changes.size()); // what changed is looked at
+    }
+    *has_key = (watched[0].revents & POLLIN) != 0;
+    return *has_key || (watched[0].revents & (POLLHUP | POLLERR | POLLNVAL)) == 0;
+}
+
+static reply ask_until_answered(const question &asked, const single_keys &terminal) {
+    int64_t guarded_until = monotonic_ms() + QUESTION_GUARD_MS;
+    print_now(asked.text);
+    while (abort_requested == 0) {
+        bool has_key = false;
+        if (!await_something(asked, &has_key))
+            return reply::aborted;
+        if (stop_requested != 0) {
+            stop_until_continued(terminal);
+            continued = 1;
+        }
+        if (continued != 0) {
+            continued = 0;
+            terminal.enter();
+            print_now("\r" + asked.text);
+            guarded_until = monotonic_ms() + QUESTION_GUARD_MS;
+            continue;
+        }
+        char letter = '\0';
+        reply answer = reply::aborted;
+        // The time counts at which the key arrives, not at which its burst ends.
+        const bool is_guarded = monotonic_ms() < guarded_until;
+        const key pressed = has_key ? read_key(&letter) : key::none;
+        if (pressed == key::ended)
+            return reply::aborted;
+        if (asked.is_over())
+            return reply::dropped;
+        if (pressed == key::answer && !is_guarded && is_reply(letter, &answer))
+            return answer;
+    }
+    return reply::aborted;
+}
+
+reply ask_question(const question &asked) {
+    const question_signals signals;
+    const single_keys terminal;
+    const reply answer = ask_until_answered(asked, terminal);
+    print_now("\n");
+    return answer;
+}

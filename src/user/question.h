@@ -1,0 +1,33 @@
+// A question on the terminal that one key answers: the terminal's mode, signals, and which key
+// counts.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+enum class reply {
+    read,
+    later,
+    quit,
+    dropped, // what was asked about is gone: `is_over` said so
+    aborted, // interrupted, hung up, or the input ended
+};
+
+// How long nothing answers after the question has appeared: what somebody was typing when it did
+// is no answer.
+constexpr int64_t QUESTION_GUARD_MS = 700;
+
+struct question {
+    std::string text;              // the line that asks, without its end
+    std::function<bool()> is_over; // looked at whenever `watched` is readable, and every second
+    int watched = -1;              // a descriptor, read empty by the question; -1 for none
+};
+
+// Asks on standard input and output until one of the keys r, l, q is pressed alone: a key among
+// others that arrive with it was pasted, or belongs to an escape sequence. Everything typed before
+// the question appeared, and within QUESTION_GUARD_MS after, is dropped. SIGINT, SIGTERM, SIGHUP
+// and SIGQUIT abort it; SIGTSTP stops the process with the terminal as it was before, and the
+// question is asked again when it goes on. The terminal is restored in any case, and the cursor
+// stands at the beginning of a line.
+[[nodiscard]] reply ask_question(const question &asked);

@@ -1,0 +1,273 @@
+#include "user/shell.h"
+
+#include "common/environment.h"
+#include "user/command.h"
+#include "user/hooks.h"
+#include "user/texts.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+// ---- Filling in ---------------------------------------------------------------------------
+
+std::string shell_word(std::string_view text) {
+    std::string word = "'";
+    for (const char c : text) {
+        if (c == '\'')
+            word += "'\\''";
+        else
+            word += c;
+    }
+    return word + "'";
+}
+
+static void replace_all(std::string *text, std::string_view name, std::string_view value) {
+    for (size_t at = text->find(name); at != std::string::npos;
+         at = text->find(name, at + value.size()))
+        text->replace(at, name.size(), value);
+}
+
+static const char *hook_template(std::string_view shell) {
+    if (shell == "bash")
+        return BASH_HOOK;
+    if (shell == "zsh")
+        return ZSH_HOOK;
+    return shell == "fish" ? FISH_HOOK : "";
+}
+
+std::string hook_text(std::string_view shell, const hook_place &place) {
+    std::string text = hook_template(shell);
+    replace_all(&text, "@PROGRAM@", shell_word(place.program));
+    replace_all(&text, "@MAILBOX@", shell_word(place.mailbox));
+    replace_all(&text, "@ENVIRONMENT@", place.environment);
+    return text;
+}
+
+// An environment in which test mode is off, whatever the shell's own says.
+static constexpr const char *NO_TEST_MODE = "TBX_TEST= ";
+
+std::string profile_text(const std::string &program) {
+    const hook_place place = {.program = program, .mailbox = "", .environment = NO_TEST_MODE};
+    std::string text = PROFILE;
+    replace_all(&text, "@PROGRAM@", shell_word(program));
+    replace_all(&text, "@BASH@", shell_word(hook_text("bash", place)));
+    replace_all(&text, "@ZSH@", shell_word(hook_text("zsh", place)));
+    return text;
+}
+
+// ---- tellbox hook -------------------------------------------------------------------------
+
+// The program that runs now, by its own name; a newer one may stand in its place already.
+static std::string own_program() {
+    constexpr std::string_view REPLACED = " (deleted)";
+    std::array<char, PATH_MAX> path = {};
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    const std::string_view name(path.data(), length > 0 ? static_cast<size_t>(length) : 0);
+    if (name.empty() || name.ends_with(REPLACED))
+        return std::string(lib_dir()) + "/tellbox-user";
+    return std::string(name);
+}
+
+// Test mode reaches the shell's program by what the hook says, not by the shell's environment.
+static std::string hook_environment() {
+    if (!test_mode())
+        return NO_TEST_MODE;
+    return "TBX_TEST=1 TBX_VAR=" + shell_word(var_dir()) + " TBX_LIB=" + shell_word(lib_dir()) +
+           " TBX_CONF=" + shell_word(conf_path()) + " ";
+}
+
+int cmd_hook(const arguments &shells) {
+    if (shells.empty())
+        die("%s", _("missing name of a shell: bash, zsh or fish"));
+    const std::string text = hook_text(shells[0], {.program = own_program(),
+                                                   .mailbox = mailbox_path(own_account_or_die()),
+                                                   .environment = hook_environment()});
+    if (text.empty())
+        die(_("there is no hook for this shell: %s (bash, zsh or fish)"),
+            clean_line(shells[0]).c_str());
+    printf("%s", text.c_str());
+    return 0;
+}
+
+// ---- The block ----------------------------------------------------------------------------
+
+static constexpr std::string_view BLOCK_BEGIN = "# >>> tellbox >>>\n";
+static constexpr std::string_view BLOCK_END = "# <<< tellbox <<<\n";
+// Tells that the file did not end in a newline before the block.
+static constexpr std::string_view UNENDED = "# (the line above had no end)\n";
+static constexpr std::string_view BLOCK_TEXT =
+    "# Written by \"tellbox-user shells on\", taken out by \"tellbox-user shells off\".\n"
+    "if [ -r /etc/profile.d/tellbox.sh ]; then . /etc/profile.d/tellbox.sh; fi\n";
+
+static constexpr size_t NOWHERE = std::string_view::npos;
+
+// Where a whole line stands.
+static size_t find_line(std::string_view text, std::string_view line, size_t from) {
+    for (size_t at = text.find(line, from); at != NOWHERE; at = text.find(line, at + 1))
+        if (at == 0 || text[at - 1] == '\n')
+            return at;
+    return NOWHERE;
+}
+
+bool without_block(std::string_view text, std::string *out) {
+    out->assign(text);
+    const size_t begin = find_line(text, BLOCK_BEGIN, 0);
+    const size_t end = find_line(text, BLOCK_END, 0);
+    if (begin == NOWHERE && end == NOWHERE)
+        return true;
+    if (begin == NOWHERE || end == NOWHERE || end < begin ||
+        find_line(text, BLOCK_BEGIN, begin + 1) != NOWHERE ||
+        find_line(text, BLOCK_END, end + 1) != NOWHERE)
+        return false;
+    const std::string_view block = text.substr(begin, end - begin);
+    const size_t behind = end + BLOCK_END.size();
+    const bool was_unended = block.find(UNENDED) != NOWHERE && begin > 0 && behind == text.size();
+    out->assign(text.substr(0, was_unended ? begin - 1 : begin));
+    out->append(text.substr(behind));
+    return true;
+}
+
+bool with_block(std::string_view text, std::string *out) {
+    std::string plain;
+    if (!without_block(text, &plain))
+        return false;
+    const bool is_unended = !plain.empty() && plain.back() != '\n';
+    *out = plain;
+    if (is_unended)
+        out->append("\n");
+    out->append(BLOCK_BEGIN);
+    if (is_unended)
+        out->append(UNENDED);
+    out->append(BLOCK_TEXT).append(BLOCK_END);
+    return true;
+}
+
+// ---- tellbox-user shells on|off -----------------------------------------------------------
+
+constexpr size_t SHELL_FILE_MAX_BYTES = 1'048'576;
+
+namespace {
+
+struct shell_file {
+    const char *shell;
+    std::array<const char *, 2> places; // the first that exists counts
+};
+
+enum class switched { yes, already, half_a_block, failed };
+
+} // namespace
+
+static constexpr std::array<shell_file, 2> SHELL_FILES = {{
+    {"bash", {"/etc/bash.bashrc", "/etc/bashrc"}},
+    {"zsh", {"/etc/zsh/zshrc", "/etc/zshrc"}},
+}};
+
+// The file itself where the place is a link. Empty where there is none.
+static std::string existing_file(const shell_file &file) {
+    for (const char *place : file.places) {
+        const owned_cstring real(realpath(place, nullptr));
+        if (real)
+            return real.get();
+    }
+    return "";
+}
+
+// What access lists and labels the file has, the new one gets. Where it cannot have them it goes
+// without: the mode decides there.
+static void copy_attributes(int from, int to) {
+    std::array<char, 4096> names = {};
+    std::array<char, 4096> value = {};
+    const ssize_t length = flistxattr(from, names.data(), names.size());
+    for (ssize_t at = 0; at < length;
+         at += static_cast<ssize_t>(strlen(&names[static_cast<size_t>(at)])) + 1) {
+        const char *name = &names[static_cast<size_t>(at)];
+        const ssize_t size = fgetxattr(from, name, value.data(), value.size());
+        if (size >= 0)
+            (void)!fsetxattr(to, name, value.data(), static_cast<size_t>(size), 0);
+    }
+}
+
+static int write_like(const unique_fd &original, const std::string &path, std::string_view text) {
+    struct stat status = {};
+    const unique_fd fd(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd || fstat(original.get(), &status) != 0 ||
+        fchown(fd.get(), status.st_uid, status.st_gid) != 0)
+        return -1;
+    copy_attributes(original.get(), fd.get());
+    if (fchmod(fd.get(), status.st_mode & 07777) != 0 ||
+        write_all(fd.get(), text.data(), text.size()) != 0 || fsync(fd.get()) != 0)
+        return -1;
+    return 0;
+}
+
+// Puts a file with the same owner, mode and attributes in the place of the one that is open.
+static int replace_file(const unique_fd &original, const std::string &path, std::string_view text) {
+    const size_t slash = path.rfind('/');
+    const std::string folder = path.substr(0, slash);
+    const std::string temporary = folder + "/." + path.substr(slash + 1) + ".tellbox";
+    unlink(temporary.c_str()); // of a killed run: the file's lock is ours
+    if (write_like(original, temporary, text) == 0 && rename(temporary.c_str(), path.c_str()) == 0)
+        return fsync_path(folder.c_str());
+    const int saved = errno;
+    unlink(temporary.c_str()); // may never have been created
+    errno = saved;
+    return -1;
+}
+
+static switched switch_file(const std::string &path, bool on) {
+    const unique_fd original(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    strbuf text;
+    if (!original || flock(original.get(), LOCK_EX) != 0 ||
+        read_file_limited(path.c_str(), SHELL_FILE_MAX_BYTES, /*nofollow=*/true, &text) != 0)
+        return switched::failed;
+    std::string wanted;
+    if (!(on ? with_block(text.view(), &wanted) : without_block(text.view(), &wanted)))
+        return switched::half_a_block;
+    if (wanted == text.view())
+        return switched::already;
+    return replace_file(original, path, wanted) == 0 ? switched::yes : switched::failed;
+}
+
+static int switch_and_tell(const shell_file &file, bool on) {
+    const std::string path = existing_file(file);
+    if (path.empty())
+        return 0; // no such shell here
+    const char *state = on ? _("on") : _("off");
+    switch (switch_file(path, on)) {
+    case switched::yes:
+        printf(_("%s: now %s (%s)\n"), file.shell, state, path.c_str());
+        return 0;
+    case switched::already:
+        printf(_("%s: already %s (%s)\n"), file.shell, state, path.c_str());
+        return 0;
+    case switched::half_a_block:
+        warn(_("%s: the tellbox block is damaged, remove it by hand"), path.c_str());
+        return 1;
+    case switched::failed:
+        warn("%s: %s", path.c_str(), strerror(errno));
+        return 1;
+    }
+    return 1;
+}
+
+int cmd_shells(const arguments &words) {
+    const bool on = words.size() == 1 && words[0] == "on";
+    if (!on && (words.size() != 1 || words[0] != "off"))
+        die("%s", _("usage: tellbox-user shells on|off"));
+    if (geteuid() != 0)
+        die("%s", _("only root can change the shells' files in /etc"));
+    int status = 0;
+    for (const shell_file &file : SHELL_FILES)
+        status |= switch_and_tell(file, on);
+    return status;
+}
