@@ -21,8 +21,11 @@ endforeach()
 
 # ---- Made from other files ------------------------------------------------------------------
 
+add_library(roff STATIC packaging/roff.cpp)
+target_link_libraries(roff PUBLIC tellbox_common)
+target_include_directories(roff PUBLIC packaging)
 add_executable(tbx-man-page packaging/man_page.cpp)
-target_link_libraries(tbx-man-page PRIVATE tellbox_tbx)
+target_link_libraries(tbx-man-page PRIVATE tellbox_tbx roff)
 add_custom_command(OUTPUT ${PACKAGING_OUT}/tbx.1
   COMMAND tbx-man-page ${RELEASE_DATE} > ${PACKAGING_OUT}/tbx.1
   DEPENDS tbx-man-page # or it would only be built before, and an old page would stay
@@ -39,6 +42,27 @@ add_custom_command(OUTPUT "${PACKAGING_OUT}/User Manual.html"
 add_custom_target(documentation ALL
   DEPENDS ${PACKAGING_OUT}/tbx.1 "${PACKAGING_OUT}/User Manual.html")
 
+# What stands beside the recipients' program, from its own tables.
+add_executable(tellbox-user-files packaging/user_files.cpp)
+target_link_libraries(tellbox-user-files PRIVATE tellbox_user roff)
+set(USER_FILES ${PACKAGING_OUT}/user)
+file(MAKE_DIRECTORY ${USER_FILES})
+set(user_files_made)
+function(make_user_file file)
+  add_custom_command(OUTPUT ${USER_FILES}/${file}
+    COMMAND tellbox-user-files ${ARGN} > ${USER_FILES}/${file}
+    DEPENDS tellbox-user-files
+    COMMENT "Writing ${file}" VERBATIM)
+  set(user_files_made ${user_files_made} ${USER_FILES}/${file} PARENT_SCOPE)
+endfunction()
+make_user_file(tellbox.1 man ${RELEASE_DATE})
+make_user_file(tellbox.bash bash)
+make_user_file(_tellbox zsh)
+make_user_file(tellbox.fish fish)
+make_user_file(tellbox.sh profile)
+make_user_file(hook.fish fish-hook)
+add_custom_target(user_files ALL DEPENDS ${user_files_made})
+
 # ---- Installing and uninstalling ------------------------------------------------------------
 
 install(SCRIPT packaging/folders.cmake)
@@ -51,6 +75,20 @@ install(FILES packaging/completions/_tbx DESTINATION share/zsh/site-functions)
 install(FILES packaging/completions/tbx.fish DESTINATION share/fish/vendor_completions.d)
 install(CODE "set(TELLBOX_CONFIGURATION \"${PACKAGING}/tellbox.conf\")")
 install(SCRIPT packaging/outside_prefix.cmake)
+
+# The recipients' side, which goes into a package of its own:
+#   cmake --install TREE --component tellbox-user
+set(USER_SIDE COMPONENT tellbox-user EXCLUDE_FROM_ALL)
+install(SCRIPT packaging/folders.cmake ${USER_SIDE})
+install(TARGETS tellbox-user RUNTIME DESTINATION lib/tellbox ${USER_SIDE})
+install(CODE "file(CREATE_LINK ../lib/tellbox/tellbox-user
+  \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/bin/tellbox\" SYMBOLIC)" ${USER_SIDE})
+install(FILES ${USER_FILES}/tellbox.1 DESTINATION share/man/man1 ${USER_SIDE})
+install(FILES ${USER_FILES}/tellbox.bash RENAME tellbox
+  DESTINATION share/bash-completion/completions ${USER_SIDE})
+install(FILES ${USER_FILES}/_tellbox DESTINATION share/zsh/site-functions ${USER_SIDE})
+install(CODE "set(TELLBOX_USER_FILES \"${USER_FILES}\")" ${USER_SIDE})
+install(SCRIPT packaging/user_outside_prefix.cmake ${USER_SIDE})
 
 add_custom_target(uninstall
   COMMAND ${CMAKE_COMMAND} -D MANIFEST=${CMAKE_BINARY_DIR}/install_manifest.txt

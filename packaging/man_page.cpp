@@ -1,139 +1,26 @@
 // Prints the manual page for man(1), made from the tables that the program's own guide shows.
 //
 //   tbx-man-page DATE >tbx.1
-#include "common/style.h"
+#include "roff.h"
 #include "tbx/guide/texts.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <string>
-#include <string_view>
-
-static constexpr std::string_view NAME_SEPARATOR = " — ";
-static constexpr int LINE_BYTES = 78;
-
-// ---- Text for roff ------------------------------------------------------------------------
-
-// Takes the first character of UTF-8 `text` off and returns its code point.
-static char32_t take_character(std::string_view *text) {
-    const auto first = static_cast<unsigned char>(text->front());
-    const size_t length = first < 0x80 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
-    char32_t code = length == 1 ? first : first & (0x7FU >> length);
-    for (const char next : text->substr(1, length - 1))
-        code = code << 6 | (static_cast<unsigned char>(next) & 0x3FU);
-    text->remove_prefix(length);
-    return code;
-}
-
-// What stands for a character that roff would read or draw as something else.
-static std::string escaped(char32_t character) {
-    switch (character) {
-    case U'\\':
-        return "\\(rs";
-    case U'"':
-        return "\\(dq";
-    case U'\'':
-        return "\\(aq";
-    case U'`':
-        return "\\(ga";
-    case U'^':
-        return "\\(ha";
-    case U'~':
-        return "\\(ti";
-    default:
-        break;
-    }
-    if (character < 0x80)
-        return {static_cast<char>(character)};
-    char code[sizeof "\\[u]" + 8]; // eight hexadecimal digits at most
-    snprintf(code, sizeof code, "\\[u%04X]", static_cast<unsigned>(character));
-    return code;
-}
-
-static std::string escaped_word(std::string_view word) {
-    // To be typed as it stands: a plain "-" would be drawn as a hyphen, and broken at.
-    const bool is_typed = word.find_first_of("-/") <= 1;
-    std::string text;
-    while (!word.empty()) {
-        const char32_t character = take_character(&word);
-        text += character == U'-' && is_typed ? "\\-" : escaped(character);
-    }
-    return text;
-}
-
-static std::string for_roff(std::string_view text) {
-    std::string line;
-    for (size_t start = 0; start <= text.size();) {
-        const size_t end = std::min(text.find(' ', start), text.size());
-        line += escaped_word(text.substr(start, end - start));
-        if (end < text.size())
-            line += ' ';
-        start = end + 1;
-    }
-    return line;
-}
-
-// ---- The page -----------------------------------------------------------------------------
-
-// In short lines, none of which roff takes for a request.
-static void print_text(std::string_view text) {
-    strlist lines;
-    wrap_words(for_roff(text).c_str(), LINE_BYTES, 0, &lines);
-    for (const char *line : lines)
-        printf("%s%s\n", line[0] == '.' ? "\\&" : "", line);
-}
-
-static void print_section(const char *name) {
-    printf(".SH %s\n", name);
-}
-
-// man(1) and whatis(1) find the page by this form of the line.
-static void print_name() {
-    const std::string_view line = MANUAL_NAME_LINE;
-    const size_t separator = line.find(NAME_SEPARATOR);
-    const std::string_view purpose = line.substr(separator + NAME_SEPARATOR.size());
-    print_section("NAME");
-    printf("%s \\-\n", for_roff(line.substr(0, separator)).c_str());
-    print_text(purpose);
-}
-
-static void print_synopsis() {
-    print_section("SYNOPSIS");
-    const char *line_break = "";
-    for (const std::string_view line : GUIDE_SYNOPSIS) {
-        const size_t word = std::min(line.find(' '), line.size());
-        printf("%s\\fB%s\\fP%s\n", line_break, for_roff(line.substr(0, word)).c_str(),
-               for_roff(line.substr(word)).c_str());
-        line_break = ".br\n";
-    }
-}
-
-static void print_table(const char *section, guide_table items) {
-    print_section(section);
-    std::string term;
-    std::string description;
-    for (const char *item : items) {
-        split_term(item, &term, &description);
-        printf(".TP\n\\fB%s\\fP\n", for_roff(term).c_str());
-        print_text(description);
-    }
-}
 
 static void print_page(const char *date) {
     printf(".TH TBX 1 %s \"tbx " TBX_VERSION "\" \"tbx manual\"\n", date);
     printf(".nh\n.ad l\n");
-    print_name();
-    print_synopsis();
-    print_section("DESCRIPTION");
-    print_text(GUIDE_DESCRIPTION);
-    print_table("COMMANDS", GUIDE_COMMANDS);
-    print_table("SEND OPTIONS", GUIDE_SEND_OPTIONS);
-    print_table("EXAMPLES", GUIDE_EXAMPLES);
-    print_table("FILES", GUIDE_FILES);
-    print_table("ENVIRONMENT", GUIDE_ENVIRONMENT);
-    print_table("EXIT STATUS", GUIDE_EXIT_STATUS);
-    print_section("SEE ALSO");
-    print_text(GUIDE_SEE_ALSO);
+    roff_print_name(MANUAL_NAME_LINE);
+    roff_print_synopsis(GUIDE_SYNOPSIS);
+    roff_print_section("DESCRIPTION");
+    roff_print_text(GUIDE_DESCRIPTION);
+    roff_print_table("COMMANDS", GUIDE_COMMANDS);
+    roff_print_table("SEND OPTIONS", GUIDE_SEND_OPTIONS);
+    roff_print_table("EXAMPLES", GUIDE_EXAMPLES);
+    roff_print_table("FILES", GUIDE_FILES);
+    roff_print_table("ENVIRONMENT", GUIDE_ENVIRONMENT);
+    roff_print_table("EXIT STATUS", GUIDE_EXIT_STATUS);
+    roff_print_section("SEE ALSO");
+    roff_print_text(GUIDE_SEE_ALSO);
 }
 
 int main(int argc, char **argv) {

@@ -1,0 +1,174 @@
+// Prints what is installed beside the recipients' program, made from the program's own tables.
+//
+//   tellbox-user-files KIND [DATE]
+//
+//   man DATE           the manual page of tellbox
+//   bash, zsh, fish    the completions
+//   profile            /etc/profile.d/tellbox.sh
+//   fish-hook          the hook in fish's vendor folder
+#include "common/style.h"
+#include "roff.h"
+#include "user/help.h"
+#include "user/shell.h"
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+static constexpr const char *PROGRAM = "/usr/local/lib/tellbox/tellbox-user";
+
+static void print_man_page(const char *date) {
+    printf(".TH TELLBOX 1 %s \"tellbox " TBX_VERSION "\" \"tellbox manual\"\n", date);
+    printf(".nh\n.ad l\n");
+    roff_print_name(HELP_NAME_LINE);
+    roff_print_synopsis(HELP_SYNOPSIS);
+    roff_print_section("DESCRIPTION");
+    roff_print_text(HELP_DESCRIPTION);
+    roff_print_table("COMMANDS", HELP_COMMANDS);
+    roff_print_table("AT THE PROMPT", HELP_PROMPT);
+    roff_print_table("FILES", HELP_FILES);
+    roff_print_table("ENVIRONMENT", HELP_ENVIRONMENT);
+    roff_print_table("EXIT STATUS", HELP_EXIT_STATUS);
+    roff_print_section("SEE ALSO");
+    roff_print_text(HELP_SEE_ALSO);
+}
+
+// ---- Completions --------------------------------------------------------------------------
+
+struct completed_command {
+    std::string name;
+    std::string purpose; // the first sentence of its description
+    bool takes_ids = false;
+};
+
+// The commands that have a name; of several, the first.
+static std::vector<completed_command> completed_commands() {
+    std::vector<completed_command> commands;
+    for (const char *item : HELP_COMMANDS) {
+        completed_command command;
+        std::string term;
+        split_term(item, &term, &command.purpose);
+        if (term.starts_with('('))
+            continue;
+        command.name = term.substr(0, term.find_first_of(" ,"));
+        command.takes_ids = term.find("ID") != std::string::npos;
+        command.purpose = command.purpose.substr(0, command.purpose.find_first_of(".,:"));
+        commands.push_back(std::move(command));
+    }
+    return commands;
+}
+
+static std::string joined_names(const char *separator, bool only_with_ids) {
+    std::string names;
+    for (const completed_command &command : completed_commands())
+        if (command.takes_ids || !only_with_ids)
+            names += (names.empty() ? "" : separator) + command.name;
+    return names;
+}
+
+static void print_bash_completion() {
+    printf("# Completion of tellbox in bash; loaded by the package bash-completion when it is "
+           "first\n# needed.\n"
+           "_tellbox() {\n"
+           "    local cur prev words cword\n"
+           "    _init_completion || return\n"
+           "    if ((cword == 1)); then\n"
+           "        mapfile -t COMPREPLY < <(compgen -W '%s' -- \"$cur\")\n"
+           "        return\n"
+           "    fi\n"
+           "    case ${words[1]} in\n"
+           "    %s)\n"
+           "        mapfile -t COMPREPLY < <(compgen -W \\\n"
+           "            \"$(tellbox list 2>/dev/null | sed -n 's/^\\([0-9]\\{1,\\}\\) .*/\\1/p')\" "
+           "-- \"$cur\")\n"
+           "        ;;\n"
+           "    hook) ((cword > 2)) || mapfile -t COMPREPLY < <(compgen -W 'bash zsh fish' -- "
+           "\"$cur\") ;;\n"
+           "    esac\n"
+           "}\n\n"
+           "complete -F _tellbox tellbox\n",
+           joined_names(" ", false).c_str(), joined_names(" | ", true).c_str());
+}
+
+static void print_zsh_completion() {
+    printf("#compdef tellbox\n# Completion of tellbox in zsh.\n\n"
+           "_tellbox() {\n"
+           "  local -a commands=(\n");
+    for (const completed_command &command : completed_commands())
+        printf("    %s\n", shell_word(command.name + ":" + command.purpose).c_str());
+    printf("  )\n"
+           "  if ((CURRENT == 2)); then\n"
+           "    _describe -t commands command commands\n"
+           "    return\n"
+           "  fi\n"
+           "  local -a messages\n"
+           "  case $words[2] in\n"
+           "    %s)\n"
+           "      messages=(${(f)\"$(tellbox list 2>/dev/null | sed -n "
+           "'s/^\\([0-9]\\{1,\\}\\) .*/\\1/p')\"})\n"
+           "      _wanted -V messages expl message compadd -a messages\n"
+           "      ;;\n"
+           "    hook) ((CURRENT > 3)) || _values shell bash zsh fish ;;\n"
+           "    *) _message 'no more arguments' ;;\n"
+           "  esac\n"
+           "}\n\n"
+           "_tellbox \"$@\"\n",
+           joined_names("|", true).c_str());
+}
+
+static void print_fish_completion() {
+    printf("# Completion of tellbox in fish.\n\n"
+           "function __tellbox_messages\n"
+           "    tellbox list 2>/dev/null | string match -rg '^(\\d+) '\n"
+           "end\n\n"
+           "complete -c tellbox -f\n");
+    for (const completed_command &command : completed_commands())
+        printf("complete -c tellbox -n __fish_is_first_token -a %s -d %s\n", command.name.c_str(),
+               shell_word(command.purpose).c_str());
+    printf("\ncomplete -c tellbox -n '__fish_seen_subcommand_from %s' -k -a "
+           "'(__tellbox_messages)'\n"
+           "complete -c tellbox -n '__fish_seen_subcommand_from hook' -a 'bash zsh fish'\n",
+           joined_names(" ", true).c_str());
+}
+
+// ---- Hooks --------------------------------------------------------------------------------
+
+static void print_profile() {
+    printf("%s", profile_text(PROGRAM).c_str());
+}
+
+static void print_fish_hook() {
+    const hook_place place = {.program = PROGRAM, .mailbox = "", .environment = "TBX_TEST= "};
+    printf("%s", hook_text("fish", place).c_str());
+}
+
+struct file_kind {
+    const char *name;
+    void (*print)();
+};
+
+static constexpr file_kind KINDS[] = {
+    {"bash", print_bash_completion}, {"zsh", print_zsh_completion},
+    {"fish", print_fish_completion}, {"profile", print_profile},
+    {"fish-hook", print_fish_hook},
+};
+
+static bool print_kind(const char *name) {
+    for (const file_kind &kind : KINDS) {
+        if (strcmp(kind.name, name) != 0)
+            continue;
+        kind.print();
+        return true;
+    }
+    return false;
+}
+
+int main(int argc, char **argv) {
+    if (argc == 3 && strcmp(argv[1], "man") == 0) {
+        print_man_page(argv[2]);
+    } else if (argc != 2 || !print_kind(argv[1])) {
+        fprintf(stderr, "usage: tellbox-user-files man DATE|bash|zsh|fish|profile|fish-hook\n");
+        return 1;
+    }
+    return fflush(stdout) == 0 && ferror(stdout) == 0 ? 0 : 1;
+}
