@@ -1,0 +1,402 @@
+"""Messages at the prompt of bash, zsh and fish."""
+
+import os
+import time
+
+import pytest
+from harness.waiting import wait_for
+from prerequisites import need_programs
+from recipient import PROGRAM
+from shells import LOAD, Shell, last_prompt
+
+MESSAGE = "── Tellbox · Message from the administrator · 21/09 14:13 ──\n"
+RULE = "─" * 40 + "\n"
+ANSWER = "Answer with: tellbox   or: tellbox read {0} · tellbox later {0}\n"
+
+
+def shown(message_id, text="Hello\n"):
+    return MESSAGE + text + RULE + ANSWER.format(message_id)
+
+
+def let_the_clock_go_on(machine, user="pat"):
+    """The hook takes times that are equal for a change: this makes those of the folders older."""
+    past = time.time() - 60
+    for folder in ("inbox", "state"):
+        os.utime(machine.store.mailbox(user, folder), (past, past))
+
+
+# ---- What is shown --------------------------------------------------------------------------
+
+def test_a_message_is_shown_once_at_the_next_prompt(machine, shell_name):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, shell_name)
+    assert MESSAGE not in shell.greeting
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+    assert shell.run() == ""
+    assert machine.store.mailbox("pat", "state", "7.term").read_text() == "shown\n"
+
+
+def test_a_message_that_waits_is_shown_when_the_shell_starts(machine, shell_name):
+    machine.deliver(7)
+    assert shown(7) in Shell(machine, shell_name).greeting
+
+
+def test_a_mailbox_that_is_made_later_is_found(machine, shell_name):
+    shell = Shell(machine, shell_name)
+    assert shell.run() == ""
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+
+
+def test_only_one_of_several_shells_shows_it(machine, shell_name):
+    machine.store.make_mailbox("pat")
+    first, second = Shell(machine, shell_name), Shell(machine, shell_name)
+    machine.deliver(7)
+    assert first.run() == shown(7)
+    assert second.run() == ""
+
+
+def test_a_message_comes_back_when_its_time_is_over(machine, shell_name):
+    machine.write("/etc/tellbox.conf", "")
+    machine.path("/etc/tellbox").mkdir()
+    machine.write("/etc/tellbox/tellbox.conf", "TBX_REMIND_MINUTES=1\n")
+    machine.deliver(7)
+    machine.store.mark_shown("pat", 7, int(time.time()) - 58)
+    shell = Shell(machine, shell_name)
+    assert MESSAGE not in shell.greeting
+    wait_for(lambda: shell.run() == shown(7), limit_seconds=10)
+
+
+def test_a_reminded_message_comes_back_at_once(machine, shell_name):
+    machine.deliver(7)
+    shell = Shell(machine, shell_name)
+    let_the_clock_go_on(machine)
+    machine.store.mailbox("pat", "state", "7.term").unlink()
+    assert shell.run() == shown(7)
+
+
+def test_what_was_postponed_on_the_desktop_is_not_shown(machine, shell_name):
+    machine.deliver(7)
+    machine.store.write_as("pat", ("state", "7.gui"), b"postponed\n")
+    machine.deliver(8)
+    machine.store.write_as("pat", ("state", "8.gui"), b"shown\n")
+    shell = Shell(machine, shell_name)
+    assert shown(8) in shell.greeting and shown(7) not in shell.greeting
+
+
+def test_what_was_answered_or_has_expired_is_not_shown(machine, shell_name):
+    machine.deliver(7)
+    machine.store.confirm("pat", 7, 1790000000)
+    machine.deliver(8, expires=1790000001)
+    assert "Tellbox" not in Shell(machine, shell_name).greeting
+
+
+# ---- What it leaves alone -------------------------------------------------------------------
+
+def test_what_is_typed_ahead_belongs_to_the_shell(machine, shell_name):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, shell_name)
+    machine.deliver(7)
+    shell.type("\recho r; echo l; echo $status$?\r" if shell_name != "fish" else
+               "\recho r; echo l\r")
+    shell.terminal.wait_for(lambda: "Answer with" in shell.terminal.frame())
+    shell.terminal.poll_for(lambda: shell.terminal.frame().count("ready>") >= 3)
+    assert machine.answers() == {}
+    assert "inbox/7" in machine.files()
+    assert "echo r; echo l" in shell.terminal.frame()
+
+
+@pytest.mark.parametrize("due", [False, True])
+def test_the_status_of_the_last_command_stays(machine, shell_name, due):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, shell_name)
+    if due:
+        machine.deliver(7)
+    shell.run("sh -c 'exit 3'")
+    assert shell.run("echo $status" if shell_name == "fish" else "echo $?") == "3\n"
+
+
+def test_bash_keeps_pipestatus_and_the_last_argument(machine):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash")
+    machine.deliver(7)
+    shell.run("false | (exit 4) | true last")
+    assert shell.run('echo "${PIPESTATUS[*]}"') == "1 4 0\n"
+    shell.run("true one two")
+    assert shell.run('echo "$_"') == "two\n"
+
+
+def test_zsh_keeps_pipestatus_and_the_last_argument(machine):
+    need_programs("zsh")
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "zsh")
+    machine.deliver(7)
+    shell.run("false | (exit 4) | true last")
+    assert shell.run('echo "$pipestatus"') == "1 4 0\n"
+    shell.run("true one two")
+    assert shell.run('echo "$_"') == "two\n"
+
+
+def test_fish_keeps_pipestatus(machine):
+    need_programs("fish")
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "fish")
+    machine.deliver(7)
+    shell.run("false | sh -c 'exit 4' | true")
+    assert shell.run("echo $pipestatus") == "1 4 0\n"
+
+
+def test_every_name_that_it_defines_begins_with_its_own(machine, shell_name):
+    machine.deliver(7)
+    listing = {"bash": "{ compgen -v; compgen -A function; }",
+               "zsh": "{ print -l ${(k)parameters} ${(k)functions}; }",
+               "fish": "begin; set -n; functions -an; end"}[shell_name]
+    names = {}
+    for startup in ("", LOAD[shell_name]):
+        shell = Shell(machine, shell_name, startup)
+        shell.run()
+        out = f"/run/home/pat/names-{bool(startup)}"
+        shell.run(f"{listing} >{out}")
+        shell.run(f"{listing} >{out}")
+        names[bool(startup)] = set(machine.path(out).read_text().split())
+    new = names[True] - names[False]
+    assert [name for name in new if not name.startswith("__tellbox") and
+            name not in ("PROMPT_COMMAND", "precmd_functions", "_")] == []
+    assert "__tellbox_prompt" in new
+
+
+def test_loading_it_twice_is_loading_it_once(machine, shell_name):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, shell_name, LOAD[shell_name] * 2)
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+    if shell_name == "bash":
+        assert shell.run('echo "$PROMPT_COMMAND"').count("__tellbox_prompt") == 1
+    if shell_name == "zsh":
+        assert shell.run('echo "$precmd_functions"').count("__tellbox_prompt") == 1
+
+
+def test_the_history_holds_nothing_of_it(machine, shell_name):
+    machine.deliver(7)
+    shell = Shell(machine, shell_name)
+    shell.run("true mine")
+    listed = shell.run("fc -l 1" if shell_name == "zsh" else "history")
+    assert "true mine" in listed and "tellbox" not in listed
+
+
+# ---- bash: options, other hooks, traps ------------------------------------------------------
+
+BASH_SETTINGS = {
+    "nounset": "set -u", "errexit": "set -e", "xtrace": "set -x", "noglob": "set -f",
+    "posix": "set -o posix", "nullglob": "shopt -s nullglob failglob",
+    "globignore": "GLOBIGNORE='*'", "noclobber": "set -C", "allexport": "set -a",
+    "functrace": "set -ET", "ifs": "IFS=/.i", "extdebug": "shopt -s extdebug",
+    "cdspell": "shopt -s xpg_echo nocasematch nocaseglob",
+}
+
+
+@pytest.mark.parametrize("setting", BASH_SETTINGS.values(), ids=BASH_SETTINGS)
+def test_bash_shows_the_message_under_every_option(machine, setting):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash")
+    shell.run(setting)
+    before = shell.run('echo "$-$IFS$(shopt -p)"')
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+    assert shell.run() == ""
+    assert shell.run('echo "$-$IFS$(shopt -p)"') == before
+
+
+def test_bash_traces_nothing_of_it(machine):
+    machine.deliver(7)
+    shell = Shell(machine, "bash")
+    machine.deliver(8)
+    shell.run("set -x")
+    machine.deliver(9)
+    output = shell.run("true")
+    assert output == "+ true\n" + shown(9)
+
+
+def test_bash_does_not_end_under_errexit_after_a_failed_command(machine):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash")
+    shell.run("set -e")
+    machine.deliver(7)
+    assert shell.run("false || true") == shown(7)
+    assert shell.run("echo $-").count("e") == 1
+
+
+@pytest.mark.parametrize("before, after", [
+    ("PROMPT_COMMAND='echo before $?'", "PROMPT_COMMAND+='; echo after $?'"),
+    ("PROMPT_COMMAND='echo before $?;'", "PROMPT_COMMAND+='\necho after $?'"),
+    ("PROMPT_COMMAND=('echo before $?')", "PROMPT_COMMAND+=('echo after $?')"),
+    ("PROMPT_COMMAND='echo before $? # says'", "PROMPT_COMMAND+=('echo after $?')"),
+    ("declare -a PROMPT_COMMAND=('echo before $?' ':')", "PROMPT_COMMAND+=('echo after $?')"),
+])
+def test_bash_runs_other_hooks_before_and_behind(machine, before, after):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash", f"{before}\n{LOAD['bash']}{after}\n")
+    machine.deliver(7)
+    output = shell.run("(exit 5)")
+    assert output.startswith("before 5\n" + shown(7) + "after ")
+    if "=(" in after:
+        assert output.endswith("after 5\n")
+
+
+def test_bash_springs_no_trap_twice(machine):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash", LOAD["bash"] + "trap 'echo failed' ERR\ntrap 'echo bye' EXIT\n")
+    machine.deliver(7)
+    assert shell.run("false") == "failed\n" + shown(7)
+    assert "failed" in shell.run("trap -p") and "bye" in shell.run("trap -p")
+
+
+def test_bash_leaves_a_prompt_command_that_cannot_be_changed(machine):
+    machine.deliver(7)
+    shell = Shell(machine, "bash", f"readonly PROMPT_COMMAND='echo mine'\n{LOAD['bash']}")
+    assert shell.greeting == "mine\n"
+
+
+# ---- zsh ------------------------------------------------------------------------------------
+
+ZSH_SETTINGS = {
+    "nounset": "setopt no_unset", "errexit": "setopt err_exit", "errreturn": "setopt err_return",
+    "kshlike": "setopt ksh_arrays sh_word_split", "noglob": "setopt no_glob",
+    "nomatch": "setopt no_nomatch null_glob", "warn": "setopt warn_create_global",
+    "allexport": "setopt all_export", "posix": "setopt posix_builtins posix_identifiers",
+    "noclobber": "setopt no_clobber",
+}
+
+
+@pytest.mark.parametrize("setting", ZSH_SETTINGS.values(), ids=ZSH_SETTINGS)
+def test_zsh_shows_the_message_under_every_option(machine, setting):
+    need_programs("zsh")
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "zsh")
+    shell.run(setting)
+    before = shell.run("setopt")
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+    assert shell.run("setopt") == before
+
+
+@pytest.mark.parametrize("startup", [
+    "autoload -Uz add-zsh-hook\nother() { echo other $? }\nadd-zsh-hook precmd other\n{load}",
+    "precmd_functions=(other)\nother() { echo other $? }\n{load}",
+    "setopt ksh_arrays\nprecmd_functions=(other)\nother() { echo other $? }\n{load}",
+    "other() { echo other $? }\n{load}precmd_functions=(other $precmd_functions)\n",
+], ids=["add-zsh-hook", "array", "ksh-arrays", "before"])
+def test_zsh_runs_other_hooks_too(machine, startup):
+    need_programs("zsh")
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "zsh", startup.replace("{load}", LOAD["zsh"]))
+    machine.deliver(7)
+    output = shell.run("(exit 5)")
+    assert "other 5\n" in output and shown(7) in output
+
+
+def test_zsh_traces_nothing_of_it(machine):
+    need_programs("zsh")
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "zsh")
+    shell.run("setopt xtrace")
+    machine.deliver(9)
+    output = shell.run("true")
+    assert shown(9) in output
+    assert "__tellbox" not in output.replace("+__tellbox_prompt", "+", 1)
+
+
+# ---- Where it is silent ---------------------------------------------------------------------
+
+@pytest.mark.parametrize("env", [{"TERM": "dumb"}, {"TELLBOX_PROMPT": "off"}],
+                         ids=["dumb", "off"])
+def test_a_terminal_that_wants_nothing_gets_nothing(machine, shell_name, env):
+    machine.deliver(7)
+    assert "Tellbox" not in Shell(machine, shell_name, env=env).greeting
+    assert "state/7.term" not in machine.files()
+
+
+@pytest.mark.parametrize("shell_name", ["bash", "zsh"])  # fish gives a terminal a name
+def test_a_terminal_without_a_name_gets_nothing(machine, shell_name):
+    machine.deliver(7)
+    startup = "unset TERM\n" + LOAD[shell_name]
+    assert "Tellbox" not in Shell(machine, shell_name, startup).greeting
+    assert "state/7.term" not in machine.files()
+
+
+def test_a_variable_silences_an_open_shell_and_lets_it_speak_again(machine, shell_name):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, shell_name)
+    shell.run("set -g TELLBOX_PROMPT off" if shell_name == "fish" else "TELLBOX_PROMPT=off")
+    machine.deliver(7)
+    assert shell.run() == ""
+    shell.run("set -e TELLBOX_PROMPT" if shell_name == "fish" else "unset TELLBOX_PROMPT")
+    assert "state/7.term" in machine.files()
+
+
+def test_a_shell_that_only_runs_a_command_prints_not_a_byte(machine, shell_name):
+    machine.deliver(7)
+    machine.write_home("pat", ".bashrc", LOAD["bash"])
+    machine.write_home("pat", ".zshrc", LOAD["zsh"])
+    machine.write_home("pat", ".config/fish/config.fish", LOAD["fish"])
+    terminal = machine.on_terminal(shell_name, "-ic", "true")
+    assert terminal.wait_exit() == 0
+    assert b"ellbox" not in terminal.raw
+    assert machine.store.mailbox("pat", "state", "7.term").exists() is False
+
+
+def test_an_interactive_shell_without_a_terminal_prints_not_a_byte(machine, shell_name):
+    machine.deliver(7)
+    machine.write_home("pat", ".bashrc", LOAD["bash"])
+    machine.write_home("pat", ".zshrc", LOAD["zsh"])
+    machine.write_home("pat", ".config/fish/config.fish", LOAD["fish"])
+    result = machine.run("-i", program=shell_name, user="pat", input="true\nexit\n",
+                         env=machine.environment("pat"))
+    assert "ellbox" not in result.stdout + result.stderr
+
+
+def test_an_open_shell_is_silent_when_the_program_is_removed(machine, shell_name):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, shell_name)
+    machine.path(PROGRAM).unlink()
+    machine.deliver(7)
+    assert shell.run() == ""
+
+
+def test_a_shell_goes_on_if_the_program_fails(machine, shell_name):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, shell_name)
+    machine.path(PROGRAM).unlink()
+    machine.write(PROGRAM, "#!/bin/sh\necho failed >&2\nexit 1\n", 0o755)
+    machine.deliver(7)
+    shell.run("sh -c 'exit 3'")
+    assert shell.run("echo $status" if shell_name == "fish" else "echo $?") == "3\n"
+
+
+# ---- Cost -----------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("waiting", [0, 1, 50])
+def test_no_process_is_started_while_nothing_is_due(machine, shell_name, waiting):
+    machine.store.make_mailbox("pat")
+    for message_id in range(1, waiting + 1):
+        machine.deliver(message_id)
+        machine.store.mark_shown("pat", message_id, int(time.time()))
+    shell = Shell(machine, shell_name)
+    let_the_clock_go_on(machine)
+    shell.run()
+    before = last_prompt(machine)
+    for _ in range(3):
+        assert shell.run() == ""
+    assert last_prompt(machine) == before
+
+
+def test_a_shell_that_cannot_mark_shows_a_message_once_all_the_same(machine, shell_name):
+    machine.deliver(7)
+    state = machine.store.mailbox("pat", "state")
+    os.chown(state, 0, 0)
+    shell = Shell(machine, shell_name)
+    assert shown(7) in shell.greeting
+    assert shell.run() == ""
+    assert shell.run() == ""
+    assert "state/7.term" not in machine.files()
