@@ -423,16 +423,21 @@ static void finish_answer(own_mailbox *box, int64_t id) {
         return;
     if (flock(answer.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
         return;
-    // Whoever held it may have finished in the meantime.
+    // Whoever held it may have finished in the meantime, or taken it back.
     struct stat copy = {};
+    const presence there = look_for(box->inbox, name, &copy);
+    const presence moved = look_for(box->read, name);
     if (!stands(box->acks, name, answer) || fstat(answer.get(), &status) != 0 ||
-        look_for(box->inbox, name, &copy) != presence::present || !S_ISREG(copy.st_mode))
+        there == presence::unknown || moved == presence::unknown ||
+        (there == presence::present && !S_ISREG(copy.st_mode)))
         return;
-    const bool is_recorded =
-        (status.st_mode & S_IWUSR) == 0 || look_for(box->read, name) != presence::absent;
-    if (!is_recorded)
+    const bool is_recorded = (status.st_mode & S_IWUSR) == 0 || moved == presence::present;
+    if (!is_recorded) // though the message may have been withdrawn since: it was answered before
         record_confirmed(*box, id, answer_read(*box, id).channel);
-    move_to_read(box, id, answer);
+    if (there == presence::present)
+        move_to_read(box, id, answer);
+    else if (!is_recorded)
+        (void)!fchmod(answer.get(), RECORDED_MODE);
 }
 
 void answer_finish_interrupted(own_mailbox *box) {

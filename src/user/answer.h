@@ -38,7 +38,8 @@ enum class confirm_result {
     already,    // before: `answer` tells when and where; nothing was changed
     not_a_file, // something else stands at acks/ID, which nobody takes for an answer
     withdrawn,  // no such message, or not any more: no answer is left
-    failed,     // not written, for the reason `error`; the message stays waiting
+    failed,     // for the reason `error`: not written, and the message stays waiting; or, if
+                // `answer.state` is failed too, there is an answer that cannot be read
 };
 
 struct confirmation {

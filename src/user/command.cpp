@@ -120,8 +120,10 @@ int confirm_and_tell(own_mailbox *box, int64_t id) {
         warn_withdrawn(id);
         break;
     case confirm_result::failed:
-        warn(_("message %lld could not be confirmed and stays waiting: %s"), printable(id),
-             strerror(outcome.error));
+        warn(outcome.answer.state == answer_state::failed
+                 ? _("the answer to message %lld cannot be read: %s")
+                 : _("message %lld could not be confirmed and stays waiting: %s"),
+             printable(id), strerror(outcome.error));
         break;
     }
     return 1;

@@ -15,7 +15,8 @@
 //               GATE.opened; a line is written to GATE.reached before
 //
 // LOG gets a line for each call that has ended, tab-separated: process, call, occurrence, outcome
-// (the result, an error as a negative number, or "killed"), flags ("create", "truncate" or "-")
+// (the result, an error as a negative number, or "killed"), flags ("create", "unnamed" for a file
+// without a name, "truncate" or "-")
 // and the files concerned. Ends with the program's status, or 128 and the number of the signal.
 #include "calls.h"
 
@@ -180,6 +181,8 @@ const char *describe_flags(const system_call &call, const uint64_t (&arguments)[
     const uint64_t flags = call.number == SYS_openat ? arguments[2] : arguments[1];
     if (opens && (flags & O_CREAT) != 0)
         return "create";
+    if (opens && (flags & O_TMPFILE) == O_TMPFILE)
+        return "unnamed";
     return opens && (flags & O_TRUNC) != 0 ? "truncate" : "-";
 }
 

@@ -18,7 +18,7 @@ FLOCK = 73  # the number of the system call
 # Calls that change a file, a process or what somebody is told.
 CHANGING = {"mkdir", "write", "writev", "pwrite64", "fsync", "fdatasync", "syncfs", "rename",
             "unlink", "unlinkat", "rmdir", "chown", "lchown", "fchown", "chmod", "fchmod",
-            "ftruncate", "link", "symlink", "kill", "fork", "execve", "sendmsg", "sendto"}
+            "ftruncate", "link", "symlink", "utimensat", "kill", "fork", "execve", "sendmsg", "sendto"}
 
 
 @dataclass(frozen=True)
@@ -132,7 +132,7 @@ def run_traced(machine, *command, fault=None, **options):
 class StoppedRun:
     """A run that stands still before one of its calls, until `go_on`."""
 
-    def __init__(self, machine, call, *command):
+    def __init__(self, machine, call, *command, **options):
         place = "/run/gates/stop"
         self._log = machine.path(f"{LOG}.stopped")
         ends = []
@@ -140,11 +140,12 @@ class StoppedRun:
             fifo = machine.path(f"{place}.{name}")
             if not fifo.exists():
                 os.mkfifo(fifo)
+                fifo.chmod(0o666)  # the run may be a user's
             ends.append(os.open(fifo, os.O_RDWR | os.O_NONBLOCK | os.O_CLOEXEC))
         self._reached, self._opened = ends
         point = f"{call.process}/{call.name}/{call.occurrence}"
         self._process = machine.start(
-            *command, wrap=[TRACER, f"{LOG}.stopped", point, f"stop={place}", "--"])
+            *command, wrap=[TRACER, f"{LOG}.stopped", point, f"stop={place}", "--"], **options)
         self.has_stopped = wait_for(self._stopped_or_ended) == "stopped"
 
     def _stopped_or_ended(self):

@@ -29,7 +29,8 @@ ERRORS = {name: [getattr(errno, error) for error in errors.split()] for name, er
     "dup": "EMFILE", "dup2": "EMFILE EINTR", "execve": "ENOENT EACCES ENOMEM EIO",
     "fcntl": "EINTR ENOMEM", "flock": "EINTR ENOLCK", "fork": "EAGAIN ENOMEM",
     "fstat": READ, "fsync": "EIO ENOSPC EDQUOT EINTR", "ftruncate": "EIO EINTR EROFS",
-    "getdents64": READ, "kill": "EPERM ESRCH", "lseek": "", "lstat": f"{READ} EACCES",
+    "getdents64": READ, "kill": "EPERM ESRCH", "link": CHANGE, "lseek": "",
+    "lstat": f"{READ} EACCES",
     "mkdir": CHANGE, "mmap": "ENOMEM", "newfstatat": f"{READ} EACCES", "open": OPEN,
     "openat": OPEN, "pidfd_open": "EMFILE ENFILE ENOMEM ENOSYS", "pipe2": "EMFILE ENFILE",
     "poll": "EINTR ENOMEM", "prctl": "EPERM", "pread64": READ, "read": READ,
@@ -38,7 +39,7 @@ ERRORS = {name: [getattr(errno, error) for error in errors.split()] for name, er
     "setgroups": "ENOMEM EPERM", "setresgid": "EAGAIN EPERM", "setresuid": "EAGAIN EPERM",
     "socket": "EMFILE ENFILE ENOMEM", "stat": f"{READ} EACCES", "statx": f"{READ} EACCES",
     "syncfs": "EIO ENOSPC EDQUOT EINTR", "unlink": "EIO EACCES EROFS ENOMEM",
-    "unlinkat": "EIO EACCES EROFS ENOMEM", "wait4": "EINTR ECHILD",
+    "unlinkat": "EIO EACCES EROFS ENOMEM", "utimensat": "EIO EACCES EROFS", "wait4": "EINTR ECHILD",
     "write": "ENOSPC EIO EDQUOT EINTR ENOMEM", "writev": "ENOSPC EIO EDQUOT EINTR",
 }.items()}
 CREATE_ERRORS = [getattr(errno, error) for error in CREATE.split()]
@@ -51,6 +52,8 @@ SHORT_BYTES = 2  # of a write that can be cut in two
 def errors_of(call):
     if call.creates:
         return CREATE_ERRORS
+    if call.flags == "unnamed":
+        return [*CREATE_ERRORS, errno.EOPNOTSUPP, errno.EISDIR]
     if call.path == "pipe" and call.name == "write":
         return PIPE_WRITE_ERRORS
     if call.path == "pipe" and call.name == "read":

@@ -2,15 +2,16 @@
 
 import os
 import re
-import shutil
-import subprocess
 
-from harness.machine import STAND_INS, Machine
-from harness.store import message_file
+from harness.machine import Machine
+from harness.user_program import (
+    PROGRAM,
+    TELLBOX,
+    deliver,
+    install_user_file,
+    install_user_program,
+)
 from pseudo_terminal import Terminal
-
-PROGRAM = "/usr/local/lib/tellbox/tellbox-user"
-TELLBOX = f"{STAND_INS}/tellbox"
 
 QUESTION = "I have read it [r]   Later [l]   Quit [q]"
 GUARD_SECONDS = 0.7
@@ -31,9 +32,7 @@ class UserMachine(Machine):
         self._build = binary.parent
         super().__init__(binary)
         self._terminals = []
-        self.path("/usr/local/lib/tellbox").mkdir()
-        shutil.copy(self._build / "tellbox-user", self.path(PROGRAM))
-        self.path(TELLBOX).symlink_to(PROGRAM)
+        install_user_program(self, self._build)
         self.store.create()
 
     def close(self):
@@ -77,24 +76,12 @@ class UserMachine(Machine):
 
     def install(self, kind, name):
         """Puts a file in its place that the build makes for the recipients' program."""
-        path = self.path(name)
-        path.parent.mkdir(parents=True, exist_ok=True)
-        text = subprocess.run([self._build / "tellbox-user-files", kind], check=True,
-                              capture_output=True).stdout
-        path.write_bytes(text)
-        return path
+        return install_user_file(self, self._build, kind, name)
 
     # Messages.
 
     def deliver(self, message_id, text="Hello\n", user="pat", **header):
-        """A message in the user's inbox, as the administrator's command puts it there."""
-        self.store.make_mailbox(user)
-        inbox = self.store.mailbox(user, "inbox")
-        fresh = inbox / f"{message_id}.tmp"
-        fresh.write_bytes(message_file(message_id, text, **header))
-        fresh.chmod(0o644)
-        os.chown(fresh, self.uid(user), self.uid(user))
-        fresh.rename(inbox / str(message_id))
+        deliver(self, message_id, text, user, **header)
 
     def withdraw(self, message_id, user="pat"):
         for name in (f"inbox/{message_id}", f"state/{message_id}.term", f"state/{message_id}.gui"):

@@ -1,0 +1,53 @@
+"""The recipients' answers: killed, refused and held up at every call."""
+
+import pytest
+from answers import CASES, FIRST, OTHERS, AnswerBench, stops, try_together
+from short_form import chosen_failures
+from trials import Tally, kills
+
+
+@pytest.fixture
+def new_answer_bench(binary):
+    """Makes an AnswerBench for a case; all of them go with the test."""
+    benches = []
+
+    def make(case):
+        benches.append(AnswerBench(binary, case))
+        return benches[-1]
+
+    yield make
+    for bench in benches:
+        bench.close()
+
+
+@pytest.mark.parametrize("case", CASES, ids=str)
+def test_no_answer_is_lost_or_made_up_wherever_the_command_is_killed(new_answer_bench, case):
+    bench = new_answer_bench(case)
+    tally = bench.try_fault()
+    for fault in kills(bench.calls):
+        tally.add(bench.try_fault(fault))
+    assert tally.failed == []
+    assert tally.tried > 1
+
+
+@pytest.mark.parametrize("case", CASES, ids=str)
+def test_no_answer_is_lost_or_made_up_whichever_call_fails(new_answer_bench, case):
+    bench = new_answer_bench(case)
+    tally = Tally()
+    for fault in chosen_failures(bench.calls, set()):
+        tally.add(bench.try_fault(fault))
+    assert tally.failed == []
+    assert tally.tried > 20
+
+
+@pytest.mark.parametrize("second", OTHERS)
+@pytest.mark.parametrize("first", FIRST)
+def test_whoever_answers_or_withdraws_meanwhile_does_no_harm(new_answer_bench, first, second):
+    bench = new_answer_bench(FIRST[first])
+    points = stops(bench.calls)
+    if OTHERS[second]:  # each waits for the lock of the one that stands still
+        points = points[::max(len(points) // 3, 1)]
+    tally = Tally()
+    for point in points:
+        tally.add(try_together(bench, second, point))
+    assert (tally.failed, tally.missed) == ([], 0)
