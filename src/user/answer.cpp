@@ -432,8 +432,11 @@ static void finish_answer(own_mailbox *box, int64_t id) {
         (there == presence::present && !S_ISREG(copy.st_mode)))
         return;
     const bool is_recorded = (status.st_mode & S_IWUSR) == 0 || moved == presence::present;
+    const answer_record given = answer_read(*box, id);
+    if (given.state != answer_state::answered)
+        return;
     if (!is_recorded) // though the message may have been withdrawn since: it was answered before
-        record_confirmed(*box, id, answer_read(*box, id).channel);
+        record_confirmed(*box, id, given.channel);
     if (there == presence::present)
         move_to_read(box, id, answer);
     else if (!is_recorded)

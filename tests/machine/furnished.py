@@ -27,6 +27,7 @@ CROWD_UIDS_FROM = 3000
 
 STORE = "/var/lib/tellbox"
 TOOLS = "/srv/tests"  # programs of the tests
+TELLBOX = f"{TOOLS}/tellbox"  # the recipients' program, under the name of the user's command
 
 
 def banner(text, date, title=""):
@@ -92,6 +93,7 @@ class Machine(BootedMachine):
             subprocess.run(["g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", "-o", program,
                             HERE / "user_side" / "tellbox-user.cpp", "-lsystemd"], check=True)
             self.install(program, AGENT.lstrip("/"))
+        self.install(self.binary.with_name("tellbox-user"), TELLBOX.lstrip("/"))
         for script in (HERE / "hostile").glob("*.py"):
             self.install(script, f"{TOOLS.lstrip('/')}/{script.name}")
 
