@@ -272,17 +272,63 @@ def mount_silent_files(mailbox, own_file_systems):
         yield mount
 
 
-def test_a_child_that_cannot_even_be_killed_is_given_up(mailbox, mount_silent_files):
+def test_an_inbox_that_answers_nothing_holds_up_no_run_for_longer_than_one_child(
+        mailbox, mount_silent_files):
+    for message_id in (2, 3, 4):
+        mailbox.send("--to", "mal,pat", "text", recipients=2, message_id=message_id)
+    for message_id in (2, 3, 4):
+        mailbox.sent(message_id, "incomplete").touch()
     mount_silent_files(f"{MAILBOX}/inbox")
-    assert not send_to_mal_and_pat(mailbox, 2, WITH_ONE_HANGING_SECONDS)
-    assert_pat_has(mailbox, 1, 2)
+    killed = mailbox.run("strace", "-qq", "-e", "trace=kill", "-e", "signal=none",
+                         "tbx", "list", timeout=WITH_ONE_HANGING_SECONDS).stderr
+    assert killed.count("SIGKILL") == 1
+    for message_id in (2, 3, 4):
+        assert f"message {message_id} still not delivered to 1 recipients" in killed
+        assert mailbox.sent(message_id, "incomplete").exists()
+    assert_pat_has(mailbox, 1, 2, 3, 4)
 
 
-def test_a_mailbox_that_root_cannot_look_at_fails_alone(mailbox, mount_silent_files):
+# A mailbox that is a mount of its user's is never asked by root: not even one child hangs.
+def test_a_mailbox_that_a_user_mounted_fails_alone_and_at_once(mailbox, mount_silent_files):
     mount_silent_files(MAILBOX)
     assert not send_to_mal_and_pat(mailbox, 2)
     assert_pat_has(mailbox, 1, 2)
     assert "1 delivered · 1 sent" in mailbox.tbx("list", timeout=WITHOUT_HANGING_SECONDS).stdout
+    run_every_command(mailbox, 1)
+
+
+@pytest.mark.parametrize("place", [MAILBOX, f"{STORE}/users"])
+def test_a_mount_of_the_administrator_s_goes_on_working(mailbox, own_file_systems, place):
+    mailbox.run("mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", place)
+    try:
+        assert send_to_mal_and_pat(mailbox, 2)
+        assert mailbox.run("ls", f"{MAILBOX}/inbox").stdout == "2\n"
+        assert mailbox.tbx("revoke", "2").stdout == "Message 2 revoked.\n"
+        assert mailbox.run("ls", f"{MAILBOX}/inbox").stdout == ""
+    finally:
+        mailbox.run("umount", place)
+
+
+def test_no_process_of_mal_s_has_the_administrator_s_terminal(mailbox):
+    mailbox.open_session("mal", "wayland")
+    terminal = mailbox.open_terminal("pat")
+    attack = mailbox.attack("take_descriptors")
+    send = ("exec setsid --ctty --wait tbx send --to mal,pat 'to all' "
+            f"<>{terminal.path} >&0 2>&0")
+    mailbox.run("sh", "-c", send, timeout=WITH_ONE_HANGING_SECONDS)
+    outcome = attack.finish()
+    assert "systemd-stdio-b" in outcome["looked_into"]  # it was there to be robbed
+    assert [found for found in outcome["taken"] if terminal.path in found[2]] == []
+    assert_pat_has(mailbox, 1, 2)
+
+
+def test_a_mute_bus_keeps_no_pipeline_of_the_administrator_s_open(mailbox):
+    mailbox.open_session("mal", "wayland")
+    attack = mailbox.attack("take_descriptors")
+    printed = mailbox.run("sh", "-c", "tbx send --to mal,pat text 2>&1 | cat",
+                          timeout=WITH_ONE_HANGING_SECONDS).stdout
+    assert printed == "Message 2 sent to 2 users.\n"
+    assert "systemd-stdio-b" in attack.finish()["looked_into"]
 
 
 def test_what_mal_s_own_bus_says_does_not_reach_the_administrator(mailbox):
