@@ -18,9 +18,9 @@ can_build_in() {
     mkdir -p "$1" 2>/dev/null && [ -z "$(find "$1" ! -writable -print -quit 2>&1)" ]
 }
 
-# Prints the folder to build a preset in: build/PRESET in the checkout; where that is not ours
-# to write (somebody else's checkout, a tree that root has built) one in the user's cache;
-# without a home, one in the scratch folder.
+# Prints the folder to build a preset in: build/PRESET in the checkout. If that is not writable
+# (somebody else's checkout, a tree that root built), a folder in the user's cache. Without a home
+# directory, one in the scratch folder.
 build_tree() {
     checkout=$(printf '%s' "$root" | cksum | cut -d ' ' -f 1)
     for tree in "$root/build/$1" "${XDG_CACHE_HOME:-${HOME-}/.cache}/tellbox/$checkout/$1"; do
@@ -33,8 +33,8 @@ build_tree() {
     echo "$scratch/build/$1"
 }
 
-# Whether the tree is configured for this checkout. One that came along when a checkout was
-# copied or moved is not, and CMake refuses to use it.
+# Whether the tree is configured for this checkout. CMake refuses a tree that was copied or moved
+# together with its checkout.
 is_configured() {
     [ -f "$1/build.ninja" ] && grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$1/CMakeCache.txt"
 }
@@ -48,7 +48,7 @@ configure() {
     (cd "$root" && cmake --preset "$preset" -B "$tree" "$@")
 }
 
-# Lets ccache serve what was compiled before, where it is installed.
+# Compiles through ccache, if it is installed.
 use_ccache() {
     command -v ccache >/dev/null || return 0
     export CMAKE_CXX_COMPILER_LAUNCHER=ccache
