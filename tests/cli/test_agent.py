@@ -6,6 +6,7 @@ import pytest
 
 from harness.agent import AGENT
 from harness.outcome import assert_sent
+from harness.store import replace_by
 
 START = ["--user", "--machine=pat@.host", "--collect", "--quiet", AGENT, "agent"]
 
@@ -156,9 +157,7 @@ def test_an_agent_of_someone_else_cannot_be_signalled(desktop):
 
 def test_a_link_in_place_of_the_readiness_file_is_not_followed(desktop):
     agent = desktop.start_agent("pat")
-    ready = desktop.write_readiness("pat", agent.pid)
-    ready.rename(ready.with_name("elsewhere"))
-    ready.symlink_to("elsewhere")
+    replace_by("link", desktop.write_readiness("pat", agent.pid))
     assert_started(desktop)
     assert agent.was_woken() == 0
 

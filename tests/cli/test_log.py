@@ -3,7 +3,7 @@
 import pytest
 from harness.history import MESSAGE_DATE, MESSAGE_STAMP, record
 from harness.outcome import assert_fails
-from harness.store import short_time
+from harness.store import replace_by, short_time
 
 HEADING = f"Message 7 · {short_time(MESSAGE_DATE)}\n"
 
@@ -28,9 +28,7 @@ def test_a_message_that_cannot_be_read_has_no_history(box, content):
 
 def test_a_symbolic_link_in_place_of_the_message_is_not_followed(box):
     box.store.make_message(7)
-    text = box.store.sent(7, "msg")
-    text.rename(text.with_name("elsewhere"))
-    text.symlink_to("elsewhere")
+    replace_by("link", box.store.sent(7, "msg"))
     assert_fails(box, "no such message: 7", "log", "7")
 
 

@@ -5,7 +5,7 @@ import os
 
 import pytest
 from harness.stopped import Call, run_failing
-from harness.store import message_file
+from harness.store import message_file, replace_by
 
 DATE = 1790000000
 FUTURE = 4000000000
@@ -136,14 +136,7 @@ def test_a_cancelled_message_stays_cancelled(box):
 @pytest.mark.parametrize("kind", ["link", "pipe", "folder"])
 def test_a_message_file_that_is_none_cancels(box, kind):
     box.store.make_message(7, markers=["incomplete"])
-    path = box.store.sent(7, "msg")
-    path.rename(box.store.sent(7, "moved"))
-    if kind == "link":
-        path.symlink_to("moved")
-    elif kind == "pipe":
-        os.mkfifo(path)
-    else:
-        path.mkdir()
+    replace_by(kind, box.store.sent(7, "msg"))
     assert warned(box) == CANCELLED
 
 

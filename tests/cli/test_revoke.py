@@ -7,7 +7,7 @@ import pytest
 from harness.clock import now
 from harness.outcome import assert_fails, mode
 from harness.stopped import Call, run_failing
-from harness.store import short_time
+from harness.store import replace_by, short_time
 from harness.waiting import wait_for
 
 REVOKED = ("Message 7 revoked.\n", "", 0)
@@ -203,11 +203,9 @@ def test_a_recipient_without_a_mailbox_counts_as_done(machine):
 
 def test_a_symbolic_link_in_place_of_a_mailbox_is_not_followed(machine):
     make_delivered(machine, "pat")
-    real = machine.store.mailbox("pat")
-    real.rename(real.with_name("moved"))
-    real.symlink_to("moved")
+    real = replace_by("link", machine.store.mailbox("pat"))
     assert tuple(machine.run("revoke", "7")) == REVOKED
-    assert (real.with_name("moved") / "inbox" / "7").exists()
+    assert (real / "inbox" / "7").exists()
 
 
 @pytest.mark.parametrize("recipients", [None, []])

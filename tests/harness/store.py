@@ -54,6 +54,22 @@ def tree(top, without=()):
     return found
 
 
+def replace_by(kind, path):
+    """Moves what is at the path aside, and puts a "link" to it, a "pipe" or a "folder" there.
+
+    Returns where it is now.
+    """
+    moved = path.with_name("moved")
+    path.rename(moved)
+    if kind == "link":
+        path.symlink_to("moved")
+    elif kind == "pipe":
+        os.mkfifo(path)
+    else:
+        path.mkdir()
+    return moved
+
+
 class Store:
     """The state directory of a machine, as the tests see and prepare it.
 

@@ -66,7 +66,11 @@ TEST(ParseMessageId, AbsentOrEmptyIsMissing) {
 TEST(ParseMessageId, MalformedIsReportedLikeAnUnknownOne) {
     EXPECT_EQ(refused_id("abc"), "tbx: no such message: abc\n");
     EXPECT_EQ(refused_id("-1"), "tbx: no such message: -1\n");
+    EXPECT_EQ(refused_id("+7"), "tbx: no such message: +7\n");
+    EXPECT_EQ(refused_id("0x7"), "tbx: no such message: 0x7\n");
     EXPECT_EQ(refused_id("1 "), "tbx: no such message: 1 \n");
+    EXPECT_EQ(refused_id("7/"), "tbx: no such message: 7/\n");
+    EXPECT_EQ(refused_id(".."), "tbx: no such message: ..\n");
     EXPECT_EQ(refused_id("1000000000000000000"), "tbx: no such message: 1000000000000000000\n");
     EXPECT_EQ(refused_id("%s%n"), "tbx: no such message: %s%n\n");
 }
