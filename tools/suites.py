@@ -1,10 +1,12 @@
 """Which tests concern which files: the one table behind `tools/check quick` and tools/mutate.
 
     /usr/bin/python3 tools/suites.py FILE...
+    /usr/bin/python3 tools/suites.py --check
 
-prints a line for each suite that a change of these files concerns: its folder and its test files,
-without "test_" and ".py", the most telling first; "all" for the whole suite. Unit tests are not
-named: a room's are those that begin with its name, and tools/check runs all of them.
+The first prints a line for each suite that a change of these files concerns: its folder and its test files,
+without "test_" and ".py", the most telling first; "all" for the whole suite. Unit tests are not named: those
+of a room begin with its name, and tools/check runs all of them. The second fails if the table names a
+test file that is not there.
 """
 
 import re
@@ -50,7 +52,8 @@ ROOMS = {
                  "tui": "screen_send"},
     "tbx/sent": {"cli": "send_store send_durability status failing_lookups recovery_run revoke "
                         "purge"},
-    "tbx/status": {"cli": "status list failing_lookups story", "tui": "screen_list screen_detail"},
+    "tbx/status": {"cli": "status list failing_lookups story",
+                   "tui": "screen_list screen_detail screen_captures"},
     "tbx/terminal": {"cli": "terminal send_text send_recipients send_events"},
     "tbx/withdrawal": {"cli": "revoke purge recovery_run send_revoked failing_lookups"},
     "tbx/guide/browser": {"tui": "guide"},
@@ -62,15 +65,15 @@ ROOMS = {
     "tbx/screen/keys": {"tui": "screen_list_keys guide screen_compose screen_dialogs"},
     "tbx/screen/session": {"tui": "screen_signals screen_list guide"},
     "tbx/tui/compose": {"tui": FORM},
-    "tbx/tui/compose_draw": {"tui": FORM},
+    "tbx/tui/compose_draw": {"tui": f"{FORM} screen_captures"},
     "tbx/tui/compose_editor": {"tui": "screen_compose_editor"},
     "tbx/tui/compose_form": {"tui": FORM},
-    "tbx/tui/detail": {"tui": "screen_detail"},
-    "tbx/tui/dialog": {"tui": "screen_dialogs screen_text"},
+    "tbx/tui/detail": {"tui": "screen_detail screen_captures"},
+    "tbx/tui/dialog": {"tui": "screen_dialogs screen_text screen_captures"},
     "tbx/tui/job": {"tui": "screen_send screen_dialogs"},
     "tbx/tui/keys": {"tui": "screen_list_keys screen_compose screen_dialogs"},
-    "tbx/tui/list": {"tui": "screen_list screen_list_keys screen_dialogs"},
-    "tbx/tui/list_dialogs": {"tui": "screen_dialogs"},
+    "tbx/tui/list": {"tui": "screen_list screen_list_keys screen_dialogs screen_captures"},
+    "tbx/tui/list_dialogs": {"tui": "screen_dialogs screen_captures"},
     "tbx/tui/screen": {"tui": "screen_list screen_text screen_signals"},
     "tbx/tui/text": {"tui": "screen_text screen_list screen_compose"},
 }
@@ -84,10 +87,13 @@ WINGS = {
     "window": {"desktop": ALL},
 }
 
+# The examples of the user manual use every command and page, in a second.
+MANUAL = {"packaging": "manual"}
+
 # Other files, by a pattern of their path.
 OTHERS = (
     (r"packaging/", {"packaging": ALL}),
-    (r"docs/manual/", {"packaging": "manual"}),
+    (r"docs/manual/", MANUAL),
     (r"docs/screens/", {"tui": "screen_captures"}),
     (r"tests/tui/expected/", {"tui": ALL}),
     (r"tests/harness/", {"cli": "story status dispatch log terminal agent"}),
@@ -120,17 +126,39 @@ def concerned(paths):
     those of a room to come, are left out."""
     wanted = {}
     for path in paths:
-        for suite, names in suites_of_file(path).items():
+        always = MANUAL if re.match(r"src/(common|tbx)/", path) else {}
+        for suite, names in (*suites_of_file(path).items(), *always.items()):
             wanted.setdefault(suite, {}).update(dict.fromkeys(names.split()))
     found = {}
     for suite in filter(wanted.get, SUITES):
-        names = [name for name in wanted[suite] if name == ALL or
-                 (ROOT / "tests" / suite / f"test_{name}.py").exists()]
+        names = [name for name in wanted[suite] if is_there(suite, name)]
         if names:
             found[suite] = [ALL] if ALL in names else names
     return found
 
 
-if __name__ == "__main__":
-    for suite, names in concerned(sys.argv[1:]).items():
+def is_there(suite, name):
+    path = ROOT / "tests" / suite
+    return path.is_dir() if name == ALL else (path / f"test_{name}.py").exists()
+
+
+def named_in_vain():
+    """Test files that the row of a room names, and that are not there."""
+    rooms = [room for room in ROOMS if (ROOT / "src" / f"{room}.cpp").exists()]
+    return [f"{room}: tests/{suite}/test_{name}.py" for room in rooms
+            for suite, names in ROOMS[room].items() for name in names.split()
+            if not is_there(suite, name)]
+
+
+def main(arguments):
+    if arguments == ["--check"]:
+        print(*(f"tools/suites.py names what is not there: {line}" for line in named_in_vain()),
+              sep="\n", end="\n" if named_in_vain() else "")
+        return 1 if named_in_vain() else 0
+    for suite, names in concerned(arguments).items():
         print(suite, *names)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
