@@ -94,8 +94,8 @@ MANUAL = {"packaging": "manual"}
 OTHERS = (
     (r"packaging/", {"packaging": ALL}),
     (r"docs/manual/", MANUAL),
-    (r"docs/screens/", {"tui": "screen_captures"}),
-    (r"tests/tui/expected/", {"tui": ALL}),
+    (r"tests/tui/expected/screens/", {"tui": "screen_captures"}),
+    (r"tests/tui/expected/", {"tui": "manual guide"}),
     (r"tests/harness/", {"cli": "story status dispatch log terminal agent"}),
     (r"bench/", {"cost": ALL}),
     (r"tests/machine/user_side/", {"machine": ALL}),

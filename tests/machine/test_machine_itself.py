@@ -61,10 +61,11 @@ def run(bootable, binary, tmp_path):
     started = []
 
     def start(*command, **env):
+        # Whoever runs the tests in the background has SIGINT ignored.
         started.append(subprocess.Popen(
-            command, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, env={**os.environ, "TBX_BINARY": str(binary),
-                                           "TMPDIR": str(tmp_path), **env}))
+            ["env", "--default-signal=INT", *command], text=True, stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            env={**os.environ, "TBX_BINARY": str(binary), "TMPDIR": str(tmp_path), **env}))
         return started[-1]
 
     yield start

@@ -1,4 +1,4 @@
-"""What each page and dialog looks like, for whoever reads docs/screens.
+"""What each page and dialog looks like, whole: expected/screens, on 80x24 (the -wide ones: 120x24).
 
 TBX_UPDATE_SCREENS=1 makes this write the files instead of comparing them.
 """
@@ -12,7 +12,7 @@ from harness.history import record
 from interface import press, seen
 from places import PLACES, SENT, Places
 
-SCREENS = Path(__file__).resolve().parent.parent.parent / "docs" / "screens"
+SCREENS = Path(__file__).resolve().parent / "expected" / "screens"
 UPDATES = os.environ.get("TBX_UPDATE_SCREENS") == "1"
 
 USERS = ("alex", "kim", "pat", "robin", "sam", "toni")
