@@ -32,20 +32,23 @@ ROOMS = {
     "common/message": {"cli": "send_text send_store list status log_forged hostile_texts"},
     "common/pager": {"cli": "dispatch", "tui": "manual"},
     "common/style": {"cli": "status list log", "tui": "manual guide screen_detail"},
-    "tbx/accounts": {"cli": "failing_lookups send_recipients status purge recovery_run"},
+    "tbx/accounts": {"cli": "failing_lookups flaky_accounts send_recipients storable_names status "
+                            "purge recovery_run"},
     "tbx/agent": {"cli": "agent send_events story recovery_run"},
     "tbx/command": {"cli": "send_expiry purge status log send_events sudo dispatch"},
     "tbx/confirmation": {"cli": "status list remind mailbox story"},
     "tbx/history": {"cli": "log log_files log_forged", "tui": "screen_detail"},
     "tbx/mailbox": {"cli": "mailbox privileges send_revoked revoke remind purge recovery_run "
                            "failing_lookups"},
-    "tbx/main": {"cli": "dispatch sudo environment story send_arguments failing_lookups",
+    "tbx/main": {"cli": "dispatch sudo environment story send_arguments failing_lookups "
+                        "lost_output",
                  "tui": "manual screen_list", "packaging": "completions man_page"},
+    "tbx/mounts": {"cli": "mailbox purge revoke recovery_run"},
     "tbx/purge": {"cli": "purge two_at_once failing_lookups", "tui": "screen_dialogs"},
     "tbx/recipient_state": {"cli": "status list remind failing_lookups story",
                             "tui": "screen_list screen_detail"},
-    "tbx/recipients": {"cli": "send_recipients failing_lookups send_arguments"},
-    "tbx/recovery": {"cli": "recovery_run two_at_once failing_lookups send_revoked"},
+    "tbx/recipients": {"cli": "send_recipients storable_names failing_lookups send_arguments"},
+    "tbx/recovery": {"cli": "recovery_run recovery_many two_at_once failing_lookups send_revoked"},
     "tbx/remind": {"cli": "remind two_at_once failing_lookups agent", "tui": "screen_dialogs"},
     "tbx/revoke": {"cli": "revoke two_at_once failing_lookups", "tui": "screen_dialogs"},
     "tbx/send": {"cli": f"{SENDING} failing_lookups two_at_once mailbox terminal agent",
@@ -55,6 +58,7 @@ ROOMS = {
     "tbx/status": {"cli": "status list failing_lookups story",
                    "tui": "screen_list screen_detail screen_captures"},
     "tbx/terminal": {"cli": "terminal send_text send_recipients send_events"},
+    "tbx/user_child": {"cli": "mailbox privileges status revoke recovery_run failing_lookups"},
     "tbx/withdrawal": {"cli": "revoke purge recovery_run send_revoked failing_lookups"},
     "tbx/guide/browser": {"tui": "guide"},
     "tbx/guide/guide": {"tui": "manual guide"},
@@ -76,6 +80,12 @@ ROOMS = {
     "tbx/tui/list_dialogs": {"tui": "screen_dialogs screen_captures"},
     "tbx/tui/screen": {"tui": "screen_list screen_text screen_signals"},
     "tbx/tui/text": {"tui": "screen_text screen_list screen_compose"},
+    "user/ask": {"user": "question commands"},
+    "user/help": {"user": "commands", "packaging": "completions man_page"},
+    "user/hooks": {"user": "login prompt"},
+    "user/prompt": {"user": "prompt"},
+    "user/question": {"user": "question"},
+    "user/shell": {"user": "login prompt", "packaging": "install"},
 }
 
 # A room without a row of its own, such as a new command: what shows a mistake in its wing.

@@ -371,16 +371,20 @@ TEST(HumanUsers, ShellThatEndsInNologinOrFalseExcludes) {
                      "f:x:1006:1::/:nologin\n"
                      "g:x:1007:1::/:false\n"
                      "h:x:1008:1::/:/bin/falsehood\n"
-                     "i:x:1009:1::/:/bin/nologin2\n";
-    EXPECT_EQ(humans_on(machine), "h i");
+                     "i:x:1009:1::/:/bin/nologin2\n"
+                     "j:x:1010:1::/:/opt/untrue-false\n"
+                     "k:x:1011:1::/:/usr/sbin/nologin \n";
+    EXPECT_EQ(humans_on(machine), "h i k");
 }
 
 TEST(HumanUsers, MissingOrShortShellDoesNotExclude) {
     SKIP_UNLESS_ROOT();
     private_machine machine;
     machine.passwd = "none:x:1001:1::/:\n"
-                     "short:x:1002:1::/:sh\n";
-    EXPECT_EQ(humans_on(machine), "none short");
+                     "short:x:1002:1::/:sh\n"
+                     "shorter:x:1003:1::/:alse\n"
+                     "tail:x:1004:1::/:login\n";
+    EXPECT_EQ(humans_on(machine), "none short shorter tail");
 }
 
 TEST(HumanUsers, AccountListedTwiceCountsOnce) {
