@@ -46,8 +46,9 @@ static constexpr const char *PROMPT[] = {
     "bash, in ~/.bashrc¦eval \"$(tellbox hook bash)\"",
     "zsh, in ~/.zshrc¦eval \"$(tellbox hook zsh)\"",
     "fish, in ~/.config/fish/config.fish¦tellbox hook fish | source",
-    "all bash and zsh shells of the machine¦Login shells and fish load it by themselves. For the "
-    "others root runs: /usr/local/lib/tellbox/tellbox-user shells on",
+    "every shell of the machine¦Login shells and fish load it by themselves, bash and zsh once "
+    "root "
+    "has run: /usr/local/lib/tellbox/tellbox-user shells on",
 };
 
 static constexpr const char *FILES[] = {
