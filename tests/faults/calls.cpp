@@ -21,6 +21,7 @@ static constexpr system_call CALLS[] = {
     {SYS_execve, "execve", names::path},
     {SYS_fchmod, "fchmod", names::fd},
     {SYS_fchown, "fchown", names::fd},
+    {SYS_fchownat, "fchown", names::fd}, // of an open directory
     {SYS_fcntl, "fcntl", names::fd},
     {SYS_fdatasync, "fdatasync", names::fd},
     {SYS_flock, "flock", names::fd},
@@ -41,6 +42,7 @@ static constexpr system_call CALLS[] = {
     {SYS_newfstatat, "newfstatat", names::at},
     {SYS_open, "open", names::path},
     {SYS_openat, "openat", names::at},
+    {SYS_openat2, "openat2", names::at},
     {SYS_pidfd_open, "pidfd_open", names::nothing},
     {SYS_pipe2, "pipe2", names::nothing},
     {SYS_poll, "poll", names::polled},

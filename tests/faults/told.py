@@ -11,6 +11,8 @@ WARNINGS = re.compile(
     r"completed delivery of message \d+ to [1-9]\d* recipients|"
     r"message \d+ was interrupted before being saved and has been cancelled|"
     r"message \d+ still not delivered to [1-9]\d* recipients \(see tbx status \d+\)")
+# A command that has changed something succeeds, though its words were lost.
+LOST_OUTPUT = re.compile(r"standard output: .+")
 NOT_DELIVERED = re.compile(r"message (\d+) not delivered to:((?: \S+)+) \(see the log; the next "
                            r"tbx command will retry\)")
 
@@ -33,6 +35,13 @@ def is_cut_short(run):
         call.path in ("stdout", "stderr") and not call.succeeded for call in run.calls)
 
 
+def _lost_output(judge, run):
+    """Whether its words could not be written, and it said so: what it did stands all the same."""
+    lines = [line.removeprefix("tbx: ") for line in run.stderr.splitlines()]
+    return judge.case.verb != "list" and is_cut_short(run) and any(
+        LOST_OUTPUT.fullmatch(line) for line in lines)
+
+
 def _check_form(judge, run):
     require(run.status in (0, 1) or (run.status == KILLED and judge.excuses.program_killed),
             f"ended with status {run.status}")
@@ -40,6 +49,8 @@ def _check_form(judge, run):
     require(is_cut_short(run) or all(line.startswith("tbx: ") for line in lines),
             f"told: {run.stderr!r}")
     errors = [line for line in lines if not WARNINGS.fullmatch(line.removeprefix("tbx: "))]
+    if run.status == 0 and _lost_output(judge, run):
+        errors = [line for line in errors if not LOST_OUTPUT.fullmatch(line.removeprefix("tbx: "))]
     require(len(errors) == run.status or is_cut_short(run),
             f"status {run.status}, and told {errors}")
     if judge.excuses.none and judge.case.told:
@@ -58,7 +69,8 @@ def _send(judge, run, messages, _records, _clean):
         require(logged == set(judge.case.recipients) or judge.excuses.cannot_write("delivery"),
                 f"sent, and the log names {logged}")
     else:
-        require(run.status != 0, f"status 0, and told {run.stdout!r}")
+        require(run.status != 0 or _lost_output(judge, run),
+                f"status 0, and told {run.stdout!r}")
     if failed := NOT_DELIVERED.search(run.stderr):
         view = messages[int(failed[1])]
         require("incomplete" in view.folder or judge.excuses.cannot_write("incomplete"),
@@ -80,7 +92,7 @@ def _revoke(judge, run, messages, _records, _clean):
         held = view.holders("copy") & {"pat", "alex", "sam", "kim"}
         require(not held, f"told that it is revoked, and {held} have it")
     else:
-        require(run.status != 0, "status 0, and told nothing")
+        require(run.status != 0 or _lost_output(judge, run), "status 0, and told nothing")
     if "the next tbx command will retry" in run.stderr:
         require({"revoked", "revoking"} <= messages[judge.case.target].folder.keys(),
                 "told that the next command will retry")
@@ -99,7 +111,7 @@ def _remind(judge, run, messages, records, _clean):
         details = [record[3] for record in records if record[0] == "REMINDED"]
         require(details in ([told[1]], []), f"{run.stdout} and the journal says {details}")
     else:
-        require(run.status != 0, "status 0, and told nothing")
+        require(run.status != 0 or _lost_output(judge, run), "status 0, and told nothing")
     if judge.excuses.none:
         kept = view.holders("term", "gui")
         require(kept <= set(message.confirmed), f"{kept} still have their marks")
@@ -113,7 +125,7 @@ def _purge(judge, run, messages, records, _clean):
     elif run.stdout:
         require(run.stdout == "No messages older than 90d.\n" and not gone, run.stdout)
     else:
-        require(run.status != 0, "status 0, and told nothing")
+        require(run.status != 0 or _lost_output(judge, run), "status 0, and told nothing")
     deleted = [int(record[1]) for record in records if record[0] == "DELETED"]
     require(len(set(deleted)) == len(deleted) and set(deleted) <= set(gone), f"DELETED {deleted}")
     require(judge.excuses.events_may_be_lost or sorted(deleted) == sorted(gone),

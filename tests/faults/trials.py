@@ -17,27 +17,29 @@ from tracing import Fault, install_tracer, run_traced
 # ---- Faults -------------------------------------------------------------------------------
 
 READ = "EIO ENOMEM"
-OPEN = "EACCES EMFILE ENFILE EIO ENOMEM"
+# A directory service or a file system of the network has many ways to say that it cannot tell.
+LOOK = f"{READ} EUCLEAN ESTALE EPERM ETIMEDOUT EAGAIN ECONNREFUSED"
+OPEN = f"EACCES EMFILE ENFILE {LOOK}"
 CREATE = f"{OPEN} ENOSPC EDQUOT EROFS"
 CHANGE = "EIO ENOSPC EDQUOT EACCES EROFS ENOMEM"
 
 # The errors that each call can really have, where it is made on a file.
 ERRORS = {name: [getattr(errno, error) for error in errors.split()] for name, errors in {
-    "access": f"{READ} EACCES", "brk": "ENOMEM", "chdir": f"{READ} EACCES",
+    "access": f"{LOOK} EACCES", "brk": "ENOMEM", "chdir": f"{READ} EACCES",
     "chmod": CHANGE, "chown": CHANGE, "lchown": CHANGE, "fchown": CHANGE, "fchmod": CHANGE,
     "close": "EIO EINTR ENOSPC EDQUOT", "connect": "ECONNREFUSED EAGAIN EINTR EACCES",
     "dup": "EMFILE", "dup2": "EMFILE EINTR", "execve": "ENOENT EACCES ENOMEM EIO",
     "fcntl": "EINTR ENOMEM", "flock": "EINTR ENOLCK", "fork": "EAGAIN ENOMEM",
-    "fstat": READ, "fsync": "EIO ENOSPC EDQUOT EINTR", "ftruncate": "EIO EINTR EROFS",
+    "fstat": LOOK, "fsync": "EIO ENOSPC EDQUOT EINTR", "ftruncate": "EIO EINTR EROFS",
     "getdents64": READ, "kill": "EPERM ESRCH", "link": CHANGE, "lseek": "",
-    "lstat": f"{READ} EACCES",
-    "mkdir": CHANGE, "mmap": "ENOMEM", "newfstatat": f"{READ} EACCES", "open": OPEN,
-    "openat": OPEN, "pidfd_open": "EMFILE ENFILE ENOMEM ENOSYS", "pipe2": "EMFILE ENFILE",
+    "lstat": f"{LOOK} EACCES",
+    "mkdir": CHANGE, "mmap": "ENOMEM", "newfstatat": f"{LOOK} EACCES", "open": OPEN,
+    "openat": OPEN, "openat2": f"{OPEN} ENOSYS", "pidfd_open": "EMFILE ENFILE ENOMEM ENOSYS", "pipe2": "EMFILE ENFILE",
     "poll": "EINTR ENOMEM", "prctl": "EPERM", "pread64": READ, "read": READ,
-    "readlink": f"{READ} EACCES", "rename": CHANGE, "rmdir": "EIO EACCES EROFS ENOMEM",
+    "readlink": f"{LOOK} EACCES", "rename": CHANGE, "rmdir": "EIO EACCES EROFS ENOMEM",
     "sendmsg": "EAGAIN ENOBUFS EINTR ECONNREFUSED", "sendto": "EAGAIN ENOBUFS EINTR",
     "setgroups": "ENOMEM EPERM", "setresgid": "EAGAIN EPERM", "setresuid": "EAGAIN EPERM",
-    "socket": "EMFILE ENFILE ENOMEM", "stat": f"{READ} EACCES", "statx": f"{READ} EACCES",
+    "socket": "EMFILE ENFILE ENOMEM", "stat": f"{LOOK} EACCES", "statx": f"{LOOK} EACCES",
     "syncfs": "EIO ENOSPC EDQUOT EINTR", "unlink": "EIO EACCES EROFS ENOMEM",
     "unlinkat": "EIO EACCES EROFS ENOMEM", "utimensat": "EIO EACCES EROFS", "wait4": "EINTR ECHILD",
     "write": "ENOSPC EIO EDQUOT EINTR ENOMEM", "writev": "ENOSPC EIO EDQUOT EINTR",
