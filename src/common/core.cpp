@@ -414,9 +414,14 @@ static int rename_without_replacing(const char *from, const char *to) {
         return 0;
     if (errno != EINVAL && errno != ENOSYS)
         return -1;
-    if (path_exists(to)) {
+    switch (path_look_up(to)) {
+    case lookup::found:
         errno = EEXIST;
         return -1;
+    case lookup::failed:
+        return -1;
+    case lookup::absent:
+        break;
     }
     return rename(from, to);
 }

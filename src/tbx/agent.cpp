@@ -62,6 +62,7 @@ int agent_wake_existing(void *argument) {
 // would have the administrator's terminal, so it gets none of them.
 [[noreturn]] static void exec_systemd_run(const char *agent, const char *machine) {
     drop_descriptors_or_exit(CANNOT_START);
+    (void)signal(SIGPIPE, SIG_DFL); // cannot fail: the signal exists
     if (geteuid() == 0)
         execlp("systemd-run", "systemd-run", "--user", machine, "--collect", "--quiet", agent,
                "agent", nullptr);

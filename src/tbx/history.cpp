@@ -170,10 +170,13 @@ void cmd_log(const char *id_text) {
     if (!journal || !select_message(journal.get(), message, id))
         return;
     int error = 0;
-    while (sd_journal_next(journal.get()) > 0) {
+    int more = 0;
+    while ((more = sd_journal_next(journal.get())) > 0) {
         const int record_error = print_record(journal.get(), id);
         error = error == 0 ? record_error : error;
     }
+    if (more < 0)
+        die("the journal could not be read to its end: %s", strerror(-more));
     if (error != 0)
         die("some writers could not be looked up: %s", strerror(error));
 }

@@ -52,30 +52,43 @@ static bool lacks_openat2(int error) {
     return error == ENOSYS || error == EPERM;
 }
 
-// Who mounted something on the mailbox. The table names places without links.
-static int mailbox_mount_maker(const unique_fd &users, const resolved_user &user,
-                               mount_maker *maker) {
+// What is mounted on the mailbox. The table names places without links. -1 with errno when that
+// cannot be told.
+static int mailbox_mount(const unique_fd &users, const resolved_user &user, mount_point *mount) {
     char path[PATH_MAX];
     const std::string link = xasprintf("/proc/self/fd/%d", users.get());
     const ssize_t length = readlink(link.c_str(), path, sizeof path);
-    if (length < 0)
+    if (length < 0) {
+        errno = EIO; // whatever is missing, it is not the mailbox
         return -1;
+    }
     const std::string mailbox =
         std::string(path, static_cast<size_t>(length)).append("/").append(user.name);
-    return mount_maker_of(mailbox, maker);
+    const int result = mount_point_of(mailbox, mount);
+    if (result != 0 && lookup_of_error(errno) == lookup::absent)
+        errno = EIO; // likewise
+    return result;
 }
 
 // Opens what stands at the mailbox's place. Empty, with errno: EXDEV for a mount that is not the
-// administrator's, and as lacks_openat2().
+// administrator's and for a name that leads elsewhere, and as lacks_openat2().
 static unique_fd open_mailbox(const unique_fd &users, const resolved_user &user) {
     constexpr uint64_t INSIDE = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
     const char *name = user.name.c_str();
+    if (!is_storable_name(user.name)) {
+        errno = EXDEV;
+        return {};
+    }
     unique_fd mailbox = open_in(users, name, INSIDE | RESOLVE_NO_XDEV);
-    mount_maker maker = mount_maker::nobody;
-    if (mailbox || errno != EXDEV || mailbox_mount_maker(users, user, &maker) != 0)
+    mount_point mount;
+    if (mailbox || errno != EXDEV || mailbox_mount(users, user, &mount) != 0)
         return mailbox;
-    if (maker == mount_maker::administrator)
-        return open_in(users, name, INSIDE);
+    if (mount.maker == mount_maker::administrator) {
+        mailbox = open_in(users, name, INSIDE);
+        // The user may have mounted something on top meanwhile: that is not to be asked.
+        if (!mailbox || mount_id_of_fd(mailbox.get()) == mount.id)
+            return mailbox;
+    }
     errno = EXDEV;
     return {};
 }
@@ -98,17 +111,29 @@ static mailbox_state state_of_error(int error) {
 
 // Whether a child may look: not where a user has mounted something.
 static mailbox_state may_look_by_path(const unique_fd &users, const resolved_user &user) {
-    mount_maker maker = mount_maker::nobody;
-    if (mailbox_mount_maker(users, user, &maker) != 0)
+    mount_point mount;
+    if (mailbox_mount(users, user, &mount) != 0)
         return mailbox_state::failed;
-    return maker == mount_maker::user || !is_storable_name(user.name) ? mailbox_state::barred
-                                                                      : mailbox_state::found;
+    return mount.maker == mount_maker::user ? mailbox_state::barred : mailbox_state::found;
 }
 
-// In the child. Exit status: a lookup.
+// Exit statuses of the look; whatever else ends the child is a failure.
+constexpr int LOOK_FOUND = 10;
+constexpr int LOOK_ABSENT = 11;
+constexpr int LOOK_FAILED = 12;
+
+// In the child.
 static int look_by_path(void *argument) {
     const auto &user = *static_cast<const resolved_user *>(argument);
-    return static_cast<int>(directory_look_up(mailbox_dir(user).c_str()));
+    switch (directory_look_up(mailbox_dir(user).c_str())) {
+    case lookup::found:
+        return LOOK_FOUND;
+    case lookup::absent:
+        return LOOK_ABSENT;
+    case lookup::failed:
+        break;
+    }
+    return LOOK_FAILED;
 }
 
 static mailbox_state look_up_in_child(const unique_fd &users, resolved_user user) {
@@ -120,14 +145,10 @@ static mailbox_state look_up_in_child(const unique_fd &users, resolved_user user
         return mailbox_state::barred;
     if (result.outcome == child_outcome::failed)
         return mailbox_state::failed;
-    switch (static_cast<lookup>(result.status)) {
-    case lookup::found:
+    if (result.status == LOOK_FOUND)
         return mailbox_state::found;
-    case lookup::absent:
+    if (result.status == LOOK_ABSENT)
         return mailbox_state::absent;
-    case lookup::failed:
-        break;
-    }
     errno = EIO; // the child's own error is lost
     return mailbox_state::failed;
 }
@@ -359,6 +380,8 @@ void mailbox_purge_all(const resolved_user &user, const std::vector<int64_t> &id
 
 // ---- What a mailbox holds -----------------------------------------------------------------
 
+constexpr int SURVEY_TIMEOUT_SECONDS = 10; // which leaves the user time for what is missing
+
 struct mailbox_question {
     std::string mailbox;
     const std::vector<expected_copy> *copies;
@@ -393,11 +416,17 @@ static copy_state look_at_copy(const std::string &mailbox, const expected_copy &
 }
 
 static int look_at_copies(void *argument) {
+    constexpr size_t PORTION = 256; // told at once, so that what was seen in time counts
     const auto &question = *static_cast<const mailbox_question *>(argument);
     std::string report;
-    for (const expected_copy &expected : *question.copies)
+    for (const expected_copy &expected : *question.copies) {
         report.push_back(
             static_cast<char>('0' + static_cast<int>(look_at_copy(question.mailbox, expected))));
+        if (report.size() == PORTION) {
+            write_report(report);
+            report.clear();
+        }
+    }
     write_report(report);
     return 0;
 }
@@ -417,11 +446,9 @@ std::vector<copy_state> mailbox_survey(const resolved_user &user,
                                                       : copy_state::unknown);
     mailbox_question question = {mailbox_dir(user), &copies};
     strbuf report;
-    if (mailbox == mailbox_state::found &&
-        run_as_user(user, look_at_copies, &question, nullptr, &report, copies.size(),
-                    MAILBOX_TIMEOUT_SECONDS)
-            .succeeded())
-        std::transform(report.data, report.data + std::min(report.len, copies.size()),
-                       states.begin(), reported_state);
+    if (mailbox == mailbox_state::found)
+        (void)run_as_user(user, look_at_copies, &question, nullptr, &report, copies.size(),
+                          SURVEY_TIMEOUT_SECONDS); // the report tells
+    std::transform(report.view().begin(), report.view().end(), states.begin(), reported_state);
     return states;
 }

@@ -7,7 +7,9 @@
 #include "tbx/tui/list.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -100,6 +102,8 @@ static void run_command(const char *name, int argc, char **argv) {
     if (chosen.arguments_max >= 0 && argc > chosen.arguments_max)
         die("too many arguments for %s: %s (tbx --help for the guide)", name,
             argv[chosen.arguments_max]);
+    if (chosen.changes)
+        (void)signal(SIGPIPE, SIG_IGN); // a reader that has gone is no reason to stop half-way
     if (chosen.recovers)
         recover_interrupted();
     chosen.run(argc, argv);
@@ -124,13 +128,22 @@ static void open_missing_standard_descriptors() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO)
         fd = open("/dev/null", O_RDWR);
+    if (fd < 0)
+        _exit(EXIT_FAILURE); // there is nowhere to tell it
     if (fd > STDERR_FILENO)
-        close(fd);
+        (void)close(fd); // nothing was written to it
+}
+
+// What whoever started us left open is not for the programs that we start: an editor may run as
+// another user. A kernel that cannot do so leaves them as they were.
+static void keep_descriptors_from_children() {
+    (void)syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
 }
 
 int main(int argc, char **argv) {
     open_missing_standard_descriptors();
-    signal(SIGCHLD, SIG_DFL); // ignored by whoever started us, no child could be waited for
+    keep_descriptors_from_children();
+    (void)signal(SIGCHLD, SIG_DFL); // ignored by whoever started us, no child could be waited for
     install_out_of_memory_handler();
     init_environment("tbx");
     if (geteuid() != 0 && !test_mode())

@@ -59,8 +59,8 @@ static mount_maker maker_of(std::string_view type, std::string_view options) {
     return all.find(ROOTS) != std::string::npos ? mount_maker::administrator : mount_maker::user;
 }
 
-mount_maker mountinfo_maker(std::string_view mountinfo, std::string_view path) {
-    mount_maker maker = mount_maker::nobody;
+mount_point mountinfo_topmost(std::string_view mountinfo, std::string_view path) {
+    mount_point mount;
     std::string_view line;
     while (next_line(&mountinfo, &line)) {
         const std::vector<std::string_view> fields = fields_of(line);
@@ -70,17 +70,35 @@ mount_maker mountinfo_maker(std::string_view mountinfo, std::string_view path) {
         while (dash < fields.size() && fields[dash] != "-")
             dash++;
         // The last line of a place is the topmost mount.
-        maker = dash + 3 < fields.size() ? maker_of(fields[dash + 1], fields[dash + 3])
-                                         : mount_maker::user;
+        mount.maker = dash + 3 < fields.size() ? maker_of(fields[dash + 1], fields[dash + 3])
+                                               : mount_maker::user;
+        if (!parse_id(fields[0], &mount.id))
+            mount.id = -1;
     }
-    return maker;
+    return mount;
 }
 
-int mount_maker_of(std::string_view path, mount_maker *maker) {
+int mount_point_of(std::string_view path, mount_point *mount) {
     const unique_fd table(open(MOUNT_TABLE, O_RDONLY | O_CLOEXEC));
     strbuf text;
     if (!table || read_fd_limited(table.get(), MOUNT_TABLE_MAX_BYTES, &text) != 0)
         return -1;
-    *maker = mountinfo_maker(text.view(), path);
+    *mount = mountinfo_topmost(text.view(), path);
     return 0;
+}
+
+int64_t mount_id_of_fd(int fd) {
+    constexpr size_t FDINFO_MAX_BYTES = 4096;
+    constexpr std::string_view KEY = "mnt_id:\t";
+    const unique_fd info(open(xasprintf("/proc/self/fdinfo/%d", fd).c_str(), O_RDONLY | O_CLOEXEC));
+    strbuf text;
+    if (!info || read_fd_limited(info.get(), FDINFO_MAX_BYTES, &text) != 0)
+        return -1;
+    std::string_view rest = text.view();
+    std::string_view line;
+    int64_t id = -1;
+    while (next_line(&rest, &line))
+        if (line.starts_with(KEY) && !parse_id(line.substr(KEY.size()), &id))
+            return -1;
+    return id;
 }

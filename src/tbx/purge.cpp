@@ -67,7 +67,10 @@ static bool take_due(int64_t id, const char *duration_text, std::vector<removed_
     const std::string aside = aside_dir(id);
     {
         const message_lock lock = sent_lock(id, /*nonblocking=*/true);
-        if (lock.state != lock_state::taken || !move_aside(id, aside.c_str()))
+        // Looked for again: a send may have marked it meanwhile, and have died.
+        if (lock.state != lock_state::taken ||
+            sent_marker_look_up(id, "incomplete") != lookup::absent ||
+            !move_aside(id, aside.c_str()))
             return false;
     }
     event_log("DELETED", id, /*user=*/nullptr, /*channel=*/nullptr, duration_text,
@@ -137,6 +140,9 @@ void cmd_purge(const char *duration_text) {
         else if (is_old_litter(id))
             take_litter(id, &removed);
     }
-    sent_remove_message_dirs(removed);
+    const size_t left = sent_remove_message_dirs(removed);
     report(deleted, duration_text);
+    if (left > 0)
+        warn(
+            "some copies could not be removed from the mailboxes: the next tbx command will retry");
 }

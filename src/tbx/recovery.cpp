@@ -72,11 +72,15 @@ static void cancel_send(int64_t id) {
 struct recipient_mailbox {
     lookup account = lookup::failed;
     resolved_user user;
-    std::vector<expected_copy> expected; // of the messages that concern the user
-    std::vector<copy_state> states;      // parallel to it
+    std::vector<uint32_t> messages; // places in mailbox_table::copies that concern the user
+    std::vector<copy_state> states; // parallel to it
+    int failed_deliveries = 0;
 };
 
-using mailbox_table = std::map<std::string, recipient_mailbox, std::less<>>;
+struct mailbox_table {
+    std::vector<expected_copy> copies; // of the interrupted messages, by identifier
+    std::map<std::string, recipient_mailbox, std::less<>> by_user;
+};
 
 static void expect_copies(int64_t id, mailbox_table *mailboxes) {
     if (sent_lock(id, /*nonblocking=*/true).state != lock_state::taken)
@@ -85,36 +89,44 @@ static void expect_copies(int64_t id, mailbox_table *mailboxes) {
     if (load_interrupted(&send) != saved::complete || is_withdrawn(send) != lookup::absent)
         return;
     const std::string_view text = send.file_text.view();
-    const expected_copy copy = {id, text.size(), copy_hash(text)};
+    const auto place = static_cast<uint32_t>(mailboxes->copies.size());
+    mailboxes->copies.push_back({id, text.size(), copy_hash(text)});
     for (const char *name : send.recipients)
-        (*mailboxes)[name].expected.push_back(copy);
+        mailboxes->by_user[name].messages.push_back(place);
 }
 
 // A single copy is not asked for: its delivery looks by itself.
-static void survey(const std::string &name, recipient_mailbox *mailbox) {
+static void survey(const std::string &name, const mailbox_table &table,
+                   recipient_mailbox *mailbox) {
     mailbox->account = user_lookup_by_name(name.c_str(), &mailbox->user);
-    if (mailbox->account == lookup::found && mailbox->expected.size() > 1)
-        mailbox->states = mailbox_survey(mailbox->user, mailbox->expected);
-    else
-        mailbox->states.assign(mailbox->expected.size(), copy_state::missing);
+    if (mailbox->account != lookup::found || mailbox->messages.size() < 2) {
+        mailbox->states.assign(mailbox->messages.size(), copy_state::missing);
+        return;
+    }
+    std::vector<expected_copy> expected;
+    for (const uint32_t place : mailbox->messages)
+        expected.push_back(table.copies[place]);
+    mailbox->states = mailbox_survey(mailbox->user, expected);
 }
 
 static mailbox_table survey_mailboxes(const std::vector<int64_t> &incomplete) {
-    mailbox_table mailboxes;
+    mailbox_table table;
     if (incomplete.size() < 2)
-        return mailboxes; // each delivery looks by itself
+        return table; // each delivery looks by itself
     for (const int64_t id : incomplete)
-        expect_copies(id, &mailboxes);
-    for (auto &[name, mailbox] : mailboxes)
-        survey(name, &mailbox);
-    return mailboxes;
+        expect_copies(id, &table);
+    for (auto &[name, mailbox] : table.by_user)
+        survey(name, table, &mailbox);
+    return table;
 }
 
-static copy_state known_state(const recipient_mailbox &mailbox, int64_t id) {
-    const auto found = std::ranges::lower_bound(mailbox.expected, id, {}, &expected_copy::id);
-    if (found == mailbox.expected.end() || found->id != id)
+static copy_state known_state(const mailbox_table &table, const recipient_mailbox &mailbox,
+                              int64_t id) {
+    const auto found = std::ranges::lower_bound(
+        mailbox.messages, id, {}, [&table](uint32_t place) { return table.copies[place].id; });
+    if (found == mailbox.messages.end() || table.copies[*found].id != id)
         return copy_state::missing; // the message was not interrupted yet when they were asked
-    return mailbox.states[static_cast<size_t>(found - mailbox.expected.begin())];
+    return mailbox.states[static_cast<size_t>(found - mailbox.messages.begin())];
 }
 
 // ---- Completing the delivery --------------------------------------------------------------
@@ -124,16 +136,29 @@ struct completion {
     int failures = 0;
 };
 
+// A mailbox that takes nothing is not tried for each of many messages: the next run goes on.
+constexpr int FAILED_DELIVERIES_MAX = 16;
+
+static bool deliver_missing(const interrupted_send &send, recipient_mailbox *mailbox) {
+    if (mailbox->failed_deliveries >= FAILED_DELIVERIES_MAX)
+        return false;
+    if (mailbox_deliver(mailbox->user, send.id, send.file_text.view()))
+        return true;
+    mailbox->failed_deliveries++;
+    return false;
+}
+
 // Makes sure that the copy stands in the mailbox, whole: also for one who is in the log already,
 // it may be half written.
-static bool ensure_copy(const interrupted_send &send, const recipient_mailbox &mailbox) {
-    if (mailbox.account != lookup::found)
+static bool ensure_copy(const interrupted_send &send, const mailbox_table &table,
+                        recipient_mailbox *mailbox) {
+    if (mailbox->account != lookup::found)
         return false;
-    switch (known_state(mailbox, send.id)) {
+    switch (known_state(table, *mailbox, send.id)) {
     case copy_state::held:
         return true;
     case copy_state::missing:
-        return mailbox_deliver(mailbox.user, send.id, send.file_text.view());
+        return deliver_missing(send, mailbox);
     case copy_state::blocked:
     case copy_state::unknown:
         break;
@@ -142,12 +167,12 @@ static bool ensure_copy(const interrupted_send &send, const recipient_mailbox &m
 }
 
 static void complete_recipient(const interrupted_send &send, const delivery_table &delivery,
-                               const char *name, mailbox_table *mailboxes, completion *done) {
-    const auto [place, is_new] = mailboxes->try_emplace(name);
+                               const char *name, mailbox_table *table, completion *done) {
+    const auto [place, is_new] = table->by_user.try_emplace(name);
     recipient_mailbox &mailbox = place->second;
     if (is_new)
-        survey(name, &mailbox);
-    if (!ensure_copy(send, mailbox)) {
+        survey(name, *table, &mailbox);
+    if (!ensure_copy(send, *table, &mailbox)) {
         done->failures++;
         return;
     }
@@ -283,7 +308,7 @@ static void finish_purges() {
         if (name.starts_with(PREFIX) && parse_id(name.substr(PREFIX.size()), &id))
             messages.push_back({id, xasprintf("%s/%s", sent.c_str(), entry->d_name)});
     }
-    sent_remove_message_dirs(messages);
+    (void)sent_remove_message_dirs(messages); // what stays waits for the next run
 }
 
 void recover_interrupted() {

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 constexpr size_t INPUT_MAX_BYTES = 67'108'864;
@@ -38,6 +39,7 @@ constexpr size_t DATE_OUTPUT_MAX_BYTES = 64;
 // In the child: the system's date program reads the date. The text of the message may be on
 // standard input, which is not its own.
 [[noreturn]] static void exec_date(const char *value, const unique_fd &output) {
+    (void)signal(SIGPIPE, SIG_DFL); // cannot fail: the signal exists
     if (dup2(output.get(), STDOUT_FILENO) < 0)
         _exit(127);
     const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));

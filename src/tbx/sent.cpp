@@ -79,7 +79,10 @@ static int make_directory(const char *path, mode_t mode) {
 }
 
 static void require_directory(const std::string &path, int error) {
-    if (directory_look_up(path.c_str()) != lookup::found)
+    const lookup found = directory_look_up(path.c_str());
+    if (found == lookup::failed)
+        die("%s: %s", var_dir(), strerror(errno));
+    if (found == lookup::absent)
         die("%s: %s", var_dir(), strerror(error == EEXIST ? ENOTDIR : error));
 }
 

@@ -185,8 +185,10 @@ void cmd_list() {
     print_heading();
     confirmation_cache cache;
     for (const char *name : ids)
-        if (print_message(name, &cache) == lookup::failed)
-            die("%s/%s: %s", sent_dir().c_str(), name, strerror(errno));
+        if (print_message(name, &cache) == lookup::failed) {
+            const int error = errno;
+            die("%s/%s: %s", sent_dir().c_str(), name, strerror(error));
+        }
 }
 
 // ---- status -------------------------------------------------------------------------------

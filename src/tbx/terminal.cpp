@@ -68,7 +68,7 @@ static void pseudo_terminals_list(uint32_t uid, strlist *list) {
     const unique_dir directory(opendir(PSEUDO_TERMINALS));
     if (!directory)
         return;
-    while (const dirent *entry = readdir(directory.get())) {
+    while (const dirent *entry = next_entry(directory.get())) {
         if (!is_all_digits(entry->d_name))
             continue;
         const std::string path = xasprintf("%s/%s", PSEUDO_TERMINALS, entry->d_name);
@@ -148,7 +148,8 @@ struct pending_output {
 
 enum class output_state { whole, waiting, given_up };
 
-// Writes what the terminal takes now. One that has taken nothing for too long is given up.
+// Writes what the terminal takes now. Once the user's patience is over, one that is full is given
+// up.
 static output_state write_some(pending_output *pending) {
     while (!pending->rest.empty()) {
         const ssize_t count =
@@ -198,8 +199,10 @@ static bool may_write_to(int fd, uint32_t uid) {
 static unique_fd open_terminal(const char *path, uint32_t uid) {
     const int append = test_mode() ? O_APPEND : 0; // a file in place of a terminal keeps its text
     unique_fd terminal(open(path, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC | append));
-    if (terminal && !may_write_to(terminal.get(), uid))
+    if (terminal && !may_write_to(terminal.get(), uid)) {
         terminal.reset();
+        errno = EACCES;
+    }
     return terminal;
 }
 

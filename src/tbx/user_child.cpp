@@ -73,6 +73,10 @@ void user_times_renew() {
     }
 }
 
+void user_times_forget() {
+    user_runs.clear();
+}
+
 // ---- Waiting ------------------------------------------------------------------------------
 
 constexpr int REAP_INTERVAL_MS = 10; // where the system has no pidfd
@@ -360,16 +364,16 @@ static const std::vector<gid_t> *groups_of(const resolved_user &user) {
 child_end run_as_user(const resolved_user &user, user_callback callback, void *argument,
                       const std::string_view *input, strbuf *output, size_t output_limit,
                       int timeout_seconds) {
-    const user_timer timer(user);
-    if (timer.is_over())
-        return {child_outcome::refused, -1};
     child_task task = {nullptr, callback, argument, nullptr};
     if (geteuid() == 0 && !test_mode()) {
         task.user = &user;
-        task.groups = groups_of(user);
+        task.groups = groups_of(user); // the time of the account service is not the user's
         if (task.groups == nullptr)
             return {child_outcome::failed, -1};
     }
+    const user_timer timer(user);
+    if (timer.is_over())
+        return {child_outcome::refused, -1};
     return run_task(task, input, output, output_limit,
                     timer.deadline_ms(int64_t{timeout_seconds} * 1000));
 }

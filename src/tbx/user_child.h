@@ -70,6 +70,9 @@ private:
 // their time again. One whose time was over is asked again after a minute, for a second.
 void user_times_renew();
 
+// Begins a run that owes nothing to what was before: a command of the interface, in its own child.
+void user_times_forget();
+
 // ---- Waiting ------------------------------------------------------------------------------
 
 // The monotonic clock, in milliseconds.

@@ -138,31 +138,40 @@ static void remove_directory(const char *dir) {
     (void)rmdir(dir);
 }
 
-// `dirs` are those of the list's messages, in the same order.
-static void finish(withdrawal_list *list, std::vector<const char *> *dirs) {
+// Removes the directories of what is out of every mailbox. `dirs` are those of the list's messages,
+// in the same order. Returns how many stay.
+static size_t finish(withdrawal_list *list, std::vector<const char *> *dirs) {
     const std::vector<withdrawal> &messages = list->carry_out();
-    for (size_t i = 0; i < messages.size(); i++)
+    size_t left = 0;
+    for (size_t i = 0; i < messages.size(); i++) {
         if (messages[i].complete)
             remove_directory((*dirs)[i]);
+        else
+            left++;
+    }
     *list = withdrawal_list(mailbox_purge_all);
     dirs->clear();
+    return left;
 }
 
-void sent_remove_message_dirs(const std::vector<removed_message> &messages) {
+size_t sent_remove_message_dirs(const std::vector<removed_message> &messages) {
     withdrawal_list list(mailbox_purge_all);
     std::vector<const char *> dirs;
+    size_t left = 0;
     for (const removed_message &message : messages) {
         strlist recipients;
-        if (sent_read_recipients_in(message.dir.c_str(), &recipients) == lookup::failed)
+        if (sent_read_recipients_in(message.dir.c_str(), &recipients) == lookup::failed) {
+            left++;
             continue;
+        }
         list.add(message.id, recipients);
         dirs.push_back(message.dir.c_str());
         if (list.is_full())
-            finish(&list, &dirs);
+            left += finish(&list, &dirs);
     }
-    finish(&list, &dirs);
+    return left + finish(&list, &dirs);
 }
 
-void sent_remove_message_dir(const char *dir, int64_t id) {
-    sent_remove_message_dirs({{id, dir}});
+size_t sent_remove_message_dir(const char *dir, int64_t id) {
+    return sent_remove_message_dirs({{id, dir}});
 }

@@ -25,6 +25,6 @@ struct removed_message {
 
 // Removes every file of the messages in their recipients' mailboxes, with one child for each user,
 // then the message directories. A directory stays for a later run when its recipients cannot be
-// told or some mailbox could not be worked on.
-void sent_remove_message_dirs(const std::vector<removed_message> &messages);
-void sent_remove_message_dir(const char *dir, int64_t id);
+// told or some mailbox could not be worked on. Returns how many messages stay for that reason.
+size_t sent_remove_message_dirs(const std::vector<removed_message> &messages);
+size_t sent_remove_message_dir(const char *dir, int64_t id);

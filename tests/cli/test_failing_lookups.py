@@ -81,7 +81,10 @@ def test_a_purge_forgets_no_mailbox_that_it_could_not_look_up(box, error):
     make_delivered(box)
     # The first mailbox is alex's. EPERM is taken for a kernel without the call.
     traced = box.trace("openat2", "purge", "1d", inject=[f"openat2:error={error}:when=2"])
-    assert tuple(traced.result) == ("Deleted 1 message older than 1d.\n", "", 0)
+    waits = ("tbx: some copies could not be removed from the mailboxes: the next tbx command will "
+             "retry\n")
+    assert tuple(traced.result) == ("Deleted 1 message older than 1d.\n",
+                                    "" if error == "EPERM" else waits, 0)
     left = [path for path in (box.store.top / "sent").glob(".deleting-*")]
     assert bool(left) == (error != "EPERM") == box.store.mailbox("pat", "inbox", 7).exists()
     assert box.run("list").status == 0  # finishes what was left, if it was

@@ -1,5 +1,7 @@
 """Output that cannot be written: a command that has changed something is not called failed."""
 
+import os
+
 import pytest
 
 DATE = 1790000000
@@ -40,3 +42,13 @@ def test_a_send_that_failed_still_fails(box):
         _, err, status = box.run("send", "--to", "@crew", "hello", stdout=full)
     assert (err, status) == ("tbx: message 1 not delivered to: gone (see the log; the next tbx "
                              "command will retry)\n", 1)
+
+
+@pytest.mark.parametrize("arguments", CHANGING, ids=lambda value: value[0])
+def test_a_reader_that_has_gone_does_not_undo_a_success(box, arguments):
+    box.store.make_message(7, copies=["pat"], delivered=[("pat", DATE, 0)])
+    reading, writing = os.pipe()
+    os.close(reading)
+    with open(writing, "wb") as broken:
+        _, err, status = box.run(*arguments, stdout=broken)
+    assert (err, status) == ("tbx: standard output: Broken pipe\n", 0)

@@ -50,6 +50,22 @@ def test_a_user_who_blocks_every_copy_costs_no_child_for_each_message(box):
     assert all(is_incomplete(box, number) for number in MESSAGES)
 
 
+def test_a_mailbox_that_takes_nothing_is_not_tried_for_each_of_many(box):
+    many = range(1, 41)
+    for number in many:
+        box.store.make_message(number, to=USERS, copies=("alex", "kim"), markers=["incomplete"],
+                               delivered=[(user, DATE, 0) for user in USERS])
+    inbox = box.store.make_mailbox("pat") / "inbox"
+    inbox.rmdir()
+    inbox.symlink_to("nowhere")
+    traced = box.trace(FORK, "log", "1")
+    assert children(traced) < len(USERS) + len(many) / 2
+    assert traced.result.stderr.count("still not delivered to 1 recipients") == len(many)
+    inbox.unlink()
+    assert box.run("log", "1").status == 0
+    assert all((inbox / str(number)).exists() for number in many)
+
+
 def test_a_missing_copy_costs_one_child_more(box):
     make_incomplete(box)
     box.store.mailbox("kim", "inbox", 3).unlink()

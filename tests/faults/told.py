@@ -9,6 +9,7 @@ from views import SHOWN, log_users, views
 
 WARNINGS = re.compile(
     r"completed delivery of message \d+ to [1-9]\d* recipients|"
+    r"some copies could not be removed from the mailboxes: the next tbx command will retry|"
     r"message \d+ was interrupted before being saved and has been cancelled|"
     r"message \d+ still not delivered to [1-9]\d* recipients \(see tbx status \d+\)")
 # A command that has changed something succeeds, though its words were lost.

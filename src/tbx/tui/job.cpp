@@ -38,7 +38,7 @@ static void run_send(const std::vector<std::string> &arguments) {
     if (dup2(in.get(), STDIN_FILENO) < 0 || dup2(out.get(), STDOUT_FILENO) < 0 ||
         dup2(out.get(), STDERR_FILENO) < 0)
         _exit(CANNOT_START);
-    user_times_renew(); // a command is a run of its own
+    user_times_forget(); // a command is a run of its own
     if (job.command != nullptr)
         job.command(job.argument.c_str());
     else

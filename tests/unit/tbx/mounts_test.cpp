@@ -14,7 +14,7 @@ std::string line_at(const std::string &place, const std::string &rest) {
 }
 
 mount_maker maker_at(const std::string &table, std::string_view path = PLACE) {
-    return mountinfo_maker(table, path);
+    return mountinfo_topmost(table, path).maker;
 }
 
 // Who made a mount of this type and with these options of its file system.
@@ -121,12 +121,12 @@ TEST(MountMaker, LastLineNeedsNoNewline) {
 namespace {
 
 void print_maker(const std::string &path) {
-    mount_maker maker = mount_maker::user;
-    if (mount_maker_of(path, &maker) != 0)
+    mount_point mount;
+    if (mount_point_of(path, &mount) != 0)
         throw_errno(path);
-    printf("%s ", maker == mount_maker::nobody          ? "nobody"
-                  : maker == mount_maker::administrator ? "administrator"
-                                                        : "user");
+    printf("%s ", mount.maker == mount_maker::nobody          ? "nobody"
+                  : mount.maker == mount_maker::administrator ? "administrator"
+                                                              : "user");
 }
 
 } // namespace
@@ -145,11 +145,30 @@ TEST(MountMakerOf, IsReadFromTheTableOfThisProcess) {
     EXPECT_EQ(child.out, "nobody administrator ");
 }
 
+TEST(MountIdOfFd, IsThatOfTheMountItWasOpenedIn) {
+    SKIP_UNLESS_ROOT();
+    const child_result child = run_on(private_machine(), [] {
+        const std::string place = "/etc/a place";
+        std::filesystem::create_directory(place);
+        if (mount("tmpfs", place.c_str(), "tmpfs", 0, nullptr) != 0)
+            throw_errno(place);
+        mount_point lower;
+        const unique_fd fd(open(place.c_str(), O_PATH));
+        if (mount_point_of(place, &lower) != 0 || mount_id_of_fd(fd.get()) != lower.id)
+            return 1;
+        if (mount("tmpfs", place.c_str(), "tmpfs", 0, nullptr) != 0)
+            throw_errno(place);
+        const unique_fd above(open(place.c_str(), O_PATH));
+        return mount_id_of_fd(above.get()) != lower.id && mount_id_of_fd(-1) == -1 ? 10 : 2;
+    });
+    EXPECT_EQ(child.exit_status, 10) << child.err;
+}
+
 TEST(MountMakerOf, FailsWhereTheTableCannotBeRead) {
     const child_result child = run_in_child([] {
         leave_descriptors(0);
-        mount_maker maker = mount_maker::nobody;
-        return mount_maker_of("/", &maker) == -1 && errno == EMFILE ? 10 : 20;
+        mount_point mount;
+        return mount_point_of("/", &mount) == -1 && errno == EMFILE ? 10 : 20;
     });
     EXPECT_EQ(child.exit_status, 10) << child.err;
 }
@@ -157,8 +176,8 @@ TEST(MountMakerOf, FailsWhereTheTableCannotBeRead) {
 TEST(MountMakerOf, FailsWhereAReadFails) {
     const child_result child = run_in_child([] {
         refuse_call(SYS_read, EIO);
-        mount_maker maker = mount_maker::nobody;
-        return mount_maker_of("/", &maker) == -1 && errno == EIO ? 10 : 20;
+        mount_point mount;
+        return mount_point_of("/", &mount) == -1 && errno == EIO ? 10 : 20;
     });
     EXPECT_EQ(child.exit_status, 10) << child.err;
 }
