@@ -205,7 +205,7 @@ TEST(MailboxDeliver, WorksOnAFileSystemOfTheAdministrators) {
 
 TEST(MailboxDeliver, CreatesTheMailboxWithoutOpenat2) {
     SKIP_UNLESS_ROOT();
-    for (const uint32_t answer : {ENOSYS, EPERM}) {
+    for (const uint32_t answer : {uint32_t{ENOSYS}, uint32_t{EPERM}}) {
         const real_mailbox mailbox;
         EXPECT_EQ(said_by(mailbox,
                           [answer] {
