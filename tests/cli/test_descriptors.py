@@ -1,7 +1,5 @@
 """What the programs that tbx starts inherit of its descriptors."""
 
-import os
-
 import pytest
 
 LIST = "ls -l /proc/self/fd | awk '{print $9, $11}' | grep -v /proc/ >/run/gates/descriptors; "
@@ -48,6 +46,5 @@ def test_the_starter_of_the_agent_has_the_null_device_alone(machine, leaky):
     machine.stand_in("systemd-run", LIST)
     assert leaky("send", "--to", "pat", "hello").status == 0
     found = inherited(machine)
-    assert found.pop(1, "/dev/null").endswith("descriptors")  # the stand-in's own
+    del found[1]  # the listing's own
     assert found == {0: "/dev/null", 2: "/dev/null"}
-    assert os.path.exists(machine.path("/run/secret"))

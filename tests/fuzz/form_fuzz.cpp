@@ -20,11 +20,21 @@ static tui_key key_of(char byte) {
 }
 
 static std::string_view character_of(const char &byte, bool is_broken) {
-    static constexpr std::string_view WHOLE[] = {"\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80",
-                                                 "\xcc\x81"};
+    static constexpr std::string_view WHOLE[] = {
+        "\xc3\xa9",         "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xcc\x81",
+        "\xe6\x97\xa5",     "\xef\xb8\x8f", "\xe2\x80\x8d",     "\xf0\x9f\x87\xa9",
+        "\xf0\x9f\x8f\xbd", "\xe1\x84\x80", "\xe1\x85\xa1"};
     if (is_broken || !byte_between(byte, 0x80, 0xff))
         return {&byte, 1};
     return WHOLE[static_cast<unsigned char>(byte) % std::size(WHOLE)];
+}
+
+// Of every kind in turn.
+static std::string_view pasted_by(size_t number) {
+    static constexpr std::string_view PASTES[] = {
+        "two words", "one\r\ntwo\r\n", "a\tb\nc", "\xe6\x97\xa5\xe6\x9c\xac\n\xe8\xaa\x9e",
+        "",          "\033[31mred",    "\n\n\n"};
+    return PASTES[number % std::size(PASTES)];
 }
 
 // At the start of a character, or at an end. Broken characters may have become one.
@@ -52,7 +62,8 @@ static void check_form(const compose_form &form, bool is_broken) {
 
 static void check_drawn(compose_form *form) {
     tui_screen page;
-    compose_build(form, &page);
+    compose_scroll(form);
+    compose_build(*form, &page);
     check_frame(page);
     CHECK(page.cursor_row >= 1);
     if (tui_body_rows() > 0)
@@ -85,7 +96,10 @@ void fuzz_one(std::string_view input) {
         if (key == KEY_CHAR && (byte_between(byte, 0, 0x1f) || byte == 0x7f))
             continue; // no key gives a control
         const std::string before = compose_text_joined(form.text);
-        compose_press(&form, key, key == KEY_CHAR ? character_of(byte, is_broken) : "");
+        if (byte == 'V')
+            compose_paste(&form, pasted_by(presses));
+        else
+            compose_press(&form, key, key == KEY_CHAR ? character_of(byte, is_broken) : "");
         check_form(form, is_broken);
         CHECK(form.focus == COMPOSE_TEXT || compose_text_joined(form.text) == before);
         if (presses++ % 8 == 0)

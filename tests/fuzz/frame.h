@@ -37,14 +37,15 @@ inline void check_frame(const tui_screen &page) {
     strbuf frame;
     tui_render(page, &frame);
     check_cursor(frame.view());
-    const std::string rows = without_styles(rows_of_frame(frame.view()));
-    CHECK(!holds_any_control(rows, "\n"));
-    CHECK(is_well_formed(rows));
+    const std::string_view rows = rows_of_frame(frame.view());
+    const std::string text = without_own_sequences(rows);
+    CHECK(!holds_any_control(text, "\n"));
+    CHECK(is_well_formed(text));
     const bool has_room = tui.screen_rows >= 4 && tui.screen_cols > 4;
     CHECK(rows.empty() == !has_room);
     CHECK(rows.empty() || rows.back() != '\n'); // or the terminal would scroll
     const auto lines = lines_of(rows);
     CHECK(lines.size() == (has_room ? static_cast<size_t>(tui.screen_rows) : 0));
     for (const std::string_view line : lines)
-        CHECK(columns_of(line) == static_cast<size_t>(tui.screen_cols));
+        CHECK(ending_column(line) == static_cast<size_t>(tui.screen_cols));
 }

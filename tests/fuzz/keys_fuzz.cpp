@@ -159,9 +159,11 @@ static constexpr piece PIECES[] = {
     {"\033[0~", KEY_NONE},
     {"\033[9~", KEY_NONE},
     {"\033[15~", KEY_NONE},
-    {"\033[1;5A", KEY_NONE},     // with Ctrl held
-    {"\033[?62;4c", KEY_NONE},   // a terminal's report of what it is
-    {"\033[200~", KEY_NONE},     // pasting begins
+    {"\033[1;5A", KEY_NONE},   // with Ctrl held
+    {"\033[?62;4c", KEY_NONE}, // a terminal's report of what it is
+    {"\033[201~", KEY_NONE},   // pasting ends that has not begun
+    {"\033[200~y\r\033[A\xe6\x97\xa5\033[201~", KEY_PASTE},
+    {"\033[200~\033[201~", KEY_PASTE},
     {"\033[<0;33;7M", KEY_NONE}, // the mouse
     {"\033[E", KEY_NONE},
     {"\033OP", KEY_NONE},

@@ -3,6 +3,7 @@
 #include "fuzz.h"
 #include "hostile.h"
 #include "tbx/tui/text.h"
+#include "tbx/tui/width.h"
 
 #include <algorithm>
 #include <cctype>
@@ -42,15 +43,30 @@ static void check_walk(std::string_view text) {
     CHECK(tui_previous_character(text, 0) == 0);
 }
 
+// The clusters are all of the text, and each of them is taken apart in the same way alone.
+static void check_clusters(std::string_view text) {
+    int columns = 0;
+    while (!text.empty()) {
+        const tui_cluster cluster = tui_next_cluster(text);
+        CHECK(cluster.bytes > 0 && cluster.bytes <= text.size());
+        CHECK(cluster.shown_bytes > 0 && cluster.shown_bytes <= cluster.bytes);
+        CHECK(cluster.columns >= 0 && cluster.columns <= 2);
+        CHECK(tui_next_cluster(text.substr(0, cluster.bytes)).columns == cluster.columns);
+        columns += cluster.columns;
+        text.remove_prefix(cluster.bytes);
+    }
+    CHECK(columns >= 0);
+}
+
 static void check_window(std::string_view text, int first, int columns) {
     const std::string_view window = tui_window(text, first, columns);
     CHECK(window.data() >= text.data() &&
           window.data() + window.size() <= text.data() + text.size());
     CHECK(tui_columns(window) <= columns);
-    if (is_well_formed(text)) {
+    if (is_well_formed(text))
         CHECK(is_well_formed(window));
+    if (is_well_formed(text) && is_narrow(text))
         CHECK(tui_columns(window) == std::min(columns, std::max(tui_columns(text) - first, 0)));
-    }
 }
 
 void fuzz_one(std::string_view input) {
@@ -59,9 +75,16 @@ void fuzz_one(std::string_view input) {
     const std::string text(up_to_nul(input));
     CHECK(text_display_width(text.c_str()) == width_by_the_rules(text));
     CHECK(text_character_count(text.c_str()) == columns_of(text));
-    CHECK(tui_columns(input) == static_cast<int>(columns_of(input)));
+    CHECK(tui_columns(input) <= 2 * static_cast<int>(columns_of(input)));
+    if (is_narrow(input))
+        CHECK(tui_columns(input) == static_cast<int>(columns_of(input)));
+    check_clusters(input);
     CHECK(tui_blank_controls(input).size() == input.size());
     check_walk(input);
     check_window(input, first, columns);
     CHECK(tui_window(input, 0, tui_columns(input) + 1) == input);
+    for (int column = 0; column < 8; column++) {
+        const int whole = tui_whole_column(input, column);
+        CHECK(whole >= std::min(column, tui_columns(input)) && whole <= column + 1);
+    }
 }

@@ -285,10 +285,18 @@ class ListPage:
         row = (f"{'>' if is_selected else ' '}{message.id:>3}  {message.short_date:<11}  "
                + fit(text, width) + "  " + bar(confirmed, delivered, sent) + "  "
                + (summary(message) if self.is_wide else
-                  f"{confirmed}/{confirmed + delivered + sent}"))
+                  self._short_recipients(message)))
         if is_selected and self.colour:
             return SELECTION(fit(row, self.size[0] - SIDE_COLUMNS).characters)
         return row
+
+    @staticmethod
+    def _short_recipients(message):
+        """Five columns are left, less one for each digit of an identifier beyond the third."""
+        confirmed, total = message.counts[0], sum(message.counts)
+        room = 5 - max(len(str(message.id)) - 3, 0)
+        texts = (f"{confirmed}/{total}", f"{confirmed * 100 // max(total, 1)}%")
+        return next((text for text in texts if len(text) <= room), "")
 
     def _legend(self):
         line = (GREEN("█") + " confirmed   " + YELLOW("▒") + " delivered   " + RED("░") + " sent")
@@ -403,6 +411,7 @@ class FormPage:
             the text (line, characters before it)
     scroll  columns that stand left of their place, by field; a number is of the focused one
     top     first line of the text that is shown, by default as few lines down as can be
+    notice  what stands beside the size of the text, in red
     preview what stands below To in place of its hint: an error in red, or a count in grey
     """
 
@@ -416,6 +425,7 @@ class FormPage:
     scroll: object = 0
     top: int = None
     preview: object = None
+    notice: str = ""
     colour: bool = True
 
     @property
@@ -454,7 +464,9 @@ class FormPage:
             yield " " * 12 + DIM("│") + " " + fit(line, self._width) + " " + DIM("│")
         yield " " * 12 + DIM("└" + "─" * (self._width + 2) + "┘")
         size = len(self.text.encode())
-        yield " " * VALUE_COLUMN + (RED if size > 65536 else GREY)(f"{size} of 65536 bytes")
+        notice = " · " + RED(self.notice) if self.notice else ""
+        yield (" " * VALUE_COLUMN + (RED if size > 65536 else GREY)(f"{size} of 65536 bytes")
+               + notice)
 
     def _place(self):
         if self.focus == "Text" and self.at is not None:

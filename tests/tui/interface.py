@@ -1,9 +1,10 @@
 """What tests do to the interface and say about it, over pseudo_terminal.Terminal."""
 
 import re
+from pathlib import Path
 
 from frame_model import UPDATED, Frame
-from pseudo_terminal import ESCAPE, FRAME_BEGINS
+from pseudo_terminal import ESCAPE, FRAME_BEGINS, assert_restored
 
 CLOCKS = re.compile(r"updated at \d\d:\d\d:\d\d")
 
@@ -12,7 +13,7 @@ CLOCKS = re.compile(r"updated at \d\d:\d\d:\d\d")
 MEANINGLESS = [
     *"\x00\x01\x02\x04\x06\x07\x0b\x0c\x0e\x0f\x10\x11\x12\x14\x15\x16\x17\x18\x19\x1d\x1e\x1f",
     "\x1b[2~", "\x1b[0~", "\x1b[9~",  # numbered keys without a meaning
-    "\x1b[15~", "\x1b[24~", "\x1b[200~", "\x1b[11~", "\x1b[66~",  # more digits: F5, F12, ...
+    "\x1b[15~", "\x1b[24~", "\x1b[201~", "\x1b[11~", "\x1b[66~",  # more digits: F5, F12, ...
     "\x1b[1;5B", "\x1b[1;2A", "\x1b[5;5~", "\x1b[3;2~", "\x1bO5B",  # with modifiers
     "\x1bOP", "\x1bO1~", "\x1bO5~", "\x1b[E", "\x1b[~", "\x1b[?1;2c", "\x1b[<0;10;10M", "\x1b[[A",
     "\x1bq", "\x1bn", "\x1b?", "\x1b\r", "\x1b\x7f", "\x1bé", "\x1b\x1b[B",  # with Alt
@@ -32,12 +33,11 @@ def expect(tbx, page, box=None):
     The whole screen counts: characters, styles and cursor. Shows the difference if it never does.
     """
     frame = page if isinstance(page, Frame) else page.frame(box)
-    try:
-        tbx.wait_for(lambda: CLOCKS.sub(UPDATED, tbx.frame()) == frame.text and seen(tbx) == frame)
-    except AssertionError:
-        assert seen(tbx).text == frame.text
-        assert seen(tbx).styles == frame.styles
-        assert seen(tbx).cursor == frame.cursor
+    tbx.wait_until_still(
+        lambda: CLOCKS.sub(UPDATED, tbx.frame()) == frame.text and seen(tbx) == frame)
+    assert seen(tbx).text == frame.text
+    assert seen(tbx).styles == frame.styles
+    assert seen(tbx).cursor == frame.cursor
 
 
 def press(tbx, keys, page, box=None):
@@ -82,3 +82,29 @@ def frame_that_shows(tbx, text, after=0):
 def clocks_shown(tbx):
     """What each frame says about the time of its data."""
     return [CLOCKS.search(frame)[0] for frame in frames_as_text(tbx)]
+
+
+# ---- Ways out -----------------------------------------------------------------------------
+
+# Where a text has been written that is not sent yet.
+WITH_TEXT = ["form-filled-in", "form-error", "form-discard-question", "form-review",
+             "form-sending-result"]
+KEPT = r"tbx: the text of the new message is kept in (/tmp/tellbox-testo-\w{6})"
+
+
+def assert_left(tbx, name):
+    """The interface has restored the terminal, and says where it keeps the text, if any."""
+    if name not in WITH_TEXT:
+        assert_restored(tbx)
+        return
+    assert_restored(tbx, KEPT)
+    take_kept_text(tbx)
+
+
+def take_kept_text(tbx):
+    """The text that the interface says it keeps; the file is removed."""
+    path = Path(re.search(KEPT, tbx.frame())[1])
+    text = path.read_text(encoding="utf-8")
+    assert path.stat().st_mode & 0o777 == 0o600
+    path.unlink()
+    return text

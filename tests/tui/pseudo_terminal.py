@@ -15,6 +15,7 @@ import copy
 import fcntl
 import os
 import pty
+import re
 import select
 import signal
 import struct
@@ -26,6 +27,10 @@ import pyte
 # How long a condition may take before the test fails. Never waited for in full by a test that
 # passes, so it is generous: sanitizers on a busy machine are slow.
 DEADLINE_SECONDS = 30
+# A screen that nothing changes for so long, with nothing left to be read of what was typed, does
+# not become another one by itself: twice as long as the interface waits before it looks at the
+# store again.
+STILL_SECONDS = 6
 RETRY_SECONDS = 0.1
 GRACE_SECONDS = 1  # at the end of a test: what is killed tells no coverage
 
@@ -35,6 +40,7 @@ ENTER, TAB, BACK_TAB, ESCAPE, BACKSPACE, DELETE = "\r", "\t", "\x1b[Z", "\x1b", 
 CTRL_C, CTRL_E, CTRL_S, CTRL_Z, CTRL_BACKSLASH = "\x03", "\x05", "\x13", "\x1a", "\x1c"
 
 ENTER_SCREEN, LEAVE_SCREEN = b"\x1b[?1049h\x1b[?25l", b"\x1b[?25h\x1b[?1049l"
+PASTE_ON, PASTE_OFF = b"\x1b[?2004h", b"\x1b[?2004l"  # the interface's alone
 FRAME_BEGINS, FRAME_ENDS = b"\x1b[H", b"\x1b[J"
 
 # What stands on a screen before the program starts, for assert_restored().
@@ -109,6 +115,11 @@ STYLE_LETTERS = {
 }
 
 
+def pasted(text):
+    """What a terminal with bracketed paste sends when this is pasted."""
+    return f"\x1b[200~{text}\x1b[201~"
+
+
 def style_letter(cell):
     return STYLE_LETTERS.get((cell.fg, cell.bold, cell.reverse, cell.italics), "?")
 
@@ -121,13 +132,20 @@ def unusual(attributes):
     attributes[CC][termios.VERASE] = b"#"
 
 
-def assert_restored(terminal):
-    """The terminal is as it was before the program, which was started with earlier=EARLIER."""
+def assert_restored(terminal, *said):
+    """The terminal is as it was before the program, which was started with earlier=EARLIER.
+
+    said  regular expressions of the lines that the program left there
+    """
     assert terminal.attributes() == terminal.attributes_before
     assert not terminal.screen.alternate
-    assert terminal.rows()[0].rstrip() == EARLIER.rstrip()
-    assert all(not row.strip() for row in terminal.rows()[1:])
-    assert terminal.cursor() == (1, 0)
+    rows = [row.rstrip() for row in terminal.rows()]
+    assert rows[0] == EARLIER.rstrip()
+    for row, line in zip(rows[1:], said):
+        assert re.fullmatch(line, row)
+    assert not any(rows[1 + len(said):])
+    assert terminal.cursor() == (1 + len(said), 0)
+    assert PASTE_ON not in terminal.raw or terminal.raw.endswith(PASTE_OFF + LEAVE_SCREEN) or said
 
 
 class Terminal:
@@ -213,11 +231,19 @@ class Terminal:
         self._wait(self._holds(condition), condition)
 
     def wait_for_frame(self, frame):
-        """Waits until the whole screen is `frame`; shows the difference if it never is."""
-        try:
-            self.wait_for(lambda: self.frame() == frame)
-        except AssertionError:
-            assert self.frame() == frame
+        """Waits until the whole screen is `frame`; shows the difference once it stands still."""
+        self.wait_until_still(lambda: self.frame() == frame)
+        assert self.frame() == frame
+
+    def wait_until_still(self, condition):
+        """Waits until the condition holds, or until the screen stands still without it."""
+        wanted, seen, since = self._holds(condition), None, time.monotonic()
+        deadline = since + DEADLINE_SECONDS
+        while not wanted() and time.monotonic() < min(since + STILL_SECONDS, deadline):
+            self._take_what_arrives(RETRY_SECONDS)
+            shown = (self.screen.display, self.styles(), self.cursor()) if not wanted() else seen
+            if shown != seen or self._master is None or self.unread():
+                seen, since = shown, time.monotonic()
 
     def poll_for(self, condition):
         """Like wait_for(), for what changes without anything written on the terminal."""
@@ -243,6 +269,19 @@ class Terminal:
     def send(self, keys):
         """Types text, or bytes, in one piece."""
         os.write(self._master, keys if isinstance(keys, bytes) else keys.encode())
+
+    def type(self, keys):
+        """Types more than the terminal holds, as fast as the program takes it."""
+        rest = keys if isinstance(keys, bytes) else keys.encode()
+        os.set_blocking(self._master, False)
+        deadline = time.monotonic() + DEADLINE_SECONDS
+        while rest:
+            assert time.monotonic() < deadline, f"{len(rest)} bytes were not taken"
+            try:
+                rest = rest[os.write(self._master, rest):]
+            except BlockingIOError:
+                self._take_what_arrives(RETRY_SECONDS)
+        os.set_blocking(self._master, True)
 
     def send_until(self, keys, condition):
         """Types the keys, again and again, until the condition of wait_for() holds.

@@ -3,17 +3,17 @@
 import re
 import unicodedata
 
-from pseudo_terminal import FRAME_BEGINS, FRAME_ENDS, LEAVE_SCREEN
+from pseudo_terminal import FRAME_BEGINS, FRAME_ENDS, LEAVE_SCREEN, PASTE_OFF
 
 STYLE = re.compile(rb"\x1b\[[0-9;]*m")
-OWN_SEQUENCES = re.compile(rb"\x1b\[(?:[0-9;]*m|H|J|[0-9]+;[0-9]+H|\?25[hl]|\?1049[hl])")
-TORN_SEQUENCE = re.compile(rb"\x1b(?:\[[0-9;?]*)?(?=" + re.escape(LEAVE_SCREEN) + rb")")
+OWN_SEQUENCES = re.compile(rb"\x1b\[(?:[0-9;]*m|H|J|K|[0-9]+G|\?7[hl]|[0-9]+;[0-9]+H|\?25[hl]|\?1049[hl]|\?2004[hl])")
+TORN_SEQUENCE = re.compile(rb"\x1b(?:\[[0-9;?]*)?(?=" + re.escape(PASTE_OFF + LEAVE_SCREEN) + rb")")
 
 
 def without_torn_frames(raw):
     """Asked to end in the middle of a frame, the interface writes no more of it."""
     before, *pieces = raw.split(FRAME_BEGINS)
-    kept = [piece if FRAME_ENDS in piece else b"".join(piece.partition(LEAVE_SCREEN)[1:])
+    kept = [piece if FRAME_ENDS in piece else b"".join(piece.partition(PASTE_OFF + LEAVE_SCREEN)[1:])
             for piece in pieces]
     return TORN_SEQUENCE.sub(b"", before + b"".join(kept))
 

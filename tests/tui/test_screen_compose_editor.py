@@ -159,14 +159,17 @@ def test_vi_is_used_where_there_is_no_nano(ran):
     assert ran({}, ["vi"]) == "vi 1 /tmp/tellbox-testo"
 
 
-@pytest.mark.parametrize("env", [
-    {"PATH": "/nonexistent"},
-    {"VISUAL": "/nonexistent/editor"},
-    {"VISUAL": "/etc/passwd"},
-    {"VISUAL": "false"},
-    {"VISUAL": "exit-by-signal"},
+NO_EDITOR = "No editor could be started."
+
+
+@pytest.mark.parametrize("env, notice", [
+    ({"PATH": "/nonexistent"}, NO_EDITOR),
+    ({"VISUAL": "/nonexistent/editor"}, NO_EDITOR),
+    ({"VISUAL": "/etc/passwd"}, NO_EDITOR),
+    ({"VISUAL": "false"}, ""),
+    ({"VISUAL": "exit-by-signal"}, ""),
 ], ids=["none", "missing", "no program", "failing", "killed"])
-def test_editor_that_does_not_run_leaves_the_text(form, editor, folder, env):
+def test_editor_that_does_not_run_leaves_the_text(form, editor, folder, env, notice):
     editor("kill -9 $$", "exit-by-signal")
     path = env.get("PATH", f"{folder}:/usr/bin:/bin")
     tbx, page, _ = form(env={"VISUAL": None, "EDITOR": None, **env, "PATH": path})
@@ -174,7 +177,8 @@ def test_editor_that_does_not_run_leaves_the_text(form, editor, folder, env):
     press(tbx, BACK_TAB + "one\rtwo", page)
     tbx.send(CTRL_E)
     tbx.wait_for(lambda: tbx.raw.count(ENTER_SCREEN) == 2)
-    expect(tbx, page)
+    expect(tbx, replace(page, notice=notice))
+    press(tbx, "x", replace(page, text="one\ntwox"))
 
 
 def test_what_an_editor_wrote_counts_whatever_its_exit_status(form, editor):
@@ -190,7 +194,8 @@ def test_without_a_temporary_file_no_editor_runs(form, binary):
                         env={"VISUAL": "echo"})
     page = replace(page, to="x")
     press(tbx, "x", page)
-    press(tbx, CTRL_E + "y", replace(page, to="xy"))
+    press(tbx, CTRL_E, replace(page, notice=NO_EDITOR))
+    press(tbx, "y", replace(page, to="xy"))
     assert LEAVE_SCREEN not in tbx.raw
 
 
@@ -354,6 +359,21 @@ def test_editor_runs_as_who_called_sudo_and_owns_the_file(who):
 def test_editor_runs_as_root_where_no_other_user_called_sudo(who, sudo_user):
     user, group, _, owner = who({"SUDO_USER": sudo_user})
     assert (user, group, owner) == ("0", "0", "0")
+
+
+@pytest.mark.parametrize("sudo_user, found", [
+    ("nobody", ["/nonexistent", "nobody", "nobody", "/usr/sbin/nologin"]),
+    (None, ["/home/before", "before", "before", "/bin/before"])])
+def test_editor_finds_the_environment_of_who_called_sudo(root, form, editor, folder, sudo_user,
+                                                         found):
+    del root  # there to be asked for
+    folder.chmod(0o777)
+    script = 'printf "%s\\n" "$HOME" "$USER" "$LOGNAME" "$SHELL" > env; echo new > "$file"'
+    tbx, page, _ = form(env={
+        "VISUAL": str(editor(script)), "SUDO_USER": sudo_user, "HOME": "/home/before",
+        "USER": "before", "LOGNAME": "before", "SHELL": "/bin/before"})
+    press(tbx, CTRL_E, replace(page, text="new"))
+    assert (folder / "env").read_text().split() == found
 
 
 # ---- Signals, and what an editor does to the terminal -------------------------------------

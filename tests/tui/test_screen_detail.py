@@ -282,11 +282,13 @@ def test_only_few_keys_do_something(detail):
         press_here(tbx, page, behind, key)
 
 
-@pytest.mark.parametrize("closing", [TAB, "rn", "mn"], ids=["tab", "revoke dialog", "reminder"])
-def test_message_that_was_purged_meanwhile_closes_the_page(detail, store, closing):
+@pytest.mark.parametrize("asking", ["", "r", "m"], ids=["tab", "revoke dialog", "reminder"])
+def test_message_that_was_purged_meanwhile_closes_the_page(detail, store, asking):
     tbx, _, behind = detail(Message(1))
+    tbx.send(asking)
+    tbx.wait_for("y  Confirm" if asking else "Message 1")
     shutil.rmtree(store.sent(1))
-    press(tbx, closing, replace(behind, messages=()))
+    press(tbx, "n" if asking else TAB, replace(behind, messages=()))
 
 
 def test_message_purged_by_another_run_closes_the_page(detail, terminal):

@@ -9,7 +9,7 @@ import pytest
 from frame_model import SIZES, ListPage
 from interface import clocks_shown, expect, frame_that_shows, frames_drawn, press, read_again
 from messages import DATE, FUTURE, PAST, USERS, Message, people
-from pseudo_terminal import DOWN, END, ENTER_SCREEN, LEAVE_SCREEN, PAGE_UP, UP
+from pseudo_terminal import DOWN, END, ENTER_SCREEN, LEAVE_SCREEN, PAGE_UP, PASTE_OFF, PASTE_ON, UP
 
 HOME_CURSOR, CLEAR_BELOW, HIDE_CURSOR = b"\x1b[H", b"\x1b[J", b"\x1b[?25l"
 
@@ -136,14 +136,19 @@ def test_date_is_local_time(store, terminal):
 # ---- Output -------------------------------------------------------------------------------
 
 
+def inside(raw):
+    """What a whole session wrote between entering and leaving the screen."""
+    return raw.removeprefix(ENTER_SCREEN + PASTE_ON).removesuffix(PASTE_OFF + LEAVE_SCREEN)
+
+
 def test_output_is_whole_frames_between_entering_and_leaving_the_screen(interface):
     tbx, page = interface([Message(1), Message(2)])
     press(tbx, DOWN, replace(page, selected=1))
     tbx.send("q")
     assert tbx.wait_exit() == 0
-    assert tbx.raw.startswith(ENTER_SCREEN + HOME_CURSOR)
-    assert tbx.raw.endswith(CLEAR_BELOW + HIDE_CURSOR + LEAVE_SCREEN)
-    frames = tbx.raw.removeprefix(ENTER_SCREEN).removesuffix(LEAVE_SCREEN).split(HOME_CURSOR)[1:]
+    assert tbx.raw.startswith(ENTER_SCREEN + PASTE_ON + HOME_CURSOR)
+    assert tbx.raw.endswith(CLEAR_BELOW + HIDE_CURSOR + PASTE_OFF + LEAVE_SCREEN)
+    frames = inside(tbx.raw).split(HOME_CURSOR)[1:]
     assert {frame.count(b"\r\n") for frame in frames} == {23}
     assert all(frame.endswith(CLEAR_BELOW + HIDE_CURSOR) for frame in frames)
 
@@ -153,7 +158,7 @@ def test_no_color_with_any_value_leaves_no_style_in_the_output(interface, value)
     tbx, _ = interface([Message(1)], colour=False, env={"NO_COLOR": value})
     tbx.send("q")
     tbx.wait_exit()
-    rest = tbx.raw.removeprefix(ENTER_SCREEN).removesuffix(LEAVE_SCREEN)
+    rest = inside(tbx.raw)
     for sequence in (HOME_CURSOR, CLEAR_BELOW, HIDE_CURSOR):
         rest = rest.replace(sequence, b"")
     assert b"\x1b" not in rest
@@ -186,7 +191,7 @@ def traced(strace, terminal, store, binary, tmp_path):
 def test_frame_is_one_write_and_moving_the_selection_reads_no_store(traced):
     calls = traced([(DOWN, 1), (END, 2), (UP, 1), (PAGE_UP, 0)])
     first = calls.index(("write", r"\33[H"))
-    last = calls.index(("write", r"\33[?25"))
+    last = calls.index(("write", r"\33[?2004"))
     assert last - first >= 5  # a tick may come between
     assert set(calls[first:last]) == {("write", r"\33[H")}
 

@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from frame_model import KEYS_BOX, message_box, revoke_confirmation
-from interface import expect, frames_as_text, frames_drawn, press
+from interface import assert_left, expect, frames_as_text, frames_drawn, press
 from messages import Message
 from places import PLACES, Places
 from pseudo_terminal import (
@@ -70,7 +70,7 @@ def test_signal_ends_the_interface_and_restores_the_terminal(place, name, number
     tbx, _ = place(name, **AS_BEFORE)
     tbx.signal(number)
     assert tbx.wait_exit() == 0
-    assert_restored(tbx)
+    assert_left(tbx, name)
 
 
 @pytest.mark.parametrize("key", [CTRL_C, CTRL_BACKSLASH])
@@ -79,7 +79,7 @@ def test_key_that_is_a_signal_ends_the_interface_and_restores_the_terminal(place
     tbx, _ = place(name, **AS_BEFORE)
     tbx.send(key)
     assert tbx.wait_exit() == 0
-    assert_restored(tbx)
+    assert_left(tbx, name)
 
 
 @pytest.mark.parametrize("name", PLACES)
@@ -200,7 +200,7 @@ def revoked(page):
 def test_key_that_is_a_signal_ends_a_command_that_hangs_and_nothing_else(revoking, key):
     tbx, page, _ = revoking
     tbx.send(key)
-    expect(tbx, page, message_box("Revoke message 1?", "Done."))
+    expect(tbx, page, message_box("Revoke message 1?", "Interrupted."))
     press(tbx, "x", revoked(page))
 
 
@@ -209,8 +209,8 @@ def test_ctrl_z_stops_neither_the_command_nor_the_interface(revoking):
     tbx.send(CTRL_Z + "x")
     tbx.poll_for(lambda: tbx.unread() == 1)  # the terminal has seen the Ctrl+Z
     free()
-    expect(tbx, revoked(page))  # the x has closed the result
-    assert any("Message 1 revoked." in frame for frame in frames_as_text(tbx))
+    expect(tbx, page, message_box("Revoke message 1?", "Message 1 revoked."))
+    press(tbx, "x", revoked(page))
 
 
 def test_size_that_changed_while_a_command_ran_is_taken(revoking):
@@ -222,7 +222,7 @@ def test_size_that_changed_while_a_command_ran_is_taken(revoking):
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
-def test_signal_lets_the_command_finish_and_ends_the_interface(revoking, store, number):
+def test_signal_lets_a_command_finish_that_is_about_to_and_ends_the_interface(revoking, store, number):
     tbx, _, free = revoking
     tbx.signal(number)
     free()
@@ -231,7 +231,7 @@ def test_signal_lets_the_command_finish_and_ends_the_interface(revoking, store, 
     assert not store.sent(1, "revoking").exists()
 
 
-def test_hang_up_lets_the_command_finish_and_ends_the_interface(revoking, store):
+def test_hang_up_lets_a_command_finish_that_is_about_to_and_ends_the_interface(revoking, store):
     tbx, _, free = revoking
     tbx.hang_up()
     free()
@@ -239,11 +239,38 @@ def test_hang_up_lets_the_command_finish_and_ends_the_interface(revoking, store)
     assert not store.sent(1, "revoking").exists()
 
 
-def test_command_that_a_signal_ends_shows_what_it_printed(revoking):
-    tbx, page, _ = revoking
+def command_of(tbx):
+    """The process id of the command that runs."""
     children = Path(f"/proc/{tbx.pid}/task/{tbx.pid}/children").read_text().split()
-    os.kill(int(children[0]), signal.SIGKILL)
-    expect(tbx, page, message_box("Revoke message 1?", "Done."))
+    return int(children[0])
+
+
+def is_running(process):
+    return Path(f"/proc/{process}").exists()
+
+
+def test_command_that_a_signal_ends_is_told_as_interrupted(revoking):
+    tbx, page, _ = revoking
+    os.kill(command_of(tbx), signal.SIGKILL)
+    expect(tbx, page, message_box("Revoke message 1?", "Interrupted."))
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
+def test_signal_ends_the_interface_with_a_command_that_hangs(revoking, number):
+    tbx, _, _ = revoking
+    command = command_of(tbx)
+    tbx.signal(number)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+    assert not is_running(command)
+
+
+def test_hang_up_ends_the_interface_with_a_command_that_hangs(revoking):
+    tbx, _, _ = revoking
+    command = command_of(tbx)
+    tbx.hang_up()
+    assert tbx.wait_status() == 0
+    assert not is_running(command)
 
 
 # ---- While an editor runs -----------------------------------------------------------------

@@ -5,10 +5,10 @@ from dataclasses import replace
 
 import pytest
 
-from interface import expect, press
+from interface import assert_left, expect, press
 from messages import Message
 from places import PLACES
-from pseudo_terminal import DOWN, EARLIER, UP, assert_restored
+from pseudo_terminal import DOWN, EARLIER, UP
 
 BYTES_TAKEN = 48
 MESSAGES = [Message(number) for number in range(1, 16)]
@@ -19,7 +19,7 @@ def test_every_place_is_reached_and_left(place, name):
     tbx, _ = place(name, earlier=EARLIER, bytes_taken=BYTES_TAKEN)
     tbx.signal(signal.SIGTERM)
     assert tbx.wait_exit() == 0
-    assert_restored(tbx)
+    assert_left(tbx, name)
 
 
 def test_keys_typed_while_a_frame_is_on_its_way_are_all_taken(interface):

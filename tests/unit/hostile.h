@@ -94,6 +94,44 @@ struct found_control {
     return !controls_in(text, allowed).empty();
 }
 
+// Bytes of a sequence at the start of `text` that the program itself draws rows with: a style,
+// ESC [ K, ESC [ COLUMN G, ESC [ ? 7 h or l. 0 for none.
+[[nodiscard]] inline size_t own_sequence_bytes(std::string_view text) {
+    if (text.starts_with("\033[?7h") || text.starts_with("\033[?7l"))
+        return 5;
+    const size_t end = text.starts_with("\033[") ? text.find_first_not_of("0123456789;", 2) : 0;
+    const bool is_own = end != 0 && end != std::string_view::npos &&
+                        std::string_view("mKG").find(text[end]) != std::string_view::npos;
+    return is_own ? end + 1 : 0;
+}
+
+// The text without these. Any other escape stays, for the judge to find.
+[[nodiscard]] inline std::string without_own_sequences(std::string_view text) {
+    std::string plain;
+    while (!text.empty()) {
+        const size_t bytes = own_sequence_bytes(text);
+        if (bytes == 0)
+            plain += text.front();
+        text.remove_prefix(bytes > 0 ? bytes : 1);
+    }
+    return plain;
+}
+
+// The column that the cursor stands in behind a row that was written from column 0 on, on a
+// terminal that draws every character in one column.
+[[nodiscard]] inline size_t ending_column(std::string_view row) {
+    size_t column = 0;
+    while (!row.empty()) {
+        const size_t bytes = own_sequence_bytes(row);
+        if (bytes == 0)
+            column += byte_between(row.front(), 0x80, 0xbf) ? 0 : 1;
+        else if (row[bytes - 1] == 'G')
+            column = std::stoul("0" + std::string(row.substr(2, bytes - 3))) - 1;
+        row.remove_prefix(bytes > 0 ? bytes : 1);
+    }
+    return column;
+}
+
 // The text without the style sequences that the program itself draws with: ESC [ digits and
 // semicolons m. Any other escape stays, for the judge to find.
 [[nodiscard]] inline std::string without_styles(std::string_view text) {
@@ -110,6 +148,14 @@ struct found_control {
         text.remove_prefix(1);
     }
     return plain;
+}
+
+// Whether every character of the text surely takes one column: none is beyond U+02FF.
+[[nodiscard]] inline bool is_narrow(std::string_view text) {
+    for (const char byte : text)
+        if (byte_between(byte, 0xcc, 0xff))
+            return false;
+    return true;
 }
 
 // Columns of a text without sequences: one for each byte that continues no character.

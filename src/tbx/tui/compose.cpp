@@ -2,12 +2,20 @@
 
 #include "tbx/command.h"
 #include "tbx/recipients.h"
+#include "tbx/sent.h"
+#include "tbx/status.h"
 #include "tbx/tui/compose_draw.h"
 #include "tbx/tui/compose_editor.h"
 #include "tbx/tui/compose_form.h"
 #include "tbx/tui/dialog.h"
 #include "tbx/tui/job.h"
 #include "tbx/tui/screen.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <vector>
 
 // ---- Recipients ---------------------------------------------------------------------------
 
@@ -23,20 +31,38 @@ static std::string counted_recipients(std::string_view count) {
                            : xasprintf("%lld recipients", static_cast<long long>(recipients));
 }
 
+static std::string in_red(std::string_view text) {
+    return xasprintf("%s%s%s", tui_style.red, std::string(text).c_str(), tui_style.reset);
+}
+
+static std::string preview_of(const job_result &result) {
+    if (result.status == 0)
+        return counted_recipients(first_line(result.output.view()));
+    if (result.was_interrupted && result.output.len == 0)
+        return in_red("Interrupted.");
+    return in_red(first_line(tui_clean(result.output.view())));
+}
+
+static void draw(const compose_form &form, tui_screen *page) {
+    compose_build(form, page);
+    tui_draw(*page);
+}
+
 // Asks whom the To field reaches. A child does it, because what is wrong ends the process.
-static void compose_recipient_preview(compose_form *form) {
+static void compose_recipient_preview(compose_form *form, tui_screen *page) {
     form->preview.clear();
     const std::string &to = form->fields[COMPOSE_TO].value;
     if (to.empty())
         return;
-    const tui_job job = {recipients_count_print, to, {}};
-    strbuf output;
-    if (tui_run_command(job, {}, &output) == 0)
-        form->preview = counted_recipients(first_line(output.view()));
-    else
-        form->preview =
-            xasprintf("%s%s%s", tui_style.red,
-                      std::string(first_line(tui_clean(output.view()))).c_str(), tui_style.reset);
+    const auto say_so = [&] {
+        if (!tui_update_size() && !form->preview.empty())
+            return; // the screen shows it
+        form->preview = "Working …";
+        compose_scroll(form);
+        draw(*form, page);
+    };
+    form->preview =
+        preview_of(tui_run_command([&to] { recipients_count_print(to.c_str()); }, {}, say_so));
 }
 
 // ---- Sending ------------------------------------------------------------------------------
@@ -52,13 +78,62 @@ static std::vector<std::string> send_arguments(const compose_form &form) {
     return arguments;
 }
 
+static void run_send(std::vector<std::string> arguments) {
+    std::vector<char *> argv;
+    for (std::string &argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    cmd_send(static_cast<int>(arguments.size()), argv.data());
+}
+
+static std::vector<std::string> message_ids() {
+    strlist ids;
+    (void)sent_list_ids(&ids); // no store yet: no messages
+    return {ids.begin(), ids.end()};
+}
+
+// The message that a send created before it failed, or was interrupted: a new one of this author
+// that is marked incomplete. 0 for none.
+static int64_t message_left_incomplete(const std::vector<std::string> &ids_before) {
+    for (const std::string &text : message_ids()) {
+        int64_t id = 0;
+        message_summary summary;
+        const bool is_new =
+            std::find(ids_before.begin(), ids_before.end(), text) == ids_before.end();
+        if (!is_new || !parse_id(text, &id) || !sent_marker_exists(id, "incomplete"))
+            continue;
+        confirmation_cache cache(id);
+        if (message_summary_load(id, &cache, &summary) == lookup::found &&
+            summary.message.from == current_author())
+            return id;
+    }
+    return 0;
+}
+
 static void add_field(strlist *body, const char *label, const compose_field &field) {
     if (!field.value.empty())
         tui_add_line(body, "%s: %s", label, tui_blank_controls(field.value).c_str());
 }
 
+// What an earlier try reached, as far as it is known now. A message that has gone since, or
+// that was cancelled, is not spoken of.
+static void add_earlier_try(strlist *body, int64_t id) {
+    message_summary summary;
+    confirmation_cache cache(id);
+    if (id == 0 || message_summary_load(id, &cache, &summary) != lookup::found)
+        return;
+    const int reached = summary.confirmed + summary.delivered;
+    const std::string sentence = xasprintf(
+        "Message %lld was already sent to %d of %d recipients; the others are tried again by "
+        "themselves.",
+        static_cast<long long>(id), reached, reached + summary.sent);
+    tui_wrap(sentence, tui_box_max_cols(), body);
+    tui_add_line(body, "%s", "");
+}
+
 static bool review(const compose_form &form, tui_screen *page) {
     strlist body;
+    add_earlier_try(&body, form.message_id);
     tui_add_line(&body, "To: %s (%s)", tui_blank_controls(form.fields[COMPOSE_TO].value).c_str(),
                  form.preview.c_str());
     add_field(&body, "Title", form.fields[COMPOSE_TITLE]);
@@ -69,14 +144,17 @@ static bool review(const compose_form &form, tui_screen *page) {
 
 // True when the message was sent. Whatever went wrong, the form keeps everything.
 static bool compose_send(compose_form *form, tui_screen *page) {
-    compose_recipient_preview(form);
-    compose_build(form, page);
+    compose_recipient_preview(form, page);
     if (!review(*form, page))
         return false;
-    const tui_job job = {nullptr, "", send_arguments(*form)};
-    strbuf output;
-    const bool was_sent = tui_run_command(job, compose_text_joined(form->text), &output) == 0;
-    tui_message_box(page, was_sent ? "Message sent" : "Sending result", output.view());
+    const std::vector<std::string> ids_before = message_ids();
+    const job_result result = tui_run_in_box(
+        page, "Send the message?", [form] { run_send(send_arguments(*form)); },
+        compose_text_joined(form->text));
+    const bool was_sent = result.status == 0;
+    if (const int64_t id = was_sent ? 0 : message_left_incomplete(ids_before))
+        form->message_id = id;
+    tui_message_box(page, was_sent ? "Message sent" : "Sending result", result);
     return was_sent;
 }
 
@@ -90,38 +168,59 @@ static bool may_discard(const compose_form &form, tui_screen *page) {
     return tui_confirm(page, "Discard the message?", body);
 }
 
-static void edit(compose_form *form, tui_key key, const char *character) {
+static void edit(compose_form *form, tui_screen *page, tui_key key, const char *character) {
     const int focus_before = form->focus;
-    compose_press(form, key, character);
-    if (focus_before == COMPOSE_TO && form->focus != COMPOSE_TO)
-        compose_recipient_preview(form);
-}
-
-// False when the form is done with.
-static bool press(compose_form *form, tui_screen *page, tui_key key, const char *character) {
-    if (key == KEY_ERROR)
-        return false; // nobody is left to write
-    if (key == KEY_ESC)
-        return !may_discard(*form, page);
-    if (key == KEY_CTRL_S)
-        return !compose_send(form, page);
-    if (key == KEY_CTRL_E)
-        compose_edit_external(form);
+    if (key == KEY_PASTE)
+        compose_paste(form, tui.input.pasted);
     else
-        edit(form, key, character);
-    return true;
+        compose_press(form, key, character);
+    if (focus_before == COMPOSE_TO && form->focus != COMPOSE_TO)
+        compose_recipient_preview(form, page);
 }
 
-void compose_page() {
-    compose_form form;
+enum class form_end { open, done, cut_short };
+
+static form_end press(compose_form *form, tui_screen *page, tui_key key, const char *character) {
+    if (key != KEY_TIMEOUT)
+        form->notice.clear();
+    if (key == KEY_ERROR)
+        return form_end::cut_short; // nobody is left to write
+    if (key == KEY_ESC)
+        return may_discard(*form, page) ? form_end::done : form_end::open;
+    if (key == KEY_CTRL_S)
+        return compose_send(form, page) ? form_end::done : form_end::open;
+    if (key != KEY_CTRL_E)
+        edit(form, page, key, character);
+    else if (!compose_edit_external(form))
+        form->notice = "No editor could be started.";
+    return form_end::open;
+}
+
+// Returns how the form ended.
+static form_end run_form(compose_form *form) {
     tui_screen page;
-    page.rebuild = [&form](tui_screen *below) { compose_build(&form, below); };
-    while (!quit_requested) {
-        compose_build(&form, &page);
-        tui_draw(page);
+    page.rebuild = [form](tui_screen *below) {
+        compose_scroll(form);
+        compose_build(*form, below);
+    };
+    auto end = form_end::open;
+    while (!quit_requested && end == form_end::open) {
+        compose_scroll(form);
+        if (!tui_keys_wait())
+            draw(*form, &page);
         tui_character character = {};
         const tui_key key = tui_next_key(character);
-        if (!press(&form, &page, key, character))
-            return;
+        end = press(form, &page, key, character);
     }
+    return end == form_end::open ? form_end::cut_short : end;
+}
+
+std::string compose_page() {
+    compose_form form;
+    if (run_form(&form) == form_end::done || !compose_has_text(form.text))
+        return "";
+    const std::string path = compose_keep_text(form.text);
+    if (path.empty())
+        return xasprintf("the text of the new message could not be kept: %s", strerror(errno));
+    return xasprintf("the text of the new message is kept in %s", path.c_str());
 }

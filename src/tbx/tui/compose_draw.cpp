@@ -34,22 +34,23 @@ static int cursor_column(std::string_view value, size_t cursor) {
     return tui_columns(value.substr(0, cursor));
 }
 
-// The first column to show of a value `columns` wide in a place of `width`. Behind a value's
+// The first column to show of a value in its place. Behind a value's
 // end the cursor stands on the blank that follows the place.
-static int clamp_scroll(int scroll, int cursor, int columns, int width) {
-    scroll = std::min({scroll, cursor, std::max(columns - width, 0)});
-    return std::max(scroll, cursor - width);
+// It begins with a whole character.
+static int clamp_scroll(int scroll, std::string_view value, size_t cursor_byte) {
+    const int width = value_cols();
+    const int cursor = cursor_column(value, cursor_byte);
+    scroll = std::min({scroll, cursor, std::max(tui_columns(value) - width, 0)});
+    return tui_whole_column(value, std::max(scroll, cursor - width));
 }
 
 static void show_field_cursor(compose_field *field) {
-    field->scroll = clamp_scroll(field->scroll, cursor_column(field->value, field->cursor),
-                                 tui_columns(field->value), value_cols());
+    field->scroll = clamp_scroll(field->scroll, field->value, field->cursor);
 }
 
 static void show_text_cursor(compose_text *text) {
     const std::string &line = text->lines[text->line];
-    text->scroll = clamp_scroll(text->scroll, cursor_column(line, text->cursor), tui_columns(line),
-                                value_cols());
+    text->scroll = clamp_scroll(text->scroll, line, text->cursor);
     const size_t rows = text_rows();
     const size_t last_top = text->lines.size() - std::min(text->lines.size(), rows);
     text->top = std::min({text->top, text->line, last_top}); // no empty rows below hidden lines
@@ -57,7 +58,7 @@ static void show_text_cursor(compose_text *text) {
         text->top = text->line - rows + 1;
 }
 
-static void show_cursors(compose_form *form) {
+void compose_scroll(compose_form *form) {
     for (compose_field &field : form->fields)
         show_field_cursor(&field);
     show_text_cursor(&form->text);
@@ -87,6 +88,11 @@ static void append_side_text(strlist *lines, const char *text) {
     tui_add_line(lines, "%*s%s%s%s", VALUE_COL, "", tui_style.grey, text, tui_style.reset);
 }
 
+// The column of the page that the cursor stands in.
+static int cursor_place(std::string_view value, size_t cursor, int scroll) {
+    return VALUE_COL + std::max(cursor_column(value, cursor) - scroll, 0);
+}
+
 static void append_fields(tui_screen *page, const compose_form &form) {
     for (size_t i = 0; i < COMPOSE_FIELDS; i++) {
         const compose_field &field = form.fields[i];
@@ -94,7 +100,7 @@ static void append_fields(tui_screen *page, const compose_form &form) {
         append_field(&page->lines, field, FIELDS[i].label, has_focus);
         if (has_focus) {
             page->cursor_row = static_cast<int>(page->lines.count);
-            page->cursor_col = VALUE_COL + cursor_column(field.value, field.cursor) - field.scroll;
+            page->cursor_col = cursor_place(field.value, field.cursor, field.scroll);
         }
         const bool has_preview = i == COMPOSE_TO && !form.preview.empty();
         append_side_text(&page->lines, has_preview ? form.preview.c_str() : FIELDS[i].hint);
@@ -130,11 +136,15 @@ static void append_text_bottom(strlist *lines) {
     strlist_push_view(lines, line.view());
 }
 
-static void append_size(strlist *lines, const compose_text &text) {
-    const size_t bytes = compose_text_bytes(text);
-    tui_add_line(lines, "%*s%s%zu of %d bytes%s", VALUE_COL, "",
-                 bytes > TEXT_MAX_BYTES ? tui_style.red : tui_style.grey, bytes,
-                 static_cast<int>(TEXT_MAX_BYTES), tui_style.reset);
+static void append_size(strlist *lines, const compose_form &form) {
+    const size_t bytes = compose_text_bytes(form.text);
+    strbuf line;
+    strbuf_printf(&line, "%*s%s%zu of %d bytes%s", VALUE_COL, "",
+                  bytes > TEXT_MAX_BYTES ? tui_style.red : tui_style.grey, bytes,
+                  static_cast<int>(TEXT_MAX_BYTES), tui_style.reset);
+    if (!form.notice.empty())
+        strbuf_printf(&line, " · %s%s%s", tui_style.red, form.notice.c_str(), tui_style.reset);
+    strlist_push_view(lines, line.view());
 }
 
 // The line shown in row `row` of the text's frame. Only the cursor's line scrolls sideways.
@@ -153,11 +163,10 @@ static void append_text(tui_screen *page, const compose_form &form) {
     for (size_t row = 0; row < text_rows(); row++)
         append_text_line(&page->lines, visible_text(text, row));
     append_text_bottom(&page->lines);
-    append_size(&page->lines, text);
+    append_size(&page->lines, form);
     if (has_focus) {
         page->cursor_row = first_row + static_cast<int>(text.line - text.top) + 1;
-        page->cursor_col =
-            VALUE_COL + cursor_column(text.lines[text.line], text.cursor) - text.scroll;
+        page->cursor_col = cursor_place(text.lines[text.line], text.cursor, text.scroll);
     }
 }
 
@@ -173,8 +182,7 @@ static void scroll_to_cursor(tui_screen *page) {
     page->cursor_row -= hidden;
 }
 
-void compose_build(compose_form *form, tui_screen *page) {
-    show_cursors(form);
+void compose_build(const compose_form &form, tui_screen *page) {
     const char *const key = tui_style.key;
     const char *const off = tui_style.reset;
     page->title = "New message";
@@ -183,7 +191,7 @@ void compose_build(compose_form *form, tui_screen *page) {
                   key, off, "open in the editor", key, off, "send", key, off, "cancel");
     strlist_free(&page->lines);
     tui_add_line(&page->lines, "%s", "");
-    append_fields(page, *form);
-    append_text(page, *form);
+    append_fields(page, form);
+    append_text(page, form);
     scroll_to_cursor(page);
 }

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -56,7 +57,9 @@ static bool create_file(const compose_text &text, edited_file *file) {
     file->user = calling_user();
     if (write_text(&fd, text, file))
         return true;
+    const int error = errno;
     unlink(file->path.c_str()); // half a text must not come back as the whole
+    errno = error;
     return false;
 }
 
@@ -94,6 +97,14 @@ static bool read_file_back(const edited_file &file, std::string *contents) {
 
 // ---- The editor ---------------------------------------------------------------------------
 
+// Tells the editor whose it is: its settings are read, and its files written, there.
+static void set_environment(const passwd &account) {
+    setenv("HOME", account.pw_dir, /*overwrite=*/1);
+    setenv("SHELL", account.pw_shell, /*overwrite=*/1);
+    setenv("USER", account.pw_name, /*overwrite=*/1);
+    setenv("LOGNAME", account.pw_name, /*overwrite=*/1);
+}
+
 // Becomes the user for good or ends the child.
 static void become(const resolved_user &user) {
     if (initgroups(user.name.c_str(), user.gid) != 0 ||
@@ -114,10 +125,15 @@ static const char *chosen_editor() {
 
 // In the child. The shell splits the editor's words; the path stays one.
 [[noreturn]] static void exec_editor(const edited_file &file) {
-    for (const int number : {SIGINT, SIGQUIT, SIGTSTP, SIGPIPE})
+    for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGPIPE})
         signal(number, SIG_DFL);
-    if (file.user)
+    if (file.user) {
+        const passwd *account = getpwnam(file.user->name.c_str());
+        if (account == nullptr)
+            _exit(CANNOT_BECOME_USER);
+        set_environment(*account);
         become(*file.user);
+    }
     const char *path = file.path.c_str();
     const char *editor = chosen_editor();
     if (editor != nullptr)
@@ -127,43 +143,57 @@ static const char *chosen_editor() {
     _exit(CANNOT_START_EDITOR);
 }
 
-// Waits for the editor's end. One that Ctrl+Z stops goes on at once, with what it started: no
-// shell is there to let it go on, since the interface behind it does not stop.
-static void await_editor(pid_t editor) {
-    int status = 0;
+// Waits for the editor's end, and returns its wait status, -1 when nobody tells it. One that Ctrl+Z
+// stops goes on at once, with what it started: no shell is there to let it go on, since the
+// interface behind it does not stop.
+static int await_editor(pid_t editor) {
+    int status = -1;
     while (true) {
         if (waitpid(editor, &status, WUNTRACED) < 0) {
             if (errno != EINTR)
-                return;
+                return -1;
         } else if (!WIFSTOPPED(status)) {
-            return;
+            return status;
         } else if (WSTOPSIG(status) == SIGTSTP) {
             kill(0, SIGCONT);
         }
     }
 }
 
-// An editor that cannot be started leaves the file as it was.
-static void run_editor(const edited_file &file) {
+// Also what a shell returns for an editor that it does not find, or that is no program.
+static bool could_not_start(int wait_status) {
+    return WIFEXITED(wait_status) && (WEXITSTATUS(wait_status) == CANNOT_START_EDITOR ||
+                                      WEXITSTATUS(wait_status) == CANNOT_BECOME_USER);
+}
+
+// Returns false when no editor could be started; the file is as it was then.
+static bool run_editor(const edited_file &file) {
     fflush(stdout);
     const tui_signals_ignored ignored;
     const pid_t editor = fork();
     if (editor == 0)
         exec_editor(file);
-    if (editor > 0)
-        await_editor(editor);
+    return editor > 0 && !could_not_start(await_editor(editor));
 }
 
-void compose_edit_external(compose_form *form) {
+bool compose_edit_external(compose_form *form) {
     edited_file file;
     if (!create_file(form->text, &file))
-        return;
+        return false;
     tui_restore();
-    run_editor(file);
+    const bool has_run = run_editor(file);
     std::string contents;
     if (read_file_back(file, &contents))
         compose_set_text(&form->text, contents);
     unlink(file.path.c_str()); // the user may have moved it away
     tui_raw_mode();
     tui_update_size();
+    return has_run;
+}
+
+// ---- Keeping the text ---------------------------------------------------------------------
+
+std::string compose_keep_text(const compose_text &text) {
+    edited_file file;
+    return create_file(text, &file) ? file.path : "";
 }

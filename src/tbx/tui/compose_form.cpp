@@ -3,6 +3,7 @@
 #include "tbx/tui/text.h"
 
 #include <algorithm>
+#include <iterator>
 
 static constexpr size_t FIELD_MAX_BYTES = 1000; // a value of this length takes no more characters
 static constexpr int FOCUS_COUNT = 4;
@@ -82,6 +83,7 @@ static void press_in_field(compose_form *form, tui_key key, std::string_view cha
     case KEY_BACKTAB:
     case KEY_CTRL_E:
     case KEY_CTRL_S:
+    case KEY_PASTE:
         break;
     }
 }
@@ -203,8 +205,50 @@ static void press_in_text(compose_form *form, tui_key key, std::string_view char
     case KEY_BACKTAB:
     case KEY_CTRL_E:
     case KEY_CTRL_S:
+    case KEY_PASTE:
         break;
     }
+}
+
+// ---- Pasting ------------------------------------------------------------------------------
+
+static void paste_into_field(compose_field *field, std::string_view line) {
+    if (field->value.size() < FIELD_MAX_BYTES)
+        insert_at(&field->value, &field->cursor,
+                  tui_beginning(line, FIELD_MAX_BYTES - field->value.size()));
+}
+
+// The lines between the first and the last one pasted are put in at once: one after the other
+// would move all lines below each time.
+static void paste_into_text(compose_text *text, std::string_view pasted) {
+    const size_t first_end = pasted.find('\n');
+    if (first_end == std::string_view::npos) {
+        insert_at(&current_line(text), &text->cursor, pasted);
+        return;
+    }
+    std::string rest = current_line(text).substr(text->cursor);
+    current_line(text).replace(text->cursor, std::string::npos, pasted.substr(0, first_end));
+    pasted.remove_prefix(first_end + 1);
+
+    std::vector<std::string> lines;
+    for (size_t end = pasted.find('\n'); end != std::string_view::npos; end = pasted.find('\n')) {
+        lines.emplace_back(pasted.substr(0, end));
+        pasted.remove_prefix(end + 1);
+    }
+    lines.emplace_back(pasted);
+    text->cursor = lines.back().size();
+    lines.back() += rest;
+    const auto behind = text->lines.begin() + static_cast<ptrdiff_t>(text->line) + 1;
+    text->line += lines.size();
+    text->lines.insert(behind, std::make_move_iterator(lines.begin()),
+                       std::make_move_iterator(lines.end()));
+}
+
+void compose_paste(compose_form *form, std::string_view pasted) {
+    if (form->focus == COMPOSE_TEXT)
+        paste_into_text(&form->text, tui_clean_paste(pasted));
+    else
+        paste_into_field(&form->fields[static_cast<size_t>(form->focus)], tui_on_one_line(pasted));
 }
 
 // ---- The form -----------------------------------------------------------------------------
@@ -223,7 +267,11 @@ void compose_press(compose_form *form, tui_key key, std::string_view character) 
 bool compose_is_empty(const compose_form &form) {
     const bool has_fields = std::any_of(form.fields.begin(), form.fields.end(),
                                         [](const auto &field) { return !field.value.empty(); });
-    return !has_fields && form.text.lines.size() == 1 && form.text.lines.front().empty();
+    return !has_fields && !compose_has_text(form.text);
+}
+
+bool compose_has_text(const compose_text &text) {
+    return text.lines.size() > 1 || !text.lines.front().empty();
 }
 
 std::string compose_text_joined(const compose_text &text) {

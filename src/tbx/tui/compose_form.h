@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,14 +32,21 @@ struct compose_form {
     std::array<compose_field, COMPOSE_FIELDS> fields;
     compose_text text;
     int focus = COMPOSE_TO;
-    std::string preview; // whom To reaches, or why it does not; may be styled; empty for none
+    std::string preview;    // whom To reaches, or why it does not; may be styled; empty for none
+    std::string notice;     // what stands beside the size of the text until a key; empty for none
+    int64_t message_id = 0; // created by a send that did not reach everybody; 0 for none
 };
 
 // Applies an editing or moving key; every other key changes nothing.
 void compose_press(compose_form *form, tui_key key, std::string_view character);
 
+// Puts text that was pasted where the cursor is: lines into the text, one line into a field, of
+// which it takes as much as if it were typed.
+void compose_paste(compose_form *form, std::string_view pasted);
+
 // Whether nothing has been written.
 [[nodiscard]] bool compose_is_empty(const compose_form &form);
+[[nodiscard]] bool compose_has_text(const compose_text &text);
 
 // The text, its lines joined by newlines, and its bytes.
 [[nodiscard]] std::string compose_text_joined(const compose_text &text);

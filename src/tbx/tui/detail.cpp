@@ -20,11 +20,11 @@ struct detail_page {
     int64_t id = 0;
     message_summary summary;
     std::vector<recipient_line> recipients;
-    strlist text_lines;    // the text, wrapped
-    strlist history_lines; // on the History tab only
+    strlist text_lines;       // the text, wrapped
+    strlist history_lines;    // on the History tab only
+    bool has_history = false; // false until they are there
     detail_tab tab = detail_tab::recipients;
-    int scroll = 0;  // first entry of the tab that is shown
-    int visible = 0; // how many entries the last frame had room for
+    int scroll = 0; // first entry of the tab that is shown
     bool needs_reload = true;
     int tick_count = 0;
     std::string loaded_at;
@@ -54,21 +54,23 @@ static void load_recipients(detail_page *state, confirmation_cache *cache) {
 }
 
 // What the history command prints, but for its own heading.
-static void load_history(detail_page *state) {
-    strlist_free(&state->history_lines);
-    if (state->tab != detail_tab::history)
-        return;
-    const tui_job job = {cmd_log, std::to_string(state->id), {}};
-    strbuf output;
-    static_cast<void>(tui_run_command(job, {}, &output)); // what came of a failure is shown, too
-    const std::string text = tui_clean(output.view());
-    const size_t heading_end = text.find('\n');
-    if (heading_end != std::string::npos)
-        tui_split_lines(std::string_view(text).substr(heading_end + 1), &state->history_lines);
+static void load_history(detail_page *state, tui_screen *page) {
+    strlist lines;
+    if (state->tab == detail_tab::history) {
+        const std::string id = std::to_string(state->id);
+        const job_result result = // what came of a failure is shown, too
+            tui_run_in_box(page, "History", [&id] { cmd_log(id.c_str()); }, /*input=*/{});
+        const std::string text = tui_clean(result.output.view());
+        const size_t heading_end = text.find('\n');
+        if (heading_end != std::string::npos)
+            tui_split_lines(std::string_view(text).substr(heading_end + 1), &lines);
+    }
+    state->history_lines = std::move(lines);
+    state->has_history = state->tab == detail_tab::history;
 }
 
 // False when the message is gone.
-static bool load(detail_page *state) {
+static bool load(detail_page *state, tui_screen *page) {
     state->needs_reload = false;
     user_times_renew();
     confirmation_cache cache(state->id);
@@ -85,12 +87,13 @@ static bool load(detail_page *state) {
     load_recipients(state, &cache);
     tui_clean_message(&state->summary.message);
     wrap_text(state);
-    load_history(state);
+    load_history(state, page);
     return true;
 }
 
 // ---- State to lines -----------------------------------------------------------------------
 
+static constexpr int OTHER_ROWS = 8;        // the frame's four, the facts, the tabs, two empty ones
 static constexpr size_t TEXT_MAX_LINES = 6; // a longer text shows one less, and "…"
 static constexpr int USER_HEADING_COLS = 14;
 static constexpr int USER_COLS = 13;
@@ -176,8 +179,15 @@ static int entry_count(const detail_page &state) {
                                                              : state.recipients.size());
 }
 
+// Entries that there is room for below the lines above them; none or less on a low screen.
+static int visible_entries(const detail_page &state) {
+    const size_t text_lines = std::min(state.text_lines.count, TEXT_MAX_LINES);
+    const int heading_lines = state.tab == detail_tab::recipients ? 1 : 0;
+    return tui.screen_rows - OTHER_ROWS - static_cast<int>(text_lines) - heading_lines;
+}
+
 static void append_entries(strlist *lines, const detail_page &state) {
-    const int end = std::min(state.scroll + state.visible, entry_count(state));
+    const int end = std::min(state.scroll + visible_entries(state), entry_count(state));
     for (int entry = state.scroll; entry < end; entry++) {
         const auto at = static_cast<size_t>(entry);
         if (state.tab == detail_tab::history)
@@ -185,7 +195,7 @@ static void append_entries(strlist *lines, const detail_page &state) {
         else
             append_recipient(lines, state.recipients[at]);
     }
-    if (state.tab == detail_tab::history && entry_count(state) == 0)
+    if (state.has_history && entry_count(state) == 0)
         tui_add_line(lines, " %s%s%s", tui_style.grey, "No events in the system log.",
                      tui_style.reset);
 }
@@ -203,22 +213,26 @@ static void append_labels(tui_screen *page, const detail_page &state) {
                              "revoke", key, off, "back");
 }
 
-static void build(detail_page *state, tui_screen *page) {
+// Takes a screen of another size, and keeps the scroll position within the entries.
+static void fit_to_screen(detail_page *state) {
     if (state->changes_seen != tui.screen_changes)
         wrap_text(state);
+    const int last_scroll = entry_count(*state) - visible_entries(*state);
+    state->scroll = std::max(std::min(state->scroll, last_scroll), 0);
+}
+
+static void build(const detail_page &state, tui_screen *page) {
     strlist *lines = &page->lines;
     strlist_free(lines);
-    append_labels(page, *state);
-    append_facts(lines, state->summary);
-    append_text(lines, state->text_lines);
+    append_labels(page, state);
+    append_facts(lines, state.summary);
+    append_text(lines, state.text_lines);
     tui_add_line(lines, "%s", "");
-    append_tabs(lines, *state);
+    append_tabs(lines, state);
     tui_add_line(lines, "%s", "");
-    if (state->tab == detail_tab::recipients)
+    if (state.tab == detail_tab::recipients)
         append_recipient_heading(lines);
-    state->visible = tui.screen_rows - 4 - static_cast<int>(lines->count);
-    state->scroll = std::max(std::min(state->scroll, entry_count(*state) - state->visible), 0);
-    append_entries(lines, *state);
+    append_entries(lines, state);
 }
 
 // ---- Keys ---------------------------------------------------------------------------------
@@ -288,10 +302,10 @@ static bool press(detail_page *state, tui_screen *page, tui_key key, const char 
         state->scroll++;
         break;
     case KEY_PGUP:
-        state->scroll -= state->visible;
+        state->scroll -= visible_entries(*state);
         break;
     case KEY_PGDN:
-        state->scroll += state->visible;
+        state->scroll += visible_entries(*state);
         break;
     case KEY_NONE:
     case KEY_RIGHT:
@@ -303,6 +317,7 @@ static bool press(detail_page *state, tui_screen *page, tui_key key, const char 
     case KEY_DELETE:
     case KEY_CTRL_E:
     case KEY_CTRL_S:
+    case KEY_PASTE:
         break;
     }
     return true;
@@ -315,12 +330,18 @@ void detail_view(int64_t id) {
     state.id = id;
     state.loaded_at = tui_clock();
     tui_screen page;
-    page.rebuild = [&state](tui_screen *below) { build(&state, below); };
+    page.rebuild = [&state](tui_screen *below) {
+        fit_to_screen(&state);
+        build(state, below);
+    };
     while (!quit_requested) {
-        if (state.needs_reload && !load(&state))
+        if (state.needs_reload && !load(&state, &page))
             return;
-        build(&state, &page);
-        tui_draw(page);
+        fit_to_screen(&state);
+        if (!tui_keys_wait()) {
+            build(state, &page);
+            tui_draw(page);
+        }
         tui_character character = {};
         const tui_key key = tui_next_key(character);
         if (!press(&state, &page, key, character))

@@ -1,8 +1,6 @@
 #include "tbx/tui/dialog.h"
 
-#include "common/style.h"
 #include "tbx/command.h"
-#include "tbx/tui/job.h"
 
 #include <algorithm>
 
@@ -29,11 +27,15 @@ static box_place place_box(int content_cols) {
     return {(tui_body_cols() - width) / 2, width};
 }
 
+int tui_box_max_cols() {
+    return std::max(tui.screen_cols - BOX_SMALL_COLS - BOX_SIDE_COLS, 0);
+}
+
 static int widest(const strlist &lines) {
-    size_t columns = 0;
+    int columns = 0;
     for (const char *line : lines)
-        columns = std::max(columns, text_display_width(line));
-    return static_cast<int>(columns);
+        columns = std::max(columns, tui_line_columns(line));
+    return columns;
 }
 
 static void begin_box_line(strbuf *line, const box_place &place) {
@@ -107,12 +109,7 @@ static tui_screen with_box(const tui_screen &page, std::string_view title, const
     return copy;
 }
 
-bool tui_draw_with_box(const tui_screen &page, std::string_view title, const strlist &body,
-                       std::string_view button_line, std::string_view footer) {
-    return tui_draw(with_box(page, title, body, button_line, footer));
-}
-
-// ---- Asking -------------------------------------------------------------------------------
+// ---- Dialogs ------------------------------------------------------------------------------
 
 // What a dialog shows, and whether the screen shows it.
 struct dialog {
@@ -122,32 +119,41 @@ struct dialog {
     std::string footer;
     strlist body;
     bool is_drawn = false;
-    bool is_drawn_first = true; // also when the key that answers it has been typed already
     unsigned changes_seen = tui.screen_changes; // the page is built for the present size
 };
 
-static bool draw_dialog(const dialog &shown) {
-    const tui_screen screen =
-        with_box(*shown.page, shown.title, shown.body, shown.button_line, shown.footer);
-    if (!shown.is_drawn_first)
-        return tui_draw(screen);
-    tui_show(screen);
-    return true;
+// The page below is built before its dialog: keys that wait have kept it from being drawn.
+static dialog over(tui_screen *page, const std::string &title) {
+    if (page->rebuild)
+        page->rebuild(page);
+    return {.page = page, .title = title, .button_line = "", .footer = "", .body = {}};
 }
 
-// Draws the dialog where the screen does not show it, and waits for a key. On a screen of
-// another size the page below is another one, too.
-static tui_key show_and_wait(dialog *shown, tui_character &character) {
-    if (shown->changes_seen != tui.screen_changes) {
-        shown->changes_seen = tui.screen_changes;
-        shown->is_drawn = false;
-        if (shown->page->rebuild)
-            shown->page->rebuild(shown->page);
-    }
+// On a screen of another size the page below is another one, too.
+static void follow_size(dialog *shown) {
+    if (shown->changes_seen == tui.screen_changes)
+        return;
+    shown->changes_seen = tui.screen_changes;
+    shown->is_drawn = false;
+    if (shown->page->rebuild)
+        shown->page->rebuild(shown->page);
+}
+
+// Draws the dialog where the screen does not show it.
+static void draw_dialog(dialog *shown) {
+    follow_size(shown);
     if (!shown->is_drawn)
-        shown->is_drawn = draw_dialog(*shown);
+        tui_draw(
+            with_box(*shown->page, shown->title, shown->body, shown->button_line, shown->footer));
+    shown->is_drawn = true;
+}
+
+static tui_key draw_and_wait(dialog *shown, tui_character &character) {
+    draw_dialog(shown);
     return tui_next_key(character);
 }
+
+// ---- Asking -------------------------------------------------------------------------------
 
 static bool is_cancelled(tui_key key) {
     return quit_requested || key == KEY_ERROR || key == KEY_ESC;
@@ -156,17 +162,23 @@ static bool is_cancelled(tui_key key) {
 static constexpr size_t PROMPT_MAX_BYTES = 199; // a longer value takes no more characters
 static constexpr int PROMPT_FRAME_COLS = 5;     // "[ ", the cursor mark, " ]"
 
-static void edit_prompt(std::string *value, tui_key key, const char *character) {
+static void paste_into_prompt(std::string *value, std::string_view pasted) {
+    if (value->size() <= PROMPT_MAX_BYTES)
+        value->append(tui_beginning(pasted, PROMPT_MAX_BYTES + 1 - value->size()));
+}
+
+static void edit_prompt(std::string *value, tui_key key, std::string_view character) {
     if (key == KEY_BACKSPACE)
         value->resize(tui_previous_character(*value, value->size()));
     else if (key == KEY_CHAR && value->size() <= PROMPT_MAX_BYTES)
         value->append(character);
+    else if (key == KEY_PASTE)
+        paste_into_prompt(value, tui_on_one_line(tui.input.pasted));
 }
 
 // The field: the end of a value that is wider than the widest box.
 static std::string prompt_field(const std::string &value) {
-    const int room =
-        std::max(tui.screen_cols - BOX_SMALL_COLS - BOX_SIDE_COLS - PROMPT_FRAME_COLS, 0);
+    const int room = std::max(tui_box_max_cols() - PROMPT_FRAME_COLS, 0);
     const std::string_view shown = tui_window(value, tui_columns(value) - room, room);
     return xasprintf("[ %s%s ]", tui_blank_controls(shown).c_str(),
                      tui_style.colour_on ? "\033[7m \033[0m" : "_");
@@ -182,16 +194,18 @@ static strlist prompt_body(std::string_view prompt, const std::string &value) {
 
 std::optional<std::string> tui_prompt(tui_screen *page, const std::string &title,
                                       std::string_view prompt, const std::string &initial) {
-    dialog shown = {page, title, /*button_line=*/"", /*footer=*/"", {}};
+    dialog shown = over(page, title);
     shown.footer = xasprintf("%sEnter%s %s   %sEsc%s %s", tui_style.key, tui_style.reset, "confirm",
                              tui_style.key, tui_style.reset, "cancel");
-    shown.is_drawn_first = false; // or pasted text would be drawn character by character
     std::string value = initial;
     while (true) {
-        shown.body = prompt_body(prompt, value);
-        shown.is_drawn = false;
+        if (!tui_keys_wait()) {
+            shown.body = prompt_body(prompt, value);
+            shown.is_drawn = false;
+            draw_dialog(&shown);
+        }
         tui_character character = {};
-        const tui_key key = show_and_wait(&shown, character);
+        const tui_key key = tui_next_key(character);
         if (is_cancelled(key))
             return std::nullopt;
         if (key == KEY_ENTER)
@@ -212,11 +226,14 @@ static std::string confirm_footer() {
 }
 
 bool tui_confirm(tui_screen *page, const std::string &title, const strlist &body) {
-    dialog shown = {page, title, confirm_buttons(), confirm_footer(), {}};
+    dialog shown = over(page, title);
+    shown.button_line = confirm_buttons();
+    shown.footer = confirm_footer();
     copy_lines(body, &shown.body);
+    tui_drop_input();
     while (true) {
         tui_character character = {};
-        const tui_key key = show_and_wait(&shown, character);
+        const tui_key key = draw_and_wait(&shown, character);
         if (is_cancelled(key))
             return false;
         const char letter = key == KEY_CHAR ? character[0] : '\0';
@@ -232,29 +249,46 @@ bool tui_confirm(tui_screen *page, const std::string &title, const strlist &body
 static constexpr const char *ANY_KEY = "any key to continue";
 
 void tui_show_lines(tui_screen *page, const std::string &title, const strlist &body) {
-    dialog shown = {page, title, ANY_KEY, ANY_KEY, {}};
+    dialog shown = over(page, title);
+    shown.button_line = shown.footer = ANY_KEY;
     copy_lines(body, &shown.body);
-    tui_character character = {};
-    while (show_and_wait(&shown, character) == KEY_TIMEOUT && !quit_requested) {
+    tui_key key = KEY_TIMEOUT;
+    while ((key == KEY_TIMEOUT || key == KEY_PASTE) && !quit_requested) {
+        tui_character character = {};
+        key = draw_and_wait(&shown, character);
     }
 }
 
-void tui_message_box(tui_screen *page, const std::string &title, std::string_view output) {
+// ---- Running commands ---------------------------------------------------------------------
+
+job_result tui_run_in_box(tui_screen *page, const std::string &title, const tui_job &job,
+                          std::string_view input) {
+    dialog shown = over(page, title);
+    strlist_push_dup(&shown.body, "Working …");
+    const auto say_so = [&shown] {
+        tui_update_size();
+        draw_dialog(&shown);
+    };
+    return tui_run_command(job, input, say_so);
+}
+
+void tui_message_box(tui_screen *page, const std::string &title, const job_result &result) {
     strlist body;
-    tui_split_lines(tui_clean(output), &body);
+    tui_split_lines(tui_clean(result.output.view()), &body);
     if (body.count == 0)
-        strlist_push_dup(&body, "Done.");
+        strlist_push_dup(&body, result.was_interrupted ? "Interrupted." : "Done.");
+    tui_drop_input();
     tui_show_lines(page, title, body);
+}
+
+void tui_run_and_tell(tui_screen *page, const std::string &title, const tui_job &job) {
+    tui_message_box(page, title, tui_run_in_box(page, title, job, /*input=*/{}));
 }
 
 // ---- Acting on one message ----------------------------------------------------------------
 
-static void run_on_message(tui_screen *page, const std::string &title,
-                           void (*command)(const char *), int64_t id) {
-    const tui_job job = {command, std::to_string(id), {}};
-    strbuf output;
-    static_cast<void>(tui_run_command(job, {}, &output)); // what it printed tells how it went
-    tui_message_box(page, title, output.view());
+static tui_job on_message(void (*command)(const char *), int64_t id) {
+    return [=] { command(std::to_string(id).c_str()); };
 }
 
 void tui_remind_dialog(tui_screen *page, const message_summary &summary) {
@@ -269,7 +303,7 @@ void tui_remind_dialog(tui_screen *page, const message_summary &summary) {
     tui_add_line(&body, "They are asked again now: at the next prompt");
     tui_add_line(&body, "and with the dialog on the desktop.");
     if (tui_confirm(page, title, body))
-        run_on_message(page, title, cmd_remind, id);
+        tui_run_and_tell(page, title, on_message(cmd_remind, id));
 }
 
 void tui_revoke_dialog(tui_screen *page, const message_summary &summary) {
@@ -285,5 +319,5 @@ void tui_revoke_dialog(tui_screen *page, const message_summary &summary) {
     tui_add_line(&body, "Whoever has not seen it yet will not see it;");
     tui_add_line(&body, "open dialogs and questions close by themselves.");
     if (tui_confirm(page, title, body))
-        run_on_message(page, title, cmd_revoke, id);
+        tui_run_and_tell(page, title, on_message(cmd_revoke, id));
 }

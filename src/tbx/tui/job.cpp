@@ -1,17 +1,13 @@
 #include "tbx/tui/job.h"
 
-#include "tbx/command.h"
+#include "common/child.h"
 #include "tbx/tui/screen.h"
 #include "tbx/user_child.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 
@@ -19,30 +15,21 @@ static constexpr int CANNOT_START = 127; // exit status of a child without its d
 
 // ---- The child's side ---------------------------------------------------------------------
 
-static void run_send(const std::vector<std::string> &arguments) {
-    std::vector<std::string> words = arguments;
-    std::vector<char *> argv;
-    for (std::string &word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    cmd_send(static_cast<int>(words.size()), argv.data());
+// Ctrl+C and Ctrl+\ end a command, and so does whoever ends the interface with all its processes.
+// Ctrl+Z does not stop it: the interface, which waits for it, would have no way to let it go on.
+static void set_signals() {
+    for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE, SIGCONT})
+        signal(number, SIG_DFL);
+    signal(SIGTSTP, SIG_IGN);
 }
 
-// Ctrl+C and Ctrl+\ end a command. Ctrl+Z does not stop it: the interface, which waits for it,
-// would have no way to let it go on.
 [[noreturn]] static void run_child(const tui_job &job, const unique_fd &in, const unique_fd &out) {
-    signal(SIGINT, SIG_DFL);
-    signal(SIGQUIT, SIG_DFL);
-    signal(SIGPIPE, SIG_DFL);
-    signal(SIGTSTP, SIG_IGN);
+    set_signals();
     if (dup2(in.get(), STDIN_FILENO) < 0 || dup2(out.get(), STDOUT_FILENO) < 0 ||
         dup2(out.get(), STDERR_FILENO) < 0)
         _exit(CANNOT_START);
     user_times_forget(); // a command is a run of its own
-    if (job.command != nullptr)
-        job.command(job.argument.c_str());
-    else
-        run_send(job.send_arguments);
+    job();
     fflush(stdout);
     fflush(stderr);
     _exit(0);
@@ -50,89 +37,107 @@ static void run_send(const std::vector<std::string> &arguments) {
 
 // ---- The parent's side --------------------------------------------------------------------
 
-struct job_pipe {
-    unique_fd read_end;
-    unique_fd write_end;
+static constexpr int SLOW_AFTER_MS = 500; // without a result: it is said that one is waited for
+static constexpr int LOOK_AGAIN_MS = 200; // for a request to end that came just before a wait
 
-    [[nodiscard]] bool open() {
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) != 0)
-            return false;
-        read_end.reset(fds[0]);
-        write_end.reset(fds[1]);
-        return true;
-    }
+// Of an interface that is asked to end: how long the command may take to end by itself, and
+// how long after each signal. Together less than a second.
+static constexpr int GRACE_MS = 300;
+static constexpr int DYING_MS = 200;
+
+static constexpr int NOT_REAPED = -1; // no wait status has this value
+
+struct started_job {
+    pid_t child = -1;
+    unique_fd pidfd;
+    child_exchange traffic;
 };
 
-// Writes what the pipe takes, and closes it once all is written or nobody reads it.
-static void feed(unique_fd *to_child, std::string_view *input) {
-    const ssize_t written = write(to_child->get(), input->data(), input->size());
-    if (written < 0 && (errno == EINTR || errno == EAGAIN))
+// Calls `waiting` when it is time to. Returns for how long to wait then.
+static int remaining_wait(int64_t started_ms, const std::function<void()> &waiting) {
+    const int64_t slow_in_ms = started_ms + SLOW_AFTER_MS - child_clock_ms();
+    if (slow_in_ms > 0)
+        return static_cast<int>(slow_in_ms);
+    if (waiting)
+        waiting();
+    return LOOK_AGAIN_MS;
+}
+
+// Nobody is left to wait for what comes of the command.
+static bool is_to_end() {
+    return quit_requested || tui_is_hung_up();
+}
+
+// Feeds and drains the child, until its output ends or the interface is to end.
+static void attend(started_job *job, const std::function<void()> &waiting) {
+    const int64_t started_ms = child_clock_ms();
+    auto state = exchange_state::open;
+    while (state != exchange_state::ended && !is_to_end()) {
+        const int wait_ms = remaining_wait(started_ms, waiting);
+        state = child_exchange_step(&job->traffic, wait_ms, job->pidfd.get());
+    }
+}
+
+// Feeds and drains a child that is to end by itself now, and then ends it.
+static void attend_the_end(started_job *job, int *status) {
+    const int64_t deadline_ms = child_clock_ms() + GRACE_MS;
+    auto state = exchange_state::open;
+    for (int64_t left_ms = GRACE_MS; left_ms > 0 && state != exchange_state::ended;
+         left_ms = deadline_ms - child_clock_ms())
+        state = child_exchange_step(&job->traffic, static_cast<int>(left_ms), job->pidfd.get());
+    if (child_await(job->child, job->pidfd, /*timeout_ms=*/0, status))
         return;
-    if (written > 0)
-        input->remove_prefix(static_cast<size_t>(written));
-    if (written <= 0 || input->empty())
-        to_child->reset();
-}
-
-// Reads once. False at the end of the output.
-static bool drain(const unique_fd &from_child, strbuf *output) {
-    std::array<char, 16384> chunk;
-    const ssize_t got = read(from_child.get(), chunk.data(), chunk.size());
-    if (got <= 0)
-        return got < 0 && errno == EINTR;
-    const size_t room = JOB_OUTPUT_MAX_BYTES - std::min(output->len, JOB_OUTPUT_MAX_BYTES);
-    strbuf_append(output, chunk.data(), std::min(static_cast<size_t>(got), room));
-    return true;
-}
-
-// Feeds and drains at the same time, since a child may print before it has read everything.
-static void exchange(unique_fd to_child, const unique_fd &from_child, std::string_view input,
-                     strbuf *output) {
-    if (input.empty() || fcntl(to_child.get(), F_SETFL, O_NONBLOCK) != 0)
-        to_child.reset();
-    while (true) {
-        // A negative descriptor is passed over.
-        pollfd watched[] = {{.fd = from_child.get(), .events = POLLIN, .revents = 0},
-                            {.fd = to_child.get(), .events = POLLOUT, .revents = 0}};
-        if (poll(watched, 2, -1) < 0) {
-            if (errno == EINTR)
-                continue; // asked to quit: the command is waited for all the same
-            return;
-        }
-        if (watched[1].revents != 0)
-            feed(&to_child, &input);
-        if (watched[0].revents != 0 && !drain(from_child, output))
+    for (const int number : {SIGTERM, SIGKILL}) {
+        kill(job->child, number); // cannot fail: a child stays ours until it is waited for
+        if (child_await(job->child, job->pidfd, DYING_MS, status))
             return;
     }
 }
 
-static int exit_status_of(pid_t child) {
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0)
-        if (errno != EINTR)
-            return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+// Waits for the child's end. Returns its wait status, NOT_REAPED when nobody tells it.
+static int follow(started_job *job, const std::function<void()> &waiting) {
+    int status = NOT_REAPED;
+    attend(job, waiting);
+    while (!is_to_end())
+        if (child_await(job->child, job->pidfd, LOOK_AGAIN_MS, &status))
+            return status;
+    attend_the_end(job, &status);
+    return status;
 }
 
-int tui_run_command(const tui_job &job, std::string_view input, strbuf *output) {
-    job_pipe to_child;
-    job_pipe from_child;
-    if (!to_child.open() || !from_child.open())
-        return -1;
+static void set_result(job_result *result, int wait_status) {
+    if (wait_status == NOT_REAPED)
+        return;
+    result->was_interrupted = WIFSIGNALED(wait_status);
+    if (WIFEXITED(wait_status))
+        result->status = WEXITSTATUS(wait_status);
+}
+
+job_result tui_run_command(const tui_job &job, std::string_view input,
+                           const std::function<void()> &waiting) {
+    job_result result;
+    child_pipe to_child;
+    child_pipe from_child;
+    if (!child_pipe_open(&to_child) || !child_pipe_open(&from_child))
+        return result;
     fflush(stdout);
     const tui_signals_ignored ignored; // before the fork: no key falls between
-    const pid_t child = fork();
-    if (child < 0)
-        return -1;
-    if (child == 0) {
+    started_job started;
+    started.child = fork();
+    if (started.child < 0)
+        return result;
+    if (started.child == 0) {
         to_child.write_end.reset();
         from_child.read_end.reset();
         run_child(job, to_child.read_end, from_child.write_end);
     }
     to_child.read_end.reset();
     from_child.write_end.reset();
-    exchange(std::move(to_child.write_end), from_child.read_end, input, output);
-    from_child.read_end.reset();
-    return exit_status_of(child);
+    started.pidfd = child_pidfd(started.child);
+    if (input.empty() || fcntl(to_child.write_end.get(), F_SETFL, O_NONBLOCK) != 0)
+        to_child.write_end.reset();
+    started.traffic = {std::move(to_child.write_end), std::move(from_child.read_end), input,
+                       &result.output, JOB_OUTPUT_MAX_BYTES};
+    set_result(&result, follow(&started, waiting));
+    return result;
 }

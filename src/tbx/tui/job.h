@@ -4,19 +4,24 @@
 
 #include "common/core.h"
 
+#include <functional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 constexpr size_t JOB_OUTPUT_MAX_BYTES = 1'048'576;
 
-struct tui_job {
-    void (*command)(const char *argument) = nullptr; // null: cmd_send
-    std::string argument;                            // of `command`
-    std::vector<std::string> send_arguments;         // of cmd_send, after the word "send"
+using tui_job = std::function<void()>; // called in the child
+
+struct job_result {
+    int status = -1;              // exit status; -1: it could not be run, or a signal ended it
+    bool was_interrupted = false; // a signal ended it
+    strbuf output;                // what it printed, on standard output and standard error
 };
 
-// Runs `job` with `input` on its standard input, and appends what it prints, on standard
-// output and standard error, to `output`; what exceeds JOB_OUTPUT_MAX_BYTES is dropped.
-// Returns its exit status, or -1 when it could not be run or a signal ended it.
-[[nodiscard]] int tui_run_command(const tui_job &job, std::string_view input, strbuf *output);
+// Runs `job` with `input` on its standard input. Output beyond JOB_OUTPUT_MAX_BYTES is dropped.
+//   waiting  called after half a second without a result, and again and again from then on; may
+//            be empty
+// An interface that is asked to end takes the child with it: one that does not end by itself
+// within a moment is ended.
+[[nodiscard]] job_result tui_run_command(const tui_job &job, std::string_view input,
+                                         const std::function<void()> &waiting);

@@ -3,8 +3,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 // Between the bytes of one key. A terminal sends them together; a person takes longer.
 static constexpr int SEQUENCE_WAIT_MS = 40;
@@ -14,8 +16,20 @@ static constexpr int DELETE_BYTE = 127;
 
 // ---- Bytes --------------------------------------------------------------------------------
 
+void tui_input_clear(tui_input *input) {
+    input->next = input->end = 0;
+    input->paste.clear();
+    input->is_pasting = false;
+    input->silent_waits = 0;
+}
+
 bool tui_input_waits(const tui_input &input) {
     return input.next < input.end;
+}
+
+bool tui_input_arrives(const tui_input &input, int timeout_ms) {
+    pollfd watched = {.fd = input.fd, .events = POLLIN, .revents = 0};
+    return tui_input_waits(input) || poll(&watched, 1, timeout_ms) > 0;
 }
 
 // Takes what the descriptor holds. 0, or the code that tui_read_byte returns.
@@ -80,6 +94,74 @@ static void read_character(tui_input *input, int lead, tui_character &character)
     }
 }
 
+// ---- Pastes -------------------------------------------------------------------------------
+
+static constexpr std::string_view PASTE_BEGINS = "200"; // the number of its sequence
+static constexpr std::string_view PASTE_ENDS = "\033[201~";
+static constexpr size_t PASTE_MAX_BYTES = 1'048'576; // a longer one is several keys
+// A paste whose end was lost on the way is over at last, or the keys would never be keys again.
+static constexpr int SILENT_WAITS_MAX = 10;
+
+// Bytes at the end of `text` that are the beginning of a character.
+static size_t unfinished_bytes(std::string_view text) {
+    size_t bytes = 1;
+    while (bytes < std::min<size_t>(text.size(), 4) &&
+           is_continuation(static_cast<unsigned char>(text[text.size() - bytes])))
+        bytes++;
+    if (bytes > text.size())
+        return 0;
+    const auto lead = static_cast<unsigned char>(text[text.size() - bytes]);
+    return static_cast<size_t>(continuation_bytes(lead)) >= bytes ? bytes : 0;
+}
+
+// Bytes at the end of what has arrived that may belong to what follows: to the sequence that ends
+// the paste, to the two bytes of one line end, to one character.
+static size_t bytes_to_hold_back(std::string_view paste) {
+    for (size_t bytes = std::min(PASTE_ENDS.size() - 1, paste.size()); bytes > 0; bytes--)
+        if (paste.ends_with(PASTE_ENDS.substr(0, bytes)))
+            return bytes;
+    return paste.ends_with('\r') ? 1 : unfinished_bytes(paste);
+}
+
+// Hands over what has arrived, but for its last bytes.
+static tui_key hand_over(tui_input *input, size_t held_back) {
+    const size_t bytes = input->paste.size() - held_back;
+    input->pasted.assign(input->paste, 0, bytes);
+    input->paste.erase(0, bytes);
+    input->silent_waits = 0;
+    return KEY_PASTE;
+}
+
+static tui_key end_paste(tui_input *input, size_t end_bytes) {
+    input->is_pasting = false;
+    const tui_key key = hand_over(input, end_bytes);
+    input->paste.clear();
+    return key;
+}
+
+static tui_key pause_paste(tui_input *input) {
+    const size_t held_back = bytes_to_hold_back(input->paste);
+    if (input->paste.size() > held_back)
+        return hand_over(input, held_back);
+    if (++input->silent_waits > SILENT_WAITS_MAX)
+        return end_paste(input, 0);
+    return KEY_TIMEOUT;
+}
+
+static tui_key read_paste(tui_input *input, int timeout_ms) {
+    while (input->paste.size() < PASTE_MAX_BYTES) {
+        const int byte = tui_read_byte(input, timeout_ms);
+        if (byte == TUI_BYTE_TIMEOUT)
+            return pause_paste(input);
+        if (byte == TUI_BYTE_ERROR)
+            return end_paste(input, 0); // the next key tells of the error
+        input->paste.push_back(static_cast<char>(byte));
+        if (byte == PASTE_ENDS.back() && input->paste.ends_with(PASTE_ENDS))
+            return end_paste(input, PASTE_ENDS.size());
+    }
+    return hand_over(input, bytes_to_hold_back(input->paste));
+}
+
 // ---- Escape sequences ---------------------------------------------------------------------
 
 static tui_key letter_key(int letter) {
@@ -135,14 +217,20 @@ static tui_key read_sequence(tui_input *input, int introducer) {
         return KEY_NONE;
     }
     int byte = first;
-    int parameters = 0;
+    std::string parameters;
     for (; is_parameter(byte); byte = tui_read_byte(input, SEQUENCE_WAIT_MS))
-        parameters++;
+        parameters.push_back(static_cast<char>(byte));
     if (byte == ESCAPE)
         put_back(input); // the sequence broke off: this begins the next key
-    if (parameters == 0)
+    if (parameters.empty())
         return letter_key(byte);
-    return introducer == '[' && parameters == 1 && byte == '~' ? numbered_key(first) : KEY_NONE;
+    if (introducer != '[' || byte != '~')
+        return KEY_NONE;
+    if (parameters == PASTE_BEGINS) {
+        input->is_pasting = true;
+        return read_paste(input, TUI_KEY_WAIT_MS);
+    }
+    return parameters.size() == 1 ? numbered_key(first) : KEY_NONE;
 }
 
 static tui_key read_escape(tui_input *input) {
@@ -152,13 +240,14 @@ static tui_key read_escape(tui_input *input) {
     if (byte == '[' || byte == 'O')
         return read_sequence(input, byte);
 
-    // A key held with Alt: its own sequence or character goes unused as a whole.
+    // A key held with Alt: its own sequence or character goes unused as a whole. A paste behind
+    // an Esc is one all the same.
     while (byte == ESCAPE)
         byte = tui_read_byte(input, SEQUENCE_WAIT_MS);
     tui_character unused = {};
-    if (byte == '[' || byte == 'O')
-        static_cast<void>(read_sequence(input, byte));
-    else if (byte >= 0)
+    if ((byte == '[' || byte == 'O') && read_sequence(input, byte) == KEY_PASTE)
+        return KEY_PASTE;
+    if (byte >= 0 && byte != '[' && byte != 'O')
         read_character(input, byte, unused);
     return KEY_NONE;
 }
@@ -186,6 +275,8 @@ static tui_key control_key(int byte) {
 
 tui_key tui_read_key(tui_input *input, int timeout_ms, tui_character &character) {
     memset(character, 0, sizeof character);
+    if (input->is_pasting)
+        return read_paste(input, timeout_ms);
     const int byte = tui_read_byte(input, timeout_ms);
     if (byte == TUI_BYTE_TIMEOUT)
         return KEY_TIMEOUT;

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <string>
 
 enum tui_key {
     KEY_NONE = 0,    // bytes without a meaning here
@@ -24,7 +25,8 @@ enum tui_key {
     KEY_DELETE = 16,
     KEY_CTRL_E = 17,
     KEY_CTRL_S = 18,
-    KEY_CHAR = 19, // one character of text
+    KEY_CHAR = 19,  // one character of text
+    KEY_PASTE = 20, // text that was pasted, in tui_input::pasted
 };
 
 constexpr int TUI_KEY_WAIT_MS = 500;
@@ -34,16 +36,28 @@ constexpr size_t TUI_CHARACTER_BYTES = 5;
 using tui_character = char[TUI_CHARACTER_BYTES];
 
 // The bytes that a descriptor delivers. What one read brings beyond the byte asked for waits
-// here, so that it is known without a system call whether more has been typed.
+// here, so that it is known without a system call whether more has been typed: all that a
+// terminal holds.
 struct tui_input {
     int fd = -1;
-    std::array<unsigned char, 256> bytes = {};
+    std::array<unsigned char, 4096> bytes = {};
     size_t next = 0; // bytes[next] to bytes[end - 1] wait
     size_t end = 0;
+
+    std::string pasted;      // the text of the last KEY_PASTE
+    std::string paste;       // what has arrived since then of a paste that has not ended
+    bool is_pasting = false; // whether there is one
+    int silent_waits = 0;    // how often nothing of it came in time
 };
+
+// Forgets what waits, and a paste that has not ended.
+void tui_input_clear(tui_input *input);
 
 // Whether bytes wait that tui_read_byte returns at once.
 [[nodiscard]] bool tui_input_waits(const tui_input &input);
+
+// The same of what the descriptor holds, too; waits up to `timeout_ms` for something to come.
+[[nodiscard]] bool tui_input_arrives(const tui_input &input, int timeout_ms);
 
 constexpr int TUI_BYTE_TIMEOUT = -1; // also when a signal interrupted the wait
 constexpr int TUI_BYTE_ERROR = -2;
@@ -53,4 +67,6 @@ constexpr int TUI_BYTE_ERROR = -2;
 
 // The next key. The first byte is waited for `timeout_ms`, those that belong to it only as
 // long as a terminal takes to send them.
+// A terminal with bracketed paste says where a paste begins and ends. It is one key, whatever it
+// holds; one that comes slowly or is very long is several.
 [[nodiscard]] tui_key tui_read_key(tui_input *input, int timeout_ms, tui_character &character);

@@ -8,6 +8,8 @@
 #include "tbx/tui/screen.h"
 #include "tbx/user_child.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -124,11 +126,21 @@ static void append_message(strbuf *line, const message_summary &row) {
     tui_fit(line, text.view(), message_cols());
 }
 
+// How many have confirmed, in what the line leaves: a number that is cut would be another one.
+static std::string short_recipients(const message_summary &row, int columns) {
+    const int64_t total = std::max<int64_t>(int64_t{row.confirmed} + row.delivered + row.sent, 1);
+    std::string text = xasprintf("%d/%lld", row.confirmed, static_cast<long long>(total));
+    if (tui_columns(text) > columns)
+        text = xasprintf("%lld%%", static_cast<long long>(row.confirmed * 100LL / total));
+    return tui_columns(text) <= columns ? text : "";
+}
+
 static void append_recipients(strbuf *line, const message_summary &row) {
     if (is_wide())
         tui_counts(line, row.confirmed, row.delivered, row.sent);
     else
-        strbuf_printf(line, "%d/%d", row.confirmed, row.confirmed + row.delivered + row.sent);
+        strbuf_append_str(
+            line, short_recipients(row, tui_body_cols() - tui_line_columns(line->view())).c_str());
 }
 
 static void append_row(strbuf *line, const message_summary &row, bool is_selected) {
@@ -145,9 +157,7 @@ static void append_row(strbuf *line, const message_summary &row, bool is_selecte
 
 // The line in the selection style alone, which spans the whole width.
 static void highlight(strbuf *line) {
-    std::string plain(line->view());
-    for (size_t at = plain.find('\033'); at != std::string::npos; at = plain.find('\033', at))
-        plain.erase(at, plain.find('m', at) - at + 1);
+    const std::string plain = tui_without_styles(line->view());
     strbuf_reset(line);
     strbuf_append_str(line, tui_style.selection);
     tui_pad(line, plain, tui_body_cols());
@@ -201,7 +211,8 @@ struct list_page {
     std::string search_text; // empty: no filter
     int selected = 0;
     int top = 0;
-    int tick_count = 0; // idle ticks since the list was last read for idleness
+    int tick_count = 0;   // idle ticks since the list was last read for idleness
+    std::string farewell; // said once the terminal is restored; empty for nothing
 };
 
 static int row_count(const list_page &state) {
@@ -231,13 +242,12 @@ static std::string list_footer() {
                      off, "purge", key, off, "search", key, off, "keys", key, off, "quit");
 }
 
-static void build(list_page *state, tui_screen *page) {
-    clamp_view(state);
+static void build(const list_page &state, tui_screen *page) {
     page->title = "Tellbox · sent messages";
-    page->status = xasprintf("updated at %s", state->list.loaded_at.c_str());
+    page->status = xasprintf("updated at %s", state.list.loaded_at.c_str());
     page->footer = list_footer();
     strlist_free(&page->lines);
-    message_list_render(&page->lines, state->list, state->selected, state->top, state->search_text);
+    message_list_render(&page->lines, state.list, state.selected, state.top, state.search_text);
 }
 
 // ---- Keys ---------------------------------------------------------------------------------
@@ -302,7 +312,7 @@ static bool press_letter(list_page *state, tui_screen *page, std::string_view le
     if (letter == "q" || letter == "Q")
         return false;
     if (letter == "n") {
-        compose_page();
+        state->farewell = compose_page();
         reload(state);
     } else if (letter == "r") {
         revoke_selected(state, page);
@@ -362,6 +372,7 @@ static bool press(list_page *state, tui_screen *page, tui_key key, const char *c
     case KEY_DELETE:
     case KEY_CTRL_E:
     case KEY_CTRL_S:
+    case KEY_PASTE:
         break;
     }
     return true;
@@ -374,25 +385,35 @@ static bool screen_is_too_small() {
     return tui.screen_rows < TUI_MIN_ROWS || tui.screen_cols < TUI_MIN_COLS;
 }
 
-static void run_list() {
+// Returns what is to be said once the terminal is restored.
+static std::string run_list() {
     list_page state;
     reload(&state);
     tui_screen page;
-    page.rebuild = [&state](tui_screen *below) { build(&state, below); };
+    page.rebuild = [&state](tui_screen *below) {
+        clamp_view(&state); // the size may be another one
+        build(state, below);
+    };
     while (!quit_requested && !screen_is_too_small()) {
-        build(&state, &page);
-        tui_draw(page);
+        clamp_view(&state);
+        if (!tui_keys_wait()) {
+            build(state, &page);
+            tui_draw(page);
+        }
         tui_character character = {};
         const tui_key key = tui_next_key(character);
         if (!press(&state, &page, key, character))
-            return;
+            break;
     }
+    return state.farewell;
 }
 
 bool tui_run() {
     if (!tui_start())
         return false;
-    run_list();
+    const std::string farewell = run_list();
     tui_end();
+    if (!farewell.empty() && !tui_output_is_stuck(STDERR_FILENO))
+        warn("%s", farewell.c_str());
     return true;
 }

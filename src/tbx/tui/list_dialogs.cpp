@@ -2,7 +2,6 @@
 
 #include "tbx/command.h"
 #include "tbx/tui/dialog.h"
-#include "tbx/tui/job.h"
 
 // ---- Search -------------------------------------------------------------------------------
 
@@ -31,10 +30,7 @@ void purge_dialog(tui_screen *page) {
                    "Delete the messages sent more than (for example 90d, 12h):", "90d");
     if (!age || !confirm_purge(page, *age))
         return;
-    const tui_job job = {cmd_purge, *age, {}};
-    strbuf output;
-    static_cast<void>(tui_run_command(job, {}, &output)); // what it printed tells how it went
-    tui_message_box(page, "Delete old messages", output.view());
+    tui_run_and_tell(page, "Delete old messages", [&age] { cmd_purge(age->c_str()); });
 }
 
 // ---- Keys ---------------------------------------------------------------------------------

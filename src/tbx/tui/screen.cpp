@@ -73,29 +73,39 @@ tui_signals_ignored::~tui_signals_ignored() {
 
 // ---- The terminal -------------------------------------------------------------------------
 
-static constexpr std::string_view ENTER_SCREEN = "\033[?1049h\033[?25l";
-static constexpr std::string_view LEAVE_SCREEN = "\033[?25h\033[?1049l";
+// The alternate screen without a cursor; then bracketed paste, which tells what is pasted from
+// what is typed.
+static constexpr std::string_view ENTER_SCREEN = "\033[?1049h\033[?25l"
+                                                 "\033[?2004h";
+static constexpr std::string_view LEAVE_SCREEN = "\033[?2004l"
+                                                 "\033[?25h\033[?1049l";
+
+// Around a row that must not wrap, whatever the terminal takes its width for.
+static constexpr std::string_view WRAP_OFF = "\033[?7l";
+static constexpr std::string_view WRAP_ON = "\033[?7h";
 
 // Long enough for a slow line to take the last bytes.
 static constexpr int LAST_WRITE_WAIT_MS = 1000;
 
-static bool output_is_stuck() {
-    pollfd watched = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+bool tui_output_is_stuck(int fd) {
+    pollfd watched = {.fd = fd, .events = POLLOUT, .revents = 0};
     return poll(&watched, 1, LAST_WRITE_WAIT_MS) == 0;
 }
 
 // Writes all of `text`. A terminal that takes nothing, or is gone, does not hold up a process
 // that was asked to end; what cannot be shown to anybody is lost without harm.
-static void write_to_terminal(std::string_view text) {
+// Returns false when some of it was not written.
+static bool write_to_terminal(std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
         if (written < 0 && errno != EINTR)
-            return;
+            return false;
         if (written > 0)
             text.remove_prefix(static_cast<size_t>(written));
         if (quit_requested)
-            return;
+            return text.empty();
     }
+    return true;
 }
 
 // A terminal that is gone has no attributes to set, which the next read of a key finds out.
@@ -111,17 +121,20 @@ void tui_raw_mode() {
     raw.c_cc[VMIN] = 1;
     raw.c_cc[VTIME] = 0;
     set_attributes(raw);
-    tui.input.next = tui.input.end = 0;
-    write_to_terminal(ENTER_SCREEN);
+    tui_input_clear(&tui.input);
+    (void)write_to_terminal(ENTER_SCREEN); // a terminal that is gone tells so with the next key
     tui.screen_changes++;
 }
 
 void tui_restore() {
-    if (quit_requested && output_is_stuck())
+    if (quit_requested && tui_output_is_stuck(STDOUT_FILENO))
         tcflush(tui.tty_fd.get(), TCOFLUSH); // or waiting for it to drain takes for ever
     set_attributes(tui.saved_termios);
-    if (!quit_requested || !output_is_stuck())
-        write_to_terminal(LEAVE_SCREEN);
+    if (quit_requested && tui_output_is_stuck(STDOUT_FILENO))
+        return;
+    if (tui.is_torn) // perhaps in a row that does not wrap
+        (void)write_to_terminal(WRAP_ON);
+    (void)write_to_terminal(LEAVE_SCREEN); // nobody is there whom it could fail to reach
 }
 
 // False when there is no size, or one of 0.
@@ -202,6 +215,22 @@ tui_key tui_next_key(tui_character &character) {
     return key;
 }
 
+bool tui_is_hung_up() {
+    pollfd watched = {.fd = tui.tty_fd.get(), .events = 0, .revents = 0};
+    return poll(&watched, 1, 0) > 0;
+}
+
+// Between the keys of a person passes more time, between those of a program that types for them
+// less.
+static constexpr int BURST_WAIT_MS = 10;
+
+void tui_drop_input() {
+    tui_character character = {};
+    while (!quit_requested && tui_input_arrives(tui.input, BURST_WAIT_MS))
+        if (tui_read_key(&tui.input, 0, character) == KEY_ERROR)
+            return; // the next one who asks is told
+}
+
 // ---- Frames -------------------------------------------------------------------------------
 
 static constexpr int FRAME_ROWS = 4; // two borders, the separator, the footer
@@ -218,20 +247,20 @@ int tui_body_cols() {
     return std::max(tui.screen_cols - SIDE_COLS, 0);
 }
 
-static void append_styled(strbuf *frame, const char *style, std::string_view text) {
-    strbuf_append_str(frame, style);
-    strbuf_append_view(frame, text);
-    strbuf_append_str(frame, tui_style.reset);
+static void append_styled(strbuf *row, const char *style, std::string_view text) {
+    strbuf_append_str(row, style);
+    strbuf_append_view(row, text);
+    strbuf_append_str(row, tui_style.reset);
 }
 
-static void append_dashes(strbuf *frame, const char *style, int count) {
-    strbuf_append_str(frame, style);
-    tui_repeat(frame, "─", count);
-    strbuf_append_str(frame, tui_style.reset);
+static void append_dashes(strbuf *row, const char *style, int count) {
+    strbuf_append_str(row, style);
+    tui_repeat(row, "─", count);
+    strbuf_append_str(row, tui_style.reset);
 }
 
 // A title too long for the border is cut; a status that does not fit is left out.
-static void append_top_border(strbuf *frame, const tui_screen &page) {
+static void append_top_border(strbuf *row, const tui_screen &page) {
     const int inner = tui.screen_cols - CORNER_COLS;
     const int wanted = page.status.empty() ? 0 : tui_columns(page.status) + STATUS_COLS;
     const int status_cols = wanted <= inner ? wanted : 0;
@@ -240,37 +269,68 @@ static void append_top_border(strbuf *frame, const tui_screen &page) {
     const int title_cols = tui_cut(&title, page.title, title_room);
     const bool has_title = title_cols > 0;
 
-    append_styled(frame, tui_style.dim, "┌");
+    append_styled(row, tui_style.dim, "┌");
     if (has_title)
-        append_styled(frame, tui_style.title, xasprintf("─ %s ", title.data));
-    append_dashes(frame, tui_style.dim,
+        append_styled(row, tui_style.title, xasprintf("─ %s ", title.data));
+    append_dashes(row, tui_style.dim,
                   inner - status_cols - (has_title ? title_cols + TITLE_COLS : 0));
     const std::string status = status_cols > 0 ? xasprintf(" %s ─", page.status.c_str()) : "";
-    append_styled(frame, tui_style.grey, status + "┐");
-    strbuf_append_char(frame, '\n');
+    append_styled(row, tui_style.grey, status + "┐");
 }
 
-static void append_body_line(strbuf *frame, std::string_view line) {
-    append_styled(frame, tui_style.dim, "│");
-    strbuf_append_char(frame, ' ');
-    tui_fit(frame, line, tui_body_cols());
-    strbuf_append_char(frame, ' ');
-    append_styled(frame, tui_style.dim, "│");
-    strbuf_append_char(frame, '\n');
+static void append_body_line(strbuf *row, std::string_view line) {
+    append_styled(row, tui_style.dim, "│");
+    strbuf_append_char(row, ' ');
+    tui_fit(row, line, tui_body_cols());
+    strbuf_append_char(row, ' ');
+    append_styled(row, tui_style.dim, "│");
 }
 
-static void append_rule(strbuf *frame, const char *left, const char *right) {
-    strbuf_append_str(frame, tui_style.dim);
-    strbuf_append_str(frame, left);
-    tui_repeat(frame, "─", tui.screen_cols - CORNER_COLS);
-    strbuf_append_str(frame, right);
-    strbuf_append_str(frame, tui_style.reset);
+static void append_rule(strbuf *row, std::string_view left, std::string_view right) {
+    strbuf_append_str(row, tui_style.dim);
+    strbuf_append_view(row, left);
+    tui_repeat(row, "─", tui.screen_cols - CORNER_COLS);
+    strbuf_append_view(row, right);
+    strbuf_append_str(row, tui_style.reset);
+}
+
+// In a row whose columns a terminal may count otherwise, nothing wraps, and what follows such
+// text stands where it belongs; nothing is left of what stood between.
+static constexpr std::string_view CLEAR_TO_END = "\033[K";
+
+static void append_anchored(strbuf *frame, std::string_view row) {
+    strbuf_append_view(frame, WRAP_OFF);
+    int columns = 0;
+    for (size_t at = row.find(TUI_ANCHOR); at != row.npos; at = row.find(TUI_ANCHOR)) {
+        const std::string_view before = row.substr(0, at);
+        columns += tui_line_columns(before);
+        strbuf_append_view(frame, before);
+        strbuf_append_view(frame, CLEAR_TO_END);
+        strbuf_printf(frame, "\033[%dG", columns + 1);
+        row.remove_prefix(at + TUI_ANCHOR.size());
+    }
+    strbuf_append_view(frame, row);
+    strbuf_append_view(frame, WRAP_ON);
+}
+
+// Appends the row that `append` makes of `parts`.
+template <typename Append, typename... Parts>
+static void append_row(strbuf *frame, const char *line_end, Append append, const Parts &...parts) {
+    strbuf row;
+    append(&row, parts...);
+    if (row.view().find(TUI_ANCHOR) == std::string_view::npos)
+        strbuf_append_view(frame, row.view());
+    else
+        append_anchored(frame, row.view());
+    strbuf_append_str(frame, line_end);
 }
 
 static void append_body(strbuf *frame, const strlist &lines) {
     const auto rows = static_cast<size_t>(tui_body_rows());
-    for (size_t row = 0; row < rows; row++)
-        append_body_line(frame, row < lines.count ? lines.items[row] : "");
+    for (size_t row = 0; row < rows; row++) {
+        const std::string_view line = row < lines.count ? lines.items[row] : "";
+        append_row(frame, "\n", append_body_line, line);
+    }
 }
 
 // The body's first line is the terminal's second, its first column the third.
@@ -285,26 +345,22 @@ static void append_cursor(strbuf *frame, const tui_screen &page) {
 void tui_render(const tui_screen &page, strbuf *frame) {
     strbuf_append_str(frame, "\033[H");
     if (tui.screen_rows >= FRAME_ROWS && tui.screen_cols > SIDE_COLS) {
-        append_top_border(frame, page);
+        append_row(frame, "\n", append_top_border, page);
         append_body(frame, page.lines);
-        append_rule(frame, "├", "┤");
-        strbuf_append_char(frame, '\n');
-        append_body_line(frame, page.footer);
-        append_rule(frame, "└", "┘");
+        append_row(frame, "\n", append_rule, "├", "┤");
+        append_row(frame, "\n", append_body_line, page.footer);
+        append_row(frame, "", append_rule, "└", "┘");
     }
     strbuf_append_str(frame, "\033[J");
     append_cursor(frame, page);
 }
 
-void tui_show(const tui_screen &page) {
+void tui_draw(const tui_screen &page) {
     strbuf frame;
     tui_render(page, &frame);
-    write_to_terminal(frame.view());
+    tui.is_torn = !write_to_terminal(frame.view());
 }
 
-bool tui_draw(const tui_screen &page) {
-    if (tui_input_waits(tui.input))
-        return false;
-    tui_show(page);
-    return true;
+bool tui_keys_wait() {
+    return tui_input_waits(tui.input);
 }

@@ -24,6 +24,7 @@ struct tui_session {
     int screen_rows = 24;
     int screen_cols = 80;
     unsigned screen_changes = 0; // raised when the size is another one or the screen was lost
+    bool is_torn = false;        // the last frame was not written whole: the interface is to end
     tui_input input;
 };
 extern tui_session tui;
@@ -41,12 +42,22 @@ void tui_raw_mode();
 // Leaves both, before another program gets the terminal.
 void tui_restore();
 
+// Whether the descriptor takes nothing for a second, as a terminal whose output was stopped.
+[[nodiscard]] bool tui_output_is_stuck(int fd);
+
 // Reads the terminal's size. True when it is another one; unknown sizes count for nothing.
 bool tui_update_size();
 
 // Waits for a key as every page and dialog does. An idle tick, KEY_TIMEOUT, takes a new size
 // of the terminal; Ctrl+Z is carried out here and seen as a tick.
 [[nodiscard]] tui_key tui_next_key(tui_character &character);
+
+// Whether the terminal has been taken away, of which a signal does not always tell.
+[[nodiscard]] bool tui_is_hung_up();
+
+// Drops what has been typed and pasted so far, whole keys of it: none of them was meant for what
+// is shown next.
+void tui_drop_input();
 
 // Keeps Ctrl+C, Ctrl+\ and Ctrl+Z, which reach every process on the terminal, from this one while
 // another runs on its behalf; and a pipe that the other does not read from ending this one.
@@ -86,8 +97,8 @@ struct tui_screen {
 void tui_render(const tui_screen &page, strbuf *frame);
 
 // Writes one frame.
-void tui_show(const tui_screen &page);
+void tui_draw(const tui_screen &page);
 
-// The same. False, with nothing written, while typed bytes wait: what they do is drawn
-// instead, so that pasted text is not drawn character by character.
-bool tui_draw(const tui_screen &page);
+// Whether keys have been typed that wait to be read. What they do is drawn at once then, and
+// not key by key.
+[[nodiscard]] bool tui_keys_wait();

@@ -1,6 +1,7 @@
 #include "tbx/tui/text.h"
 
 #include "common/message.h"
+#include "tbx/tui/width.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -32,10 +33,6 @@ void tui_styles_set(bool colour_on) {
 static constexpr char ESCAPE = '\033';
 static constexpr const char *REPLACEMENT = "\xef\xbf\xbd"; // U+FFFD
 
-static bool is_continuation(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
-}
-
 static bool is_control(char byte) {
     return static_cast<unsigned char>(byte) < ' ' || byte == 0x7f;
 }
@@ -44,76 +41,44 @@ static bool is_ascii_letter(char byte) {
     return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
 }
 
-// Bytes that the character with this first byte should have; what the byte itself makes
-// invalid is found by decode().
-static size_t announced_bytes(char first) {
-    const auto lead = static_cast<unsigned char>(first);
-    if (lead >= 0xf0)
-        return 4;
-    if (lead >= 0xe0)
-        return 3;
-    return lead >= 0xc0 ? 2 : 1;
-}
-
-// Bytes of the character at the start of `text`: its first byte and the continuation bytes
-// that belong to it. A continuation byte alone is one, too.
-static size_t character_bytes(std::string_view text) {
-    const size_t limit = std::min(announced_bytes(text.front()), text.size());
-    size_t bytes = 1;
-    while (bytes < limit && is_continuation(text[bytes]))
-        bytes++;
-    return bytes;
-}
-
-constexpr uint32_t INVALID = UINT32_MAX;
-
-// The code point of one character, or INVALID when it is cut short, longer than need be, a
-// surrogate or beyond Unicode.
-static uint32_t decode(std::string_view character) {
-    static constexpr uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    const auto lead = static_cast<unsigned char>(character.front());
-    const size_t bytes = character.size();
-    if (bytes != announced_bytes(character.front()) || lead > 0xf4)
-        return INVALID;
-    if (bytes == 1)
-        return lead;
-    uint32_t code = lead & (0xffU >> (bytes + 1));
-    for (const char byte : character.substr(1))
-        code = code << 6 | (static_cast<unsigned char>(byte) & 0x3fU);
-    const bool is_surrogate = code >= 0xd800 && code <= 0xdfff;
-    return code < smallest[bytes] || code > 0x10ffff || is_surrogate ? INVALID : code;
-}
-
 static bool is_c1_control(uint32_t code) {
     return code >= 0x80 && code <= 0x9f;
 }
 
 // Appends one character as it may be shown.
-static void append_character(strbuf *out, std::string_view character) {
-    if (is_control(character.front())) {
+static void append_character(strbuf *out, std::string_view character, uint32_t code) {
+    if (is_control(character.front()) || is_c1_control(code))
         strbuf_append_char(out, ' ');
-        return;
-    }
-    const uint32_t code = decode(character);
-    if (code == INVALID)
+    else if (code == TUI_INVALID)
         strbuf_append_str(out, REPLACEMENT);
-    else if (is_c1_control(code))
-        strbuf_append_char(out, ' ');
     else
         strbuf_append_view(out, character);
+}
+
+static void append_characters(strbuf *out, std::string_view characters) {
+    while (!characters.empty()) {
+        const tui_decoded character = tui_decode(characters);
+        append_character(out, characters.substr(0, character.bytes), character.code);
+        characters.remove_prefix(character.bytes);
+    }
 }
 
 // ---- Columns ------------------------------------------------------------------------------
 
 int tui_columns(std::string_view text) {
-    return static_cast<int>(
-        std::count_if(text.begin(), text.end(), [](char byte) { return !is_continuation(byte); }));
+    int columns = 0;
+    while (!text.empty()) {
+        const tui_cluster cluster = tui_next_cluster(text);
+        columns += cluster.columns;
+        text.remove_prefix(cluster.bytes);
+    }
+    return columns;
 }
 
 size_t tui_next_character(std::string_view text, size_t at) {
     if (at < text.size())
         at++;
-    while (at < text.size() && is_continuation(text[at]))
+    while (at < text.size() && tui_is_continuation(text[at]))
         at++;
     return at;
 }
@@ -121,21 +86,51 @@ size_t tui_next_character(std::string_view text, size_t at) {
 size_t tui_previous_character(std::string_view text, size_t at) {
     if (at > 0)
         at--;
-    while (at > 0 && is_continuation(text[at]))
+    while (at > 0 && tui_is_continuation(text[at]))
         at--;
     return at;
 }
 
-static size_t byte_of_column(std::string_view text, int column) {
-    size_t at = 0;
-    for (int passed = 0; passed < column && at < text.size(); passed++)
-        at = tui_next_character(text, at);
-    return at;
+struct text_place {
+    size_t byte = 0;
+    int column = 0;
+};
+
+// Where the first cluster begins that stands at `column` or behind it.
+static text_place place_of_column(std::string_view text, int column) {
+    text_place place;
+    while (place.column < column && place.byte < text.size()) {
+        const tui_cluster cluster = tui_next_cluster(text.substr(place.byte));
+        place.byte += cluster.bytes;
+        place.column += cluster.columns;
+    }
+    return place;
+}
+
+int tui_whole_column(std::string_view text, int column) {
+    return place_of_column(text, column).column;
 }
 
 std::string_view tui_window(std::string_view text, int first, int columns) {
-    text.remove_prefix(byte_of_column(text, first));
-    return text.substr(0, byte_of_column(text, columns));
+    const text_place start = place_of_column(text, first);
+    text.remove_prefix(start.byte);
+    int room = columns - std::max(start.column - first, 0);
+    size_t bytes = 0;
+    while (bytes < text.size() && room > 0) {
+        const tui_cluster cluster = tui_next_cluster(text.substr(bytes));
+        if (cluster.columns > room)
+            break;
+        room -= cluster.columns;
+        bytes += cluster.bytes;
+    }
+    return text.substr(0, bytes);
+}
+
+std::string_view tui_beginning(std::string_view text, size_t limit) {
+    size_t end = std::min(limit, text.size());
+    while (end > 0 && end < text.size() && tui_is_continuation(text[end]))
+        end++;
+    return text.substr(0, end);
 }
 
 // ---- Appending ----------------------------------------------------------------------------
@@ -151,23 +146,56 @@ static size_t sequence_bytes(std::string_view text) {
 
 int tui_cut(strbuf *out, std::string_view text, int width) {
     int columns = 0;
+    bool is_plain = true;
     while (!text.empty()) {
         size_t bytes = sequence_bytes(text);
         if (bytes > 0) {
             if (is_ascii_letter(text[bytes - 1]))
                 strbuf_append(out, text.data(), bytes);
-        } else if (is_continuation(text.front())) {
+        } else if (tui_is_continuation(text.front())) {
             bytes = 1; // belongs to no character and takes no column
         } else if (columns >= width) {
             break;
         } else {
-            bytes = character_bytes(text);
-            append_character(out, text.substr(0, bytes));
-            columns++;
+            const tui_cluster cluster = tui_next_cluster(text);
+            if (columns + cluster.columns > width)
+                break;
+            append_characters(out, text.substr(0, cluster.shown_bytes));
+            bytes = cluster.bytes;
+            columns += cluster.columns;
+            is_plain = is_plain && cluster.is_plain;
         }
         text.remove_prefix(bytes);
     }
+    if (!is_plain)
+        strbuf_append_view(out, TUI_ANCHOR);
     return columns;
+}
+
+int tui_line_columns(std::string_view line) {
+    int columns = 0;
+    while (!line.empty()) {
+        size_t bytes = sequence_bytes(line);
+        if (bytes == 0) {
+            const tui_cluster cluster = tui_next_cluster(line);
+            columns += cluster.columns;
+            bytes = cluster.bytes;
+        }
+        line.remove_prefix(bytes);
+    }
+    return columns;
+}
+
+std::string tui_without_styles(std::string_view line) {
+    std::string plain;
+    while (!line.empty()) {
+        const size_t bytes = std::max<size_t>(sequence_bytes(line), 1);
+        const bool is_style = bytes > 1 && line[bytes - 1] == 'm';
+        if (!is_style)
+            plain.append(line.substr(0, bytes));
+        line.remove_prefix(bytes);
+    }
+    return plain;
 }
 
 void tui_fit(strbuf *out, std::string_view text, int width) {
@@ -215,12 +243,19 @@ struct line_break {
 static bool find_break(std::string_view paragraph, int width, line_break *out) {
     size_t last_blank = 0;
     int columns = 0;
-    for (size_t at = 0; at < paragraph.size(); at = tui_next_character(paragraph, at)) {
+    for (size_t at = 0; at < paragraph.size();) {
         if (paragraph[at] == ' ')
             last_blank = at;
-        if (is_continuation(paragraph[at]) || columns++ < width)
-            continue; // what continues no character takes no column
-        *out = last_blank > 0 ? line_break{last_blank, last_blank + 1} : line_break{at, at};
+        const tui_cluster cluster = tui_next_cluster(paragraph.substr(at));
+        columns += cluster.columns;
+        if (columns <= width) {
+            at += cluster.bytes;
+            continue;
+        }
+        const size_t hard = std::max(at, at == 0 ? cluster.bytes : 0); // one at least
+        if (hard == paragraph.size())
+            return false;
+        *out = last_blank > 0 ? line_break{last_blank, last_blank + 1} : line_break{hard, hard};
         return true;
     }
     return false;
@@ -257,6 +292,27 @@ std::string tui_blank_controls(std::string_view text) {
     std::string blanked(text);
     std::replace_if(blanked.begin(), blanked.end(), is_control, ' ');
     return blanked;
+}
+
+static std::string with_newlines(std::string_view text) {
+    std::string lines;
+    lines.reserve(text.size());
+    for (size_t at = 0; at < text.size(); at++) {
+        if (text[at] == '\r' && at + 1 < text.size() && text[at + 1] == '\n')
+            continue; // both are one line end
+        lines.push_back(text[at] == '\r' ? '\n' : text[at]);
+    }
+    return lines;
+}
+
+std::string tui_clean_paste(std::string_view pasted) {
+    return tui_clean(with_newlines(pasted));
+}
+
+std::string tui_on_one_line(std::string_view pasted) {
+    std::string line = tui_clean_paste(pasted);
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return line;
 }
 
 // ---- How far a message got ----------------------------------------------------------------

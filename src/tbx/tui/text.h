@@ -1,5 +1,5 @@
 // Styled text for the interface: its style strings, cutting and padding to columns, wrapping.
-// Every character takes one column; style sequences take none.
+// Style sequences take no column; a character takes as many as terminals draw it in.
 #pragma once
 
 #include "common/core.h"
@@ -29,17 +29,32 @@ void tui_styles_set(bool colour_on);
 
 // ---- Columns ------------------------------------------------------------------------------
 
-// Characters in `text`, which holds no style sequences.
+// Columns of `text`, which holds no style sequences, and of a line that may.
 [[nodiscard]] int tui_columns(std::string_view text);
+[[nodiscard]] int tui_line_columns(std::string_view line);
+
+// The first column from `column` on at which a character begins.
+[[nodiscard]] int tui_whole_column(std::string_view text, int column);
+
+// The line without its style sequences.
+[[nodiscard]] std::string tui_without_styles(std::string_view line);
 
 // Byte offsets of the characters behind and before the one at `at`; they stop at the ends.
 [[nodiscard]] size_t tui_next_character(std::string_view text, size_t at);
 [[nodiscard]] size_t tui_previous_character(std::string_view text, size_t at);
 
-// The characters of `text` from column `first` on, `columns` of them at most.
+// The characters of `text` that stand whole from column `first` on, in `columns` at most.
 [[nodiscard]] std::string_view tui_window(std::string_view text, int first, int columns);
 
+// The beginning of `text` in which every character begins before byte `limit`: as much as a field
+// takes that accepts characters while it is shorter than that.
+[[nodiscard]] std::string_view tui_beginning(std::string_view text, size_t limit);
+
 // ---- Appending ----------------------------------------------------------------------------
+
+// Stands behind text in which not every character takes one column. What follows is put at the
+// column that has been counted, even where the terminal has counted otherwise.
+constexpr std::string_view TUI_ANCHOR = "\033[G";
 
 // Appends the beginning of `text`, at most `width` columns, and returns its columns. Control
 // bytes become blanks, broken characters U+FFFD; style sequences pass.
@@ -73,6 +88,12 @@ void tui_split_lines(std::string_view text, strlist *lines);
 
 // The text with every control byte, Esc too, as a blank: byte for byte as long as it was.
 [[nodiscard]] std::string tui_blank_controls(std::string_view text);
+
+// Text that was pasted: cleaned, every line end a newline.
+[[nodiscard]] std::string tui_clean_paste(std::string_view pasted);
+
+// The same in one line: line ends are blanks.
+[[nodiscard]] std::string tui_on_one_line(std::string_view pasted);
 
 // ---- How far a message got ----------------------------------------------------------------
 

@@ -12,7 +12,8 @@ namespace {
 
 tui_screen built(compose_form *form) {
     tui_screen page;
-    compose_build(form, &page);
+    compose_scroll(form);
+    compose_build(*form, &page);
     return page;
 }
 

@@ -39,6 +39,7 @@ struct edit_options {
 struct edit_result {
     std::string text;   // that came back when "old\ntext" was edited
     std::string output; // what was written to the terminal
+    bool has_run;       // whether an editor could be started
 };
 
 edit_result edit(const edit_options &options) {
@@ -51,10 +52,11 @@ edit_result edit(const edit_options &options) {
         compose_form form;
         form.text.lines = {"old", "text"};
         options.prepare();
-        compose_edit_external(&form);
+        const bool has_run = compose_edit_external(&form);
+        results.write("run", has_run ? "yes" : "no");
         results.write("text", compose_text_joined(form.text));
     });
-    return {results.read("text"), child.out};
+    return {results.read("text"), child.out, results.read("run") == "yes"};
 }
 
 std::string edited_by(const std::string &script, const char *sudo_user = nullptr) {
@@ -83,8 +85,8 @@ std::string expect_unchanged_text(void (*limit)()) {
         limit();
         compose_form form;
         form.text.lines = {"old", "text"};
-        compose_edit_external(&form);
-        return compose_text_joined(form.text) == UNCHANGED ? 10 : 20;
+        const bool has_run = compose_edit_external(&form);
+        return !has_run && compose_text_joined(form.text) == UNCHANGED ? 10 : 20;
     });
     EXPECT_EQ(child.exit_status, 10);
     return child.out;
@@ -259,5 +261,5 @@ TEST(ComposeEditor, CtrlCAndCtrlZReachItAndNotTheInterface) {
 TEST(ComposeEditor, GetsTheTerminalAsItWas) {
     const scripted_editor editor("printf editor; echo new >\"$1\"");
     EXPECT_EQ(edit({.visual = editor.path().c_str()}).output,
-              "\033[?25h\033[?1049leditor\033[?1049h\033[?25l");
+              "\033[?2004l\033[?25h\033[?1049leditor\033[?1049h\033[?25l\033[?2004h");
 }

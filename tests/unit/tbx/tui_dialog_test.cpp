@@ -22,7 +22,7 @@ std::string prompted(std::string_view keys, const std::string &initial = "") {
 }
 
 bool confirmed(std::string_view keys) {
-    const child_result child = run_with_keys(keys, [] {
+    const child_result child = run_with_steps({"", std::string(keys)}, [] {
         tui_screen page;
         return tui_confirm(&page, "Really?", list_of({"Line."})) ? 1 : 0;
     });
@@ -39,8 +39,17 @@ template <typename Body> std::string shown(Body &&body) {
     return last_frame(child.out);
 }
 
-std::string message_box(std::string_view output) {
-    return shown([&](tui_screen *page) { tui_message_box(page, "Result", output); });
+job_result result_of(std::string_view output, bool was_interrupted = false) {
+    job_result result;
+    result.was_interrupted = was_interrupted;
+    strbuf_append_view(&result.output, output);
+    return result;
+}
+
+std::string message_box(std::string_view output, bool was_interrupted = false) {
+    return shown([&](tui_screen *page) {
+        tui_message_box(page, "Result", result_of(output, was_interrupted));
+    });
 }
 
 std::vector<std::string> overlaid(const std::vector<std::string> &page,
@@ -144,11 +153,11 @@ TEST(TuiBox, LeavesThePageItselfAsItWas) {
     tui_screen page;
     page.lines = list_of({"a", "b"});
     const child_result child = run_with_keys("", [&] {
-        tui_draw_with_box(page, "T", list_of({"x"}), "ok", "footer");
+        tui_show_lines(&page, "T", list_of({"x"}));
         return items(page.lines) == std::vector<std::string>{"a", "b"} ? 0 : 1;
     });
     EXPECT_EQ(child.exit_status, 0);
-    EXPECT_THAT(last_frame(child.out), HasSubstr("│ footer "));
+    EXPECT_THAT(last_frame(child.out), HasSubstr("│  x "));
 }
 
 // ---- Prompt -------------------------------------------------------------------------------
@@ -216,6 +225,20 @@ TEST(TuiConfirm, IgnoresEveryOtherKey) {
     EXPECT_FALSE(confirmed("\r \t\033[A\033[15~qxj\x7fn"));
 }
 
+TEST(TuiConfirm, IsNotAnsweredByWhatWasTypedBefore) {
+    const child_result child = run_with_keys("yY", [] {
+        tui_screen page;
+        return tui_confirm(&page, "Really?", list_of({"Line."})) ? 1 : 0;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_THAT(last_frame(child.out), HasSubstr("┌─ Really? ─"));
+}
+
+TEST(TuiConfirm, IsNotAnsweredByWhatIsPasted) {
+    EXPECT_FALSE(confirmed("\033[200~y\033[201~n"));
+    EXPECT_TRUE(confirmed("\033[200~n\033[201~y"));
+}
+
 TEST(TuiConfirm, ShowsItsButtons) {
     const std::string frame = shown([](tui_screen *page) {
         static_cast<void>(tui_confirm(page, "Really?", list_of({"Line."})));
@@ -231,9 +254,9 @@ TEST(TuiConfirm, OnAScreenOfAnotherSizeTheBoxAndThePageAreBuiltAnew) {
         const typed_bytes nothing("", /*stays_open=*/true);
         tui.input.fd = nothing.reader.get();
         tui_screen page;
-        page.rebuild = [](tui_screen *below) {
+        page.rebuild = [times = 0](tui_screen *below) mutable {
             below->lines = list_of({"built anew"});
-            quit_requested = 1;
+            quit_requested = ++times > 1;
         };
         interrupt_calls([] {
             tui.screen_cols = 100;
@@ -266,6 +289,11 @@ TEST(TuiMessageBox, SaysDoneWhenNothingWasPrinted) {
     EXPECT_THAT(message_box(""), HasSubstr("│  Done. "));
 }
 
+TEST(TuiMessageBox, SaysInterruptedWhenASignalCameBeforeAnythingWasPrinted) {
+    EXPECT_THAT(message_box("", /*was_interrupted=*/true), HasSubstr("│  Interrupted. "));
+    EXPECT_THAT(message_box("half\n", /*was_interrupted=*/true), Not(HasSubstr("Interrupted")));
+}
+
 TEST(TuiMessageBox, RemovesWhatWouldDriveTheTerminal) {
     const std::string frame = message_box("a\033[2Jb\033]0;title\007c");
     EXPECT_THAT(frame, HasSubstr("│  abc "));
@@ -273,13 +301,12 @@ TEST(TuiMessageBox, RemovesWhatWouldDriveTheTerminal) {
 
 TEST(TuiMessageBox, AnyKeyClosesIt) {
     for (const char *key : {"x", "\r", "\033", "\033[A", "\033[15~"}) {
-        const typed_bytes typed(key, /*stays_open=*/true);
-        const child_result child = run_in_child([&] {
-            tui.input.fd = typed.reader.get();
+        const child_result child = run_with_steps({"", key, "end"}, [] {
             tui_screen page;
-            tui_message_box(&page, "Result", "text"); // or this waits for ever
+            tui_message_box(&page, "Result", result_of("text"));
+            tui_message_box(&page, "Second", result_of("text"));
         });
-        EXPECT_EQ(child.exit_status, 0) << key;
+        EXPECT_THAT(last_frame(child.out), HasSubstr("┌─ Second ─")) << key;
     }
 }
 
@@ -294,7 +321,7 @@ TEST(TuiMessageBox, ATimeOutDoesNotCloseIt) {
             was_typed = write(terminal, "x", 1) == 1 ? 1 : 0;
         });
         tui_screen page;
-        tui_message_box(&page, "Result", "text");
+        tui_message_box(&page, "Result", result_of("text"));
         return was_typed != 0 ? 0 : 1;
     });
     EXPECT_EQ(child.exit_status, 0);
@@ -316,7 +343,7 @@ TEST(TuiRemindDialog, CountsWhoHasNotConfirmed) {
 
 TEST(TuiRemindDialog, ShowsWhatTheCommandSays) {
     const scratch_state state;
-    const child_result child = run_with_keys("y", [] {
+    const child_result child = run_with_steps({"", "y"}, [] {
         tui_screen page;
         tui_remind_dialog(&page, summary_of("", 0, 1));
     });
@@ -337,7 +364,7 @@ TEST(TuiRevokeDialog, NamesTheMessageAndWhereItIs) {
 
 TEST(TuiRevokeDialog, DoesNothingWithoutAYes) {
     const scratch_state state;
-    const child_result child = run_with_keys("n", [] {
+    const child_result child = run_with_steps({"", "n"}, [] {
         tui_screen page;
         tui_revoke_dialog(&page, summary_of("", 0, 1));
     });
@@ -375,7 +402,7 @@ TEST(PurgeDialog, AsksWithTheAgeAsItWasTyped) {
 
 TEST(PurgeDialog, ShowsWhatTheCommandSays) {
     const scratch_state state;
-    const child_result child = run_with_keys("x\ry", [] {
+    const child_result child = run_with_steps({"x\r", "y"}, [] {
         tui_screen page;
         purge_dialog(&page);
     });

@@ -8,17 +8,16 @@
 
 namespace {
 
-struct job_result {
+struct told {
     int status;
     std::string output;
+    bool was_interrupted;
 };
 
-job_result run(void (*command)(const char *), const std::string &argument,
-               std::string_view input = {}) {
-    const tui_job job = {command, argument, {}};
-    strbuf output;
-    const int status = tui_run_command(job, input, &output);
-    return {status, std::string(output.view())};
+told run(void (*command)(const char *), const std::string &argument, std::string_view input = {}) {
+    const job_result result =
+        tui_run_command([&] { command(argument.c_str()); }, input, /*waiting=*/{});
+    return {result.status, std::string(result.output.view()), result.was_interrupted};
 }
 
 void print_argument(const char *argument) {
@@ -58,6 +57,27 @@ void print_before_reading(const char *bytes) {
 
 void do_nothing(const char * /*argument*/) {}
 
+// Where a child waits until its parent lets it go on.
+struct closed_gate {
+    closed_gate() {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0)
+            throw_errno("pipe2");
+        reader.reset(fds[0]);
+        writer.reset(fds[1]);
+    }
+    void await() const {
+        char byte = 0;
+        static_cast<void>(read(reader.get(), &byte, 1) == 1); // whatever comes
+    }
+    void open() const {
+        if (write(writer.get(), "x", 1) != 1)
+            throw_errno("write");
+    }
+    unique_fd reader;
+    unique_fd writer;
+};
+
 // Makes every further fcntl() that sets flags fail, and no other. For a child only.
 void refuse_setting_flags() {
     sock_filter program[] = {
@@ -96,7 +116,7 @@ void print_parents_signals(const char * /*argument*/) {
 // ---- Output and status --------------------------------------------------------------------
 
 TEST(TuiJob, GivesItsArgumentAndReturnsItsOutput) {
-    const job_result result = run(print_argument, "7");
+    const told result = run(print_argument, "7");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, "out 7\n");
 }
@@ -106,13 +126,16 @@ TEST(TuiJob, KeepsBothOutputs) {
 }
 
 TEST(TuiJob, ACommandThatEndsItsProcessEndsTheChildOnly) {
-    const job_result result = run(refuse, "x");
+    const told result = run(refuse, "x");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "tbx: no such thing: x\n");
 }
 
 TEST(TuiJob, ASignalThatEndsItIsAFailure) {
-    EXPECT_EQ(run(kill_itself, "").status, -1);
+    const told result = run(kill_itself, "");
+    EXPECT_EQ(result.status, -1);
+    EXPECT_TRUE(result.was_interrupted);
+    EXPECT_FALSE(run(refuse, "x").was_interrupted);
 }
 
 TEST(TuiJob, PrintsOnlyWhatItPrintedItself) {
@@ -125,7 +148,7 @@ TEST(TuiJob, PrintsOnlyWhatItPrintedItself) {
 }
 
 TEST(TuiJob, OutputBeyondTheLimitIsDropped) {
-    const job_result result = run(print_before_reading, "3000000");
+    const told result = run(print_before_reading, "3000000");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output.size(), JOB_OUTPUT_MAX_BYTES);
 }
@@ -141,7 +164,8 @@ TEST(TuiJob, WithoutDescriptorsFails) {
     for (const rlim_t room : {0U, 2U}) { // for no pipe, and for one of the two
         const child_result child = run_in_child([room] {
             leave_descriptors(room);
-            return run(print_argument, "x").status == -1 ? 10 : 20;
+            const told result = run(print_argument, "x");
+            return result.status == -1 && !result.was_interrupted ? 10 : 20;
         });
         EXPECT_EQ(child.exit_status, 10) << room;
     }
@@ -162,7 +186,7 @@ TEST(TuiJob, WithoutProcessesFailsAndLeavesNoDescriptor) {
 TEST(TuiJob, ACommandThatCannotHaveThePipesDoesNotRun) {
     const child_result child = run_in_child([] {
         refuse_call(DUP2_CALL, EBUSY);
-        const job_result result = run(print_argument, "x");
+        const told result = run(print_argument, "x");
         printf("%d '%s'", result.status, result.output.c_str());
     });
     EXPECT_EQ(child.out, "127 ''");
@@ -171,7 +195,7 @@ TEST(TuiJob, ACommandThatCannotHaveThePipesDoesNotRun) {
 TEST(TuiJob, WhoseStatusNobodyTellsHasFailed) {
     const child_result child = run_in_child([] {
         signal(SIGCHLD, SIG_IGN); // it is reaped by the system
-        const job_result result = run(print_argument, "x");
+        const told result = run(print_argument, "x");
         printf("%d '%s'", result.status, result.output.c_str());
     });
     EXPECT_EQ(child.out, "-1 'out x\n'");
@@ -180,7 +204,7 @@ TEST(TuiJob, WhoseStatusNobodyTellsHasFailed) {
 TEST(TuiJob, IsWaitedForThoughNothingCanBePolled) {
     const child_result child = run_in_child([] {
         refuse_call(POLL_CALL, ENOMEM);
-        const job_result result = run(do_nothing, "");
+        const told result = run(do_nothing, "");
         printf("%d '%s' %d", result.status, result.output.c_str(), has_no_children());
     });
     EXPECT_EQ(child.out, "0 '' 1");
@@ -195,21 +219,21 @@ TEST(TuiJob, ReadsItsInputToTheEnd) {
 TEST(TuiJob, InputThatCouldNotBeFedWithoutWaitingIsNone) {
     const child_result child = run_in_child([] {
         refuse_setting_flags();
-        const job_result result = run(copy_input, "", "input");
+        const told result = run(copy_input, "", "input");
         printf("%d '%s'", result.status, result.output.c_str());
     });
     EXPECT_EQ(child.out, "0 ''");
 }
 
 TEST(TuiJob, WithoutInputReadsNothing) {
-    const job_result result = run(copy_input, "");
+    const told result = run(copy_input, "");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, "");
 }
 
 TEST(TuiJob, InputAndOutputLargerThanThePipesGoThrough) {
     const std::string text(500'000, 't');
-    const job_result result = run(print_before_reading, "200000", text);
+    const told result = run(print_before_reading, "200000", text);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output.size(), 700'000U);
 }
@@ -223,7 +247,7 @@ TEST(TuiJob, ACommandThatReadsNothingDoesNoHarm) {
 TEST(TuiJob, IsWaitedForWhenSignalsInterrupt) {
     const child_result child = run_in_child([] {
         interrupt_calls([] {});
-        const job_result result = run(
+        const told result = run(
             [](const char *) {
                 usleep(100'000);
                 puts("done");
@@ -251,12 +275,73 @@ TEST(TuiJob, TheInterfaceIgnoresBothKeysMeanwhile) {
     EXPECT_EQ(run(print_parents_signals, "").output, "11");
 }
 
-// ---- Sending ------------------------------------------------------------------------------
+// ---- Asked to end meanwhile ---------------------------------------------------------------
 
-TEST(TuiJob, WithoutACommandSends) {
-    const scratch_state state;
-    const tui_job job = {nullptr, "", {"--to", "no-such-user-here"}};
-    strbuf output;
-    EXPECT_EQ(tui_run_command(job, "text", &output), 1);
-    EXPECT_EQ(output.view(), "tbx: no such user: no-such-user-here\n");
+namespace {
+
+// Runs a job that never ends by itself while the interface is asked to end.
+template <typename Command> child_result run_and_end(Command &&command) {
+    return run_in_child([&] {
+        signal(SIGTERM, [](int) {});
+        signal(SIGHUP, [](int) {});
+        interrupt_calls([] { quit_requested = 1; });
+        const job_result result = tui_run_command(command, {}, /*waiting=*/{});
+        stop_interrupting();
+        printf("%d %d", result.was_interrupted ? 1 : 0, has_no_children() ? 1 : 0);
+    });
+}
+
+} // namespace
+
+TEST(TuiJob, ThatHangsEndsWithTheInterface) {
+    const child_result child = run_and_end([] {
+        while (true)
+            pause();
+    });
+    EXPECT_EQ(child.out, "1 1");
+}
+
+TEST(TuiJob, ThatIgnoresItEndsWithTheInterfaceAllTheSame) {
+    const child_result child = run_and_end([] {
+        signal(SIGTERM, SIG_IGN);
+        while (true)
+            pause();
+    });
+    EXPECT_EQ(child.out, "1 1");
+}
+
+TEST(TuiJob, ThatIsAboutToEndMayDoSo) {
+    const child_result child = run_and_end([] { usleep(150'000); });
+    EXPECT_EQ(child.out, "0 1");
+}
+
+// ---- Being slow ---------------------------------------------------------------------------
+
+TEST(TuiJob, SaysThatItIsWaitedForUntilItEnds) {
+    const closed_gate gate;
+    int said = 0;
+    const job_result result = tui_run_command([&gate] { gate.await(); }, {},
+                                              [&] {
+                                                  if (++said == 3)
+                                                      gate.open();
+                                              });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_GE(said, 3);
+}
+
+TEST(TuiJob, OfWhichSomebodyElseKeepsTheOutputEndsWithItsProcess) {
+    const closed_gate gate;
+    const job_result result = tui_run_command(
+        [&gate] {
+            puts("printed");
+            fflush(stdout);
+            if (fork() == 0) {
+                gate.await(); // with the output of this process
+                _exit(0);
+            }
+        },
+        {}, /*waiting=*/{});
+    gate.open();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output.view(), "printed\n");
 }

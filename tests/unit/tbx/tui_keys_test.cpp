@@ -126,7 +126,7 @@ TEST(TuiKeys, NumberedKeysHaveOneDigit) {
 }
 
 TEST(TuiKeys, SequencesWithMoreInThemGiveNoKeyAndNoText) {
-    for (const char *sequence : {"\033[15~", "\033[1;5C", "\033[3;2~", "\033[200~", "\033[?1;2c",
+    for (const char *sequence : {"\033[15~", "\033[1;5C", "\033[3;2~", "\033[201~", "\033[?1;2c",
                                  "\033[M", "\033O5A", "\033OP", "\033[[A", "\033[1$", "\033[1A"})
         EXPECT_EQ(key_of(sequence), KEY_NONE) << sequence + 1;
 }
@@ -212,6 +212,103 @@ TEST(TuiKeys, ABrokenCharacterLeavesANulByteToTheNextKey) {
 
 TEST(TuiKeys, ACharacterThatBreaksOffComesAsFarAsItGot) {
     EXPECT_THAT(keys_in("a\xe2\x82"), ElementsAre("a", "\xe2\x82"));
+}
+
+// ---- Pastes -------------------------------------------------------------------------------
+
+namespace {
+
+// Every key in `bytes`, pastes as their text in brackets.
+std::vector<std::string> keys_and_pastes_in(std::string_view bytes) {
+    const typed_bytes typed(bytes);
+    tui_input input;
+    input.fd = typed.reader.get();
+    std::vector<std::string> keys;
+    while (true) {
+        tui_character character = {};
+        const tui_key key = tui_read_key(&input, TUI_KEY_WAIT_MS, character);
+        if (key == KEY_ERROR)
+            return keys;
+        keys.push_back(key == KEY_PASTE  ? "[" + input.pasted + "]"
+                       : key == KEY_CHAR ? character
+                                         : std::to_string(key));
+    }
+}
+
+const std::string BEGIN = "\033[200~";
+const std::string END = "\033[201~";
+
+} // namespace
+
+TEST(TuiPaste, IsOneKeyWhateverItHolds) {
+    EXPECT_THAT(keys_and_pastes_in("a" + BEGIN + "y\r\n\t\033[A\033 é" + END + "b"),
+                ElementsAre("a", "[y\r\n\t\033[A\033 é]", "b"));
+    EXPECT_THAT(keys_and_pastes_in(BEGIN + END), ElementsAre("[]"));
+}
+
+TEST(TuiPaste, WithoutAnEndGoesToTheEndOfInput) {
+    EXPECT_THAT(keys_and_pastes_in(BEGIN + "half" + "\033[20"), ElementsAre("[half\033[20]"));
+}
+
+TEST(TuiPaste, BehindAnEscIsAPaste) {
+    EXPECT_THAT(keys_and_pastes_in("\033" + BEGIN + "y" + END), ElementsAre("[y]"));
+}
+
+TEST(TuiPaste, ThatComesInPiecesIsSeveralKeysNoneOfThemBroken) {
+    const typed_bytes typed(BEGIN + "one\r", /*stays_open=*/true);
+    tui_input input;
+    input.fd = typed.reader.get();
+    std::string pieces;
+    const auto read_piece = [&] {
+        tui_character character = {};
+        const tui_key key = tui_read_key(&input, /*timeout_ms=*/0, character);
+        pieces += key == KEY_PASTE ? input.pasted + "|" : std::to_string(key) + "|";
+    };
+    read_piece();
+    read_piece();
+    typed.type("\n\xe2\x82");
+    read_piece();
+    typed.type("\xac\033[20");
+    read_piece();
+    typed.type("1~x");
+    read_piece();
+    read_piece();
+    EXPECT_EQ(pieces, "one|1|\r\n|€||" + std::to_string(KEY_CHAR) + "|");
+}
+
+TEST(TuiPaste, WhoseEndIsLostIsOverAfterALongSilence) {
+    const typed_bytes typed(BEGIN, /*stays_open=*/true);
+    tui_input input;
+    input.fd = typed.reader.get();
+    tui_character character = {};
+    int silences = 0;
+    while (tui_read_key(&input, /*timeout_ms=*/0, character) == KEY_TIMEOUT)
+        ASSERT_LT(++silences, 100);
+    EXPECT_EQ(input.pasted, "");
+    typed.type("x");
+    EXPECT_EQ(tui_read_key(&input, 0, character), KEY_CHAR);
+}
+
+TEST(TuiPaste, OfGreatLengthIsHandedOverInPieces) {
+    const std::string text(300'000, 't');
+    typed_bytes typed("", /*stays_open=*/true);
+    std::thread typist([&] {
+        typed.type(BEGIN);
+        for (int i = 0; i < 10; i++)
+            typed.type(text);
+        typed.type(END);
+        typed.writer.reset();
+    });
+    tui_input input;
+    input.fd = typed.reader.get();
+    std::string pasted;
+    size_t pieces = 0;
+    tui_character character = {};
+    for (; tui_read_key(&input, TUI_KEY_WAIT_MS, character) == KEY_PASTE; pieces++)
+        pasted += input.pasted;
+    typist.join();
+    EXPECT_EQ(pasted.size(), 3'000'000U);
+    EXPECT_GE(pieces, 3U);
 }
 
 TEST(TuiKeys, OnlyCharactersHaveText) {

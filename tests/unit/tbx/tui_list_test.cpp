@@ -153,6 +153,26 @@ TEST(ListRow, SpellsTheRecipientsOutFrom110ColumnsOn) {
     EXPECT_THAT(rendered_row(row_of(7, "", "x")), HasSubstr("▒  1 delivered"));
 }
 
+TEST(ListRow, ShowsAPercentageWhereTheNumbersWouldBeCut) {
+    const list_screen screen(80, 24);
+    const auto recipients = [](int id, int confirmed, int total) {
+        message_summary row = row_of(id, "", "x");
+        row.confirmed = confirmed;
+        row.delivered = total - confirmed;
+        row.sent = 0;
+        const std::string line = rendered_row(row);
+        return line.substr(line.rfind("  ") + 2);
+    };
+    EXPECT_EQ(recipients(1, 12, 20), "12/20");
+    EXPECT_EQ(recipients(1, 10, 100), "10%");
+    EXPECT_EQ(recipients(1, 9, 100), "9/100");
+    EXPECT_EQ(recipients(1, 999, 1000), "99%"); // rounded down
+    EXPECT_EQ(recipients(1, 3000, 3000), "100%");
+    EXPECT_EQ(recipients(1234, 10, 20), "50%"); // a long identifier leaves four columns
+    EXPECT_EQ(recipients(12345, 10, 20), "50%");
+    EXPECT_EQ(recipients(12345, 20, 20), ""); // and this three
+}
+
 TEST(ListRow, MessageColumnTakesWhatTheOthersLeave) {
     list_screen screen;
     const auto message_cols = [&](int cols) {

@@ -144,18 +144,51 @@ TEST(Screen, EveryPieceOfTheFrameIsReset) {
 // ---- Drawing ------------------------------------------------------------------------------
 
 TEST(Screen, AFrameIsDrawnWhenNothingWaits) {
-    const child_result child = run_with_keys("", [] { return tui_draw({}) ? 0 : 1; });
-    EXPECT_EQ(child.exit_status, 0);
+    const child_result child = run_in_child([] { tui_draw({}); });
     EXPECT_THAT(child.out, HasSubstr("┌"));
 }
 
-TEST(Screen, AFrameIsNotDrawnWhileTypedBytesWait) {
+TEST(Screen, KeysWaitThatWereTypedWithOneThatWasRead) {
     const child_result child = run_with_keys("ab", [] {
         tui_character character = {};
-        return tui_next_key(character) == KEY_CHAR && !tui_draw({}) ? 0 : 1;
+        if (tui_next_key(character) != KEY_CHAR || !tui_keys_wait())
+            return 1;
+        return tui_next_key(character) == KEY_CHAR && !tui_keys_wait() ? 0 : 1;
     });
     EXPECT_EQ(child.exit_status, 0);
-    EXPECT_EQ(child.out, "");
+}
+
+// ---- Dropping what was typed --------------------------------------------------------------
+
+TEST(TuiDropInput, DropsAllThatWasTypedAndNothingElse) {
+    const child_result child = run_in_child([] {
+        const typed_bytes typed("yes\033[A", /*stays_open=*/true);
+        tui.input = {};
+        tui.input.fd = typed.reader.get();
+        tui_drop_input();
+        typed.type("n");
+        tui_character character = {};
+        return tui_next_key(character) == KEY_CHAR ? character[0] : 0;
+    });
+    EXPECT_EQ(child.exit_status, 'n');
+}
+
+TEST(TuiDropInput, WhatFollowsOfAPasteStaysAPaste) {
+    const child_result child = run_in_child([] {
+        const typed_bytes typed("\033[200~half a pas", /*stays_open=*/true);
+        tui.input = {};
+        tui.input.fd = typed.reader.get();
+        tui_drop_input();
+        typed.type("te, y\033[201~");
+        tui_character character = {};
+        const bool is_paste = tui_next_key(character) == KEY_PASTE;
+        printf("%d '%s'", is_paste ? 1 : 0, tui.input.pasted.c_str());
+    });
+    EXPECT_EQ(child.out, "1 'te, y'");
+}
+
+TEST(TuiDropInput, OfATerminalThatIsGoneEnds) {
+    EXPECT_EQ(run_with_keys("typed", tui_drop_input).exit_status, 0);
 }
 
 // ---- Signals ------------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 // A screen without colour, and as it was before once the test is over.
@@ -71,6 +72,52 @@ template <typename Body> child_result run_with_keys(std::string_view keys, Body 
         tui.input = {};
         tui.input.fd = typed.reader.get();
         return body();
+    });
+}
+
+// How many times a dialog has been written to standard output, a memory file, as a whole.
+[[nodiscard]] inline size_t dialogs_written() {
+    const std::string output = read_file("/proc/self/fd/1");
+    size_t dialogs = 0;
+    for (size_t end = output.find("\033[J"); end != std::string::npos;
+         end = output.find("\033[J", end + 1)) {
+        const size_t start = output.rfind("\033[H", end);
+        const std::string frame = output.substr(start, end - start);
+        if (frame.find(" n  Cancel ") != std::string::npos ||
+            frame.find("any key to continue") != std::string::npos)
+            dialogs++;
+    }
+    return dialogs;
+}
+
+// The same in steps: each but the first is typed when one more dialog stands on the screen.
+template <typename Body>
+child_result run_with_steps(const std::vector<std::string> &steps, Body &&body) {
+    return run_in_child([&] {
+        typed_bytes typed(steps.front(), /*stays_open=*/true);
+        tui.input = {};
+        tui.input.fd = typed.reader.get();
+        std::thread typist([&] {
+            for (size_t step = 1; step < steps.size(); step++) {
+                while (dialogs_written() < step)
+                    usleep(1000);
+                typed.type(steps[step]);
+            }
+            typed.writer.reset();
+        });
+        const auto done = [&] {
+            typist.join();
+            fflush(nullptr);
+        };
+        if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
+            body();
+            done();
+            return 0;
+        } else {
+            const int status = body();
+            done();
+            return status;
+        }
     });
 }
 

@@ -1,0 +1,296 @@
+"""An administrator in a hurry: who pastes, types ahead and loses patience."""
+
+import fcntl
+import os
+import signal
+from contextlib import contextmanager
+from dataclasses import replace
+from pathlib import Path
+
+import pytest
+
+from frame_model import RED, Box, message_box, revoke_confirmation, search_box
+from interface import (
+    assert_left, expect, frames_as_text, frames_drawn, press, press_in_vain, take_kept_text)
+from messages import Message
+from pseudo_terminal import (
+    BACK_TAB, CTRL_C, CTRL_S, DOWN, EARLIER, ESCAPE, HOME, LEFT, PASTE_ON, TAB, assert_restored,
+    pasted)
+
+NOTE = "Please restart the server, Kay"  # "r" asks before a revocation, the "y" would answer
+
+
+@contextmanager
+def lock_held(store, message_id):
+    """Whoever works on the message waits meanwhile."""
+    held = os.open(store.sent(message_id, "lock"), os.O_RDWR | os.O_CREAT, 0o600)
+    try:
+        fcntl.flock(held, fcntl.LOCK_EX)
+        yield lambda: fcntl.flock(held, fcntl.LOCK_UN)
+    finally:
+        os.close(held)
+
+
+def working(title):
+    return Box(title, ["Working …"], "", "")
+
+
+# ---- Pasting where nothing is written -----------------------------------------------------
+
+
+def test_paste_into_the_list_does_nothing(interface, store):
+    tbx, page = interface([Message(1), Message(2)])
+    before = store.tree()
+    press_in_vain(tbx, pasted(NOTE))
+    press(tbx, DOWN, replace(page, selected=1))
+    assert store.tree() == before
+    assert not any("Revoke" in frame for frame in frames_as_text(tbx))
+
+
+def test_paste_into_the_page_of_a_message_does_nothing(detail):
+    tbx, page, behind = detail(Message(1))
+    press_in_vain(tbx, pasted(NOTE + "q"))
+    expect(tbx, page)
+    press(tbx, "q", behind)
+
+
+@pytest.mark.parametrize("opening, text", [("?", "any key to continue"), ("r", "y  Confirm")])
+def test_paste_into_a_dialog_does_nothing(interface, store, opening, text):
+    tbx, page = interface([Message(1)])
+    tbx.send(opening)
+    tbx.wait_for(text)
+    drawn = frames_drawn(tbx)
+    tbx.send(pasted("y" + NOTE))
+    tbx.send(pasted("n"))
+    tbx.poll_for(lambda: tbx.unread() == 0)
+    tbx.resize(100, 24)  # seen at an idle tick, after what was pasted
+    tbx.wait_for(lambda: frames_drawn(tbx) > drawn)
+    assert text in tbx.frame()
+    press(tbx, "n", replace(page, size=(100, 24)))
+    assert not store.sent(1, "revoked").exists()
+
+
+def test_paste_from_a_terminal_that_does_not_mark_it_revokes_nothing(interface, store):
+    message = Message(1)
+    tbx, page = interface([message])
+    press(tbx, NOTE, page, revoke_confirmation(message))
+    press(tbx, "n", page)
+    assert not store.sent(1, "revoked").exists()
+
+
+def test_question_takes_no_answer_that_was_typed_before_it(interface, store):
+    message = Message(1)
+    tbx, page = interface([message])
+    press(tbx, "ryx", page, revoke_confirmation(message))
+    press(tbx, "y", page, message_box("Revoke message 1?", "Message 1 revoked."))
+    assert store.sent(1, "revoked").exists()
+
+
+def test_bracketed_paste_is_on_only_while_the_interface_runs(interface):
+    tbx, _ = interface([], earlier=EARLIER)
+    assert tbx.raw.count(PASTE_ON) == 1
+    tbx.send("q")
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+# ---- Pasting into a field -----------------------------------------------------------------
+
+
+@pytest.mark.parametrize("field", ["To", "Title", "Expires"])
+@pytest.mark.parametrize("text, shown", [
+    ("one two", "one two"), ("one\r\ntwo", "one two"), ("one\ntwo\r", "one two "),
+    ("a\tb", "a b"), ("jq y", "jq y"), ("é日\x1b[31m", "é日")])
+def test_line_that_is_pasted_goes_into_the_field(form, field, text, shown):
+    tbx, page, _ = form()
+    keys = TAB * ["To", "Title", "Expires"].index(field)
+    tbx.send(keys + "<>" + LEFT + pasted(text))
+    tbx.wait_for(f"[ <{shown}> ")
+    assert tbx.cursor() is not None
+
+
+def test_pasted_text_goes_into_the_text_whole(form):
+    tbx, page, _ = form()
+    page = replace(page, text="ab", focus="Text")
+    press(tbx, BACK_TAB + "ab" + LEFT, replace(page, at=(0, 1)))
+    press(tbx, pasted("one\ttab\r\n\r\ntwo\rthree"),
+          replace(page, text="aone tab\n\ntwo\nthreeb", at=(3, 5)))
+    tbx.send(CTRL_S)
+    tbx.wait_for("Text: 20 bytes")
+
+
+def test_tab_that_is_pasted_is_sent_as_a_tab(form, store):
+    tbx, _, _ = form()
+    tbx.send("daemon" + BACK_TAB + pasted("one\ttwo\r\nthree") + CTRL_S)
+    tbx.wait_for("y  Confirm")
+    tbx.send("y")
+    tbx.wait_for("Message 1 sent to 1 user.")
+    assert store.sent(1, "msg").read_text().endswith("\n\none\ttwo\nthree\n")
+
+
+def test_field_takes_of_a_paste_as_much_as_if_it_were_typed(form):
+    tbx, page, _ = form()
+    value = "x" * 998 + "€"
+    press(tbx, pasted("x" * 998 + "€é"), replace(page, to=value, scroll=999 - 54))
+
+
+def test_pasted_text_goes_into_a_prompt_in_one_line(interface):
+    tbx, page = interface([Message(1)])
+    press(tbx, "/" + pasted("one\r\ntwo"), page, search_box(page.size, "one two"))
+    press(tbx, "!", page, search_box(page.size, "one two!"))
+
+
+# ---- Long pastes --------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("paste, length", [(pasted, 60_000), (str, 20_000)],
+                         ids=["marked", "as if typed"])
+def test_long_line_that_is_pasted_is_not_drawn_key_by_key(form, paste, length):
+    tbx, page, _ = form()
+    line = "".join(chr(ord("a") + number % 26) for number in range(length))
+    tbx.send(BACK_TAB)
+    drawn = frames_drawn(tbx)
+    tbx.type(paste(line))
+    expect(tbx, replace(page, text=line, focus="Text", scroll=length - 54))
+    assert frames_drawn(tbx) - drawn < length / 50
+
+
+def test_keys_typed_in_one_go_are_one_frame(form):
+    tbx, page, _ = form()
+    drawn = frames_drawn(tbx)
+    press(tbx, "x" * 50 + LEFT * 3 + TAB + "title", replace(
+        page, to="x" * 50, title="title", focus="Title",
+        preview=RED("tbx: no such user: " + "x" * 50)))
+    assert frames_drawn(tbx) - drawn <= 3  # a tick may come between
+
+
+# ---- While a command runs -----------------------------------------------------------------
+
+
+@pytest.fixture
+def revoking(interface, store):
+    """A session in which the revocation of message 1 waits for its lock.
+
+    Returns the terminal, the list behind, and a function that frees the lock.
+    """
+    message = Message(1)
+    tbx, page = interface([message])
+    with lock_held(store, 1) as free:
+        press(tbx, "r", page, revoke_confirmation(message))
+        tbx.send("y")
+        yield tbx, page, free
+
+
+def test_command_that_takes_its_time_is_said_to_be_at_work(revoking):
+    tbx, page, free = revoking
+    expect(tbx, page, working("Revoke message 1?"))
+    tbx.resize(110, 30)
+    page = replace(page, size=(110, 30))
+    expect(tbx, page, working("Revoke message 1?"))
+    free()
+    expect(tbx, page, message_box("Revoke message 1?", "Message 1 revoked."))
+
+
+def test_keys_typed_while_a_command_runs_do_not_close_its_result(revoking):
+    tbx, page, free = revoking
+    tbx.wait_for("Working …")
+    tbx.send("xxnq" + DOWN)
+    tbx.send(pasted(NOTE))
+    free()
+    expect(tbx, page, message_box("Revoke message 1?", "Message 1 revoked."))
+    press(tbx, "x", replace(page, messages=(Message(1, revoked=1),)))
+
+
+def test_command_that_ctrl_c_ends_is_told_as_interrupted(revoking):
+    tbx, page, _ = revoking
+    tbx.wait_for("Working …")
+    press(tbx, CTRL_C, page, message_box("Revoke message 1?", "Interrupted."))
+
+
+# ---- Text that would be lost --------------------------------------------------------------
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_text_of_a_form_that_a_signal_ends_is_kept(form, number):
+    tbx, page, _ = form(earlier=EARLIER)
+    press(tbx, BACK_TAB + "Ωne\r\rtwo", replace(page, text="Ωne\n\ntwo", focus="Text"))
+    tbx.signal(number)
+    assert tbx.wait_exit() == 0
+    assert take_kept_text(tbx) == "Ωne\n\ntwo\n"
+
+
+def test_text_of_a_form_on_a_terminal_that_is_hung_up_is_kept(form, tmp_path):
+    tbx, page, _ = form()
+    text = f"hung up {os.getpid()} {tmp_path.name}"
+    press(tbx, BACK_TAB + text, replace(page, text=text, focus="Text"))
+    tbx.hang_up()
+    assert tbx.wait_status() == 0
+    kept = [path for path in Path("/tmp").glob("tellbox-testo-*") if path.read_text(errors="replace") == text + "\n"]
+    assert len(kept) == 1
+    kept[0].unlink()
+
+
+@pytest.mark.parametrize("keys", ["", "daemon\tTitle"])
+def test_form_without_a_text_leaves_nothing(form, keys):
+    tbx, page, _ = form(earlier=EARLIER)
+    tbx.send(keys)
+    tbx.wait_for(lambda: not keys or "[ Title " in tbx.frame())
+    tbx.send(CTRL_C)
+    assert tbx.wait_exit() == 0
+    assert_left(tbx, "form")
+
+
+def test_text_that_was_discarded_or_sent_is_not_kept(form):
+    tbx, page, behind = form(earlier=EARLIER)
+    page = replace(page, text="lost", focus="Text")
+    press(tbx, BACK_TAB + "lost", page)
+    press(tbx, ESCAPE, page, page.discard())
+    press(tbx, "y", behind)
+    tbx.send(CTRL_C)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
+
+
+# ---- Sending again ------------------------------------------------------------------------
+
+ALREADY = ["Message 1 was already sent to 1 of 2 recipients; the others are",
+           "tried again by themselves.", ""]
+
+
+def test_review_says_what_an_earlier_try_has_sent(form, store):
+    tbx, page, _ = form()
+    store.create()
+    store.mailbox("bin").write_text("in the way")
+    page = replace(page, to="bin,daemon", text="Hello", focus="Text", preview="2 recipients")
+    press(tbx, "bin,daemon" + BACK_TAB + "Hello", page)
+    press(tbx, CTRL_S, page, page.review("2 recipients"))
+    tbx.send("y")
+    tbx.wait_for("Message 1 delivered to 1 of 2 recipients.")
+    press(tbx, "x", page)
+    review = page.review("2 recipients")
+    press(tbx, CTRL_S, page, replace(review, body=[*ALREADY, *review.body]))
+    press(tbx, "n", page)
+
+
+def test_review_on_a_wide_screen_says_it_in_one_line(form, store):
+    tbx, page, _ = form(size=(120, 40))
+    store.create()
+    store.mailbox("bin").write_text("in the way")
+    tbx.send("bin,daemon" + BACK_TAB + "Hello" + CTRL_S)
+    tbx.wait_for("y  Confirm")
+    tbx.send("y")
+    tbx.wait_for("Message 1 delivered to 1 of 2 recipients.")
+    tbx.send("x" + CTRL_S)
+    tbx.wait_for("│  Message 1 was already sent to 1 of 2 recipients; the others are tried again by "
+                 "themselves.  │")
+
+
+def test_review_says_nothing_of_a_try_that_created_no_message(form):
+    tbx, page, _ = form()
+    page = replace(page, to="daemon", focus="Text", preview="1 recipient")
+    press(tbx, "daemon" + BACK_TAB, page)
+    press(tbx, CTRL_S, page, page.review("1 recipient"))
+    press(tbx, "y", page, message_box("Sending result", "tbx: empty message"))
+    press(tbx, "x", page)
+    press(tbx, CTRL_S, page, page.review("1 recipient"))
+    press(tbx, HOME, page, page.review("1 recipient"))
