@@ -54,7 +54,26 @@ constexpr event_sentence SENTENCES[] = {
                              "({channel}): unknown error"},
 };
 
-// Every name in a sentence is that of an input.
+static constexpr std::string_view INPUT_NAMES[] = {"id", "user", "channel", "details", "author"};
+
+// Whether every "{name}" in the text is closed and names an input.
+static constexpr bool names_inputs_only(std::string_view text) {
+    for (size_t open = text.find('{'); open != text.npos; open = text.find('{')) {
+        const size_t close = text.find('}', open);
+        if (close == text.npos ||
+            std::ranges::find(INPUT_NAMES, text.substr(open + 1, close - open - 1)) ==
+                std::end(INPUT_NAMES))
+            return false;
+        text.remove_prefix(close + 1);
+    }
+    return true;
+}
+
+static_assert(std::ranges::all_of(SENTENCES, [](const event_sentence &sentence) {
+    return names_inputs_only(sentence.text) && names_inputs_only(sentence.text_without_details) &&
+           names_inputs_only(sentence.text_for_one);
+}));
+
 static std::string_view input_value(std::span<const event_input> inputs, std::string_view name) {
     return std::ranges::find(inputs, name, &event_input::name)->value;
 }

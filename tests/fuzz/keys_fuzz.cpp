@@ -5,7 +5,7 @@
 //   else bursts of any bytes, which lines of "%" separate
 #include "fuzz.h"
 #include "hostile.h"
-#include "tbx/tui/keys.h"
+#include "tbx/screen/keys.h"
 
 #include <poll.h>
 #include <sys/syscall.h>
@@ -49,6 +49,12 @@ ssize_t read(int fd, void *buffer, size_t size) {
 }
 }
 
+static constexpr key_rules RULES = {.wait_ms = 500,
+                                    .sequence_wait_ms = 40,
+                                    .last_digit_counts = false,
+                                    .has_back_tab_after_o = true,
+                                    .has_paste = true};
+
 struct decoded_key {
     tui_key key;
     std::string character;
@@ -62,7 +68,7 @@ static std::vector<decoded_key> decoded() {
     input.fd = TERMINAL;
     while (true) {
         tui_character character = {'?', '?', '?', '?', '?'};
-        const tui_key key = tui_read_key(&input, TUI_KEY_WAIT_MS, character);
+        const tui_key key = tui_read_key(&input, RULES, RULES.wait_ms, character);
         CHECK(memchr(character, 0, sizeof character) != nullptr);
         CHECK((key == KEY_CHAR) == (character[0] != 0));
         if (key == KEY_ERROR)

@@ -2,8 +2,8 @@
 #include "common/style.h"
 #include "fuzz.h"
 #include "hostile.h"
+#include "tbx/screen/width.h"
 #include "tbx/tui/text.h"
-#include "tbx/tui/width.h"
 
 #include <algorithm>
 #include <cctype>

@@ -4,7 +4,7 @@ import re
 from pathlib import Path
 
 from frame_model import UPDATED, Frame
-from pseudo_terminal import ESCAPE, FRAME_BEGINS, assert_restored
+from pseudo_terminal import CTRL_Z, ESCAPE, FRAME_BEGINS, assert_restored
 
 CLOCKS = re.compile(r"updated at \d\d:\d\d:\d\d")
 
@@ -108,3 +108,14 @@ def take_kept_text(tbx):
     assert path.stat().st_mode & 0o777 == 0o600
     path.unlink()
     return text
+
+
+def is_stopped(tbx):
+    status = Path(f"/proc/{tbx.pid}/stat").read_text()
+    return status.rpartition(")")[2].split()[0] == "T"
+
+
+def stop(tbx):
+    """Types Ctrl+Z, and waits until the interface has left the screen and stopped."""
+    tbx.send(CTRL_Z)
+    tbx.poll_for(lambda: is_stopped(tbx) and not tbx.screen.alternate)

@@ -6,6 +6,7 @@ import termios
 
 import pytest
 
+from interface import stop
 from pseudo_terminal import (
     BACK_TAB, CC, CTRL_BACKSLASH, CTRL_C, CTRL_S, DOWN, EARLIER, END, ENTER, ENTER_SCREEN, ESCAPE,
     HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, assert_restored, unusual)
@@ -330,6 +331,21 @@ def test_signal_ends_the_guide_while_output_is_stopped(guide):
     tbx.signal(signal.SIGTERM)
     assert tbx.wait_status() == 0
     assert tbx.attributes() == tbx.attributes_before
+
+
+def test_ctrl_z_gives_the_terminal_back_until_the_guide_goes_on(guide):
+    tbx = guide(earlier=EARLIER, attributes=unusual)
+    press(tbx, "2j", ("Commands", 2))
+    raw = tbx.attributes()
+    stop(tbx)
+    assert_restored(tbx)
+    tbx.resize(100, 30)
+    tbx.signal(signal.SIGCONT)
+    tbx.wait_for(lambda: shown(tbx) == ("Commands", 2) and tbx.rows()[-1] == "└" + "─" * 98 + "┘")
+    assert tbx.attributes() == raw
+    tbx.send("q")
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx)
 
 
 def test_nothing_is_drawn_after_the_key_that_leaves(guide):

@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from frame_model import KEYS_BOX, message_box, revoke_confirmation
-from interface import assert_left, expect, frames_as_text, frames_drawn, press
+from interface import assert_left, expect, is_stopped, stop, frames_drawn, is_stopped, press, stop
 from messages import Message
 from places import PLACES, Places
 from pseudo_terminal import (
@@ -104,17 +104,6 @@ def test_signal_ends_the_interface_while_output_is_stopped(place, name):
 
 
 # ---- Being stopped ------------------------------------------------------------------------
-
-
-def is_stopped(tbx):
-    status = Path(f"/proc/{tbx.pid}/stat").read_text()
-    return status.rpartition(")")[2].split()[0] == "T"
-
-
-def stop(tbx):
-    """Types Ctrl+Z, and waits until the interface has left the screen and stopped."""
-    tbx.send(CTRL_Z)
-    tbx.poll_for(lambda: is_stopped(tbx) and not tbx.screen.alternate)
 
 
 @pytest.mark.parametrize("name", PLACES)

@@ -1,23 +1,15 @@
 #include "tbx/guide/browser.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <termios.h>
-#include <unistd.h>
+#include "tbx/screen/frame.h"
+#include "tbx/screen/session.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <iterator>
 #include <string_view>
 
 static constexpr int MIN_COLUMNS = 44; // the tab bar needs them
 static constexpr int MIN_ROWS = 10;
-
-// Set by SIGINT, SIGTERM and SIGHUP, for as long as the process lives.
-static volatile sig_atomic_t quit_requested = 0;
 
 // ---- Tab to lines -------------------------------------------------------------------------
 
@@ -143,9 +135,6 @@ void guide_press(guide_view *view, guide_key key) {
 
 // ---- Lines to frame -----------------------------------------------------------------------
 
-static constexpr const char *CURSOR_HOME = "\033[H";
-static constexpr const char *CLEAR_BELOW = "\033[J";
-
 static constexpr const char *TITLE = "tbx — guide";
 static constexpr int TITLE_RULE_COLUMNS = 16; // the title's label and the end pieces
 static constexpr int BORDER_COLUMNS = 2;      // "│" and "│"
@@ -246,158 +235,81 @@ static void append_body(strlist *rows, const guide_lines &lines, size_t first, s
     }
 }
 
-// A terminal made lower than the frame gets the top of it: one row more would scroll.
-static void append_frame(strbuf *frame, const strlist &rows, int screen_rows) {
-    strbuf_append_str(frame, CURSOR_HOME);
-    const size_t shown = std::min(rows.count, static_cast<size_t>(screen_rows));
-    for (size_t i = 0; i < shown; i++)
-        strbuf_printf(frame, "%s%s", i > 0 ? "\n" : "", rows.items[i]);
-    strbuf_append_str(frame, CLEAR_BELOW);
+// Rows of the tab's content on the screen.
+static int body_rows(const guide_view &view) {
+    return std::max(view.rows - FRAME_ROWS, 0);
 }
 
-void guide_render(guide_view *view, strbuf *frame) {
-    style_columns = view->columns;
-    const int width = view->columns - ROW_SIDE_COLUMNS;
-    const guide_lines lines = guide_tab_lines(view->tab, width);
-    const int total = static_cast<int>(lines.size());
-    const int body = std::max(view->rows - FRAME_ROWS, 0);
+static guide_lines current_lines(const guide_view &view) {
+    return guide_tab_lines(view.tab, view.columns - ROW_SIDE_COLUMNS);
+}
+
+void guide_clamp(guide_view *view) {
+    const int total = static_cast<int>(current_lines(*view).size());
     int &scroll = view->scroll[view->tab];
-    scroll = std::clamp(scroll, 0, std::max(total - body, 0));
+    scroll = std::clamp(scroll, 0, std::max(total - body_rows(*view), 0));
+}
+
+void guide_render(const guide_view &view, strbuf *frame) {
+    style_columns = view.columns;
+    const guide_lines lines = current_lines(view);
+    const int total = static_cast<int>(lines.size());
+    const int body = body_rows(view);
+    const int scroll = view.scroll[view.tab];
     const std::string position =
         xasprintf("lines %d-%d/%zu", scroll + 1, std::min(scroll + body, total), lines.size());
     strlist rows;
-    append_head(&rows, *view);
+    append_head(&rows, view);
     append_body(&rows, lines, static_cast<size_t>(scroll), static_cast<size_t>(body));
-    append_foot(&rows, position, width);
-    append_frame(frame, rows, view->rows);
+    append_foot(&rows, position, view.columns - ROW_SIDE_COLUMNS);
+    frame_append(frame, rows, view.rows);
 }
 
-// ---- The terminal -------------------------------------------------------------------------
+// ---- On the terminal ----------------------------------------------------------------------
 
-static constexpr const char *ENTER_SCREEN = "\033[?1049h\033[?25l";
-static constexpr const char *LEAVE_SCREEN = "\033[?25h\033[?1049l";
-static constexpr int OUTPUT_TIMEOUT_MS = 300;
+static constexpr session_rules RULES = {
+    .min_cols = MIN_COLUMNS,
+    .min_rows = MIN_ROWS,
+    .input_flags_off = 0,
+    .writes_to_tty = true,
+    .enter = "\033[?1049h\033[?25l",
+    .leave = "\033[?25h\033[?1049l",
+    .keys = GUIDE_KEY_RULES,
+};
 
-static constexpr std::array<int, 4> QUIT_SIGNALS = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
-using saved_handlers = std::array<struct sigaction, QUIT_SIGNALS.size()>;
-
-extern "C" {
-static void request_quit(int /*signal*/) {
-    quit_requested = 1;
-}
-}
-
-static void install_quit_handler(saved_handlers *saved) {
-    struct sigaction action = {};
-    action.sa_handler = request_quit; // without SA_RESTART: a signal ends what waits
-    sigemptyset(&action.sa_mask);
-    for (size_t i = 0; i < QUIT_SIGNALS.size(); i++)
-        sigaction(QUIT_SIGNALS[i], &action, &(*saved)[i]);
-}
-
-static void restore_handlers(const saved_handlers &saved) {
-    for (size_t i = 0; i < QUIT_SIGNALS.size(); i++)
-        sigaction(QUIT_SIGNALS[i], &saved[i], nullptr);
-}
-
-// False when there is no size, or one of 0; the view keeps its own then.
-static bool read_size(int tty, guide_view *view) {
-    winsize size = {};
-    if (ioctl(tty, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0)
-        return false;
-    view->rows = size.ws_row;
-    view->columns = size.ws_col;
-    return true;
-}
-
-static bool is_resized(int tty, guide_view *view) {
-    const int rows = view->rows;
-    const int columns = view->columns;
-    return read_size(tty, view) && (view->rows != rows || view->columns != columns);
-}
-
-[[nodiscard]] static bool set_attributes(int tty, const termios &attributes) {
-    if (tcsetattr(tty, TCSAFLUSH, &attributes) == 0)
-        return true;
-    // A signal came while the output drained: waiting once more could take for ever.
-    return errno == EINTR && tcsetattr(tty, TCSANOW, &attributes) == 0;
-}
-
-// Waits until the terminal takes output. One that is stopped, as by Ctrl-S, holds the guide up,
-// but not for longer than it is wanted.
-[[nodiscard]] static bool await_output(int tty) {
-    pollfd waiting = {.fd = tty, .events = POLLOUT, .revents = 0};
-    int ready = 0;
-    do
-        ready = poll(&waiting, 1, OUTPUT_TIMEOUT_MS);
-    while ((ready == 0 || (ready < 0 && errno == EINTR)) && !quit_requested);
-    return ready > 0;
-}
-
-[[nodiscard]] static bool write_to_terminal(int tty, std::string_view text) {
-    while (!text.empty()) {
-        if (!await_output(tty))
-            return false;
-        const ssize_t written = write(tty, text.data(), text.size());
-        if (written >= 0)
-            text.remove_prefix(static_cast<size_t>(written));
-        else if (errno != EINTR)
-            return false;
-    }
-    return true;
-}
-
-// False, with everything as it was, when the terminal cannot be set up.
-static bool enter_screen(int tty, const termios &saved) {
-    saved_handlers handlers;
-    install_quit_handler(&handlers);
-    termios raw = saved;
-    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-    raw.c_cc[VMIN] = 1;
-    raw.c_cc[VTIME] = 0;
-    if (set_attributes(tty, raw) && write_to_terminal(tty, ENTER_SCREEN))
-        return true;
-    static_cast<void>(set_attributes(tty, saved)); // a terminal that is gone has nothing to restore
-    restore_handlers(handlers);
-    return false;
-}
-
-// The guide is over whether or not the terminal is still there to be restored.
-static void leave_screen(int tty, const termios &saved) {
-    static_cast<void>(set_attributes(tty, saved));
-    static_cast<void>(write_to_terminal(tty, LEAVE_SCREEN));
-}
-
-static bool draw(int tty, guide_view *view) {
+static void draw(guide_view *view) {
+    view->rows = tui.screen_rows;
+    view->columns = tui.screen_cols;
+    guide_clamp(view);
     strbuf frame;
-    guide_render(view, &frame);
-    return write_to_terminal(tty, frame.view());
+    guide_render(*view, &frame);
+    session_write(frame.view());
 }
 
-static void browse(int tty, guide_view *view) {
-    bool drawn = draw(tty, view);
-    while (drawn && !quit_requested) {
-        const guide_key key = guide_read_key(tty);
+static void browse() {
+    guide_view view;
+    unsigned changes_drawn = tui.screen_changes;
+    draw(&view);
+    while (!quit_requested) {
+        tui_character character = {};
+        const tui_key pressed = tui_next_key(character);
+        const guide_key key = guide_key_of(pressed, character);
         if (key == guide_key::quit || key == guide_key::failed)
             return;
-        const bool resized = is_resized(tty, view);
-        if (!resized && (key == guide_key::timeout || key == guide_key::none))
+        const bool is_changed = changes_drawn != tui.screen_changes;
+        if (!is_changed && (key == guide_key::timeout || key == guide_key::none))
             continue;
-        guide_press(view, key);
-        drawn = draw(tty, view);
+        guide_press(&view, key);
+        changes_drawn = tui.screen_changes;
+        draw(&view);
     }
 }
 
 bool guide_interactive() {
-    const unique_fd tty(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
-    guide_view view;
-    termios saved = {};
-    if (!tty || !read_size(tty.get(), &view) || view.columns < MIN_COLUMNS ||
-        view.rows < MIN_ROWS || tcgetattr(tty.get(), &saved) != 0 ||
-        !enter_screen(tty.get(), saved))
+    if (!session_start(RULES))
         return false;
     styles_set(getenv("NO_COLOR") == nullptr);
-    browse(tty.get(), &view);
-    leave_screen(tty.get(), saved);
+    browse();
+    tui_end();
     return true;
 }

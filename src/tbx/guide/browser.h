@@ -36,9 +36,11 @@ void guide_append_table(guide_lines *lines, guide_table items, int width);
 // The lines of a tab, laid out for a row of `width` columns.
 [[nodiscard]] guide_lines guide_tab_lines(size_t tab, int width);
 
-// Does what the key says to the view. A scroll position may leave the content by this; drawing
-// brings it back.
+// Does what the key says to the view. A scroll position may leave the content by this.
 void guide_press(guide_view *view, guide_key key);
 
-// Appends one frame that fills the terminal, and brings the scroll position into the content.
-void guide_render(guide_view *view, strbuf *frame);
+// Brings the scroll position back into the content.
+void guide_clamp(guide_view *view);
+
+// Appends one frame that fills the terminal.
+void guide_render(const guide_view &view, strbuf *frame);

@@ -1,5 +1,9 @@
-// The keys of the tabbed guide, from the bytes of the terminal.
+// What the keys mean in the tabbed guide.
 #pragma once
+
+#include "tbx/screen/keys.h"
+
+#include <string_view>
 
 enum class guide_key {
     none,    // bytes without a meaning, or half a sequence
@@ -21,5 +25,14 @@ enum class guide_key {
     last_page,
 };
 
-// Waits up to 300 ms for a key on `fd`. A wait that a signal interrupts has timed out.
-[[nodiscard]] guide_key guide_read_key(int fd);
+// How the guide reads keys: numbered ones by their last digit.
+constexpr key_rules GUIDE_KEY_RULES = {
+    .wait_ms = 300,
+    .sequence_wait_ms = 50,
+    .last_digit_counts = true,
+    .has_back_tab_after_o = false,
+    .has_paste = false,
+};
+
+// What a key means here. `character` is that of a KEY_CHAR.
+[[nodiscard]] guide_key guide_key_of(tui_key key, std::string_view character);

@@ -2,7 +2,7 @@
 // starts anything.
 #pragma once
 
-#include "tbx/tui/keys.h"
+#include "tbx/screen/keys.h"
 
 #include <array>
 #include <cstddef>

@@ -1,7 +1,7 @@
 #include "tbx/tui/text.h"
 
 #include "common/message.h"
-#include "tbx/tui/width.h"
+#include "tbx/screen/width.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -135,20 +135,11 @@ std::string_view tui_beginning(std::string_view text, size_t limit) {
 
 // ---- Appending ----------------------------------------------------------------------------
 
-// Bytes of the style sequence at the start of `text`, 0 for none. One without its final letter
-// reaches to the end.
-static size_t sequence_bytes(std::string_view text) {
-    if (text.size() < 2 || text[0] != ESCAPE || text[1] != '[')
-        return 0;
-    const auto letter = std::find_if(text.begin() + 2, text.end(), is_ascii_letter);
-    return static_cast<size_t>(letter - text.begin()) + (letter != text.end() ? 1 : 0);
-}
-
 int tui_cut(strbuf *out, std::string_view text, int width) {
     int columns = 0;
     bool is_plain = true;
     while (!text.empty()) {
-        size_t bytes = sequence_bytes(text);
+        size_t bytes = tui_sequence_bytes(text);
         if (bytes > 0) {
             if (is_ascii_letter(text[bytes - 1]))
                 strbuf_append(out, text.data(), bytes);
@@ -172,24 +163,10 @@ int tui_cut(strbuf *out, std::string_view text, int width) {
     return columns;
 }
 
-int tui_line_columns(std::string_view line) {
-    int columns = 0;
-    while (!line.empty()) {
-        size_t bytes = sequence_bytes(line);
-        if (bytes == 0) {
-            const tui_cluster cluster = tui_next_cluster(line);
-            columns += cluster.columns;
-            bytes = cluster.bytes;
-        }
-        line.remove_prefix(bytes);
-    }
-    return columns;
-}
-
 std::string tui_without_styles(std::string_view line) {
     std::string plain;
     while (!line.empty()) {
-        const size_t bytes = std::max<size_t>(sequence_bytes(line), 1);
+        const size_t bytes = std::max<size_t>(tui_sequence_bytes(line), 1);
         const bool is_style = bytes > 1 && line[bytes - 1] == 'm';
         if (!is_style)
             plain.append(line.substr(0, bytes));

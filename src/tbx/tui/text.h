@@ -3,6 +3,7 @@
 #pragma once
 
 #include "common/core.h"
+#include "tbx/screen/width.h"
 
 #include <string>
 #include <string_view>
@@ -29,9 +30,8 @@ void tui_styles_set(bool colour_on);
 
 // ---- Columns ------------------------------------------------------------------------------
 
-// Columns of `text`, which holds no style sequences, and of a line that may.
+// Columns of `text`, which holds no style sequences; of a line that may, tui_line_columns().
 [[nodiscard]] int tui_columns(std::string_view text);
-[[nodiscard]] int tui_line_columns(std::string_view line);
 
 // The first column from `column` on at which a character begins.
 [[nodiscard]] int tui_whole_column(std::string_view text, int column);
@@ -51,10 +51,6 @@ void tui_styles_set(bool colour_on);
 [[nodiscard]] std::string_view tui_beginning(std::string_view text, size_t limit);
 
 // ---- Appending ----------------------------------------------------------------------------
-
-// Stands behind text in which not every character takes one column. What follows is put at the
-// column that has been counted, even where the terminal has counted otherwise.
-constexpr std::string_view TUI_ANCHOR = "\033[G";
 
 // Appends the beginning of `text`, at most `width` columns, and returns its columns. Control
 // bytes become blanks, broken characters U+FFFD; style sequences pass.

@@ -15,6 +15,13 @@
 #include <thread>
 #include <vector>
 
+// The tests read keys without having started a session.
+struct interface_rules : testing::Environment {
+    void SetUp() override { tui.rules = &TUI_RULES; }
+};
+inline testing::Environment *const rules_for_all_tests =
+    testing::AddGlobalTestEnvironment(new interface_rules);
+
 // A screen without colour, and as it was before once the test is over.
 class scratch_screen {
 public:

@@ -1,4 +1,4 @@
-#include "tbx/tui/width.h"
+#include "tbx/screen/width.h"
 
 #include "tui_support.h"
 

@@ -1,4 +1,4 @@
-#include "tbx/tui/keys.h"
+#include "tbx/screen/keys.h"
 
 #include "tui_support.h"
 
@@ -10,6 +10,12 @@ using testing::ElementsAre;
 
 namespace {
 
+constexpr key_rules RULES = {.wait_ms = 500,
+                             .sequence_wait_ms = 40,
+                             .last_digit_counts = false,
+                             .has_back_tab_after_o = true,
+                             .has_paste = true};
+
 // Every key that `bytes` give until the end of input, characters as their text.
 std::vector<std::string> keys_in(std::string_view bytes) {
     const typed_bytes typed(bytes);
@@ -18,7 +24,7 @@ std::vector<std::string> keys_in(std::string_view bytes) {
     std::vector<std::string> keys;
     while (true) {
         tui_character character = {};
-        const tui_key key = tui_read_key(&input, TUI_KEY_WAIT_MS, character);
+        const tui_key key = tui_read_key(&input, RULES, RULES.wait_ms, character);
         if (key == KEY_ERROR)
             return keys;
         keys.push_back(key == KEY_CHAR ? character : std::to_string(key));
@@ -33,7 +39,7 @@ int key_of(std::string_view bytes) {
 
 tui_key next_key(tui_input *input, int timeout_ms) {
     tui_character character = {};
-    return tui_read_key(input, timeout_ms, character);
+    return tui_read_key(input, RULES, timeout_ms, character);
 }
 
 } // namespace
@@ -191,7 +197,7 @@ TEST(TuiKeys, ACharacterTypedInPiecesComesWhole) {
     input.fd = typed.reader.get();
     std::thread rest([&] { typed.type("\x82\xac"); });
     tui_character character = {};
-    EXPECT_EQ(tui_read_key(&input, TUI_KEY_WAIT_MS, character), KEY_CHAR);
+    EXPECT_EQ(tui_read_key(&input, RULES, RULES.wait_ms, character), KEY_CHAR);
     rest.join();
     EXPECT_STREQ(character, "€");
 }
@@ -226,7 +232,7 @@ std::vector<std::string> keys_and_pastes_in(std::string_view bytes) {
     std::vector<std::string> keys;
     while (true) {
         tui_character character = {};
-        const tui_key key = tui_read_key(&input, TUI_KEY_WAIT_MS, character);
+        const tui_key key = tui_read_key(&input, RULES, RULES.wait_ms, character);
         if (key == KEY_ERROR)
             return keys;
         keys.push_back(key == KEY_PASTE  ? "[" + input.pasted + "]"
@@ -261,7 +267,7 @@ TEST(TuiPaste, ThatComesInPiecesIsSeveralKeysNoneOfThemBroken) {
     std::string pieces;
     const auto read_piece = [&] {
         tui_character character = {};
-        const tui_key key = tui_read_key(&input, /*timeout_ms=*/0, character);
+        const tui_key key = tui_read_key(&input, RULES, /*timeout_ms=*/0, character);
         pieces += key == KEY_PASTE ? input.pasted + "|" : std::to_string(key) + "|";
     };
     read_piece();
@@ -282,11 +288,11 @@ TEST(TuiPaste, WhoseEndIsLostIsOverAfterALongSilence) {
     input.fd = typed.reader.get();
     tui_character character = {};
     int silences = 0;
-    while (tui_read_key(&input, /*timeout_ms=*/0, character) == KEY_TIMEOUT)
+    while (tui_read_key(&input, RULES, /*timeout_ms=*/0, character) == KEY_TIMEOUT)
         ASSERT_LT(++silences, 100);
     EXPECT_EQ(input.pasted, "");
     typed.type("x");
-    EXPECT_EQ(tui_read_key(&input, 0, character), KEY_CHAR);
+    EXPECT_EQ(tui_read_key(&input, RULES, 0, character), KEY_CHAR);
 }
 
 TEST(TuiPaste, OfGreatLengthIsHandedOverInPieces) {
@@ -304,7 +310,7 @@ TEST(TuiPaste, OfGreatLengthIsHandedOverInPieces) {
     std::string pasted;
     size_t pieces = 0;
     tui_character character = {};
-    for (; tui_read_key(&input, TUI_KEY_WAIT_MS, character) == KEY_PASTE; pieces++)
+    for (; tui_read_key(&input, RULES, RULES.wait_ms, character) == KEY_PASTE; pieces++)
         pasted += input.pasted;
     typist.join();
     EXPECT_EQ(pasted.size(), 3'000'000U);
@@ -316,7 +322,7 @@ TEST(TuiKeys, OnlyCharactersHaveText) {
     tui_input input;
     input.fd = typed.reader.get();
     tui_character character = {};
-    EXPECT_EQ(tui_read_key(&input, 0, character), KEY_CHAR);
-    EXPECT_EQ(tui_read_key(&input, 0, character), KEY_TAB);
+    EXPECT_EQ(tui_read_key(&input, RULES, 0, character), KEY_CHAR);
+    EXPECT_EQ(tui_read_key(&input, RULES, 0, character), KEY_TAB);
     EXPECT_STREQ(character, "");
 }

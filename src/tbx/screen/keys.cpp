@@ -1,4 +1,4 @@
-#include "tbx/tui/keys.h"
+#include "tbx/screen/keys.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -7,9 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-
-// Between the bytes of one key. A terminal sends them together; a person takes longer.
-static constexpr int SEQUENCE_WAIT_MS = 40;
 
 static constexpr int ESCAPE = 27;
 static constexpr int DELETE_BYTE = 127;
@@ -79,11 +76,12 @@ static int continuation_bytes(int lead) {
 
 // Reads what belongs to the character that `lead` begins. A byte that cannot belong to it is
 // a key of its own: a broken character must not swallow, or carry in, an escape.
-static void read_character(tui_input *input, int lead, tui_character &character) {
+static void read_character(tui_input *input, const key_rules &rules, int lead,
+                           tui_character &character) {
     character[0] = static_cast<char>(lead);
     const int expected = continuation_bytes(lead);
     for (int i = 1; i <= expected; i++) {
-        const int byte = tui_read_byte(input, SEQUENCE_WAIT_MS);
+        const int byte = tui_read_byte(input, rules.sequence_wait_ms);
         if (byte < 0)
             return;
         if (!is_continuation(byte)) {
@@ -208,47 +206,53 @@ static bool is_parameter(int byte) {
     return byte >= 0x20 && byte <= 0x3f;
 }
 
+static bool has_only_digits(std::string_view text) {
+    return text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
 // What follows Esc and `introducer`, [ or O. A sequence that means nothing here is read to its
 // final byte all the same, so that none of it is taken for text.
-static tui_key read_sequence(tui_input *input, int introducer) {
-    const int first = tui_read_byte(input, SEQUENCE_WAIT_MS);
+static tui_key read_sequence(tui_input *input, const key_rules &rules, int introducer) {
+    const int first = tui_read_byte(input, rules.sequence_wait_ms);
     if (introducer == '[' && first == '[') { // the console's function keys: Esc [ [ A
-        static_cast<void>(tui_read_byte(input, SEQUENCE_WAIT_MS));
+        static_cast<void>(tui_read_byte(input, rules.sequence_wait_ms));
         return KEY_NONE;
     }
     int byte = first;
     std::string parameters;
-    for (; is_parameter(byte); byte = tui_read_byte(input, SEQUENCE_WAIT_MS))
+    for (; is_parameter(byte); byte = tui_read_byte(input, rules.sequence_wait_ms))
         parameters.push_back(static_cast<char>(byte));
     if (byte == ESCAPE)
         put_back(input); // the sequence broke off: this begins the next key
     if (parameters.empty())
-        return letter_key(byte);
-    if (introducer != '[' || byte != '~')
+        return byte == 'Z' && introducer == 'O' && !rules.has_back_tab_after_o ? KEY_NONE
+                                                                               : letter_key(byte);
+    if (introducer != '[' || byte != '~' || !has_only_digits(parameters))
         return KEY_NONE;
-    if (parameters == PASTE_BEGINS) {
+    if (rules.has_paste && parameters == PASTE_BEGINS) {
         input->is_pasting = true;
-        return read_paste(input, TUI_KEY_WAIT_MS);
+        return read_paste(input, rules.wait_ms);
     }
-    return parameters.size() == 1 ? numbered_key(first) : KEY_NONE;
+    return parameters.size() == 1 || rules.last_digit_counts ? numbered_key(parameters.back())
+                                                             : KEY_NONE;
 }
 
-static tui_key read_escape(tui_input *input) {
-    int byte = tui_read_byte(input, SEQUENCE_WAIT_MS);
+static tui_key read_escape(tui_input *input, const key_rules &rules) {
+    int byte = tui_read_byte(input, rules.sequence_wait_ms);
     if (byte < 0)
         return KEY_ESC;
     if (byte == '[' || byte == 'O')
-        return read_sequence(input, byte);
+        return read_sequence(input, rules, byte);
 
     // A key held with Alt: its own sequence or character goes unused as a whole. A paste behind
     // an Esc is one all the same.
     while (byte == ESCAPE)
-        byte = tui_read_byte(input, SEQUENCE_WAIT_MS);
+        byte = tui_read_byte(input, rules.sequence_wait_ms);
     tui_character unused = {};
-    if ((byte == '[' || byte == 'O') && read_sequence(input, byte) == KEY_PASTE)
+    if ((byte == '[' || byte == 'O') && read_sequence(input, rules, byte) == KEY_PASTE)
         return KEY_PASTE;
     if (byte >= 0 && byte != '[' && byte != 'O')
-        read_character(input, byte, unused);
+        read_character(input, rules, byte, unused);
     return KEY_NONE;
 }
 
@@ -273,7 +277,8 @@ static tui_key control_key(int byte) {
     }
 }
 
-tui_key tui_read_key(tui_input *input, int timeout_ms, tui_character &character) {
+tui_key tui_read_key(tui_input *input, const key_rules &rules, int timeout_ms,
+                     tui_character &character) {
     memset(character, 0, sizeof character);
     if (input->is_pasting)
         return read_paste(input, timeout_ms);
@@ -283,9 +288,9 @@ tui_key tui_read_key(tui_input *input, int timeout_ms, tui_character &character)
     if (byte == TUI_BYTE_ERROR)
         return KEY_ERROR;
     if (byte == ESCAPE)
-        return read_escape(input);
+        return read_escape(input, rules);
     if (byte < ' ' || byte == DELETE_BYTE)
         return control_key(byte);
-    read_character(input, byte, character);
+    read_character(input, rules, byte, character);
     return KEY_CHAR;
 }

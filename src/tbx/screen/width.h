@@ -26,3 +26,16 @@ constexpr uint32_t TUI_INVALID = UINT32_MAX;
 [[nodiscard]] tui_decoded tui_decode(std::string_view text);
 
 [[nodiscard]] bool tui_is_continuation(char byte);
+
+// ---- Rows ---------------------------------------------------------------------------------
+
+// Bytes of the style sequence at the start of `text`, 0 for none. One without its final letter
+// reaches to the end.
+[[nodiscard]] size_t tui_sequence_bytes(std::string_view text);
+
+// Columns of a line that may hold style sequences.
+[[nodiscard]] int tui_line_columns(std::string_view line);
+
+// Stands behind text in which not every character takes one column. What follows is put at the
+// column that has been counted, even where the terminal has counted otherwise.
+constexpr std::string_view TUI_ANCHOR = "\033[G";

@@ -1,4 +1,4 @@
-// The keys of the interface, from the bytes of the terminal.
+// Keys from the bytes of the terminal, for the guide and the interface.
 #pragma once
 
 #include <array>
@@ -29,11 +29,18 @@ enum tui_key {
     KEY_PASTE = 20, // text that was pasted, in tui_input::pasted
 };
 
-constexpr int TUI_KEY_WAIT_MS = 500;
-
 // One character in UTF-8, NUL-terminated; empty for every key but KEY_CHAR.
 constexpr size_t TUI_CHARACTER_BYTES = 5;
 using tui_character = char[TUI_CHARACTER_BYTES];
+
+// In what the pages read keys differently.
+struct key_rules {
+    int wait_ms;               // for a key
+    int sequence_wait_ms;      // for each further byte of one
+    bool last_digit_counts;    // Esc [ 15 ~ is Esc [ 5 ~; else it is no key
+    bool has_back_tab_after_o; // Esc O Z is Esc [ Z; else it is no key
+    bool has_paste;            // Esc [ 200 ~ begins one; else it is no key
+};
 
 // The bytes that a descriptor delivers. What one read brings beyond the byte asked for waits
 // here, so that it is known without a system call whether more has been typed: all that a
@@ -66,7 +73,8 @@ constexpr int TUI_BYTE_ERROR = -2;
 [[nodiscard]] int tui_read_byte(tui_input *input, int timeout_ms);
 
 // The next key. The first byte is waited for `timeout_ms`, those that belong to it only as
-// long as a terminal takes to send them.
+// long as a terminal takes to send them. KEY_ERROR may come one key late.
 // A terminal with bracketed paste says where a paste begins and ends. It is one key, whatever it
 // holds; one that comes slowly or is very long is several.
-[[nodiscard]] tui_key tui_read_key(tui_input *input, int timeout_ms, tui_character &character);
+[[nodiscard]] tui_key tui_read_key(tui_input *input, const key_rules &rules, int timeout_ms,
+                                   tui_character &character);
