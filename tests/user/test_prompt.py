@@ -1,6 +1,7 @@
 """Messages at the prompt of bash, zsh and fish."""
 
 import os
+import subprocess
 import time
 
 import pytest
@@ -55,6 +56,24 @@ def test_only_one_of_several_shells_shows_it(machine, shell_name):
     machine.deliver(7)
     assert first.run() == shown(7)
     assert second.run() == ""
+
+
+def test_two_shells_that_look_at_the_same_moment_show_it_once(machine):
+    machine.store.make_mailbox("pat")
+    shells = [Shell(machine, "bash"), Shell(machine, "zsh")]
+    machine.deliver(7)
+    holder = machine.start("-c", "exec 9</var/lib/tellbox/users/pat; flock 9; echo held; cat",
+                           program="/bin/sh", user="pat", stdin=subprocess.PIPE)
+    wait_for(lambda: machine.shell("! flock -n /var/lib/tellbox/users/pat true",
+                                   check=False).status == 0)
+    for shell in shells:
+        shell.type("\r")
+    wait_for(lambda: machine.shell("pgrep -c tellbox-user", check=False).stdout == "2\n")
+    machine.shell("pkill -x cat")
+    holder.wait()
+    for shell in shells:
+        shell.run()
+    assert sum(shell.terminal.frame().count("Answer with") for shell in shells) == 1
 
 
 def test_a_message_comes_back_when_its_time_is_over(machine, shell_name):
@@ -225,6 +244,31 @@ def test_bash_does_not_end_under_errexit_after_a_failed_command(machine):
     machine.deliver(7)
     assert shell.run("false || true") == shown(7)
     assert shell.run("echo $-").count("e") == 1
+
+
+def test_bash_is_not_ended_by_the_status_of_the_hook(machine):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash")
+    shell.run("set -e")
+    shell.run("(exit 3) || __tellbox_prompt")
+    assert shell.run("echo alive") == "alive\n"
+
+
+def test_bash_exports_nothing_of_it(machine):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash")
+    shell.run("set -a")
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+    assert "__tellbox" not in shell.run("env")
+
+
+def test_bash_traces_next_to_nothing_of_it_into_a_file(machine):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash", LOAD["bash"] + "exec 8>~/trace\nBASH_XTRACEFD=8\nset -x\n")
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+    assert "tellbox-user" not in (machine.home("pat") / "trace").read_text()
 
 
 @pytest.mark.parametrize("before, after", [
