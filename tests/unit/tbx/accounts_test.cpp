@@ -569,5 +569,6 @@ TEST(StorableName, LeadsNowhereElse) {
 }
 
 TEST(StorableName, MayBeLongerThanAFolderCanBeNamed) {
-    EXPECT_TRUE(is_storable_name(std::string(256, 'x'))); // nobody is delivered to, and that is told
+    EXPECT_TRUE(
+        is_storable_name(std::string(256, 'x'))); // nobody is delivered to, and that is told
 }
