@@ -30,14 +30,17 @@ struct edited_file {
     std::optional<resolved_user> user; // as whom the editor runs; none: as this process
 };
 
-// The user who called sudo: neither the editor nor what it starts needs to be root.
-static std::optional<resolved_user> calling_user() {
+// Finds the user who called sudo: neither the editor nor what it starts needs to be root. False
+// when that cannot be told: an editor that would be root for that reason is not started.
+static bool find_calling_user(std::optional<resolved_user> *caller) {
     const char *name = getenv("SUDO_USER");
     resolved_user user;
-    if (geteuid() != 0 || name == nullptr || *name == '\0' ||
-        user_lookup_by_name(name, &user) != lookup::found)
-        return std::nullopt;
-    return user;
+    if (geteuid() != 0 || name == nullptr || *name == '\0')
+        return true;
+    const lookup found = user_lookup_by_name(name, &user);
+    if (found == lookup::found)
+        *caller = std::move(user);
+    return found != lookup::failed;
 }
 
 static bool write_text(unique_fd *fd, const compose_text &text, edited_file *file) {
@@ -45,7 +48,7 @@ static bool write_text(unique_fd *fd, const compose_text &text, edited_file *fil
     if (write_all(fd->get(), contents.data(), contents.size()) != 0)
         return false;
     if (file->user && fchown(fd->get(), file->user->uid, file->user->gid) != 0)
-        file->user.reset(); // whom the file is not given to cannot edit it
+        return false; // whom the file is not given to cannot edit it, and root shall not
     return fd->close() == 0;
 }
 
@@ -54,7 +57,6 @@ static bool create_file(const compose_text &text, edited_file *file) {
     unique_fd fd(mkostemp(file->path.data(), O_CLOEXEC));
     if (!fd)
         return false;
-    file->user = calling_user();
     if (write_text(&fd, text, file))
         return true;
     const int error = errno;
@@ -111,6 +113,8 @@ static void become(const resolved_user &user) {
         setresgid(user.gid, user.gid, user.gid) != 0 ||
         setresuid(user.uid, user.uid, user.uid) != 0)
         _exit(CANNOT_BECOME_USER);
+    if (getuid() != user.uid || geteuid() != user.uid || (user.uid != 0 && setuid(0) == 0))
+        _exit(CANNOT_BECOME_USER); // a way back to root is a failed drop
 }
 
 // What VISUAL, else EDITOR, says; null for nothing.
@@ -127,6 +131,7 @@ static const char *chosen_editor() {
 [[noreturn]] static void exec_editor(const edited_file &file) {
     for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGPIPE})
         signal(number, SIG_DFL);
+    closefrom(STDERR_FILENO + 1); // nothing that root has open is the user's
     if (file.user) {
         const passwd *account = getpwnam(file.user->name.c_str());
         if (account == nullptr)
@@ -178,7 +183,7 @@ static bool run_editor(const edited_file &file) {
 
 bool compose_edit_external(compose_form *form) {
     edited_file file;
-    if (!create_file(form->text, &file))
+    if (!find_calling_user(&file.user) || !create_file(form->text, &file))
         return false;
     tui_restore();
     const bool has_run = run_editor(file);
@@ -195,5 +200,9 @@ bool compose_edit_external(compose_form *form) {
 
 std::string compose_keep_text(const compose_text &text) {
     edited_file file;
+    (void)find_calling_user(&file.user); // root can keep it for whom nobody can tell
+    if (create_file(text, &file))
+        return file.path;
+    file.user.reset();
     return create_file(text, &file) ? file.path : "";
 }

@@ -187,14 +187,15 @@ TEST(ComposeEditor, IsNotStartedWhereItCannotBecomeThatUser) {
     }
 }
 
-TEST(ComposeEditor, RunsAsThisProcessWhereTheFileCannotBeGivenAway) {
+TEST(ComposeEditor, DoesNotRunAsRootWhereTheFileCannotBeGivenAway) {
     SKIP_UNLESS_ROOT();
     const scripted_editor editor("id -un >\"$1\"");
     const edit_result result =
         edit({.visual = editor.path().c_str(), .sudo_user = NOBODY, .prepare = [] {
                   refuse_call(SYS_fchown, EPERM);
               }});
-    EXPECT_EQ(result.text, "root");
+    EXPECT_EQ(result.text, UNCHANGED);
+    EXPECT_FALSE(result.has_run);
 }
 
 TEST(ComposeEditor, RunsAsThisProcessWhenTheUserIsUnknown) {
