@@ -31,7 +31,7 @@ from interface import BROKEN_CHARACTERS, MEANINGLESS  # noqa: E402
 from messages import USERS, Store  # noqa: E402
 from pseudo_terminal import (  # noqa: E402
     BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, FRAME_ENDS,
-    HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, Terminal)
+    HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, Terminal, pasted)
 from terminal_bytes import assert_harmless, assert_whole_frames  # noqa: E402
 
 DEFAULT_BINARY = HERE.parent.parent / "build" / "asan" / "tbx"
@@ -45,7 +45,7 @@ KEYS = [UP, DOWN, RIGHT, LEFT, HOME, END, PAGE_UP, PAGE_DOWN, ENTER, TAB, BACK_T
         DELETE, CTRL_E, CTRL_S]
 LETTERS = list("nrmp/?yY" + "abc@, 09")
 WORDS = ["all", "daemon", "daemon,bin", "@daemon", "nosuch", "30m", "1d", "tomorrow", "90d", "0m",
-         "é€😀", "\u0301", "Hello world ", "x" * 70]
+         "é€😀", "\u0301", "Hello world ", "x" * 70, "再起動", "👩‍💻❤️🇩🇪", "\u200b\u1161"]
 SCREEN_SIZES = [(80, 20), (80, 24), (109, 30), (110, 25), (200, 50), (81, 21)]
 SMALL_SIZES = [(79, 24), (80, 19), (20, 6), (5, 5), (4, 4), (1, 1)]
 PAUSE_SECONDS = 0.06  # longer than the keys of one sequence are waited for
@@ -55,8 +55,9 @@ def some_keys(draw):
     """What is typed in one go."""
     kinds = [lambda: draw.choice(KEYS), lambda: draw.choice(LETTERS), lambda: draw.choice(WORDS),
              lambda: draw.choice(MEANINGLESS), lambda: draw.choice(BROKEN_CHARACTERS),
-             lambda: bytes(byte for byte in draw.randbytes(4) if byte not in b"\x03\x1a\x1c")]
-    weights = [10, 10, 4, 3, 1, 1]
+             lambda: bytes(byte for byte in draw.randbytes(4) if byte not in b"\x03\x1a\x1c"),
+             lambda: pasted("".join(draw.choices([*WORDS, "\r\n", "\t", "y", "\x1b[A"], k=9)))]
+    weights = [10, 10, 4, 3, 1, 1, 1]
     keys = b""
     for kind in draw.choices(kinds, weights, k=draw.randrange(1, 30)):
         typed = kind()
@@ -71,7 +72,7 @@ HOSTILE = [b"\x1b[31m", b"\x1b]0;title\x07", b"\xc2\x9b2J", b"\x9b2J", b"\xc2\x0
 
 
 def some_text(draw, size):
-    pieces = [b"Hello ", b"world", "é€😀".encode(), b"x" * 30, b" "]
+    pieces = [b"Hello ", b"world", "é€😀".encode(), b"x" * 30, b" ", "再起動👩‍💻e\u0301".encode()]
     text = b"".join(draw.choice(pieces + HOSTILE) for _ in range(draw.randrange(size)))
     return draw.randbytes(draw.randrange(40)) + text if draw.random() < 0.2 else text
 
@@ -199,6 +200,8 @@ class Round:
 
     def check(self):
         status = self.tbx.wait_exit()
+        for kept in re.findall(rb"kept in (/tmp/tellbox-testo-\w{6})", self.tbx.raw):
+            Path(kept.decode()).unlink(missing_ok=True)
         reports = "".join(path.read_text(errors="replace")
                           for path in self.folder.glob("report.*"))
         assert not FINDING.search(reports), reports

@@ -5,7 +5,8 @@ import unicodedata
 
 from pseudo_terminal import FRAME_BEGINS, FRAME_ENDS, LEAVE_SCREEN, PASTE_OFF
 
-STYLE = re.compile(rb"\x1b\[[0-9;]*m")
+ANCHORED = re.compile(r"\x1b\[([0-9]+)G((?:(?!\x1b\[[0-9]+G).)*)")
+SEQUENCE = re.compile(r"\x1b\[(?:[0-9;]*m|K|\?7[hl])")
 OWN_SEQUENCES = re.compile(rb"\x1b\[(?:[0-9;]*m|H|J|K|[0-9]+G|\?7[hl]|[0-9]+;[0-9]+H|\?25[hl]|\?1049[hl]|\?2004[hl])")
 TORN_SEQUENCE = re.compile(rb"\x1b(?:\[[0-9;?]*)?(?=" + re.escape(PASTE_OFF + LEAVE_SCREEN) + rb")")
 
@@ -25,14 +26,21 @@ def assert_harmless(raw):
         assert unicodedata.category(character) != "Cc", f"{character!r} reached the terminal"
 
 
+def columns_of(row):
+    """Where the cursor stands behind a row. What is not narrow in it stands before a sequence that
+    sets the column."""
+    *_, (column, rest) = [("1", row), *ANCHORED.findall(row)]
+    return int(column) - 1 + len(SEQUENCE.sub("", rest))
+
+
 def assert_whole_frames(raw, sizes):
     """Every frame is as large as the terminal was at one time: one of the `sizes`."""
     for piece in raw.split(FRAME_BEGINS)[1:]:
         frame, ends, _ = piece.partition(FRAME_ENDS)
         if not ends:
             continue  # a torn one
-        rows = STYLE.sub(b"", frame).decode().split("\r\n")
-        columns = {len(row) for row in rows}
+        rows = [row.decode() for row in frame.split(b"\r\n")]
+        columns = {columns_of(row) for row in rows}
         assert len(columns) == 1, f"rows of different widths: {columns}"
         size = (columns.pop(), len(rows))
-        assert size in sizes or rows == [""], f"a frame of {size} on a terminal of {sizes}"
+        assert size in sizes or frame == b"", f"a frame of {size} on a terminal of {sizes}"
