@@ -24,6 +24,7 @@ GUIDE = {"cli": "dispatch", "tui": "manual guide", "packaging": "man_page comple
 
 # What besides unit tests shows a mistake in a room of src/ (the path without its suffix), by suite.
 ROOMS = {
+    "common/child": {"tui": "screen_haste screen_send screen_signals"},
     "common/core": {
         "cli": "send_durability send_store send_text list status failing_lookups log_files",
         "tui": "screen_list"},
@@ -65,12 +66,9 @@ ROOMS = {
     "tbx/guide/keys": {"tui": "guide"},
     "tbx/guide/manual": GUIDE,
     "tbx/guide/texts": GUIDE,
-    "tbx/screen/frame": {"tui": "screen_list screen_text screen_resize guide"},
+    "tbx/screen/frame": {"tui": "screen_list screen_text screen_resize screen_wide guide"},
     "tbx/screen/keys": {"tui": "screen_list_keys guide screen_compose screen_dialogs"},
-    "tbx/screen/session": {"tui": "screen_signals screen_list guide"},
-    "tbx/screen/frame": {"tui": "screen_list screen_wide guide"},
-    "tbx/screen/keys": {"tui": "screen_list_keys screen_compose screen_dialogs screen_haste guide"},
-    "tbx/screen/session": {"tui": "screen_signals screen_haste guide"},
+    "tbx/screen/session": {"tui": "screen_signals screen_list screen_haste guide"},
     "tbx/screen/width": {"tui": "screen_wide screen_text"},
     "tbx/tui/compose": {"tui": FORM},
     "tbx/tui/compose_draw": {"tui": f"{FORM} screen_captures"},
@@ -78,7 +76,7 @@ ROOMS = {
     "tbx/tui/compose_form": {"tui": FORM},
     "tbx/tui/detail": {"tui": "screen_detail screen_captures"},
     "tbx/tui/dialog": {"tui": "screen_dialogs screen_text screen_captures"},
-    "tbx/tui/job": {"tui": "screen_send screen_dialogs"},
+    "tbx/tui/job": {"tui": "screen_haste screen_send screen_dialogs"},
     "tbx/tui/list": {"tui": "screen_list screen_list_keys screen_dialogs screen_captures"},
     "tbx/tui/list_dialogs": {"tui": "screen_dialogs screen_captures"},
     "tbx/tui/screen": {"tui": "screen_list screen_text screen_signals"},
