@@ -14,8 +14,8 @@ void type(compose_form *form, std::string_view bytes) {
     tui_input input;
     input.fd = typed.reader.get();
     tui_character character = {};
-    for (tui_key key = tui_read_key(&input, TUI_KEY_WAIT_MS, character); key != KEY_ERROR;
-         key = tui_read_key(&input, TUI_KEY_WAIT_MS, character))
+    for (tui_key key = tui_read_key(&input, TUI_RULES.keys, 0, character); key != KEY_ERROR;
+         key = tui_read_key(&input, TUI_RULES.keys, 0, character))
         compose_press(form, key, character);
 }
 
