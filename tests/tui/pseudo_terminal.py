@@ -318,6 +318,7 @@ class Terminal:
 
     def close(self):
         """Ends what is left: the program, if it still runs, and the session's leader."""
+        self._end_and_take_kept_text()
         if self._master is not None:
             self.hang_up()
         if self._status is None:
@@ -330,6 +331,24 @@ class Terminal:
         os.close(self._hold)
         os.close(self._report)
         os.waitpid(self._leader, 0)
+
+    def _end_and_take_kept_text(self):
+        """Asks the program to end; a text that it says it keeps is of no use to anybody."""
+        deadline = time.monotonic() + GRACE_SECONDS
+        try:
+            if self._status is None:
+                os.kill(self.pid, signal.SIGTERM)
+            while self._master is not None and not self._exit_mark_seen:
+                if time.monotonic() > deadline:
+                    break
+                self._take_what_arrives(RETRY_SECONDS)
+        except OSError:
+            pass  # it has gone, and its terminal with it
+        for path in re.findall(rb"kept in (/tmp/tellbox-testo-\w{6})", self.raw):
+            try:
+                os.unlink(path)
+            except FileNotFoundError:
+                pass  # the test has taken it
 
     # ---- Inside ---------------------------------------------------------------------------
 
