@@ -57,6 +57,8 @@ OPERATIONS = (
     Operation("purge, per message to 2", per_message("copies"), ["purge", "1d"]),
     Operation("recovery, per 2 recipients, of whom 1 has it",
               lambda items: Shape(1, 2 * items, 2 * items, ("copies", "cut")), ["log", "1"]),
+    Operation("recovery of many, per message to 2, of whom 1 has it",
+              per_message("copies", "cut"), ["log", "1"]),
 )
 
 
@@ -95,7 +97,7 @@ def instructions_in(report):
 def count_instructions(arguments):
     """Of the process and its children. A child starts with its parent's count: it is set to zero
     where the child becomes the user."""
-    run(["/usr/bin/valgrind", "--tool=callgrind", "--zero-before=initgroups",
+    run(["/usr/bin/valgrind", "--tool=callgrind", "--zero-before=closefrom",
          f"--callgrind-out-file={REPORTS}/instructions.%p", TBX, *arguments], **PLAIN_PROCESSOR)
     reports = list(REPORTS.glob("instructions.*"))
     total = sum(map(instructions_in, reports))

@@ -30,7 +30,6 @@ void tui_styles_set(bool colour_on) {
 
 // ---- Characters ---------------------------------------------------------------------------
 
-static constexpr char ESCAPE = '\033';
 static constexpr const char *REPLACEMENT = "\xef\xbf\xbd"; // U+FFFD
 
 static bool is_control(char byte) {
