@@ -1,0 +1,78 @@
+// tellbox-window: shows one message and tells what the user answers.
+//
+// Standard input: "N of M\n" and the message's file text. Standard output: "shown\n" at the first
+// frame, then "read\n" or "later\n", and status 0. Any other end is no answer.
+#include "common/core.h"
+#include "window/content.h"
+#include "window/window.h"
+
+#include <glibmm/init.h>
+#include <glibmm/main.h>
+#include <gtk/gtk.h>
+#include <gtkmm/init.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+
+static void read_content(window_content *content) {
+    strbuf input;
+    if (read_fd_limited(STDIN_FILENO, WINDOW_INPUT_MAX_BYTES, &input) != 0)
+        die("cannot read standard input: %s", strerror(errno));
+    if (!content_parse(input.view(), content))
+        die("standard input holds no message");
+}
+
+static void start_toolkit() {
+    g_set_prgname("tellbox-window");
+    g_set_application_name("Tellbox");
+    // Drawing by processor shows a small window sooner, in a quarter of the memory.
+    g_setenv("GSK_RENDERER", "cairo", /*overwrite=*/FALSE);
+    // The toolkit sets the locale. This library's way ends the program if there is no such locale.
+    Glib::set_init_to_users_preferred_locale(false);
+    Gtk::init_gtkmm_internals();
+    if (!gtk_init_check())
+        die("cannot open the display");
+}
+
+// Takes standard output for the answers alone: what the toolkit's libraries print, goes to
+// standard error.
+static unique_fd take_standard_output() {
+    unique_fd answers(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (!answers || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+        die("cannot use standard output: %s", strerror(errno));
+    return answers;
+}
+
+// Says a word to whoever opened the window. Nobody may be there any more.
+static void tell(int answers, const char *word) {
+    const std::string line = std::string(word) + "\n";
+    if (write_all(answers, line.data(), line.size()) != 0)
+        die("cannot write to standard output: %s", strerror(errno));
+}
+
+int main() {
+    set_program_name("tellbox-window");
+    signal(SIGPIPE, SIG_IGN);
+    install_out_of_memory_handler();
+    window_content content;
+    read_content(&content);
+    const unique_fd answers = take_standard_output();
+    start_toolkit();
+
+    const auto loop = Glib::MainLoop::create();
+    message_window window(content, [&loop, &answers](const char *word) {
+        tell(answers.get(), word);
+        if (strcmp(word, "shown") != 0)
+            loop->quit();
+    });
+    // An answer that nobody hears is none: the window goes with whoever opened it.
+    Glib::signal_io().connect(
+        [](Glib::IOCondition) -> bool { die("nobody listens to standard output"); }, answers.get(),
+        Glib::IOCondition::IO_ERR | Glib::IOCondition::IO_HUP);
+    window.open();
+    loop->run();
+    return 0;
+}
