@@ -2,6 +2,7 @@
 // has two names: "tellbox", the user's command, and "tellbox-user", which shells and sessions run.
 #include "common/core.h"
 #include "common/environment.h"
+#include "user/agent.h"
 #include "user/command.h"
 #include "user/texts.h"
 
@@ -19,10 +20,6 @@
 static int print_version() {
     printf("Tellbox %s\n", TBX_VERSION);
     return 0;
-}
-
-static int run_agent() {
-    die("there is no desktop agent in this build");
 }
 
 struct command {
@@ -48,7 +45,7 @@ static const command commands[] = {
     {"read", -1, false, cmd_read},
     {"later", -1, false, cmd_later},
     {"hook", 1, false, cmd_hook},
-    {"agent", 0, true, without_arguments<run_agent>},
+    {"agent", 0, true, without_arguments<agent_run>},
     {"prompt", 0, true, without_arguments<cmd_prompt>},
     {"mailbox", 0, true, without_arguments<cmd_mailbox>},
     {"shells", 1, true, cmd_shells},

@@ -1,0 +1,45 @@
+// Owners of what the event loop and the bus hand out, and timers.
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <cstdint>
+#include <memory>
+
+struct loop_releaser {
+    void operator()(sd_event *loop) const { sd_event_unref(loop); }
+};
+struct source_releaser {
+    void operator()(sd_event_source *source) const { sd_event_source_disable_unref(source); }
+};
+struct slot_releaser {
+    void operator()(sd_bus_slot *slot) const { sd_bus_slot_unref(slot); }
+};
+struct bus_closer {
+    // Does not wait for the bus: what could not be sent at once is lost.
+    void operator()(sd_bus *bus) const { sd_bus_close_unref(bus); }
+};
+struct bus_message_releaser {
+    void operator()(sd_bus_message *message) const { sd_bus_message_unref(message); }
+};
+
+using unique_loop = std::unique_ptr<sd_event, loop_releaser>;
+using unique_source = std::unique_ptr<sd_event_source, source_releaser>;
+using unique_slot = std::unique_ptr<sd_bus_slot, slot_releaser>;
+using unique_bus = std::unique_ptr<sd_bus, bus_closer>;
+using unique_bus_message = std::unique_ptr<sd_bus_message, bus_message_releaser>;
+
+constexpr uint64_t USEC_PER_MSEC = 1000;
+
+// Calls `handler` once, `milliseconds` from now; what the timer was set to before is forgotten. The
+// timer can be early or late by a millisecond. Returns 0, or a negative errno.
+[[nodiscard]] inline int set_timer(sd_event *loop, unique_source *timer, uint64_t milliseconds,
+                                   sd_event_time_handler_t handler, void *userdata) {
+    sd_event_source *source = nullptr;
+    const int result =
+        sd_event_add_time_relative(loop, &source, CLOCK_MONOTONIC, milliseconds * USEC_PER_MSEC,
+                                   USEC_PER_MSEC, handler, userdata);
+    timer->reset(source);
+    return result;
+}

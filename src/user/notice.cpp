@@ -1,0 +1,61 @@
+#include "user/notice.h"
+
+#include "common/style.h"
+#include "user/texts.h"
+
+static bool is_continuation(char c) {
+    return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
+}
+
+std::string first_characters(const std::string &text, size_t max) {
+    size_t characters = 0;
+    for (size_t at = 0; at < text.size(); at++) {
+        if (is_continuation(text[at]))
+            continue;
+        if (characters == max)
+            return text.substr(0, at) + "…";
+        characters++;
+    }
+    return text;
+}
+
+static std::string without_final_newlines(std::string text) {
+    text.erase(text.find_last_not_of('\n') + 1);
+    return text;
+}
+
+// The title on a line of its own, then the text.
+static std::string with_title(const message_record &message, const std::string &text) {
+    return message.title.empty() ? text : message.title + "\n" + text;
+}
+
+notice make_notice(const message_record &message, bool has_window) {
+    const std::string text = without_final_newlines(message.text);
+    notice made;
+    made.id = message.id;
+    made.summary = _("Message from the administrator");
+    if (has_window) {
+        made.body = with_title(message, first_characters(text, FIRST_WORDS_MAX_CHARACTERS));
+        made.body = first_characters(made.body, WHOLE_TEXT_MAX_CHARACTERS);
+        made.actions = {{"show", _("Show")}};
+        return made;
+    }
+    const std::string whole = with_title(message, text);
+    const bool is_whole = text_character_count(whole.c_str()) <= WHOLE_TEXT_MAX_CHARACTERS;
+    const std::string answer = _("Answer in a terminal with: tellbox");
+    made.body = first_characters(whole, WHOLE_TEXT_MAX_CHARACTERS) + "\n" + answer;
+    if (is_whole) {
+        made.drawn_body = whole;
+        made.drawn_actions.emplace_back("read", _("I have read it"));
+    }
+    made.drawn_actions.emplace_back("later", _("Later"));
+    return made;
+}
+
+notice make_failure_notice(int64_t id, const char *reason) {
+    notice made;
+    made.id = id;
+    made.summary = _("Your answer was not saved");
+    made.body = reason;
+    return made;
+}

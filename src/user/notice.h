@@ -1,0 +1,21 @@
+// What the notification of a message says.
+#pragma once
+
+#include "common/message.h"
+#include "user/notification.h"
+
+#include <cstddef>
+
+constexpr size_t FIRST_WORDS_MAX_CHARACTERS = 200;
+// The longest text that counts as shown whole, and can be answered in the notification.
+constexpr size_t WHOLE_TEXT_MAX_CHARACTERS = 400;
+
+// The notification of a message.
+//   has_window  it leads to the window; otherwise it is all that there is
+[[nodiscard]] notice make_notice(const message_record &message, bool has_window);
+
+// Tells that an answer is lost.
+[[nodiscard]] notice make_failure_notice(int64_t id, const char *reason);
+
+// At most so many characters of UTF-8 text, with "…" in place of what is left out.
+[[nodiscard]] std::string first_characters(const std::string &text, size_t max);

@@ -1,0 +1,85 @@
+// The desktop's notification service. It may be missing, hang, restart or lie: that costs
+// nothing but the notification.
+#pragma once
+
+#include "user/events.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+constexpr uint64_t BUS_ANSWER_LIMIT_MS = 3000;
+// A call that takes longer than the limit is not repeated before this is over.
+constexpr uint64_t NOTIFY_KEPT_MS = 600'000;
+
+// What a notification says of one message.
+struct notice {
+    int64_t id = 0;
+    std::string summary; // services show it as it is
+    std::string body;    // plain text, too: it is escaped on its way
+    // Names of actions and their labels, for every service; the message's number is added to the
+    // names on their way.
+    std::vector<std::pair<std::string, std::string>> actions;
+    // More of them, and another text, for a service that says that it draws actions.
+    std::vector<std::pair<std::string, std::string>> drawn_actions;
+    std::string drawn_body; // empty: the same
+};
+
+// `text` as the services want it in a body: without a markup character.
+[[nodiscard]] std::string notification_escape(const std::string &text);
+
+class notifier {
+public:
+    struct handlers {
+        // The user has chosen an action of the message's notification; `token` may be empty.
+        std::function<void(int64_t id, const std::string &action, const std::string &token)> chosen;
+        // The service has taken the notification.
+        std::function<void(int64_t id)> standing;
+        // It is no longer there: the user has closed it, or the service has.
+        std::function<void(int64_t id)> gone;
+    };
+
+    explicit notifier(handlers tell) : tell_(std::move(tell)) {}
+    notifier(const notifier &) = delete;
+    notifier &operator=(const notifier &) = delete;
+
+    // From now on notifications go over this bus; null: there is none at the moment. The bus
+    // lives until the next call.
+    void use(sd_bus *bus);
+
+    // Puts up this notification instead of the one before.
+    void put_up(notice wanted);
+    // Closes the notification.
+    void take_down();
+    // The message whose notification is wanted; 0 for none.
+    [[nodiscard]] int64_t wanted() const { return wanted_.id; }
+
+private:
+    static int on_owner(sd_bus_message *reply, void *self, sd_bus_error *);
+    static int on_owner_changed(sd_bus_message *signal, void *self, sd_bus_error *);
+    static int on_signal(sd_bus_message *signal, void *self, sd_bus_error *);
+    static int on_capabilities(sd_bus_message *reply, void *self, sd_bus_error *);
+    static int on_notified(sd_bus_message *reply, void *self, sd_bus_error *);
+
+    void owner_is(const char *owner);
+    void go_on();
+    [[nodiscard]] bool ask_capabilities();
+    void notify(bool draws_actions);
+    void close_number(uint32_t number);
+    void take_signal(sd_bus_message *signal);
+
+    handlers tell_;
+    sd_bus *bus_ = nullptr;
+    std::vector<unique_slot> matches_;
+    unique_slot owner_query_;
+    unique_slot call_;  // the one call that is under way
+    std::string owner_; // unique name of the service; empty if there is none
+    notice wanted_;
+    int64_t tried_id_ = 0;    // the message that the service was last asked to show
+    int64_t called_id_ = 0;   // the message of the call that is under way
+    int64_t standing_id_ = 0; // the message of `number_`
+    uint32_t number_ = 0;     // of the notification that stands; 0 for none
+    std::string token_;       // of the activation that comes before an action
+};
