@@ -89,6 +89,7 @@ install(FILES ${USER_FILES}/tellbox.bash RENAME tellbox
 install(FILES ${USER_FILES}/_tellbox DESTINATION share/zsh/site-functions ${USER_SIDE})
 install(CODE "set(TELLBOX_USER_FILES \"${USER_FILES}\")" ${USER_SIDE})
 install(SCRIPT packaging/user_outside_prefix.cmake ${USER_SIDE})
+include(packaging/desktop.cmake)
 
 add_custom_target(uninstall
   COMMAND ${CMAKE_COMMAND} -D MANIFEST=${CMAKE_BINARY_DIR}/install_manifest.txt
