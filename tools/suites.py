@@ -81,6 +81,13 @@ ROOMS = {
     "tbx/tui/list_dialogs": {"tui": "screen_dialogs screen_captures"},
     "tbx/tui/screen": {"tui": "screen_list screen_text screen_signals"},
     "tbx/tui/text": {"tui": "screen_text screen_list screen_compose"},
+    "user/agent": {"desktop": "agent notification wayland", "machine": "machine_desktop"},
+    "user/desktop": {"desktop": "agent wayland", "machine": "machine_desktop"},
+    "user/dialog": {"desktop": "agent"},
+    "user/instance": {"desktop": "agent"},
+    "user/notice": {"desktop": "notification"},
+    "user/notification": {"desktop": "notification real_services"},
+    "user/watch": {"desktop": "agent"},
     "user/ask": {"user": "question commands"},
     "user/help": {"user": "commands", "packaging": "completions man_page"},
     "user/hooks": {"user": "login prompt"},
@@ -103,6 +110,7 @@ MANUAL = {"packaging": "manual"}
 
 # Other files, by a pattern of their path.
 OTHERS = (
+    (r"packaging/desktop", {"desktop": "installation", "machine": "machine_desktop"}),
     (r"packaging/", {"packaging": ALL}),
     (r"docs/manual/", MANUAL),
     (r"tests/tui/expected/screens/", {"tui": "screen_captures"}),

@@ -1,0 +1,290 @@
+"""A notification leads to the window, and costs nothing where the service is not what it should
+be."""
+
+import pathlib
+import subprocess
+import time
+
+import pytest
+
+from bus import SessionBus
+from dialog import GUARD_SECONDS
+from notifications import Service
+from processes import await_condition
+
+READ, LATER = "I have read it", "Later"
+
+
+@pytest.fixture
+def private_bus(tmp_path):
+    """A bus without any service. The window cannot be driven through it."""
+    folder = tmp_path / "bus"
+    folder.mkdir()
+    running = SessionBus(folder)
+    yield running
+    running.close()
+
+
+@pytest.fixture
+def service(screen, private_bus):
+    """Starts the strict service: service(mode)."""
+    started = []
+
+    def start(mode="strict"):
+        started.append(Service(screen, mode, private_bus.address))
+        return started[-1]
+
+    yield start
+    for running in started:
+        running.close()
+
+
+@pytest.fixture
+def agent_on(recipient, private_bus):
+    """Starts the recipient's agent on the private bus."""
+    return lambda **env: recipient.start_agent(
+        env={"DBUS_SESSION_BUS_ADDRESS": private_bus.address, "GTK_A11Y": "none", **env})
+
+
+def environment_of(pid):
+    variables = pathlib.Path(f"/proc/{pid}/environ").read_bytes().decode().split("\0")
+    return dict(variable.split("=", 1) for variable in variables if "=" in variable)
+
+
+# ---- With a window ------------------------------------------------------------------------
+
+def test_the_notification_is_critical_stays_and_leads_to_the_window(recipient, service, agent_on):
+    desktop = service()
+    agent_on()
+    number = recipient.send("5 < 6 & 7 > 6 <b>bold</b>", "--title", "A <i>title</i>")
+    _, shown = desktop.await_notification()
+    assert shown == {
+        "app": "Tellbox", "replaces": 0, "icon": "dialog-information",
+        "summary": "Message from the administrator",
+        "body": "A &lt;i&gt;title&lt;/i&gt;\n5 &lt; 6 &amp; 7 &gt; 6 &lt;b&gt;bold&lt;/b&gt;",
+        "actions": [f"show:{number}", "Show"], "hints": {"urgency": 2}, "timeout": 0}
+    recipient.await_mark(number, "shown")
+
+
+def test_a_long_text_is_cut_between_characters(recipient, service, agent_on):
+    desktop = service()
+    agent_on()
+    recipient.send("ä" * 500)
+    assert desktop.await_notification()[1]["body"] == "ä" * 200 + "…"
+
+
+def test_the_action_shows_the_window_with_the_user_s_token(recipient, service, agent_on):
+    desktop = service()
+    agent = agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    before, = agent.windows()
+    desktop.command("act", number, f"show:{message}", "a-token")
+    window, = await_condition(lambda: [pid for pid in agent.windows() if pid != before],
+                              "the window comes anew")
+    await_condition(lambda: environment_of(window).get("XDG_ACTIVATION_TOKEN") == "a-token",
+                    "the token is handed on")
+    assert environment_of(before) is not None if pathlib.Path(f"/proc/{before}").exists() else True
+
+
+def test_a_token_of_the_agent_s_own_start_is_not_handed_on(recipient, service, agent_on):
+    service()
+    agent = agent_on(XDG_ACTIVATION_TOKEN="old", DESKTOP_STARTUP_ID="old_TIME1")
+    recipient.await_mark(recipient.send(), "shown")
+    window, = agent.windows()
+    assert not {"XDG_ACTIVATION_TOKEN", "DESKTOP_STARTUP_ID"} & set(environment_of(window))
+
+
+@pytest.mark.parametrize("end", ["revoke", "acks", "expire"])
+def test_the_notification_goes_with_the_message(recipient, service, agent_on, end):
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    if end == "revoke":
+        recipient.tbx("revoke", str(message))
+    elif end == "acks":
+        recipient.file("acks", message).write_text("1 terminal\n")
+    else:
+        recipient.file("inbox", message).write_text("date: 5\nexpires: 6\n\ntext")
+    assert desktop.await_call("CloseNotification") == [number]
+
+
+def test_an_answer_in_the_window_closes_the_notification(recipient, service, agent_on):
+    recipient.use_window("echo shown; sleep 0.2; echo read")
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    assert recipient.await_answer(message) == "desktop"
+    assert desktop.await_call("CloseNotification") == [number]
+
+
+def test_the_end_of_the_agent_closes_the_notification(recipient, service, agent_on):
+    desktop = service()
+    agent = agent_on()
+    recipient.send()
+    number, _ = desktop.await_notification()
+    agent.process.terminate()
+    assert agent.status() == 0
+    assert desktop.await_call("CloseNotification") == [number]
+
+
+def test_a_service_that_restarts_gets_the_notification_again(recipient, service, agent_on):
+    first = service()
+    agent_on()
+    message = recipient.send()
+    first.await_notification()
+    first.close()
+    second = service()
+    number, shown = second.await_notification()
+    assert (number, shown["actions"]) == (1, [f"show:{message}", "Show"])
+
+
+def test_a_number_that_is_used_again_shows_no_other_message(recipient, service, agent_on):
+    recipient.use_window(f"echo x >>{recipient.folder}/opened; echo shown; sleep 60")
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    desktop.command("act", number, f"show:{message + 1}")
+    desktop.command("act", number, f"read:{message}")
+    desktop.command("act", number + 1, f"show:{message}")
+    desktop.command("act", number, "default")
+    time.sleep(0.3)
+    assert (recipient.folder / "opened").read_text() == "x\n"
+    assert recipient.is_unanswered(message)
+
+
+def test_a_signal_of_somebody_else_is_not_believed(recipient, service, agent_on, private_bus):
+    recipient.use_window(f"echo x >>{recipient.folder}/opened; echo shown; sleep 60")
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    subprocess.run(["gdbus", "emit", "--address", private_bus.address, "--object-path",
+                    "/org/freedesktop/Notifications", "--signal",
+                    "org.freedesktop.Notifications.ActionInvoked", f"uint32 {number}",
+                    f"'show:{message}'"], check=True, timeout=20)
+    time.sleep(0.3)
+    assert (recipient.folder / "opened").read_text() == "x\n"
+
+
+@pytest.mark.parametrize("mode", ["plain", "drops", "errors", "mute", "slow", "nonsense", "zero"])
+def test_no_service_keeps_the_window_away(recipient, service, agent_on, mode):
+    recipient.use_window("echo shown; sleep 0.2; echo read")
+    service(mode)
+    agent_on()
+    for _ in range(2):
+        message = recipient.send()
+        assert recipient.await_answer(message) == "desktop"
+
+
+def test_without_a_service_the_window_comes(recipient, agent_on):
+    recipient.use_window("echo shown; sleep 0.2; echo read")
+    agent_on()
+    assert recipient.await_answer(recipient.send()) == "desktop"
+
+
+def test_a_service_that_does_not_answer_is_asked_once(recipient, service, agent_on):
+    desktop = service("slow")
+    agent_on()
+    first = recipient.send()
+    desktop.await_call("Notify")
+    recipient.tbx("revoke", str(first))
+    recipient.send("second")
+    assert desktop.is_left_alone()
+    desktop.command("reply")  # the number arrives when it is no longer wanted
+    assert desktop.await_call("CloseNotification") == [1]
+    assert desktop.await_call("Notify")["body"] == "second"
+
+
+def test_a_bus_that_comes_back_gets_the_notification(recipient, screen, agent_on, private_bus,
+                                                     service):
+    recipient.configure(TBX_AGENT_POLL=1)
+    first = service()
+    agent_on()
+    recipient.send()
+    first.await_notification()
+    private_bus.restart()
+    again = service()
+    again.await_notification()
+
+
+# ---- Without a window ---------------------------------------------------------------------
+
+@pytest.fixture
+def no_window(recipient):
+    recipient.remove_window()
+
+
+def test_without_a_window_the_notification_can_be_answered(recipient, no_window, service,
+                                                           agent_on):
+    desktop = service()
+    agent_on()
+    message = recipient.send("short", "--title", "T")
+    number, shown = desktop.await_notification()
+    assert (shown["body"], shown["actions"]) == (
+        "T\nshort", [f"read:{message}", READ, f"later:{message}", LATER])
+    recipient.await_mark(message, "shown")
+    desktop.command("act", number, f"read:{message}")
+    assert recipient.await_answer(message) == "desktop"
+
+
+def test_without_a_window_later_is_later(recipient, no_window, service, agent_on):
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    desktop.command("act", number, f"later:{message}")
+    recipient.await_mark(message, "postponed")
+    assert recipient.events() == [("POSTPONED", message, "desktop")]
+
+
+def test_a_text_that_is_not_whole_cannot_be_confirmed(recipient, no_window, service, agent_on):
+    desktop = service()
+    agent_on()
+    message = recipient.send("word " * 200)
+    number, shown = desktop.await_notification()
+    assert shown["actions"] == [f"later:{message}", LATER]
+    assert shown["body"].endswith("…\nAnswer in a terminal with: tellbox")
+
+
+def test_a_service_that_draws_no_actions_tells_how_to_answer(recipient, no_window, service,
+                                                             agent_on):
+    desktop = service("plain")
+    agent_on()
+    message = recipient.send("short")
+    _, shown = desktop.await_notification()
+    assert (shown["body"], shown["actions"]) == ("short\nAnswer in a terminal with: tellbox", [])
+    recipient.await_mark(message, "shown")
+
+
+def test_without_a_window_one_message_comes_after_the_other(recipient, no_window, service,
+                                                            agent_on):
+    desktop = service()
+    first, second = recipient.send("first"), recipient.send("second")
+    agent_on()
+    number, shown = desktop.await_notification()
+    assert shown["body"] == "first"
+    recipient.await_mark(first, "shown")
+    assert recipient.mark(second) is None
+    desktop.command("close", number, 2)  # the user has closed it
+    assert desktop.await_notification()[1]["body"] == "second"
+    assert recipient.is_unanswered(first)
+
+
+@pytest.mark.parametrize("mode", ["errors", "mute", "nonsense", "zero"])
+def test_what_no_service_shows_is_not_marked_as_shown(recipient, no_window, service, agent_on,
+                                                      mode):
+    desktop = service(mode)
+    agent_on()
+    message = recipient.send()
+    desktop.await_call("GetCapabilities")
+    if mode != "mute":
+        desktop.await_call("Notify")
+    time.sleep(0.3)
+    assert recipient.mark(message) is None
