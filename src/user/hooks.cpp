@@ -11,15 +11,20 @@ case $- in
 
     # Starts the program and notes when to look again.
     __tellbox_look() {
+        [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]] || return 0
+        if [[ -z $__tellbox_mailbox ]]; then
+            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || __tellbox_mailbox=/
+        fi
+        [[ -d $__tellbox_mailbox/inbox ]] || return 0
         @ENVIRONMENT@"$__tellbox_program" prompt </dev/null
-        local status=$?
+        local __tellbox_found=$?
         __tellbox_looked=$1 __tellbox_silent=0
-        if ((status >= 1 && status <= 60)); then
-            __tellbox_next=$(($1 + status * 60))
-        elif ((status >= 61 && status <= 120)); then
-            __tellbox_next=$(($1 + status - 60))
-        elif ((status >= 193 && status <= 252)); then
-            __tellbox_next=$(($1 + (status - 192) * 60)) __tellbox_silent=1
+        if ((__tellbox_found >= 1 && __tellbox_found <= 60)); then
+            __tellbox_next=$(($1 + __tellbox_found * 60))
+        elif ((__tellbox_found >= 61 && __tellbox_found <= 120)); then
+            __tellbox_next=$(($1 + __tellbox_found - 60))
+        elif ((__tellbox_found >= 193 && __tellbox_found <= 252)); then
+            __tellbox_next=$(($1 + (__tellbox_found - 192) * 60)) __tellbox_silent=1
         else
             __tellbox_next=$(($1 + 60)) __tellbox_silent=1
         fi
@@ -29,20 +34,13 @@ case $- in
     __tellbox_prompt() {
         local __tellbox_status=$? __tellbox_options=$- __tellbox_now -
         set +aeux
-        if [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]]; then
-            if [[ -z $__tellbox_mailbox ]]; then
-                __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || __tellbox_mailbox=/
-            fi
-            if [[ -d $__tellbox_mailbox/inbox ]]; then
-                printf -v __tellbox_now "%(%s)T" -1
-                if ((__tellbox_now >= __tellbox_next || __tellbox_now < __tellbox_looked)); then
-                    __tellbox_look "$__tellbox_now"
-                elif ((__tellbox_silent == 0)) &&
-                    ! [[ $__tellbox_mailbox/state/.prompt -nt $__tellbox_mailbox/inbox &&
-                    $__tellbox_mailbox/state/.prompt -nt $__tellbox_mailbox/state ]]; then
-                    __tellbox_look "$__tellbox_now"
-                fi
-            fi
+        printf -v __tellbox_now "%(%s)T" -1
+        if ((__tellbox_now >= __tellbox_next || __tellbox_now < __tellbox_looked)); then
+            __tellbox_look "$__tellbox_now"
+        elif ((__tellbox_silent == 0)) &&
+            ! [[ $__tellbox_mailbox/state/.prompt -nt $__tellbox_mailbox/inbox &&
+            $__tellbox_mailbox/state/.prompt -nt $__tellbox_mailbox/state ]]; then
+            __tellbox_look "$__tellbox_now"
         fi
         [[ $__tellbox_options != *e* ]] || return 0
         return "$__tellbox_status"
@@ -75,16 +73,21 @@ if [[ -o interactive ]]; then
 
     # Starts the program and notes when to look again.
     __tellbox_look() {
-        local found
+        local __tellbox_found
+        [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]] || return 0
+        if [[ -z $__tellbox_mailbox ]]; then
+            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || __tellbox_mailbox=/
+        fi
+        [[ -d $__tellbox_mailbox/inbox ]] || return 0
         @ENVIRONMENT@"$__tellbox_program" prompt </dev/null
-        found=$?
+        __tellbox_found=$?
         __tellbox_looked=$1 __tellbox_silent=0
-        if ((found >= 1 && found <= 60)); then
-            __tellbox_next=$(($1 + found * 60))
-        elif ((found >= 61 && found <= 120)); then
-            __tellbox_next=$(($1 + found - 60))
-        elif ((found >= 193 && found <= 252)); then
-            __tellbox_next=$(($1 + (found - 192) * 60)) __tellbox_silent=1
+        if ((__tellbox_found >= 1 && __tellbox_found <= 60)); then
+            __tellbox_next=$(($1 + __tellbox_found * 60))
+        elif ((__tellbox_found >= 61 && __tellbox_found <= 120)); then
+            __tellbox_next=$(($1 + __tellbox_found - 60))
+        elif ((__tellbox_found >= 193 && __tellbox_found <= 252)); then
+            __tellbox_next=$(($1 + (__tellbox_found - 192) * 60)) __tellbox_silent=1
         else
             __tellbox_next=$(($1 + 60)) __tellbox_silent=1
         fi
@@ -93,18 +96,13 @@ if [[ -o interactive ]]; then
     __tellbox_check() {
         emulate -L zsh
         setopt no_xtrace no_unset no_err_exit no_err_return no_all_export no_global_export no_warn_create_global
-        local state=$__tellbox_mailbox/state now
-        if [[ -z $__tellbox_mailbox ]]; then
-            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || __tellbox_mailbox=/
-            state=$__tellbox_mailbox/state
-        fi
-        [[ -d $__tellbox_mailbox/inbox ]] || return 0
-        now=${(%):-%D{%s}}
-        if ((now >= __tellbox_next || now < __tellbox_looked)); then
-            __tellbox_look $now
+        local __tellbox_state=$__tellbox_mailbox/state __tellbox_now
+        __tellbox_now=${(%):-%D{%s}}
+        if ((__tellbox_now >= __tellbox_next || __tellbox_now < __tellbox_looked)); then
+            __tellbox_look $__tellbox_now
         elif ((__tellbox_silent == 0)) &&
-            ! [[ $state/.prompt -nt $__tellbox_mailbox/inbox && $state/.prompt -nt $state ]]; then
-            __tellbox_look $now
+            ! [[ $__tellbox_state/.prompt -nt $__tellbox_mailbox/inbox && $__tellbox_state/.prompt -nt $__tellbox_state ]]; then
+            __tellbox_look $__tellbox_now
         fi
         return 0
     }
@@ -112,9 +110,7 @@ if [[ -o interactive ]]; then
     # Nothing of it is traced.
     __tellbox_prompt() {
         {
-            if [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]]; then
-                __tellbox_check
-            fi
+            __tellbox_check
         } 2>/dev/null
         return 0
     }

@@ -212,6 +212,7 @@ BASH_SETTINGS = {
     "globignore": "GLOBIGNORE='*'", "noclobber": "set -C", "allexport": "set -a",
     "functrace": "set -ET", "ifs": "IFS=/.i", "extdebug": "shopt -s extdebug",
     "cdspell": "shopt -s xpg_echo nocasematch nocaseglob",
+    "readonly": "readonly status=1 found=1 state=1 now=1",
 }
 
 
@@ -309,7 +310,7 @@ ZSH_SETTINGS = {
     "kshlike": "setopt ksh_arrays sh_word_split", "noglob": "setopt no_glob",
     "nomatch": "setopt no_nomatch null_glob", "warn": "setopt warn_create_global",
     "allexport": "setopt all_export", "posix": "setopt posix_builtins posix_identifiers",
-    "noclobber": "setopt no_clobber",
+    "noclobber": "setopt no_clobber", "readonly": "readonly found=1 state=1 now=1",
 }
 
 
