@@ -29,5 +29,5 @@ def test_an_item_costs_the_recorded_instructions(counted, item):
     assert counted[item]["instructions"] == pytest.approx(recorded, rel=TOLERANCE)
 
 
-def test_a_key_is_one_wait_one_read_and_one_frame_written(counted):
-    assert counted["interface, per key"]["calls"] == {"poll": 1, "read": 1, "write": 1}
+def test_a_key_is_one_read_and_one_frame_written_with_a_wait_before_each(counted):
+    assert counted["interface, per key"]["calls"] == {"poll": 2, "read": 1, "write": 1}
