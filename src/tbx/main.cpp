@@ -125,13 +125,10 @@ static void run_without_command() {
 // A file of the store must never be opened as standard output: whoever started us without one
 // gets /dev/null.
 static void open_missing_standard_descriptors() {
-    int fd = 0;
-    while (fd >= 0 && fd <= STDERR_FILENO)
-        fd = open("/dev/null", O_RDWR);
-    if (fd < 0)
-        _exit(EXIT_FAILURE); // there is nowhere to tell it
-    if (fd > STDERR_FILENO)
-        (void)close(fd); // nothing was written to it
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+        // The lowest free descriptor is this one.
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF && open("/dev/null", O_RDWR) < 0)
+            die("/dev/null: %s", strerror(errno));
 }
 
 // What whoever started us left open is not for the programs that we start: an editor may run as
