@@ -115,6 +115,7 @@ OTHERS = (
     (r"docs/manual/", MANUAL),
     (r"tests/tui/expected/screens/", {"tui": "screen_captures"}),
     (r"tests/tui/expected/", {"tui": "manual guide"}),
+    (r"tests/harness/pseudo_terminal", {"tui": "guide screen_list", "user": "question"}),
     (r"tests/harness/", {"cli": "story status dispatch log terminal agent"}),
     (r"bench/", {"cost": ALL}),
     (r"tests/machine/user_side/", {"machine": ALL}),

@@ -27,11 +27,11 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent), str(HERE.parent / "tui")]
 
-from interface import BROKEN_CHARACTERS, MEANINGLESS  # noqa: E402
-from messages import USERS, Store  # noqa: E402
-from pseudo_terminal import (  # noqa: E402
+from harness.pseudo_terminal import (  # noqa: E402
     BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, FRAME_ENDS,
     HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, Terminal, pasted)
+from interface import BROKEN_CHARACTERS, MEANINGLESS  # noqa: E402
+from messages import USERS, Store  # noqa: E402
 from terminal_bytes import assert_harmless, assert_whole_frames  # noqa: E402
 
 DEFAULT_BINARY = HERE.parent.parent / "build" / "asan" / "tbx"

@@ -21,11 +21,11 @@ from pathlib import Path
 
 REPOSITORY = Path(__file__).resolve().parent.parent.parent
 MANUAL = REPOSITORY / "docs" / "manual"
-sys.path += [str(REPOSITORY / "tests"), str(REPOSITORY / "tests" / "tui")]
+sys.path.append(str(REPOSITORY / "tests"))
 
 from harness.history import Entry, History, record  # noqa: E402
 from harness.machine import Box  # noqa: E402
-from pseudo_terminal import ENTER, TAB, Terminal  # noqa: E402
+from harness.pseudo_terminal import ENTER, TAB, Terminal  # noqa: E402
 
 HOME = "/var/lib/box"
 CHAPTERS = sorted(MANUAL.glob("[0-9]*.html"))

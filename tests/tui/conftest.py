@@ -1,4 +1,4 @@
-"""Fixtures for tests of what the program draws. See pseudo_terminal.py for what they return."""
+"""Fixtures for tests of what the program draws: terminals of harness/pseudo_terminal.py."""
 
 import os
 import shutil
@@ -11,15 +11,15 @@ import pytest
 HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE), str(HERE.parent)]
 
-pytest.register_assert_rewrite("pseudo_terminal", "interface", "terminal_bytes")
+pytest.register_assert_rewrite("interface", "terminal_bytes")
 
 from frame_model import DetailPage, FormPage, ListPage  # noqa: E402
 from harness import history as JOURNAL  # noqa: E402
+from harness.pseudo_terminal import ENTER, Terminal  # noqa: E402
 from interface import expect, press  # noqa: E402
 from messages import USERS, Store  # noqa: E402
 from places import WITH_HISTORY, Places  # noqa: E402
 from prerequisites import program_under_test, skip  # noqa: E402
-from pseudo_terminal import ENTER, Terminal  # noqa: E402
 
 EXPECTED = HERE / "expected"
 

@@ -1,7 +1,7 @@
 """What the interface has to show, worked out from its rules.
 
 A `Text` is characters with a style each; pages and dialogs are lists of them; `page()` makes a
-whole `Frame` of one. Style letters are those of pseudo_terminal.STYLE_LETTERS.
+whole `Frame` of one. Style letters are those of harness.pseudo_terminal.STYLE_LETTERS.
 
     frame = page((80, 24), "Keys", [KEY("q") + " quit"], footer="")
     frame.text, frame.styles, frame.cursor

@@ -1,10 +1,10 @@
-"""What tests do to the interface and say about it, over pseudo_terminal.Terminal."""
+"""What tests do to the interface and say about it, over harness.pseudo_terminal.Terminal."""
 
 import re
 from pathlib import Path
 
 from frame_model import UPDATED, Frame
-from pseudo_terminal import CTRL_Z, ESCAPE, FRAME_BEGINS, assert_restored
+from harness.pseudo_terminal import CTRL_Z, ESCAPE, FRAME_BEGINS, assert_restored
 
 CLOCKS = re.compile(r"updated at \d\d:\d\d:\d\d")
 

@@ -5,8 +5,8 @@ from dataclasses import replace
 from frame_model import (
     KEYS_BOX, RED, DetailPage, FormPage, ListPage, message_box, purge_box, purge_confirmation,
     remind_confirmation, revoke_confirmation, search_box)
+from harness.pseudo_terminal import CTRL_S, ENTER, ESCAPE, TAB
 from messages import FUTURE, USERS, Message
-from pseudo_terminal import CTRL_S, ENTER, ESCAPE, TAB
 
 SENT = 1700000000  # the newest message
 DAY = 86400

@@ -3,7 +3,7 @@
 import re
 import unicodedata
 
-from pseudo_terminal import FRAME_BEGINS, FRAME_ENDS, LEAVE_SCREEN, PASTE_OFF
+from harness.pseudo_terminal import FRAME_BEGINS, FRAME_ENDS, LEAVE_SCREEN, PASTE_OFF
 
 ANCHORED = re.compile(r"\x1b\[([0-9]+)G((?:(?!\x1b\[[0-9]+G).)*)")
 SEQUENCE = re.compile(r"\x1b\[(?:[0-9;]*m|K|\?7[hl])")

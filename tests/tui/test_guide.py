@@ -6,10 +6,10 @@ import termios
 
 import pytest
 
-from interface import stop
-from pseudo_terminal import (
+from harness.pseudo_terminal import (
     BACK_TAB, CC, CTRL_BACKSLASH, CTRL_C, CTRL_S, DOWN, EARLIER, END, ENTER, ENTER_SCREEN, ESCAPE,
     HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, assert_restored, unusual)
+from interface import stop
 
 HOME_CURSOR, CLEAR_BELOW = b"\x1b[H", b"\x1b[J"
 

@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-from pseudo_terminal import CTRL_C
+from harness.pseudo_terminal import CTRL_C
 
 # Too low for the tabs, whatever its width.
 PAGED_ROWS = 9

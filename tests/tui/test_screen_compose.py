@@ -5,10 +5,10 @@ from dataclasses import replace
 import pytest
 
 from frame_model import SIZES
-from interface import MEANINGLESS, press
-from pseudo_terminal import (
+from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, DELETE, DOWN, END, ENTER, HOME, LEFT, PAGE_DOWN, PAGE_UP, RIGHT,
     TAB, UP)
+from interface import MEANINGLESS, press
 
 FOCI = ["To", "Title", "Expires", "Text"]
 

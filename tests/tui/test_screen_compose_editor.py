@@ -11,10 +11,10 @@ from pathlib import Path
 import pytest
 
 from frame_model import message_box
-from interface import expect, press
-from pseudo_terminal import (
+from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, EARLIER, ENTER,
     ENTER_SCREEN, ESCAPE, LEAVE_SCREEN, LEFT, TAB)
+from interface import expect, press
 
 NOBODY = 65534
 

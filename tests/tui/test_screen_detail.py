@@ -7,12 +7,12 @@ import pytest
 
 from frame_model import SIZES, remind_confirmation, revoke_confirmation
 from harness.history import record
+from harness.pseudo_terminal import (
+    BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
+    PAGE_UP, RIGHT, TAB, UP)
 from interface import (
     BROKEN_CHARACTERS, MEANINGLESS, clocks_shown, expect, frame_that_shows, press)
 from messages import DATE, FUTURE, MESSAGE_STATES, PAST, USERS, Message, people
-from pseudo_terminal import (
-    BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
-    PAGE_UP, RIGHT, TAB, UP)
 
 BUSY = Message(
     7, "Tonight from ten to eleven the machine is saved. Please close your files before that, or "

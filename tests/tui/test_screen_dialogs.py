@@ -7,11 +7,11 @@ import pytest
 from frame_model import (
     KEYS_BOX, SIZES, message_box, purge_box, purge_confirmation, remind_confirmation,
     revoke_confirmation, search_box)
-from interface import BROKEN_CHARACTERS, MEANINGLESS, expect, frames_as_text, press
-from messages import DATE, PAST, Message, people
-from pseudo_terminal import (
+from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
     PAGE_UP, RIGHT, TAB, UP)
+from interface import BROKEN_CHARACTERS, MEANINGLESS, expect, frames_as_text, press
+from messages import DATE, PAST, Message, people
 
 FUNCTION_KEYS = [UP, DOWN, LEFT, RIGHT, PAGE_UP, PAGE_DOWN, HOME, END, TAB, BACK_TAB, DELETE,
                  CTRL_E, CTRL_S]

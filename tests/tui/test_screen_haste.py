@@ -10,12 +10,12 @@ from pathlib import Path
 import pytest
 
 from frame_model import RED, Box, message_box, revoke_confirmation, search_box
+from harness.pseudo_terminal import (
+    BACK_TAB, CTRL_C, CTRL_S, DOWN, EARLIER, ESCAPE, HOME, LEFT, PASTE_ON, TAB, assert_restored,
+    pasted)
 from interface import (
     assert_left, expect, frames_as_text, frames_drawn, press, press_in_vain, take_kept_text)
 from messages import Message
-from pseudo_terminal import (
-    BACK_TAB, CTRL_C, CTRL_S, DOWN, EARLIER, ESCAPE, HOME, LEFT, PASTE_ON, TAB, assert_restored,
-    pasted)
 
 NOTE = "Please restart the server, Kay"  # "r" asks before a revocation, the "y" would answer
 

@@ -7,8 +7,8 @@ program itself.
 
 import pytest
 from harness.history import record
+from harness.pseudo_terminal import CTRL_E, ENTER, ESCAPE, FRAME_ENDS, PAGE_DOWN, TAB
 from interface import frames_drawn
-from pseudo_terminal import CTRL_E, ENTER, ESCAPE, FRAME_ENDS, PAGE_DOWN, TAB
 from terminal_bytes import assert_harmless, assert_whole_frames
 
 SIZE = (120, 30)

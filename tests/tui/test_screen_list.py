@@ -7,9 +7,10 @@ from dataclasses import replace
 import pytest
 
 from frame_model import SIZES, ListPage
+from harness.pseudo_terminal import (
+    DOWN, END, ENTER_SCREEN, LEAVE_SCREEN, PAGE_UP, PASTE_OFF, PASTE_ON, UP)
 from interface import clocks_shown, expect, frame_that_shows, frames_drawn, press, read_again
 from messages import DATE, FUTURE, PAST, USERS, Message, people
-from pseudo_terminal import DOWN, END, ENTER_SCREEN, LEAVE_SCREEN, PAGE_UP, PASTE_OFF, PASTE_ON, UP
 
 HOME_CURSOR, CLEAR_BELOW, HIDE_CURSOR = b"\x1b[H", b"\x1b[J", b"\x1b[?25l"
 

@@ -8,11 +8,11 @@ import pytest
 from frame_model import (
     ANY_KEY, KEYS_BOX, DetailPage, FormPage, purge_box, remind_confirmation, revoke_confirmation,
     search_box)
-from interface import BROKEN_CHARACTERS, MEANINGLESS, press, press_in_vain, seen
-from messages import DATE, MESSAGE_STATES, Message
-from pseudo_terminal import (
+from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
     PAGE_UP, RIGHT, TAB, UP)
+from interface import BROKEN_CHARACTERS, MEANINGLESS, press, press_in_vain, seen
+from messages import DATE, MESSAGE_STATES, Message
 
 THIRTY = [Message(number) for number in range(1, 31)]  # at 80x24 a page is 17 of them
 

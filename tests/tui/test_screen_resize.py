@@ -5,10 +5,10 @@ from dataclasses import replace
 import pytest
 
 from frame_model import search_box
+from harness.pseudo_terminal import BACK_TAB, CTRL_S, DOWN, EARLIER, END, ENTER, ESCAPE, TAB, UP
 from interface import expect, frames_as_text, press
 from messages import DATE, Message, people
 from places import PLACES, Places
-from pseudo_terminal import BACK_TAB, CTRL_S, DOWN, EARLIER, END, ENTER, ESCAPE, TAB, UP
 
 ON_THE_LIST = [name for name in PLACES if name.startswith("list")]
 ELSEWHERE = [name for name in PLACES if name not in ON_THE_LIST]

@@ -5,11 +5,11 @@ from dataclasses import replace
 import pytest
 
 from frame_model import RED, message_box
+from harness.pseudo_terminal import (
+    BACK_TAB, BACKSPACE, CTRL_S, DOWN, ENTER, ESCAPE, HOME, LEFT, TAB, UP)
 from harness.store import parse_message_file
 from interface import press
 from messages import Message
-from pseudo_terminal import (
-    BACK_TAB, BACKSPACE, CTRL_S, DOWN, ENTER, ESCAPE, HOME, LEFT, TAB, UP)
 
 
 def fill_in(tbx, page, *, to="", title="", expires="", text="", preview=None):

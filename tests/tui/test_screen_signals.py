@@ -10,12 +10,12 @@ from pathlib import Path
 import pytest
 
 from frame_model import KEYS_BOX, message_box, revoke_confirmation
+from harness.pseudo_terminal import (
+    CC, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, DOWN, EARLIER, ENTER, IFLAG, LFLAG,
+    assert_restored, unusual)
 from interface import assert_left, expect, is_stopped, stop, frames_drawn, is_stopped, press, stop
 from messages import Message
 from places import PLACES, Places
-from pseudo_terminal import (
-    CC, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, DOWN, EARLIER, ENTER, IFLAG, LFLAG,
-    assert_restored, unusual)
 
 AS_BEFORE = {"earlier": EARLIER, "attributes": unusual}
 

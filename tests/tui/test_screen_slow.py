@@ -5,10 +5,10 @@ from dataclasses import replace
 
 import pytest
 
+from harness.pseudo_terminal import DOWN, EARLIER, UP
 from interface import assert_left, expect, press
 from messages import Message
 from places import PLACES
-from pseudo_terminal import DOWN, EARLIER, UP
 
 BYTES_TAKEN = 48
 MESSAGES = [Message(number) for number in range(1, 16)]

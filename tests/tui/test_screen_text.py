@@ -8,9 +8,9 @@ import pytest
 from frame_model import (
     RED, DetailPage, ListPage, message_box, purge_confirmation, revoke_confirmation, search_box)
 from harness.history import record
+from harness.pseudo_terminal import BACK_TAB, CTRL_S, DOWN, ENTER, TAB
 from interface import expect, frames_as_text, press
 from messages import DATE, FUTURE, Message, people
-from pseudo_terminal import BACK_TAB, CTRL_S, DOWN, ENTER, TAB
 
 # Everything that the interface ever writes beside characters.
 SEQUENCES = re.compile(rb"\x1b\[(?:H|J|K|\d+G|\?7[lh]|\d+;\d+H|\?25[lh]|\?1049[lh]|\?2004[lh]|"

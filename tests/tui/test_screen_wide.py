@@ -5,10 +5,10 @@ The terminal counts by its own rules, which differ from the program's where emoj
 
 import pytest
 
+from harness.pseudo_terminal import (
+    BACK_TAB, BACKSPACE, DOWN, ENTER, ESCAPE, HOME, LEFT, RIGHT, TAB, UP)
 from interface import frames_drawn
 from messages import Message
-from pseudo_terminal import (
-    BACK_TAB, BACKSPACE, DOWN, ENTER, ESCAPE, HOME, LEFT, RIGHT, TAB, UP)
 
 SIZES = [(80, 20), (80, 24), (120, 40)]
 JAPANESE = "再起動のお知らせ"  # eight characters, sixteen columns

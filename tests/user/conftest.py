@@ -7,7 +7,7 @@ from pathlib import Path
 import pytest
 
 HERE = Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE), str(HERE.parent / "tui")]
+sys.path.insert(0, str(HERE))
 
 pytest.register_assert_rewrite("recipient", "shells")
 

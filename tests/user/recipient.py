@@ -4,6 +4,7 @@ import os
 import re
 
 from harness.machine import Machine
+from harness.pseudo_terminal import Terminal
 from harness.user_program import (
     PROGRAM,
     TELLBOX,
@@ -11,7 +12,6 @@ from harness.user_program import (
     install_user_file,
     install_user_program,
 )
-from pseudo_terminal import Terminal
 
 QUESTION = "I have read it [r]   Later [l]   Quit [q]"
 GUARD_SECONDS = 0.7

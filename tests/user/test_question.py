@@ -5,7 +5,7 @@ import signal
 import time
 
 import pytest
-from pseudo_terminal import CTRL_C, CTRL_Z
+from harness.pseudo_terminal import CTRL_C, CTRL_Z
 from recipient import GUARD_SECONDS, QUESTION, TELLBOX
 from shells import Shell
 
