@@ -178,8 +178,8 @@ class Terminal:
             attributes(wanted)
             termios.tcsetattr(slave, termios.TCSANOW, wanted)
         self.attributes_before = self.attributes()
-        self._tty_name = os.ttyname(slave)
-        self._start([str(argument) for argument in argv], env or {}, self._tty_name)
+        self.tty_name = os.ttyname(slave)
+        self._start([str(argument) for argument in argv], env or {}, self.tty_name)
         os.close(slave)
 
     # ---- What is seen ---------------------------------------------------------------------
@@ -214,7 +214,7 @@ class Terminal:
 
     def unread(self):
         """How many bytes were typed that the program has not read. Only in raw mode."""
-        tty = os.open(self._tty_name, os.O_RDWR | os.O_NOCTTY)
+        tty = os.open(self.tty_name, os.O_RDWR | os.O_NOCTTY)
         try:
             return struct.unpack("i", fcntl.ioctl(tty, termios.FIONREAD, bytes(4)))[0]
         finally:

@@ -4,6 +4,7 @@ import os
 import shutil
 import subprocess
 import sys
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -66,6 +67,15 @@ def terminal(binary, environment):
     yield start
     for one in opened:
         one.close()
+
+
+@pytest.fixture
+def folder():
+    """A folder that every user may enter."""
+    path = Path(tempfile.mkdtemp(prefix="tellbox-tui-"))
+    path.chmod(0o755)
+    yield path
+    shutil.rmtree(path)
 
 
 @pytest.fixture

@@ -4,7 +4,6 @@ import os
 import re
 import shutil
 import signal
-import tempfile
 from dataclasses import replace
 from pathlib import Path
 
@@ -20,15 +19,6 @@ NOBODY = 65534
 
 # Says on the terminal that it runs, and waits for Enter.
 WAIT = 'echo "editor runs"; read -r line || read -r line\n'  # a signal interrupts the first one
-
-
-@pytest.fixture
-def folder():
-    """A folder that every user may enter."""
-    path = Path(tempfile.mkdtemp(prefix="tellbox-editor-"))
-    path.chmod(0o755)
-    yield path
-    shutil.rmtree(path)
 
 
 @pytest.fixture
