@@ -28,7 +28,7 @@ bool child_pipe_open(child_pipe *pipe) {
     return true;
 }
 
-// Writes what the pipe takes, and closes it once all is written or nobody reads it.
+// Writes as much as the pipe takes. Closes it when everything is written or nobody reads it.
 static void feed(child_exchange *traffic) {
     const ssize_t written =
         write(traffic->to_child.get(), traffic->input.data(), traffic->input.size());
@@ -48,7 +48,7 @@ static void keep(child_exchange *traffic, std::string_view printed) {
     strbuf_append_view(output, printed.substr(0, room));
 }
 
-// Reads once. False at the end of the output or on an error.
+// Reads once. Returns false at EOF or after an error.
 static bool drain(child_exchange *traffic) {
     std::array<char, 16384> chunk;
     const ssize_t got = read(traffic->from_child.get(), chunk.data(), chunk.size());
@@ -66,7 +66,7 @@ static void drain_the_rest(child_exchange *traffic) {
 }
 
 exchange_state child_exchange_step(child_exchange *traffic, int timeout_ms, int pidfd) {
-    // A negative descriptor is passed over.
+    // poll() ignores negative descriptors.
     pollfd watched[] = {{.fd = traffic->from_child.get(), .events = POLLIN, .revents = 0},
                         {.fd = traffic->to_child.get(), .events = POLLOUT, .revents = 0},
                         {.fd = pidfd, .events = POLLIN, .revents = 0}};
@@ -91,8 +91,8 @@ unique_fd child_pidfd(pid_t child) {
     return unique_fd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
 }
 
-// Sleeps until the child ends, at most until it is to be looked at again. Without a pidfd
-// poll() watches nothing and only sleeps.
+// Sleeps until the child ends, at most LOOK_AGAIN_MS. Without a pidfd poll() watches nothing and
+// only sleeps.
 static void sleep_until_end(const unique_fd &pidfd, int64_t remaining_ms) {
     static constexpr int64_t LOOK_AGAIN_MS = 10;
     pollfd watched = {.fd = pidfd.get(), .events = POLLIN, .revents = 0};

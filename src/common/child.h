@@ -1,4 +1,5 @@
-// A child process that is fed and whose output is kept: its pipes, and the wait for its end.
+// Talking to a child process: its pipes, writing its input, keeping its output, waiting for its
+// end.
 #pragma once
 
 #include "common/core.h"
@@ -7,7 +8,7 @@
 
 #include <string_view>
 
-// Milliseconds of a clock that nobody sets.
+// The monotonic clock, in milliseconds.
 [[nodiscard]] int64_t child_clock_ms();
 
 struct child_pipe {
@@ -15,10 +16,11 @@ struct child_pipe {
     unique_fd write_end;
 };
 
-// Opens both ends, close-on-exec. False, with errno, when there are no descriptors left.
+// Opens both ends, close-on-exec. Returns false with errno when that fails, for example because no
+// descriptors are left.
 [[nodiscard]] bool child_pipe_open(child_pipe *pipe);
 
-// What goes to a child and comes back from it. SIGPIPE is to be ignored meanwhile.
+// The input and output of a child. The caller must ignore SIGPIPE while it uses this.
 struct child_exchange {
     unique_fd to_child; // non-blocking; empty when there is nothing to write
     unique_fd from_child;
@@ -28,20 +30,20 @@ struct child_exchange {
 };
 
 enum class exchange_state {
-    open,      // something went through, or a signal interrupted the wait
-    timed_out, // nothing did
-    ended,     // the child printed its last, or cannot be waited for
+    open,      // some bytes were exchanged, or a signal interrupted the wait
+    timed_out, // nothing happened in time
+    ended,     // EOF, an error, or the child has ended
 };
 
-// Waits up to `timeout_ms` (negative: as long as it takes), then feeds and drains the child once.
-//   pidfd  a descriptor that becomes readable when the child ends; what it printed is then read,
-//          and whoever else has its output is not waited for. -1 for none
+// Waits up to `timeout_ms` (negative: no limit), then writes to the child and reads from it once.
+//   pidfd  a descriptor that becomes readable when the child ends, or -1. When it ends, the rest of
+//          its output is read; other processes that hold its output open are not waited for
 [[nodiscard]] exchange_state child_exchange_step(child_exchange *traffic, int timeout_ms,
                                                  int pidfd);
 
-// A descriptor that becomes readable when `child` ends; empty where the system has none.
+// Returns a descriptor that becomes readable when `child` ends; empty if the system has no pidfds.
 [[nodiscard]] unique_fd child_pidfd(pid_t child);
 
-// Waits up to `timeout_ms` for the child's end. Returns false only if it is still running then.
-// If there is no such child, returns true and leaves `status` unchanged.
+// Waits up to `timeout_ms` for the child to end. Returns false only if it is still running then. If
+// there is no such child, returns true and leaves `status` unchanged.
 [[nodiscard]] bool child_await(pid_t child, const unique_fd &pidfd, int timeout_ms, int *status);

@@ -16,7 +16,7 @@ void unique_fd::reset(int fd) {
     if (old < 0)
         return;
     const int saved = errno;
-    ::close(old); // nothing that matters is left to be written: see close()
+    ::close(old); // errors matter only where close() is called
     errno = saved;
 }
 
@@ -33,7 +33,7 @@ void set_program_name(const char *name) {
 }
 
 static void __attribute__((format(printf, 1, 0))) report(const char *format, va_list arguments) {
-    fflush(stdout); // a diagnostic is never shown ahead of what was printed before it
+    fflush(stdout); // earlier output is shown before the diagnostic
     fprintf(stderr, "%s: ", program_name);
     vfprintf(stderr, format, arguments);
     fputc('\n', stderr);
@@ -133,7 +133,7 @@ void strbuf_append_char(strbuf *b, char c) {
     strbuf_append(b, &c, 1);
 }
 
-// Formats into the room there is, and once more where that was too little.
+// Formats into the free room. If that is too small, makes room and formats again.
 void strbuf_vprintf(strbuf *b, const char *format, va_list arguments) {
     strbuf_reserve(b, 0);
     va_list again;
@@ -329,7 +329,7 @@ int read_file_limited(const char *path, size_t max, bool nofollow, strbuf *b) {
     return read_fd_limited(fd.get(), max, b);
 }
 
-// Whether something stands at `path` that is known to be no regular file of at most `max` bytes.
+// Whether something exists at `path` that is not a regular file of at most `max` bytes.
 static bool is_no_such_file(const char *path, size_t max) {
     struct stat status = {};
     return lstat(path, &status) == 0 &&
@@ -341,7 +341,7 @@ lookup read_stored_file(const char *path, size_t max, strbuf *b) {
     if (read_file_limited(path, max, /*nofollow=*/true, b) == 0)
         return lookup::found;
     const int error = errno;
-    strbuf_reset(b); // part of a file must not pass for the whole
+    strbuf_reset(b); // part of a file must not be taken for the whole
     if (lookup_of_error(error) == lookup::absent || is_no_such_file(path, max))
         return lookup::absent;
     errno = error;
@@ -383,7 +383,7 @@ int syncfs_path(const char *path) {
     return sync_path(path, syncfs);
 }
 
-// Creates `path` anew with the contents, synced and closed without an error.
+// Creates the file at `path`, writes and syncs its contents, and closes it.
 static int write_new_file(const char *path, const void *data, size_t len, mode_t mode) {
     unique_fd fd(open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (!fd || write_all(fd.get(), data, len) != 0 || sync_retrying(fsync, fd.get()) != 0)
@@ -394,7 +394,7 @@ static int write_new_file(const char *path, const void *data, size_t len, mode_t
 static int write_and_rename(const char *path, const void *data, size_t len, mode_t mode,
                             int (*rename_to)(const char *, const char *)) {
     const std::string temporary = xasprintf("%s.tmp", path);
-    unlink(temporary.c_str()); // a stale one of an interrupted run; most often there is none
+    unlink(temporary.c_str()); // left by an interrupted run; usually there is none
     if (write_new_file(temporary.c_str(), data, len, mode) == 0 &&
         rename_to(temporary.c_str(), path) == 0)
         return 0;
@@ -408,7 +408,8 @@ int write_file_atomic(const char *path, const void *data, size_t len, mode_t mod
     return write_and_rename(path, data, len, mode, rename);
 }
 
-// Some file systems cannot rename without replacing: there a look before has to do.
+// Renames, but fails with EEXIST if `to` exists. On file systems that cannot do this in one call,
+// looks first and renames then.
 static int rename_without_replacing(const char *from, const char *to) {
     if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
         return 0;
@@ -490,14 +491,14 @@ int list_numeric_entries(const char *dir, strlist *l) {
             strlist_push_view(l, name);
     }
     if (errno != 0)
-        return -1; // half a directory must not pass for the whole
+        return -1; // part of a directory must not be taken for the whole
     sort_items(l, compare_length_then_text);
     return 0;
 }
 
 // ---- Time ---------------------------------------------------------------------------------
 
-// Not time(), which may be a tick behind the clock that other programs have just read.
+// Not time(): it can be a tick behind the clock that other programs have just read.
 time_t now() {
     timespec clock = {};
     clock_gettime(CLOCK_REALTIME, &clock); // cannot fail: the clock exists

@@ -35,7 +35,8 @@ public:
     explicit operator bool() const { return fd_ >= 0; }
     int release() { return std::exchange(fd_, -1); }
     void reset(int fd = -1); // closes the old one
-    // Closes and says how it went, for files whose data matters: 0, or -1 with errno.
+    // Closes the descriptor and reports errors, for files whose data matters. Returns 0, or -1 with
+    // errno.
     [[nodiscard]] int close();
 
 private:
@@ -56,7 +57,7 @@ using owned_cstring = std::unique_ptr<char, free_deleter>; // NUL-terminated, fr
 using unique_dir = std::unique_ptr<DIR, dir_closer>;
 using unique_file = std::unique_ptr<FILE, file_closer>;
 
-// Transparent hash, so that maps keyed by std::string are searched with a string_view.
+// Transparent hash, so that maps with std::string keys can be searched with a string_view.
 struct string_hash {
     using is_transparent = void;
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
@@ -64,7 +65,8 @@ struct string_hash {
 
 // ---- Diagnostics --------------------------------------------------------------------------
 
-// The prefix of every diagnostic; "tbx" until it is set. `name` must outlive the process.
+// Sets the prefix of every diagnostic, which is "tbx" at first. `name` must stay valid until the
+// process ends.
 void set_program_name(const char *name);
 
 // Flushes standard output, writes "NAME: ", the message and a newline to standard error, and
@@ -75,8 +77,8 @@ void set_program_name(const char *name);
 void warn(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // ---- Memory -------------------------------------------------------------------------------
-// Exhausted memory ends the process with die("out of memory"), here and, once
-// install_out_of_memory_handler() has run, in the standard library's containers too.
+// When memory runs out, these functions end the process with die("out of memory"). So do the
+// standard library's containers once install_out_of_memory_handler() has run.
 
 void install_out_of_memory_handler();
 
@@ -87,8 +89,8 @@ void install_out_of_memory_handler();
 
 // ---- strbuf -------------------------------------------------------------------------------
 
-// A growable byte string. `data` is null until something is reserved; from then on data[len]
-// is a NUL byte. The contents may hold NUL bytes of their own. Releases itself.
+// A growable byte string. `data` is null until something is reserved; from then on data[len] is a
+// NUL byte. The contents may hold NUL bytes. The destructor releases it.
 struct strbuf {
     char *data = nullptr;
     size_t len = 0; // bytes in use, without the final NUL
@@ -125,7 +127,7 @@ void strbuf_free(strbuf *b);  // releases the allocation; the buffer may be used
 
 // ---- strlist ------------------------------------------------------------------------------
 
-// A growable array of owned strings: 16 items first, then doubling. Releases itself.
+// A growable array of owned strings: 16 items first, then doubling. The destructor releases it.
 struct strlist {
     char **items = nullptr;
     size_t count = 0;
@@ -158,20 +160,20 @@ void strlist_free(strlist *l); // releases everything; the list may be used agai
 
 // ---- Lines --------------------------------------------------------------------------------
 
-// Takes the next line off `*rest`, without its newline; a last line without one counts. False
-// when nothing is left.
+// Moves the next line from `*rest` to `*line`, without its newline. A last line without a newline
+// counts too. Returns false when nothing is left.
 [[nodiscard]] bool next_line(std::string_view *rest, std::string_view *line);
 
-// The items of a list, each followed by a newline.
+// Returns the items of a list, each followed by a newline.
 [[nodiscard]] std::string strlist_lines(const strlist &l);
 
 // ---- place_index --------------------------------------------------------------------------
 
-// Finds the place of something in a list by a hash of its key: a table with linear probing, at
-// most half full. It keeps places and no keys; the list grows beside it.
+// A hash table from keys to their places in a list, with linear probing, at most half full. It
+// stores hashes and places, no keys: the caller keeps the list and compares the keys.
 class place_index {
 public:
-    // The place that was added with `hash` and of which `is_it` says true; -1 for none.
+    // Returns the place that was added with `hash` and for which `is_it(place)` is true, or -1.
     template <class Predicate>
     [[nodiscard]] ptrdiff_t find(uint32_t hash, const Predicate &is_it) const {
         if (slots_.empty())
@@ -182,48 +184,48 @@ public:
                 return slots_[at].number - 1;
         return -1;
     }
-    // Adds a place: 0 first, then 1 and so on, below 2^32 - 1.
+    // Adds a place. Places are added in order: 0, 1, 2 and so on, below 2^32 - 1.
     void add(uint32_t hash, size_t place);
     void clear() { slots_.clear(); }
 
 private:
     struct slot {
         uint32_t hash = 0;
-        uint32_t number = 0; // the place, from 1; 0 for a free slot
+        uint32_t number = 0; // the place + 1; 0 for a free slot
     };
 
     void grow();
     void put(slot added);
 
-    std::vector<slot> slots_; // a power of two of them
+    std::vector<slot> slots_; // their number is a power of two
 };
 
 // ---- Looking up ---------------------------------------------------------------------------
 
-// The answer to "is it there?". Nothing may be cancelled, removed, skipped or reported as done
-// on the strength of `failed`.
+// The answer to "does it exist?". After `failed` nothing may be cancelled, removed, skipped or
+// reported as done.
 enum class lookup {
     found,
-    absent, // the system says that it is not there
-    failed, // nobody can say; errno tells why
+    absent, // the system says that it does not exist
+    failed, // could not be determined; errno says why
 };
 
-// What the errno of a call that failed on a path says: ENOENT and ENOTDIR that nothing is there,
-// every other one nothing.
+// Classifies the errno of a call that failed on a path: `absent` for ENOENT and ENOTDIR, `failed`
+// for every other one.
 [[nodiscard]] lookup lookup_of_error(int error);
 
-// Whether something stands at `path`; a dangling symbolic link does.
+// Looks whether anything exists at `path`. A dangling symbolic link exists.
 [[nodiscard]] lookup path_look_up(const char *path);
 
-// Whether a directory stands at `path`. Anything else there, a symbolic link to a directory
-// included, is `absent`.
+// Looks whether `path` is a directory. Anything else, also a symbolic link to a directory, is
+// `absent`.
 [[nodiscard]] lookup directory_look_up(const char *path);
 
 // ---- Files --------------------------------------------------------------------------------
 // Unless it says otherwise, a function returns 0, or -1 with errno; none of them prints.
 
-// Appends the contents of `fd` to `b` until b->len is `max` bytes; what follows is read to its
-// end and dropped. EINTR is retried. What was read before an error stays in `b`.
+// Reads `fd` to EOF and appends to `b` until b->len is `max` bytes; bytes after that are dropped.
+// EINTR is retried. What was read before an error stays in `b`.
 [[nodiscard]] int read_fd_limited(int fd, size_t max, strbuf *b);
 
 // Appends the regular file at `path` to `b`.
@@ -233,9 +235,9 @@ enum class lookup {
 // fstat or read. A pipe or terminal at `path` never blocks.
 [[nodiscard]] int read_file_limited(const char *path, size_t max, bool nofollow, strbuf *b);
 
-// Reads the regular file at `path` into `b`, which is emptied first. A symbolic link as the last
-// component, anything else that is no regular file, and a file of more than `max` bytes are
-// `absent` like a missing one: what stands there is known, and is no such file.
+// Reads the regular file at `path` into `b`, which is emptied first. Returns `absent` for a missing
+// file, a symbolic link as the last component, anything else that is not a regular file, and a file
+// of more than `max` bytes. Otherwise an error is `failed`, with errno.
 [[nodiscard]] lookup read_stored_file(const char *path, size_t max, strbuf *b);
 
 // Writes every byte, retrying on EINTR.
@@ -246,11 +248,11 @@ enum class lookup {
 // Opens `path` and syncs the whole file system that holds it.
 [[nodiscard]] int syncfs_path(const char *path);
 
-// Replaces `path` by `len` bytes of `data`: written to "PATH.tmp", synced, renamed. A failure
-// removes the temporary file and keeps the old contents. The directory is not synced here.
+// Replaces the file at `path` by `len` bytes of `data`: writes "PATH.tmp", syncs it, renames it. A
+// failure removes the temporary file and keeps the old contents. The directory is not synced here.
 [[nodiscard]] int write_file_atomic(const char *path, const void *data, size_t len, mode_t mode);
-// The same, but what stands at `path` already stays: EEXIST. Of several who write it at once, one
-// succeeds.
+// The same, but fails with EEXIST if something exists at `path`. Of several processes that create
+// it at once at most one succeeds; all can fail, because they share the temporary file.
 [[nodiscard]] int create_file_atomic(const char *path, const void *data, size_t len, mode_t mode);
 
 // ---- Predicates and parsing: 1 for yes, 0 for no ------------------------------------------
@@ -262,15 +264,16 @@ enum class lookup {
 constexpr size_t ID_MAX_DIGITS = 18;
 constexpr int64_t ID_MAX = 999'999'999'999'999'999;
 
-// Parses 1 to 18 decimal digits into `out`; anything else returns 0 and leaves `out` alone.
+// Parses 1 to 18 decimal digits into `out`. Returns 0 for anything else and leaves `out` unchanged.
 [[nodiscard]] int parse_id(const char *text, int64_t *out);
 [[nodiscard]] int parse_id(std::string_view text, int64_t *out);
 
-// The next entry of a directory; null at its end, with errno 0, or when it cannot be read.
+// Returns the next entry of a directory. Returns null with errno 0 at its end, and null with errno
+// set when it cannot be read.
 [[nodiscard]] const dirent *next_entry(DIR *directory);
 
-// Appends the names of the numbered entries (1 to 18 digits) of a directory, the whole list
-// then sorted by value. -1 with errno when the directory cannot be opened or read.
+// Appends the names of a directory's entries that are 1 to 18 digits, then sorts the whole list by
+// value. Returns 0, or -1 with errno when the directory cannot be opened or read.
 [[nodiscard]] int list_numeric_entries(const char *dir, strlist *l);
 
 // Order of digit strings without leading zeros by value: shorter first, then strcmp.

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-// Set once by init_environment(), read-only for the rest of the process. The overrides point
-// into the process environment; the program never changes the variables that they come from.
+// Set once by init_environment(), read-only after that. The overrides point into the process
+// environment; the program never changes these variables.
 static struct {
     const char *var_dir = "/var/lib/tellbox";
     const char *lib_dir = "/usr/local/lib/tellbox";
@@ -57,7 +57,7 @@ static bool is_config_blank(char c) {
     return c == ' ' || c == '\t' || c == '\v' || c == '\f' || c == '\r';
 }
 
-// The line without blanks and comment.
+// Returns the line without blanks and comment.
 static std::string compact_line(std::string_view line) {
     std::string compact;
     for (const char c : line.substr(0, line.find('#')))
@@ -95,7 +95,7 @@ void load_config(config *settings) {
     *settings = {};
     strbuf text;
     if (read_file_limited(conf_path(), CONFIG_MAX_BYTES, /*nofollow=*/false, &text) != 0)
-        return; // no usable file: the defaults stand
+        return; // no usable file: the defaults stay
     if (text.len > 0)
         parse_config_text(text.data, settings);
 }

@@ -1,12 +1,12 @@
-// Where the system's files are, whether this is test mode, and the configuration file.
+// The paths of the system's files, test mode, and the configuration file.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-// Fixes the program name, the paths and test mode from the process environment. Called once,
-// before anything else. TBX_VAR, TBX_LIB and TBX_CONF count only while TBX_TEST is set and
-// not empty, so that an ordinary run can never be pointed at other directories.
+// Sets the program name, the paths and test mode from the process environment. Called once, before
+// anything else. TBX_VAR, TBX_LIB and TBX_CONF are ignored unless TBX_TEST is set and not empty: an
+// ordinary run never uses other directories.
 void init_environment(const char *progname);
 
 [[nodiscard]] const char *var_dir();   // state directory, "/var/lib/tellbox"
@@ -16,7 +16,7 @@ void init_environment(const char *progname);
 
 constexpr size_t CONFIG_MAX_BYTES = 65'536;
 
-// The settings of the user side, which shares this file; 1 to 999999 each.
+// The settings of the recipients' programs, which use the same file; 1 to 999999 each.
 struct config {
     int64_t remind_minutes = 30; // TBX_REMIND_MINUTES
     int64_t agent_poll = 60;     // TBX_AGENT_POLL

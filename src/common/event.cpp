@@ -15,12 +15,12 @@ constexpr const char *JOURNAL_SOCKET = "/run/systemd/journal/socket";
 
 namespace {
 
-// How an event is told; "{name}" stands for an input.
+// The sentence of an event; "{name}" is replaced by an input.
 struct event_sentence {
     std::string_view event;
     std::string_view text;
     std::string_view text_without_details = text;
-    std::string_view text_for_one = text; // for the details "1" exactly
+    std::string_view text_for_one = text; // used when the details are "1"
 };
 
 struct event_input {
@@ -127,7 +127,7 @@ struct event_record {
 
 // Returns a negative error number when the journal did not take the record.
 static int send_to_journal(const event_record &record) {
-    if (!path_exists(JOURNAL_SOCKET)) // the library calls a missing journal a success
+    if (!path_exists(JOURNAL_SOCKET)) // the library returns success without a journal
         return -ENOENT;
     return sd_journal_send_with_location(
         "CODE_FILE=src/event", "CODE_LINE=75", "event", "MESSAGE=%s", record.sentence,

@@ -21,7 +21,7 @@ struct header_line {
     std::string_view value;
 };
 
-// Splits "KEY: VALUE", or "KEY:" with an empty value. False for any other line.
+// Splits "KEY: VALUE", or "KEY:" with an empty value. Returns false for any other line.
 static bool split_header(std::string_view line, header_line *out) {
     const size_t colon = line.find(": ");
     if (colon != std::string_view::npos) {
@@ -36,11 +36,11 @@ static bool split_header(std::string_view line, header_line *out) {
 
 static void apply_header(const header_line &header, message_record *rec, bool *has_date) {
     if (header.key == "id") {
-        (void)!parse_id(header.value, &rec->id); // a malformed one leaves it as it was
+        (void)!parse_id(header.value, &rec->id); // a malformed number leaves it unchanged
     } else if (header.key == "from") {
         rec->from = header.value;
     } else if (header.key == "date") {
-        *has_date = parse_id(header.value, &rec->date) != 0; // the last line decides
+        *has_date = parse_id(header.value, &rec->date) != 0; // the last date line counts
     } else if (header.key == "title") {
         rec->title = header.value;
     } else if (header.key == "expires") {
@@ -120,7 +120,7 @@ static bool is_csi_parameter(char c) {
     return (c >= '0' && c <= '9') || c == ';' || c == '?';
 }
 
-// Bytes of the control sequence (ESC [ parameters final) at the start of `line`, 0 for none.
+// Returns the length of the control sequence (ESC [ parameters final) at the start of `line`, or 0.
 static size_t csi_length(std::string_view line) {
     if (line.size() < 3 || line[0] != ESCAPE || line[1] != '[')
         return 0;
@@ -131,7 +131,7 @@ static size_t csi_length(std::string_view line) {
     return has_final ? end + 1 : 0;
 }
 
-// Bytes of the operating-system command (ESC ] ... BEL) at the start of `line`, 0 for none.
+// Returns the length of the operating-system command (ESC ] ... BEL) at the start of `line`, or 0.
 static size_t osc_length(std::string_view line) {
     if (line.size() < 2 || line[0] != ESCAPE || line[1] != ']')
         return 0;
@@ -150,13 +150,13 @@ static void append_without(std::string_view line, size_t (*sequence_length)(std:
         line.remove_prefix(escape);
         const size_t sequence = sequence_length(line);
         if (sequence == 0)
-            out->push_back(ESCAPE); // stays for now: the next pass drops the byte
+            out->push_back(ESCAPE); // kept for now: the next pass drops it
         line.remove_prefix(sequence == 0 ? 1 : sequence);
     }
 }
 
-// Appends `line` without operating-system commands. Behind the last BEL there are none: it is
-// not searched again and again.
+// Appends `line` without operating-system commands. Such a command ends in BEL, so the text after
+// the last BEL is not searched.
 static void append_without_osc(std::string_view line, std::string *out) {
     const size_t last_bell = line.rfind(BELL);
     const size_t searched = last_bell == std::string_view::npos ? 0 : last_bell + 1;
@@ -164,7 +164,7 @@ static void append_without_osc(std::string_view line, std::string *out) {
     out->append(line.substr(searched));
 }
 
-// The text without escape sequences. They never reach across a line end.
+// Returns the text without escape sequences. A sequence never continues past a line end.
 static std::string remove_escape_sequences(std::string_view text) {
     std::string result;
     result.reserve(text.size());
@@ -184,8 +184,8 @@ static bool is_dropped_control(unsigned char c) {
     return (c < ' ' && c != '\t' && c != '\n') || c == DELETE;
 }
 
-// Appends `text` without control bytes and C1 pairs. What is already out decides about a pair,
-// so that dropping something can never join a new one.
+// Appends `text` without control bytes and C1 pairs. A byte is compared with the last byte of the
+// output, not of the input: two bytes with a dropped byte between them cannot become a new pair.
 static void append_without_controls(std::string_view text, strbuf *buf) {
     const size_t start = buf->len;
     strbuf_reserve(buf, text.size());
@@ -213,8 +213,8 @@ void sanitize_text(const char *data, size_t len, strbuf *buf) {
 
 constexpr std::string_view REPLACEMENT = "\xef\xbf\xbd"; // U+FFFD
 
-// Bytes of the character that begins with `lead`, and the range of its second byte, which keeps
-// out longer forms than needed, surrogates and what lies beyond Unicode.
+// The length of a character in bytes, and the range of its second byte. The range excludes overlong
+// forms, surrogates and codes beyond Unicode.
 struct utf8_form {
     size_t length;
     unsigned char second_min;
@@ -235,7 +235,7 @@ static utf8_form form_of(unsigned char lead) {
     return {0, 0, 0};
 }
 
-// Bytes of the character at the start of `text`, 0 if there is none.
+// Returns the length in bytes of the character at the start of `text`, 0 if it is not valid.
 static size_t character_length(std::string_view text) {
     const utf8_form form = form_of(static_cast<unsigned char>(text[0]));
     if (form.length > text.size())

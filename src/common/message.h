@@ -9,7 +9,7 @@
 constexpr size_t MESSAGE_FILE_MAX_BYTES = 73'728;
 
 struct message_record {
-    int64_t id = 0;      // 0 when the file gave none
+    int64_t id = 0;      // 0 when the file has none
     std::string from;    // author's account name
     int64_t date = 0;    // time of sending, seconds since the epoch
     std::string title;   // empty when there is none
@@ -28,13 +28,14 @@ void message_format(const message_record &rec, strbuf *buf);
 // Returns 0, or -1 with errno and a zeroed record.
 [[nodiscard]] int message_load(const char *path, message_record *rec);
 
-// The same, for a caller that acts on what is missing: `absent` when no message stands there (no
-// file, no regular one, too long, or damaged), `failed` with errno when that cannot be told.
+// The same, for a caller that acts on a missing message. Returns `absent` when there is no message
+// (no file, not a regular file, too long, or damaged), `failed` with errno when that could not be
+// determined.
 [[nodiscard]] lookup message_look_up(const char *path, message_record *rec);
 
 void message_free(message_record *rec); // releases the strings and zeroes the record
 
-// Whether the message has an expiry and it is not later than `now`.
+// Whether the message has an expiry time and `now` has reached it.
 [[nodiscard]] bool message_is_expired(const message_record &rec, int64_t now);
 
 // Appends "TITLE · DATE", or the date alone for an untitled message.
@@ -44,16 +45,16 @@ void message_headline(const message_record &rec, strbuf *buf);
 // newline and all other bytes from 0x20 up are kept.
 void sanitize_text(const char *data, size_t len, strbuf *buf);
 
-// Appends a copy of `text` in which U+FFFD stands for every byte that is not part of a character
-// in UTF-8.
+// Appends a copy of `text` with U+FFFD in place of every byte that is not part of a valid UTF-8
+// character.
 void repair_utf8(std::string_view text, strbuf *buf);
 
-// A copy of untrusted text for a screen: without escape sequences and control characters, in
-// valid UTF-8.
+// Returns untrusted text made safe for a screen: valid UTF-8 without escape sequences and control
+// characters.
 [[nodiscard]] std::string clean_text(std::string_view text);
 // The same on one line: line ends and tabs become blanks.
 [[nodiscard]] std::string clean_line(std::string_view text);
 
-// Appends the frame in which a terminal shows a message: a headline, the text without the line
-// ends behind it, a rule. Every line ends with "\n".
+// Appends a message as a terminal shows it: a headline, the text without its trailing newlines, a
+// rule. Every line ends with "\n".
 void message_banner(const message_record &rec, strbuf *buf);

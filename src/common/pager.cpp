@@ -13,7 +13,7 @@
 static constexpr const char *DEFAULT_PAGER = "less -R -F -X";
 static constexpr const char *DEFAULT_PATH = "/usr/bin:/bin";
 
-// What a shell returns for a command that it cannot run, or cannot find.
+// Exit statuses of a shell that cannot run, or cannot find, the command.
 static constexpr int SHELL_CANNOT_RUN = 126;
 static constexpr int SHELL_NOT_FOUND = 127;
 
@@ -24,7 +24,7 @@ static bool is_in_path(const char *program) {
         const std::string directory(rest.substr(0, rest.find(':')));
         rest.remove_prefix(std::min(directory.size() + 1, rest.size()));
         if (directory.empty())
-            continue; // the current directory is no place to find programs in
+            continue; // it means the current directory, which is not searched
         if (access(xasprintf("%s/%s", directory.c_str(), program).c_str(), X_OK) == 0)
             return true;
     }
@@ -38,8 +38,8 @@ std::string pager_command() {
     return is_in_path("less") ? DEFAULT_PAGER : "";
 }
 
-// While the pager has the terminal, its keys are the pager's: an interrupt ends a search there
-// and not this process under it. Made after the pager started, which keeps the defaults.
+// Ignores SIGPIPE, SIGINT and SIGQUIT while it exists: Ctrl+C ends a search in the pager and must
+// not end this process. Created after the pager has started, so that the pager keeps the defaults.
 class signals_left_to_pager {
 public:
     signals_left_to_pager() = default;
@@ -52,13 +52,13 @@ public:
     signals_left_to_pager &operator=(const signals_left_to_pager &) = delete;
 
 private:
-    void (*pipe_)(int) = signal(SIGPIPE, SIG_IGN); // quitting before the end is no failure
+    void (*pipe_)(int) = signal(SIGPIPE, SIG_IGN); // a pager that quits early is no failure
     void (*interrupt_)(int) = signal(SIGINT, SIG_IGN);
     void (*quit_)(int) = signal(SIGQUIT, SIG_IGN);
 };
 
 bool pager_show(const std::string &command, const std::function<void(FILE *)> &print) {
-    // The text is UTF-8 whatever the locale, which sudo or a console may have left at "C".
+    // The text is UTF-8, even if sudo or a console has left the locale at "C".
     setenv("LESSCHARSET", "utf-8", /*overwrite=*/0);
     fflush(stdout);
     FILE *pager = popen(command.c_str(), "we");

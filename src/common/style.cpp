@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
-// Process-wide, because every drawing function prints with them: set before something is
-// drawn, and valid until the process ends.
+// Process-wide, because every drawing function uses them. Set before anything is drawn, valid until
+// the process ends.
 style_strings style;
 int style_columns = 80;
 
@@ -62,7 +62,7 @@ size_t text_display_width(const char *text) {
     return columns;
 }
 
-// The beginning of `text` that holds at most `count` characters, each whole.
+// Returns the longest beginning of `text` with at most `count` characters, all of them whole.
 static std::string_view first_characters(std::string_view text, size_t count) {
     size_t bytes = 0;
     for (size_t seen = 0; bytes < text.size(); bytes++)
@@ -110,7 +110,8 @@ void box_row_append(strbuf *buffer, char kind, const char *text) {
 
 // ---- Words --------------------------------------------------------------------------------
 
-// Takes the next word off the front of `text`; empty when only white space is left.
+// Removes the next word from the front of `text` and returns it; empty when only white space is
+// left.
 static std::string_view next_word(std::string_view *text) {
     constexpr std::string_view WHITE_SPACE = " \t\n";
     text->remove_prefix(std::min(text->find_first_not_of(WHITE_SPACE), text->size()));
@@ -123,7 +124,7 @@ void wrap_words(const char *text, int width, int indent, strlist *lines) {
     const auto limit = static_cast<size_t>(std::max(width - indent, WRAP_MIN_COLUMNS));
     const auto margin = static_cast<size_t>(std::max(indent, 0));
     std::string line;
-    size_t columns = 0; // of `line`, without its margin
+    size_t columns = 0; // of `line`, without its indent
     std::string_view rest = text;
     for (std::string_view word = next_word(&rest); !word.empty(); word = next_word(&rest)) {
         const size_t word_columns = character_count(word);
