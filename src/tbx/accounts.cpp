@@ -14,8 +14,8 @@ constexpr int64_t UID_MAX_DEFAULT = 60'000;
 
 // ---- Asking the system --------------------------------------------------------------------
 
-// A service that has no such entry says nothing, ENOENT or ESRCH. Whatever else it says, it could
-// not tell.
+// If there is no such entry, a service sets no errno, ENOENT or ESRCH. Any other errno means that
+// it could not look.
 static bool means_no_entry(int error) {
     return error == 0 || error == ENOENT || error == ESRCH;
 }
@@ -83,13 +83,13 @@ int user_groups_list(const resolved_user &user, std::vector<gid_t> *groups) {
             return 0;
         }
         if (static_cast<size_t>(count) <= groups->size())
-            return -1; // not for want of room
+            return -1; // not because the buffer was too small
         groups->resize(static_cast<size_t>(count));
     }
 }
 
-// Calls `call` and returns the errno that it leaves, 0 for none: for functions that tell of a
-// failure in no other way.
+// Calls `call` and returns the errno that it sets, 0 for none. For functions that report a failure
+// only through errno.
 template <class Call> static int error_left_by(const Call &call) {
     errno = 0;
     call();
@@ -97,7 +97,8 @@ template <class Call> static int error_left_by(const Call &call) {
 }
 
 int for_each_account(const std::function<void(const passwd &)> &visit) {
-    // A service that cannot be asked says so here only: the next getpwent would find a plain end.
+    // Only setpwent() reports that a service does not answer: the next getpwent() returns a normal
+    // end.
     int error = error_left_by(setpwent);
     while (means_no_entry(error)) {
         const passwd *account = nullptr;
@@ -173,7 +174,7 @@ int64_t login_defs_number(const char *key, int64_t fallback) {
     return login_defs_look_up(key, fallback, &number) == 0 ? number : fallback;
 }
 
-// By suffix on purpose: the directory of "nologin" and "false" differs between systems.
+// Compares suffixes on purpose: the directory of "nologin" and "false" differs between systems.
 static bool is_login_shell(const char *shell) {
     const std::string_view path = shell != nullptr ? shell : "";
     return !path.ends_with("nologin") && !path.ends_with("false");
@@ -182,7 +183,7 @@ static bool is_login_shell(const char *shell) {
 int human_users_list(strlist *list) {
     int64_t uid_min = 0;
     int64_t uid_max = 0;
-    // The defaults could name other people than a file that could not be read.
+    // The defaults could select other users than the file that could not be read.
     if (login_defs_look_up("UID_MIN", UID_MIN_DEFAULT, &uid_min) != 0 ||
         login_defs_look_up("UID_MAX", UID_MAX_DEFAULT, &uid_max) != 0)
         return -1;

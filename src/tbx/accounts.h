@@ -1,5 +1,5 @@
-// Accounts and groups as the system knows them now. A directory service that does not answer is
-// told from an account that does not exist.
+// Looking up accounts and groups. An account that does not exist and a directory service that does
+// not answer give different results.
 #pragma once
 
 #include "common/core.h"
@@ -15,7 +15,7 @@
 #include <unordered_set>
 #include <vector>
 
-// An account as the mailbox operations take it.
+// An account, as the mailbox operations need it.
 struct resolved_user {
     std::string name;
     uint32_t uid = 0;
@@ -28,35 +28,34 @@ struct resolved_user {
 [[nodiscard]] lookup user_lookup_by_uid(uint32_t uid, resolved_user *out);
 void resolved_user_free(resolved_user *out); // releases the name and zeroes the record
 
-// The groups that a process of the user has, the primary one included. Returns 0, or -1 with
-// errno.
+// Lists the groups of a user's processes, the primary one included. Returns 0, or -1 with errno.
 [[nodiscard]] int user_groups_list(const resolved_user &user, std::vector<gid_t> *groups);
 
 // Calls `visit` for every account of the system. Returns 0, or -1 with errno when they cannot all
-// be read: some of the accounts must never pass for all of them.
+// be read: a part must never be taken for all accounts.
 [[nodiscard]] int for_each_account(const std::function<void(const passwd &)> &visit);
 
-// Looks the group up and appends its members in the order of its entry, then those whose primary
-// group it is, each once. For `failed`, errno says why; `list` may hold some of them then.
+// Looks the group up and appends its members in the order of its entry, then the accounts whose
+// primary group it is, each once. After `failed`, errno says why, and `list` may hold some of them.
 [[nodiscard]] lookup group_members_list(const char *name, strlist *list);
 
 // Appends every human user: a UID within UID_MIN and UID_MAX, and a shell that does not end in
 // "nologin" or "false". Sorts the list. Returns 0, or -1 with errno when they cannot all be read.
 [[nodiscard]] int human_users_list(strlist *list);
 
-// The number that /etc/login.defs gives for `key` (the last line counts), `fallback` where it
-// gives none. Returns 0, or -1 with errno when the file could not be read.
+// Reads the number for `key` from /etc/login.defs (the last line counts), or `fallback` if there is
+// none. Returns 0, or -1 with errno when the file could not be read.
 [[nodiscard]] int login_defs_look_up(const char *key, int64_t fallback, int64_t *number);
-// The same; `fallback` when the file could not be read, too.
+// The same, but returns `fallback` also when the file could not be read.
 [[nodiscard]] int64_t login_defs_number(const char *key, int64_t fallback);
-// The number that the text of such a file gives.
+// Returns the number from the text of such a file.
 [[nodiscard]] int64_t login_defs_parse(std::string_view text, const char *key, int64_t fallback);
 
-// Whether the store can keep the name: as the name of a directory, and as one word of a line. A
-// blank or another white character, '/', ".", ".." and no character at all cannot be kept.
+// Whether the store can keep the name, as the name of a directory and as one word of a line. It
+// cannot keep an empty name, ".", "..", or a name with '/' or white space.
 [[nodiscard]] bool is_storable_name(std::string_view name);
 
-// Adds names to a list that holds each name once. The list must not change otherwise.
+// Adds names to a list that holds each name once. Nothing else may change the list.
 class name_set {
 public:
     explicit name_set(strlist *list) : list_(list) { seen_.insert(list->begin(), list->end()); }
@@ -72,5 +71,5 @@ public:
 
 private:
     strlist *list_;
-    std::unordered_set<std::string_view> seen_; // the list's own strings
+    std::unordered_set<std::string_view> seen_; // they point into the list
 };

@@ -13,7 +13,7 @@
 
 constexpr int WAKE_TIMEOUT_SECONDS = 5;
 constexpr int LAUNCH_TIMEOUT_MS = 20'000;
-constexpr int CANNOT_START = 127; // exit status of a child that is no systemd-run
+constexpr int CANNOT_START = 127; // exit status of a child that could not run systemd-run
 constexpr size_t READY_FILE_MAX_BYTES = 64;
 constexpr size_t COMMAND_LINE_MAX_BYTES = 4096;
 constexpr int64_t PID_MIN = 2;
@@ -38,7 +38,7 @@ static pid_t ready_process(uint32_t uid) {
     return static_cast<pid_t>(pid);
 }
 
-// Whether the process was started as our agent, and is not another that got its number.
+// Whether the process is our agent, and not another one with its number.
 static bool is_agent(pid_t pid) {
     const std::string path = xasprintf("/proc/%lld/cmdline", static_cast<long long>(pid));
     strbuf found;
@@ -57,9 +57,9 @@ int agent_wake_existing(void *argument) {
 
 // ---- Starting -----------------------------------------------------------------------------
 
-// In the child: hands the agent to the user's service manager. systemd-run reaches it through a
-// process that runs as the user and inherits its descriptors: whoever may look into that process
-// would have the administrator's terminal, so it gets none of them.
+// In the child: starts the agent through the user's service manager. systemd-run reaches it through
+// a process that runs as the user and inherits its descriptors. The user could take the
+// administrator's terminal from that process, so all descriptors are dropped.
 [[noreturn]] static void exec_systemd_run(const char *agent, const char *machine) {
     drop_descriptors_or_exit(CANNOT_START);
     (void)signal(SIGPIPE, SIG_DFL); // cannot fail: the signal exists
@@ -72,20 +72,21 @@ int agent_wake_existing(void *argument) {
     _exit(CANNOT_START);
 }
 
-// A user's manager that answers but never finishes must not hold up everyone after them.
+// Limited in time: a user's manager that answers but never finishes must not delay the other
+// recipients.
 static void start_new_agent(const resolved_user &user) {
     const user_timer timer(user);
     if (timer.is_over())
         return;
     const std::string agent = agent_path();
     const std::string machine = xasprintf("--machine=%s@.host", user.name.c_str());
-    (void)fflush(stdout); // told at the end of the run if it cannot be written
+    (void)fflush(stdout); // an error is reported at the end of the run
     const pid_t child = fork();
     if (child == 0)
         exec_systemd_run(agent.c_str(), machine.c_str());
     int status = 0;
     if (child > 0)
-        (void)reap_child(child, timer.deadline_ms(LAUNCH_TIMEOUT_MS), &status); // nobody is told
+        (void)reap_child(child, timer.deadline_ms(LAUNCH_TIMEOUT_MS), &status); // not reported
 }
 
 void agent_start(const resolved_user &user) {

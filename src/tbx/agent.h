@@ -7,6 +7,6 @@
 // manager. Does nothing in test mode or without a live graphical session. Reports nothing.
 void agent_start(const resolved_user &user);
 
-// The child's part, as the user. The argument is a const uint32_t *, the user's UID. Exit
-// status 0 when a running agent has been signalled, else 1.
+// Runs in the child, as the user. The argument is a const uint32_t *, the user's UID. Exit status 0
+// when a running agent has been signalled, else 1.
 int agent_wake_existing(void *argument);

@@ -41,7 +41,7 @@ bool has_marker_or_die(int64_t id, const char *name) {
     return state == lookup::found;
 }
 
-// A name that cannot be looked up now is believed: sudo itself has looked it up.
+// A name that cannot be looked up now counts as known: sudo itself has looked it up.
 static bool is_known_author(const char *name) {
     resolved_user user;
     return name != nullptr && *name != '\0' && strlen(name) < AUTHOR_BYTES &&

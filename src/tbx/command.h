@@ -6,23 +6,23 @@
 
 #include <cstdint>
 
-// The identifier given on the command line, null when absent. Ends the process with
-// "missing message ID" or "no such message: %s".
+// Parses the identifier from the command line, null when absent. Ends the process with "missing
+// message ID" or "no such message: %s".
 [[nodiscard]] int64_t parse_message_id(const char *arg);
 
-// Loads the reference copy of message `id`, typed as `id_text`. Ends the process with "no such
-// message: %s", or with the file and the error when it could not be read.
+// Loads the reference copy of message `id`; `id_text` is the identifier as typed. Ends the process
+// with "no such message: %s", or with the file and the error when it could not be read.
 [[nodiscard]] message_record load_message_or_die(int64_t id, const char *id_text);
 
-// Whether the marker of message `id` exists. Ends the process when that cannot be told.
+// Whether the marker of message `id` exists. Ends the process when that could not be looked up.
 [[nodiscard]] bool has_marker_or_die(int64_t id, const char *name);
 
 constexpr int AUTHOR_BYTES = 64;
-// The name to which events and messages are attributed: SUDO_USER's account, else the real
-// user's, else "?". A process-wide buffer of AUTHOR_BYTES, overwritten by each call.
+// Returns the author of events and messages: SUDO_USER's account, else the real user's, else "?".
+// The result is a process-wide buffer of AUTHOR_BYTES that each call overwrites.
 [[nodiscard]] const char *current_author();
 
-// Parses "NUMBER" followed by m, h or d into seconds. 1, or 0 when it is no duration; a
+// Parses "NUMBER" followed by m, h or d into seconds. Returns 1, or 0 when it is no duration. A
 // duration too large for 64 bits becomes INT64_MAX.
 [[nodiscard]] int parse_duration(const char *text, int64_t *seconds);
 

@@ -42,7 +42,7 @@ int mailbox_read_confirmations(const resolved_user &user, std::string_view id_li
 }
 
 // Identifiers are consecutive: hashed as they are they would fill one long run of slots, and every
-// miss would walk to its end. So only eight at a time lie side by side.
+// miss would walk to its end. So only groups of eight are adjacent.
 static uint32_t hash_of(int64_t id) {
     constexpr unsigned ROW_BITS = 3;
     constexpr uint64_t GOLDEN_RATIO = 0x9e37'79b9'7f4a'7c15;
@@ -74,7 +74,7 @@ static confirmation_entry *find_or_add(confirmation_list *list, int64_t id) {
     return &list->entries.back();
 }
 
-// Takes in one report line: "LETTER ID REST".
+// Parses one report line: "LETTER ID REST".
 static void parse_report_line(std::string_view line, confirmation_list *list) {
     if (line.size() < 3 || line[1] != ' ')
         return;
@@ -112,8 +112,8 @@ struct file_kind {
 constexpr file_kind ACK_FILES[] = {{ACK, ""}};
 constexpr file_kind SHOWN_FILES[] = {{SHOWN_ON_TERMINAL, ".term"}, {SHOWN_ON_DESKTOP, ".gui"}};
 
-// What the folders hold of each identifier. The kinds of a folder that cannot be listed, or
-// holds more than is worth listing, are unlisted: those are tried by name.
+// The files that the folders hold of each identifier. If a folder cannot be listed, or holds too
+// many entries to list, its kinds are marked as unlisted, and these files are opened by name.
 struct mailbox_files {
     std::unordered_map<std::string, unsigned, string_hash, std::equal_to<>> by_id;
     unsigned unlisted = 0;
@@ -128,19 +128,19 @@ struct mailbox_files {
 static void note_file(std::string_view name, std::span<const file_kind> kinds,
                       mailbox_files *files) {
     if (name.starts_with('.'))
-        return; // ".", ".." and whatever is hidden: no identifier
+        return; // ".", ".." and hidden files: no identifier
     for (const file_kind &file : kinds)
         if (name.ends_with(file.suffix))
             files->by_id[std::string(name.substr(0, name.size() - file.suffix.size()))] |=
                 file.kind;
 }
 
-// False where the folder could not be listed to its end.
+// Returns false when the folder could not be listed to its end.
 static bool list_folder(const char *folder, std::span<const file_kind> kinds, size_t entries_max,
                         mailbox_files *files) {
     const unique_dir directory(opendir(folder));
     if (!directory)
-        return errno == ENOENT; // no folder holds nothing
+        return errno == ENOENT; // a missing folder is an empty one
     size_t entries = 0;
     while (const dirent *entry = next_entry(directory.get())) {
         if (++entries > entries_max)
@@ -150,8 +150,8 @@ static bool list_folder(const char *folder, std::span<const file_kind> kinds, si
     return errno == 0;
 }
 
-// Looks into the folders of the mailbox in the working directory, of which `ids` identifiers
-// are asked. A single one is tried at once.
+// Lists the folders of the mailbox, which is the working directory, to look for `ids` identifiers.
+// For a single one nothing is listed: its files are opened by name.
 static mailbox_files list_mailbox(size_t ids) {
     constexpr size_t DOTS = 2; // "." and ".." are entries too
     mailbox_files files;
@@ -166,8 +166,8 @@ static mailbox_files list_mailbox(size_t ids) {
     return files;
 }
 
-// Appends "A ID TEXT" when there is a confirmation. A named pipe planted in its place does not
-// block, and anything but a regular file is passed over.
+// Appends "A ID TEXT" when there is a confirmation. A named pipe in its place does not block;
+// anything but a regular file is skipped.
 static void report_ack(const std::string &id, strbuf *report) {
     const unique_fd fd(open(("acks/" + id).c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     struct stat status = {};
@@ -206,8 +206,8 @@ static bool is_identifier_line(std::string_view line) {
            line.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// Writes what has come together, so that a long report does not pile up. A parent that has
-// stopped reading ends the child by SIGPIPE.
+// Writes the report so far, so that a long one does not fill the memory. If the parent has stopped
+// reading, SIGPIPE ends the child.
 static void flush_report(strbuf *report) {
     if (write_all(STDOUT_FILENO, report->view().data(), report->len) != 0)
         _exit(0);
@@ -220,8 +220,8 @@ static void report_files(const std::string &id, unsigned kinds, strbuf *report) 
     report_shown(id, kinds, report);
 }
 
-// Looks only at what exists, so that the work grows with the mailbox and not with the number
-// of messages ever sent; a user who confirmed little costs little.
+// Looks only at files that exist. So the work grows with the mailbox, not with the number of
+// messages ever sent.
 static void report_identifiers(std::string_view lines) {
     constexpr size_t REPORT_FLUSH_BYTES = 65'536;
     const mailbox_files files =

@@ -1,5 +1,5 @@
-// What the user side has recorded in a mailbox: confirmations and the times a message was
-// shown. Read as the user, reported through a small line protocol.
+// Reads what the recipient's programs have recorded in a mailbox: confirmations, and the times a
+// message was shown. A child reads it as the user and reports it in lines.
 #pragma once
 
 #include "common/core.h"
@@ -23,18 +23,17 @@ struct confirmation_list {
     place_index by_id; // position in `entries`
 };
 
-// Fills `list` with what the user's mailbox says of the messages `ids` (decimal strings), in
-// one child that runs as the user. Whatever is wrong with the mailbox, or done to the child, yields
-// a shorter or empty list. Returns 0, or -1 with errno when nobody could look.
+// Fills `list` with what the user's mailbox records of the messages `ids` (decimal strings). One
+// child reads it as the user. If the mailbox is damaged, or the user stops the child, the list is
+// shorter or empty. Returns 0, or -1 with errno when the mailbox could not be looked at.
 [[nodiscard]] int mailbox_read_confirmations(const resolved_user &user, const strlist &ids,
                                              confirmation_list *list);
 
-// The same with the identifiers as the child takes them, one on each line: for many users the
-// lines are made once.
+// The same, with one identifier on each line. For many users the lines are made only once.
 [[nodiscard]] int mailbox_read_confirmations(const resolved_user &user, std::string_view id_lines,
                                              confirmation_list *list);
 
-// The entry of a message, or null. Stays valid until the list changes.
+// Returns the entry of a message, or null. It stays valid until the list changes.
 [[nodiscard]] const confirmation_entry *confirmation_find(const confirmation_list &list,
                                                           int64_t id);
 void confirmation_list_free(confirmation_list *list);
@@ -43,6 +42,6 @@ void confirmation_list_free(confirmation_list *list);
 // "S ID SECONDS" for the time shown (the latest counts). Other lines are skipped.
 void confirmation_parse(std::string_view output, confirmation_list *list);
 
-// The child's part, as the user: identifiers on standard input, report on standard output.
-// The argument is a const char *, the mailbox directory. Exit status always 0.
+// Runs in the child, as the user: reads identifiers from standard input, writes the report to
+// standard output. The argument is a const char *, the mailbox directory. Exit status always 0.
 int mailbox_report_confirmations(void *argument);

@@ -14,8 +14,8 @@
 #include <cstring>
 
 constexpr uint64_t USEC_PER_SEC = 1'000'000;
-// A long recipients list must come back whole from a compressed journal; a forged record must
-// not fill the memory.
+// Large enough for a long list of recipients from a compressed journal; small enough that a forged
+// record does not fill the memory.
 constexpr size_t FIELD_MAX_BYTES = 2 * RECIPIENTS_MAX_BYTES;
 
 struct journal_closer {
@@ -28,7 +28,7 @@ std::string journal_field(sd_journal *journal, const char *name) {
     size_t length = 0;
     if (sd_journal_get_data(journal, name, &data, &length) < 0)
         return "";
-    // The journal's own bound is for what it has to decompress.
+    // The journal's own limit applies only to what it decompresses.
     std::string_view field(static_cast<const char *>(data), std::min(length, FIELD_MAX_BYTES));
     field.remove_prefix(std::min(field.size(), strlen(name) + 1)); // "NAME="
     return std::string(field);
@@ -57,8 +57,9 @@ static bool is_user_side(const std::string &event) {
     return event == "POSTPONED" || event == "CONFIRMED" || event == "CONFIRMATION_FAILED";
 }
 
-// Finds who may have written such a record: the user whom it is about, or the administrator.
-// Absent when there is no such user; a name that no account of ours can have is not looked up.
+// Finds the UID that should have written such a record: that of the user it is about, or the
+// administrator's. Returns `absent` when there is no such user. A name that the store cannot keep
+// is not looked up.
 static lookup expected_writer(const history_record &record, int64_t *uid) {
     *uid = test_mode() ? getuid() : 0;
     if (!is_user_side(record.event))
@@ -71,7 +72,8 @@ static lookup expected_writer(const history_record &record, int64_t *uid) {
     return found;
 }
 
-// Failed when nobody could tell: the record is not trusted then.
+// Whether the record's writer is the expected one. Returns `failed` when that could not be looked
+// up: the record is not trusted then.
 static lookup trust_in(const history_record &record) {
     int64_t expected = 0;
     const lookup known = expected_writer(record, &expected);
@@ -94,7 +96,7 @@ static void append_stamp(sd_journal *journal, strbuf *line) {
     strbuf_printf(line, "%s  ", stamp);
 }
 
-// Told from the fields and not from the record's own sentence, so that it reads the same
+// Makes the sentence from the fields and ignores the record's own sentence, so that it is the same
 // whichever program wrote it.
 static void append_sentence(const history_record &record, int64_t id, strbuf *line) {
     if (!event_describe(record.event.c_str(), id, record.user.c_str(), record.channel.c_str(),
@@ -102,7 +104,7 @@ static void append_sentence(const history_record &record, int64_t id, strbuf *li
         strbuf_append_str(line, record.message.c_str());
 }
 
-// One record is one line, and cannot drive the terminal.
+// Prints a record as one line without control characters.
 static void print_cleaned(strbuf *line) {
     std::replace(line->data, line->data + line->len, '\n', ' ');
     strbuf cleaned;
@@ -135,7 +137,8 @@ static unique_journal open_journal() {
     return unique_journal(journal);
 }
 
-// One second before the message was sent; at the end of time for a date past it.
+// Returns the time one second before the message was sent, or the largest time if the date is too
+// large.
 static uint64_t start_usec(int64_t date) {
     uint64_t usec = 0;
     if (date < 1)

@@ -4,5 +4,5 @@
 #include <string>
 #include <systemd/sd-journal.h>
 
-// A copy of the value of field `name` in the journal's current entry, empty when absent.
+// Returns a copy of field `name` of the journal's current entry, empty when absent.
 [[nodiscard]] std::string journal_field(sd_journal *journal, const char *name);

@@ -31,15 +31,15 @@ std::string mailbox_file(const mailbox_target &target, const char *folder, const
 }
 
 // ---- Finding the mailbox, as root ---------------------------------------------------------
-// A user may mount a file system of their own on the mailbox, and a call that asks it anything may
-// never return. So the directory is opened without crossing into a mount. One that the
-// administrator made is told from the user's by the mount table, which asks no file system.
+// A user may mount a file system on the mailbox, and a call on it may never return. So the
+// directory is opened without entering a mount. The mount table tells whether the administrator or
+// the user mounted it; reading the table makes no call on that file system.
 
 static unique_fd open_users_dir() {
     return unique_fd(open(users_dir().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
-// Opens `name` in `users`, a link as itself, with nothing but the place of it asked.
+// Opens `name` in `users` with O_PATH, which makes no call on the file. A link is opened itself.
 static unique_fd open_in(const unique_fd &users, const char *name, uint64_t resolve) {
     open_how how = {};
     how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
@@ -47,19 +47,19 @@ static unique_fd open_in(const unique_fd &users, const char *name, uint64_t reso
     return unique_fd(static_cast<int>(syscall(SYS_openat2, users.get(), name, &how, sizeof how)));
 }
 
-// Whether the kernel, or what watches over its calls, knows no openat2.
+// Whether the error means that the kernel, or a filter of system calls, does not know openat2.
 static bool lacks_openat2(int error) {
     return error == ENOSYS || error == EPERM;
 }
 
-// What is mounted on the mailbox. The table names places without links. -1 with errno when that
-// cannot be told.
+// Finds what is mounted on the mailbox. The mount table holds paths without links, so the folder's
+// real path is used. Returns 0, or -1 with errno.
 static int mailbox_mount(const unique_fd &users, const resolved_user &user, mount_point *mount) {
     char path[PATH_MAX];
     const std::string link = xasprintf("/proc/self/fd/%d", users.get());
     const ssize_t length = readlink(link.c_str(), path, sizeof path);
     if (length < 0) {
-        errno = EIO; // whatever is missing, it is not the mailbox
+        errno = EIO; // ENOENT would mean that the mailbox is missing
         return -1;
     }
     const std::string mailbox =
@@ -70,8 +70,9 @@ static int mailbox_mount(const unique_fd &users, const resolved_user &user, moun
     return result;
 }
 
-// Opens what stands at the mailbox's place. Empty, with errno: EXDEV for a mount that is not the
-// administrator's and for a name that leads elsewhere, and as lacks_openat2().
+// Opens whatever is at the mailbox's path. Returns an empty descriptor with errno when that fails:
+// EXDEV for a mount that is not the administrator's or a name that leads elsewhere, an error of
+// lacks_openat2() without openat2.
 static unique_fd open_mailbox(const unique_fd &users, const resolved_user &user) {
     constexpr uint64_t INSIDE = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
     const char *name = user.name.c_str();
@@ -85,7 +86,7 @@ static unique_fd open_mailbox(const unique_fd &users, const resolved_user &user)
         return mailbox;
     if (mount.maker == mount_maker::administrator) {
         mailbox = open_in(users, name, INSIDE);
-        // The user may have mounted something on top meanwhile: that is not to be asked.
+        // The user may have mounted something on top meanwhile: no call may be made on that.
         if (!mailbox || mount_id_of_fd(mailbox.get()) == mount.id)
             return mailbox;
     }
@@ -107,9 +108,9 @@ static mailbox_state state_of_error(int error) {
 }
 
 // ---- Without openat2 ----------------------------------------------------------------------
-// There every look at the mailbox is taken by a child of root's that is bounded in time.
+// Without it a child that stays root, with a time limit, makes every look at the mailbox.
 
-// Whether a child may look: not where a user has mounted something.
+// Whether a child may look: not if a user has mounted something there.
 static mailbox_state may_look_by_path(const unique_fd &users, const resolved_user &user) {
     mount_point mount;
     if (mailbox_mount(users, user, &mount) != 0)
@@ -117,7 +118,7 @@ static mailbox_state may_look_by_path(const unique_fd &users, const resolved_use
     return mount.maker == mount_maker::user ? mailbox_state::barred : mailbox_state::found;
 }
 
-// Exit statuses of the look; whatever else ends the child is a failure.
+// Exit statuses of look_by_path(); every other end of the child is a failure.
 constexpr int LOOK_FOUND = 10;
 constexpr int LOOK_ABSENT = 11;
 constexpr int LOOK_FAILED = 12;
@@ -153,7 +154,7 @@ static mailbox_state look_up_in_child(const unique_fd &users, resolved_user user
     return mailbox_state::failed;
 }
 
-// In the child. Exit status 0 when the mailbox is there and the user's.
+// In the child. Exit status 0 when the mailbox exists and belongs to the user.
 static int prepare_by_path(void *argument) {
     const auto &user = *static_cast<const resolved_user *>(argument);
     const std::string mailbox = mailbox_dir(user);
@@ -185,7 +186,8 @@ mailbox_state mailbox_look_up(const resolved_user &user) {
     return lacks_openat2(errno) ? look_up_in_child(users, user) : state_of_error(errno);
 }
 
-// Root hands over what is root's: a directory that it has just made, now or in an earlier run.
+// Gives the directory to the user if it belongs to root: root made it just now, or in an earlier
+// run.
 static bool hand_over(const unique_fd &mailbox, const resolved_user &user) {
     struct stat status = {};
     if (fstat(mailbox.get(), &status) != 0 || !S_ISDIR(status.st_mode))
@@ -260,9 +262,9 @@ int mailbox_write_copy(void *argument) {
 
     const std::string copy = mailbox_file(target, "inbox", "");
     const std::string temporary = mailbox_file(target, "inbox", ".tmp");
-    (void)unlink(temporary.c_str()); // a stale one of an interrupted delivery; there may be none
+    (void)unlink(temporary.c_str()); // left by an interrupted delivery; there may be none
     if (!write_copy_file(temporary.c_str(), text) || rename(temporary.c_str(), copy.c_str()) != 0) {
-        (void)unlink(temporary.c_str()); // nothing half written stays; it may not be there
+        (void)unlink(temporary.c_str()); // an incomplete copy must not stay; there may be none
         return 1;
     }
     struct stat status = {};
@@ -287,16 +289,16 @@ bool mailbox_purge_message(const resolved_user &user, int64_t id) {
 
 bool mailbox_reset_shown(const resolved_user &user, int64_t id) {
     mailbox_target target = {mailbox_dir(user), id};
-    return mailbox_look_up(user) == mailbox_state::found && // else nobody there is shown anything
+    return mailbox_look_up(user) == mailbox_state::found && // else nothing will be shown
            run_on_mailbox(user, mailbox_remove_shown, &target, nullptr).succeeded();
 }
 
-// Failures show below: the callers look at what is left.
+// Ignores failures: the callers look at what is left.
 static void remove_file(const mailbox_target &target, const char *folder, const char *suffix) {
     (void)unlink(mailbox_file(target, folder, suffix).c_str());
 }
 
-// A file that cannot be looked up is not known to be gone.
+// Whether the file still exists. A file that cannot be looked up counts as left.
 static bool file_is_left(const mailbox_target &target, const char *folder, const char *suffix) {
     return path_look_up(mailbox_file(target, folder, suffix).c_str()) != lookup::absent;
 }
@@ -330,17 +332,17 @@ int mailbox_remove_all(void *argument) {
 
 // ---- Many messages, one child -------------------------------------------------------------
 
-// What one child does with many messages: it has the list from its parent's memory, and reports a
-// byte for each, in their order.
+// What one child does with many messages. It has the list in its copy of the parent's memory, and
+// reports one byte for each message, in order.
 struct mailbox_batch {
     std::string mailbox;
     const std::vector<int64_t> *ids;
     int (*remove)(void *target); // one of the callbacks
 };
 
-constexpr char DONE = '0'; // what a report holds for a message that the callback calls done
+constexpr char DONE = '0'; // in the report, for a message whose callback returned 0
 
-// Writes what has come together. A parent that has stopped reading ends the child by SIGPIPE.
+// Writes the report so far. If the parent has stopped reading, SIGPIPE ends the child.
 static void write_report(const std::string &report) {
     if (write_all(STDOUT_FILENO, report.data(), report.size()) != 0)
         _exit(1);
@@ -380,7 +382,7 @@ void mailbox_purge_all(const resolved_user &user, const std::vector<int64_t> &id
 
 // ---- What a mailbox holds -----------------------------------------------------------------
 
-constexpr int SURVEY_TIMEOUT_SECONDS = 10; // which leaves the user time for what is missing
+constexpr int SURVEY_TIMEOUT_SECONDS = 10; // leaves the user time for missing copies
 
 struct mailbox_question {
     std::string mailbox;
@@ -395,7 +397,7 @@ static bool is_directory_at(const std::string &path) {
     return directory_look_up(path.c_str()) == lookup::found;
 }
 
-// In the child. Unknown where something could not be read.
+// In the child. Returns `unknown` when something could not be read.
 static copy_state look_at_copy(const std::string &mailbox, const expected_copy &expected) {
     const mailbox_target target = {mailbox, expected.id};
     const lookup answer = answer_look_up(target);
@@ -416,7 +418,7 @@ static copy_state look_at_copy(const std::string &mailbox, const expected_copy &
 }
 
 static int look_at_copies(void *argument) {
-    constexpr size_t PORTION = 256; // told at once, so that what was seen in time counts
+    constexpr size_t PORTION = 256; // reported together; what is reported in time counts
     const auto &question = *static_cast<const mailbox_question *>(argument);
     std::string report;
     for (const expected_copy &expected : *question.copies) {

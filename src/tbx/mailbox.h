@@ -1,6 +1,6 @@
-// The users' mailboxes. Every operation inside one is carried out by a child that has become the
-// user; root only creates the mailbox directory and hands it over, and asks no file system that a
-// user could have mounted.
+// The users' mailboxes. A child that has become the user does every operation inside one. Root only
+// creates the mailbox directory and gives it to the user. Root makes no call on a file system that
+// a user could have mounted.
 #pragma once
 
 #include "common/core.h"
@@ -31,7 +31,7 @@ struct mailbox_target {
 enum class mailbox_state {
     found,
     absent, // nothing is there, or a link or file is in its place
-    barred, // the user has mounted something on it: root does not ask it, nobody enters it
+    barred, // the user has mounted something on it: nothing is read or written there
     failed, // could not be looked up; errno says why
 };
 
@@ -40,24 +40,25 @@ enum class mailbox_state {
 
 // ---- One message --------------------------------------------------------------------------
 
-// Writes `text` (the message file) to inbox/ID, creating the mailbox when needed. True when the
-// copy stands there, or when the user has already read or confirmed the message.
+// Writes `text` (the message file) to inbox/ID, creating the mailbox when needed. Returns true when
+// the copy is there, or when the user has already read or confirmed the message.
 [[nodiscard]] bool mailbox_deliver(const resolved_user &user, int64_t id, std::string_view text);
 
-// Removes the copy and the shown-marks. True when no copy is left, also without a mailbox.
+// Removes the copy and the shown-marks. Returns true when no copy is left, also when there is no
+// mailbox.
 [[nodiscard]] bool mailbox_withdraw(const resolved_user &user, int64_t id);
 
-// Removes the shown-marks, so that the message is shown again. True when both are gone; false
-// without a mailbox.
+// Removes the shown-marks, so that the message is shown again. Returns true when both are gone,
+// false when there is no mailbox.
 [[nodiscard]] bool mailbox_reset_shown(const resolved_user &user, int64_t id);
 
-// Removes every file of the message, as far as possible. False when nobody could try.
+// Removes every file of the message, as far as possible. Returns false when it could not be tried.
 [[nodiscard]] bool mailbox_purge_message(const resolved_user &user, int64_t id);
 
 // ---- Many messages, one child -------------------------------------------------------------
 
-// The same as mailbox_withdraw and mailbox_purge_message, for many messages. Appends the positions
-// in `ids` of those that are done to `done`; whatever goes wrong leaves the others out.
+// The same as mailbox_withdraw and mailbox_purge_message, for many messages. Appends to `done` the
+// positions in `ids` of the messages that are done; the others failed.
 void mailbox_withdraw_all(const resolved_user &user, const std::vector<int64_t> &ids,
                           std::vector<size_t> *done);
 void mailbox_purge_all(const resolved_user &user, const std::vector<int64_t> &ids,
@@ -72,14 +73,14 @@ struct expected_copy {
 [[nodiscard]] size_t copy_hash(std::string_view text);
 
 enum class copy_state : uint8_t {
-    unknown, // the mailbox could not be asked
-    held,    // the copy stands there whole, or the user has read or confirmed the message
+    unknown, // the mailbox could not be looked at
+    held,    // the whole copy is there, or the user has read or confirmed the message
     missing,
     blocked, // a directory is in its place: it cannot be delivered
 };
 
-// Asks the mailbox which of the copies it holds, without changing anything. The result is as long
-// as `copies`.
+// Looks which of the copies the mailbox holds, and changes nothing. Returns one state for each of
+// `copies`.
 [[nodiscard]] std::vector<copy_state> mailbox_survey(const resolved_user &user,
                                                      const std::vector<expected_copy> &copies);
 

@@ -49,7 +49,7 @@ struct command {
     const char *name;
     int arguments_max; // -1: checked by the command itself, or not at all
     bool recovers;     // finishes interrupted operations first
-    bool changes;      // something that cannot be undone: not told is done all the same
+    bool changes;      // cannot be undone: it is done even if its output is lost
     void (*run)(int argc, char **argv);
 };
 
@@ -85,10 +85,10 @@ static const command &find_command_or_die(const char *name) {
     die("unknown command: %s (tbx --help for the guide)", name);
 }
 
-// What was printed must have arrived. A full disk behind a redirection makes a command fail, but
-// not one that has changed something: whoever called it would do it again.
+// Makes sure that all output is written. If it is not, for example on a full disk, the command
+// fails; but not a command that has changed something, because the caller would repeat it.
 static void flush_output(bool has_changed) {
-    errno = EIO; // for an error that came earlier and left no other trace
+    errno = EIO; // for an earlier error that left no errno
     if (fflush(stdout) == 0 && ferror(stdout) == 0)
         return;
     const int error = errno;
@@ -103,14 +103,14 @@ static void run_command(const char *name, int argc, char **argv) {
         die("too many arguments for %s: %s (tbx --help for the guide)", name,
             argv[chosen.arguments_max]);
     if (chosen.changes)
-        (void)signal(SIGPIPE, SIG_IGN); // a reader that has gone is no reason to stop half-way
+        (void)signal(SIGPIPE, SIG_IGN); // a closed pipe must not end it half-way
     if (chosen.recovers)
         recover_interrupted();
     chosen.run(argc, argv);
     flush_output(chosen.changes);
 }
 
-// The interface where there is a terminal to show it on, else the guide.
+// Shows the interface if there is a terminal for it, else the guide.
 static void run_without_command() {
     if (isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
         recover_interrupted();
@@ -122,8 +122,8 @@ static void run_without_command() {
 
 // ---- Entry --------------------------------------------------------------------------------
 
-// A file of the store must never be opened as standard output: whoever started us without one
-// gets /dev/null.
+// Opens /dev/null for each standard descriptor that is missing, so that a file of the store is
+// never opened as standard output.
 static void open_missing_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
         // The lowest free descriptor is this one.
@@ -131,8 +131,8 @@ static void open_missing_standard_descriptors() {
             die("/dev/null: %s", strerror(errno));
 }
 
-// What whoever started us left open is not for the programs that we start: an editor may run as
-// another user. A kernel that cannot do so leaves them as they were.
+// Makes inherited descriptors close-on-exec: the programs that we start, such as an editor, may run
+// as another user. If the kernel does not have this call, they stay as they were.
 static void keep_descriptors_from_children() {
     (void)syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
 }
@@ -140,7 +140,7 @@ static void keep_descriptors_from_children() {
 int main(int argc, char **argv) {
     open_missing_standard_descriptors();
     keep_descriptors_from_children();
-    (void)signal(SIGCHLD, SIG_DFL); // ignored by whoever started us, no child could be waited for
+    (void)signal(SIGCHLD, SIG_DFL); // if our parent ignored it, no child could be waited for
     install_out_of_memory_handler();
     init_environment("tbx");
     if (geteuid() != 0 && !test_mode())

@@ -48,7 +48,7 @@ static std::string unescaped(std::string_view field) {
     return text;
 }
 
-// Users mount through FUSE alone; its helper notes whose it is. "user_id=0" is root's own.
+// Users can mount only through FUSE, whose helper records the user. "user_id=0" is root.
 static mount_maker maker_of(std::string_view type, std::string_view options) {
     const bool is_fuse = type == "fuse" || type == "fuseblk" || type.starts_with("fuse.") ||
                          type.starts_with("fuseblk.");
@@ -69,7 +69,7 @@ mount_point mountinfo_topmost(std::string_view mountinfo, std::string_view path)
         size_t dash = TAGS_FIELD;
         while (dash < fields.size() && fields[dash] != "-")
             dash++;
-        // The last line of a place is the topmost mount.
+        // The last line of a path is the topmost mount.
         mount.maker = dash + 3 < fields.size() ? maker_of(fields[dash + 1], fields[dash + 3])
                                                : mount_maker::user;
         if (!parse_id(fields[0], &mount.id))

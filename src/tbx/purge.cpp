@@ -12,7 +12,8 @@
 #include <cstring>
 #include <vector>
 
-// Everything before it is old; nothing is older than a duration too large for the clock.
+// Returns the time before which messages are old. If the duration is too large for the clock, none
+// is.
 static int64_t parse_cutoff_or_die(const char *duration_text) {
     if (duration_text == nullptr || *duration_text == '\0')
         die("missing duration, for example 90d");
@@ -22,8 +23,9 @@ static int64_t parse_cutoff_or_die(const char *duration_text) {
     return duration > now() ? INT64_MIN : now() - duration;
 }
 
-// Finds when the message was sent; if there is no message, when its directory was last changed, or
-// 0, so that a broken message is always old enough. -1 when that could not be read.
+// Finds when the message was sent. If there is no message, `date` is when its directory was last
+// changed, or 0 if there is no directory either: a broken message is always old enough. Returns 0,
+// or -1 when it could not be read.
 static int message_date(int64_t id, int64_t *date) {
     message_record message;
     struct stat status = {};
@@ -50,7 +52,8 @@ static bool is_due(int64_t id, int64_t cutoff) {
            message_date(id, &date) == 0 && date < cutoff;
 }
 
-// Moves the message out of every listing at once. The caller holds its lock.
+// Renames the message's directory, which removes it from every listing at once. The caller holds
+// its lock.
 static bool move_aside(int64_t id, const char *aside) {
     if (rename(sent_message_dir(id).c_str(), aside) != 0)
         return false;
@@ -62,12 +65,13 @@ static std::string aside_dir(int64_t id) {
     return xasprintf("%s/.deleting-%lld", sent_dir().c_str(), static_cast<long long>(id));
 }
 
-// Renames what is due, and tells the log. False for a message that another run is working on.
+// Renames the directory of a message that is due, and records it. Returns false when another run is
+// working on the message, or the directory cannot be renamed.
 static bool take_due(int64_t id, const char *duration_text, std::vector<removed_message> *removed) {
     const std::string aside = aside_dir(id);
     {
         const message_lock lock = sent_lock(id, /*nonblocking=*/true);
-        // Looked for again: a send may have marked it meanwhile, and have died.
+        // Looked up again under the lock: a send may have marked it meanwhile, and died.
         if (lock.state != lock_state::taken ||
             sent_marker_look_up(id, "incomplete") != lookup::absent ||
             !move_aside(id, aside.c_str()))
@@ -81,10 +85,10 @@ static bool take_due(int64_t id, const char *duration_text, std::vector<removed_
 
 // ---- What a send left that could not be marked --------------------------------------------
 
-constexpr int64_t LITTER_AGE_SECONDS = 60; // a send that begins needs less to mark its directory
+constexpr int64_t LITTER_AGE_SECONDS = 60; // a send marks its directory sooner than that
 
-// Whether the directory holds neither a message nor a mark: nobody got anything of it, and no other
-// command removes it.
+// Whether the directory holds neither a message nor a mark. Then nobody received anything, and no
+// other command removes it.
 static bool holds_no_message(int64_t id) {
     for (const char *name : {"msg", "delivery", "incomplete", "failed", "revoking", "revoked"})
         if (sent_marker_look_up(id, name) != lookup::absent)
@@ -99,7 +103,7 @@ static bool is_old_litter(int64_t id) {
            now() - status.st_mtime >= LITTER_AGE_SECONDS;
 }
 
-// It was never a message: neither counted nor told.
+// Renames such a directory. It was never a message, so it is not counted and not recorded.
 static void take_litter(int64_t id, std::vector<removed_message> *removed) {
     const std::string aside = aside_dir(id);
     const message_lock lock = sent_lock(id, /*nonblocking=*/true);
@@ -124,7 +128,7 @@ static void list_ids_or_die(strlist *ids) {
         die("%s: %s", sent.c_str(), strerror(errno));
 }
 
-// Renamed first and deleted afterwards: an interruption never leaves half a message listed.
+// Renames first and deletes afterwards: an interruption never leaves half a message listed.
 void cmd_purge(const char *duration_text) {
     const int64_t cutoff = parse_cutoff_or_die(duration_text);
     strlist ids;

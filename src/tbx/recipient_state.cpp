@@ -14,7 +14,7 @@ int confirmation_cache::read(const char *user, confirmation_list *list) {
         return found == lookup::absent ? 0 : -1;
     if (!id_lines_) {
         strlist ids;
-        if (sent_list_ids(&ids) != 0) // half of them must not pass for all
+        if (sent_list_ids(&ids) != 0) // a part must not be taken for all
             return -1;
         id_lines_ = strlist_lines(ids);
     }
@@ -40,7 +40,7 @@ static void split_ack(std::string_view ack, recipient_status *out) {
         out->detail = ack.substr(blank + 1);
 }
 
-// What a confirmation in the mailbox makes of a recipient who has the message.
+// Changes the state of a recipient who has the message by the confirmation in the mailbox.
 static void apply_ack(std::string_view ack, const message_record &message, int64_t cutoff,
                       recipient_status *out) {
     recipient_status confirmed;

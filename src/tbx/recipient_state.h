@@ -1,4 +1,4 @@
-// One recipient's state of one message, from the store and the user's confirmations together.
+// The state of one recipient for one message, from the store and the user's confirmations.
 #pragma once
 
 #include "common/core.h"
@@ -20,22 +20,22 @@ struct recipient_status {
     std::string detail;                          // how it was confirmed, uncleaned
 };
 
-// What the users' mailboxes record, each read once, by one child, on the first question about the
-// user. What could not be read is not kept: the next question tries again.
+// What the users' mailboxes record. Each mailbox is read once, by one child, when its user is first
+// asked for. A read that failed is not kept: the next call tries again.
 class confirmation_cache {
 public:
     confirmation_cache() = default; // of every message
-    // Of one message alone: the time to read everything grows with what users have ever confirmed.
+    // Of one message only: the time to read everything grows with what users have ever confirmed.
     explicit confirmation_cache(int64_t only_id);
 
-    // Finds what the user's mailbox records. Null, with errno, when it could not be read. Stays
-    // valid as long as the cache.
+    // Returns what the user's mailbox records, or null with errno when it could not be read. The
+    // result is valid as long as the cache.
     [[nodiscard]] const confirmation_list *find(const char *user);
 
 private:
     [[nodiscard]] int read(const char *user, confirmation_list *list);
 
-    std::optional<std::string> id_lines_; // as each child takes them; none: not listed yet
+    std::optional<std::string> id_lines_; // one on each line; none: not listed yet
     std::unordered_map<std::string, confirmation_list, string_hash, std::equal_to<>> users_;
 };
 

@@ -13,8 +13,8 @@
 
 // ---- Login sessions -----------------------------------------------------------------------
 
-// What a call to the login manager's library returned: a session that has ended meanwhile, or one
-// that does not say, is absent.
+// Classifies the result of a call to the login manager's library. A session that has ended, or that
+// has no such value, is `absent`.
 static lookup lookup_of_result(int result) {
     if (result >= 0)
         return lookup::found;
@@ -27,13 +27,14 @@ int login_sessions_list(strlist *list) {
     char **identifiers = nullptr;
     const int count = sd_get_sessions(&identifiers);
     const std::unique_ptr<char *[], free_deleter> array(identifiers);
-    for (int i = 0; i < count; i++) // never, after a failure
+    for (int i = 0; i < count; i++) // no iteration after a failure
         strlist_push(list, owned_cstring(identifiers[i]));
     return lookup_of_result(count) == lookup::failed ? -1 : 0;
 }
 
-// Finds whose session of class "user" it is: greeters, lock screens and background services have
-// sessions too. Absent when it is another one, names no user, or has ended meanwhile.
+// Finds the user of a session of class "user"; greeters, lock screens and background services have
+// sessions of other classes. Returns `absent` for those, and for a session that names no user or
+// has ended.
 static lookup session_user(const char *session, uid_t *user) {
     char *text = nullptr;
     const lookup found = lookup_of_result(sd_session_get_class(session, &text));
@@ -123,7 +124,7 @@ static void expand_item(item_kind kind, const char *item, strlist *list) {
     die("no such user: %s", item);
 }
 
-// A name as it is shown: on one line, and unable to drive the terminal.
+// Returns a name as it is shown: on one line, without control characters.
 static std::string shown_name(const char *name) {
     std::string on_one_line = name;
     std::ranges::replace_if(

@@ -17,7 +17,7 @@
 #include <map>
 #include <vector>
 
-// If the mark stays, the next run comes here again.
+// If the mark stays, the next run tries again.
 static bool remove_incomplete(int64_t id) {
     return unlink(sent_path(id, "incomplete").c_str()) == 0;
 }
@@ -46,7 +46,8 @@ static saved load_interrupted(interrupted_send *send) {
     return is_complete ? saved::complete : saved::partly;
 }
 
-// Whether nobody is to see the message any more; failed when that cannot be told.
+// Whether the message is revoked or expired, so that nobody may see it; `failed` when that could
+// not be looked up.
 static lookup is_withdrawn(const interrupted_send &send) {
     const lookup revoked = sent_marker_look_up(send.id, "revoked");
     if (revoked == lookup::absent && message_is_expired(send.message, now()))
@@ -58,7 +59,7 @@ static void cancel_send(int64_t id) {
     // Cancelled even if the time cannot be written: what was not saved cannot be sent.
     (void)sent_marker_write_time(id, "failed");
     if (!remove_incomplete(id))
-        return; // told once, when it is done
+        return; // recorded once, when it is done
     event_log("CANCELLED", id, /*user=*/nullptr, /*channel=*/nullptr, /*details=*/nullptr,
               /*author=*/nullptr);
     warn("message %lld was interrupted before being saved and has been cancelled",
@@ -66,13 +67,13 @@ static void cancel_send(int64_t id) {
 }
 
 // ---- What the mailboxes hold --------------------------------------------------------------
-// Each mailbox is asked once, by one child, which of the interrupted messages it holds: the work
-// grows with the recipients and with what is missing, not with their product.
+// One child for each mailbox looks which of the interrupted messages it holds. So the work grows
+// with the recipients and with the missing copies, not with the product of recipients and messages.
 
 struct recipient_mailbox {
     lookup account = lookup::failed;
     resolved_user user;
-    std::vector<uint32_t> messages; // places in mailbox_table::copies that concern the user
+    std::vector<uint32_t> messages; // the user's places in mailbox_table::copies
     std::vector<copy_state> states; // parallel to it
     int failed_deliveries = 0;
 };
@@ -95,7 +96,7 @@ static void expect_copies(int64_t id, mailbox_table *mailboxes) {
         mailboxes->by_user[name].messages.push_back(place);
 }
 
-// A single copy is not asked for: its delivery looks by itself.
+// A single copy is not looked up here: its delivery does that itself.
 static void survey(const std::string &name, const mailbox_table &table,
                    recipient_mailbox *mailbox) {
     mailbox->account = user_lookup_by_name(name.c_str(), &mailbox->user);
@@ -112,7 +113,7 @@ static void survey(const std::string &name, const mailbox_table &table,
 static mailbox_table survey_mailboxes(const std::vector<int64_t> &incomplete) {
     mailbox_table table;
     if (incomplete.size() < 2)
-        return table; // each delivery looks by itself
+        return table; // each delivery looks itself
     for (const int64_t id : incomplete)
         expect_copies(id, &table);
     for (auto &[name, mailbox] : table.by_user)
@@ -125,7 +126,7 @@ static copy_state known_state(const mailbox_table &table, const recipient_mailbo
     const auto found = std::ranges::lower_bound(
         mailbox.messages, id, {}, [&table](uint32_t place) { return table.copies[place].id; });
     if (found == mailbox.messages.end() || table.copies[*found].id != id)
-        return copy_state::missing; // the message was not interrupted yet when they were asked
+        return copy_state::missing; // it was interrupted after the mailboxes were looked at
     return mailbox.states[static_cast<size_t>(found - mailbox.messages.begin())];
 }
 
@@ -136,7 +137,7 @@ struct completion {
     int failures = 0;
 };
 
-// A mailbox that takes nothing is not tried for each of many messages: the next run goes on.
+// After so many failures a mailbox is not tried again in this run; the next run continues.
 constexpr int FAILED_DELIVERIES_MAX = 16;
 
 static bool deliver_missing(const interrupted_send &send, recipient_mailbox *mailbox) {
@@ -148,8 +149,8 @@ static bool deliver_missing(const interrupted_send &send, recipient_mailbox *mai
     return false;
 }
 
-// Makes sure that the copy stands in the mailbox, whole: also for one who is in the log already,
-// it may be half written.
+// Makes sure that the whole copy is in the mailbox. Also for a user who is in the log already: the
+// copy may be incomplete.
 static bool ensure_copy(const interrupted_send &send, const mailbox_table &table,
                         recipient_mailbox *mailbox) {
     if (mailbox->account != lookup::found)
@@ -194,18 +195,18 @@ static void report_completed(int64_t id, int completed) {
          completed);
 }
 
-// Makes the copies durable before the mark goes. If that fails the mark stays for the next run.
+// Syncs the copies, then removes the mark. If a sync fails, the mark stays for the next run.
 static void finish_send(int64_t id) {
     if (syncfs_path(users_dir().c_str()) == 0 && fsync_path(sent_message_dir(id).c_str()) == 0)
-        (void)remove_incomplete(id); // likewise
+        (void)remove_incomplete(id); // if it stays, the next run tries again
 }
 
 static void complete_delivery(const interrupted_send &send, mailbox_table *mailboxes) {
     if (sent_mend_delivery(send.id) != 0)
-        return; // the next line would run into the torn one: left for the next run
+        return; // the next line would run into the incomplete one: left for the next run
     delivery_table delivery;
     if (sent_read_delivery(send.id, &delivery) == lookup::failed)
-        return; // nobody can tell who has it: left for the next run
+        return; // it is unknown who has it: left for the next run
     completion done;
     for (const char *name : send.recipients)
         complete_recipient(send, delivery, name, mailboxes, &done);
@@ -232,7 +233,7 @@ static void recover_send(int64_t id, mailbox_table *mailboxes) {
     case lookup::failed:
         return;
     case lookup::found:
-        (void)remove_incomplete(id); // if it stays, the next run comes here again
+        (void)remove_incomplete(id); // if it stays, the next run tries again
         return;
     case lookup::absent:
         break;
@@ -250,19 +251,20 @@ static bool recover_message(int64_t id, mailbox_table *mailboxes) {
         return false; // another run is working on it, or the next run tries again
     const lookup incomplete = sent_marker_look_up(id, "incomplete");
     if (incomplete == lookup::failed)
-        return false; // a send is finished before a revocation: it would deliver again
+        return false; // the send must be finished first: it would deliver again
     if (incomplete == lookup::found)
         recover_send(id, mailboxes);
     if (!sent_marker_exists(id, "revoking"))
         return false;
-    // No run delivers a message that is marked so; before, only the lock keeps others away.
+    // No run delivers a message that is marked "revoked", so its copies can be removed without the
+    // lock. Without that mark, only the lock keeps other runs away.
     if (sent_marker_exists(id, "revoked"))
         return true;
     (void)sent_finish_revoking(id); // the mark stays for the next run if it fails
     return false;
 }
 
-// The messages with a mark, in their order. Those that were being sent are named apart, too.
+// Finds the messages with a mark, in order. `incomplete` receives those that were being sent.
 static void find_interrupted(std::vector<int64_t> *marked, std::vector<int64_t> *incomplete) {
     strlist ids;
     if (sent_list_ids(&ids) != 0)

@@ -1,7 +1,7 @@
-// Finishing what an interrupted run left behind.
+// Finishes what an interrupted run left behind.
 #pragma once
 
-// Brings every message with a mark of an interrupted operation to a consistent state:
-// completes or cancels sends, finishes revocations and purges. What another run is working on
-// is left alone; what cannot be finished is left for the next run. Reports through warn().
+// Brings every message with a mark of an interrupted operation to a consistent state: completes or
+// cancels sends, finishes revocations and purges. Skips messages that another run is working on.
+// What cannot be finished is left for the next run. Reports through warn().
 void recover_interrupted();

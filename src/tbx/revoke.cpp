@@ -17,8 +17,8 @@
 
 constexpr int MARK_TRIES = 10;
 
-// Whether this run wrote the mark; if not, another did at the same time. Two runs take the
-// temporary file from each other, so that both may fail and neither mark stand: tried again.
+// Writes the mark. Returns false if another run wrote it at the same time. Two runs can remove each
+// other's temporary file, so that both fail and there is no mark: then it is tried again.
 static bool write_mark_or_die(int64_t id) {
     for (int tries = 1; sent_marker_write_time(id, "revoked") != 0; tries++) {
         const int error = errno;
@@ -31,8 +31,9 @@ static bool write_mark_or_die(int64_t id) {
     return true;
 }
 
-// Puts the marks on the disk. A recovery that found "revoking" before the message was revoked
-// has removed it: it is set anew. One that removes it from now on has withdrawn every copy.
+// Syncs the marks. A recovery that ran before the message was marked "revoked" may have removed
+// "revoking", so it is created again. A recovery that removes it from now on has withdrawn every
+// copy.
 static int sync_marks(int64_t id) {
     if (sent_marker_create(id, "revoking") != 0)
         return -1;
@@ -41,8 +42,8 @@ static int sync_marks(int64_t id) {
     return fsync_path(sent_message_dir(id).c_str());
 }
 
-// Marks the message revoked for good and tells the log, once. A mark that cannot be put on the
-// disk goes again, so that what is reported as failed can be repeated.
+// Marks the message as revoked for good and records it, once. If the mark cannot be synced it is
+// removed, so that a revocation that is reported as failed can be repeated.
 static void mark_revoked(int64_t id) {
     if (!write_mark_or_die(id))
         return;
@@ -58,9 +59,9 @@ static void mark_revoked(int64_t id) {
 
 void cmd_revoke(const char *id_text) {
     const int64_t id = parse_message_id(id_text);
-    (void)load_message_or_die(id, id_text); // only whether it is there matters
+    (void)load_message_or_die(id, id_text); // only to check that it exists
 
-    // Without the mark no later run would remove the copies that this one cannot.
+    // Without the mark no later run would remove the copies that this run cannot remove.
     if (sent_marker_create(id, "revoking") != 0) {
         const int error = errno;
         die_of_path(sent_path(id, "revoking"), error);

@@ -36,16 +36,16 @@ struct send_request {
 
 constexpr size_t DATE_OUTPUT_MAX_BYTES = 64;
 
-// In the child: the system's date program reads the date. The text of the message may be on
-// standard input, which is not its own.
+// In the child: the system's date program parses the date. It must not read standard input, which
+// may hold the text of the message.
 [[noreturn]] static void exec_date(const char *value, const unique_fd &output) {
     (void)signal(SIGPIPE, SIG_DFL); // cannot fail: the signal exists
     if (dup2(output.get(), STDOUT_FILENO) < 0)
         _exit(127);
     const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (null) {
-        (void)dup2(null.get(), STDIN_FILENO);  // if it fails, nothing is read there all the same
-        (void)dup2(null.get(), STDERR_FILENO); // if it fails, its words are shown: no harm
+        (void)dup2(null.get(), STDIN_FILENO);  // if it fails: date reads nothing there
+        (void)dup2(null.get(), STDERR_FILENO); // if it fails: its error is shown, no harm
     }
     execlp("date", "date", "-d", value, "+%s", nullptr);
     _exit(127);
@@ -74,7 +74,8 @@ static bool child_succeeded(pid_t child) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// Seconds since the epoch of a date as people write it. False when it cannot be understood.
+// Parses a date as people write it into seconds since the epoch. Returns false when it is not a
+// date.
 static bool parse_date(const char *value, int64_t *seconds) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0)
@@ -96,7 +97,8 @@ static bool parse_date(const char *value, int64_t *seconds) {
     return succeeded && was_read && parse_id(std::string_view(output), seconds) != 0;
 }
 
-// Seconds since the epoch of "2h" or a date. Refuses what is malformed, too large or past.
+// Parses "2h" or a date into seconds since the epoch. Ends the process if it is malformed, too
+// large or past.
 static int64_t parse_expiry_or_die(const char *value) {
     int64_t duration = 0;
     int64_t expires = 0;
@@ -144,7 +146,7 @@ static void join_words(int count, char **words, send_request *request) {
     }
 }
 
-// Walks the options. From the first word of the text, or behind "--", everything is text.
+// Parses the options. Everything from the first word that is no option, or after "--", is text.
 static void parse_arguments(int argc, char **argv, send_request *request) {
     int next = 0;
     while (next < argc && is_option_with_value(argv[next])) {
@@ -170,7 +172,7 @@ static void read_text(send_request *request) {
         if (read_file_limited(request->file, INPUT_MAX_BYTES, /*nofollow=*/false, &input) != 0)
             die("%s: %s", request->file, strerror(errno));
     } else {
-        // A broken input ends the text where it broke.
+        // A read error ends the text.
         (void)read_fd_limited(STDIN_FILENO, INPUT_MAX_BYTES, &input);
     }
     request->text = input.view();
@@ -204,8 +206,9 @@ static message_record make_record(const send_request &request, int64_t id) {
     return {id, current_author(), now(), request.title, request.expires, request.text + "\n"};
 }
 
-// What could be written but never be read back is refused. The message file is measured with
-// the longest identifier, since the real one is not known before something is written.
+// Refuses files that could be written but would be too long to be read. The message file is
+// measured with the longest identifier, since the real one is not known before something is
+// written.
 static void check_file_sizes(const send_request &request, const strlist &recipients) {
     strbuf file_text;
     message_format(make_record(request, ID_MAX), &file_text);
@@ -220,7 +223,7 @@ static void check_file_sizes(const send_request &request, const strlist &recipie
 
 // ---- Saving -------------------------------------------------------------------------------
 
-// A message on its way out.
+// A message that is being sent.
 struct outgoing {
     int64_t id;
     strbuf file_text; // the message file
@@ -240,8 +243,8 @@ static void write_or_die(int64_t id, const char *name, std::string_view contents
         die_of_message_dir(id);
 }
 
-// Puts the reference copy on the disk for good. If that fails, the copy is removed, so that the
-// next command cancels what is reported as failed here.
+// Syncs the reference copy. If that fails, removes it, so that the next command cancels the send
+// that is reported as failed here.
 static void sync_saved_or_die(int64_t id) {
     if (fsync_path(sent_path(id, "incomplete").c_str()) == 0 &&
         fsync_path(sent_message_dir(id).c_str()) == 0 && fsync_path(sent_dir().c_str()) == 0)
@@ -263,7 +266,7 @@ static void save_message(const send_request &request, outgoing *out) {
 
 // ---- Delivering ---------------------------------------------------------------------------
 
-// How many of the user's terminals took the banner.
+// Writes the banner to the user's terminals. Returns how many took it.
 static int write_to_terminals(uint32_t uid, const strbuf &banner) {
     strlist terminals;
     user_terminals_list(uid, &terminals);
@@ -317,7 +320,7 @@ static void log_sent(const outgoing &out) {
         out.failed.c_str());
 }
 
-// The copies are on the disk before the mark of the unfinished send goes.
+// Syncs the copies, then removes the mark of the unfinished send.
 static void complete_or_die(int64_t id) {
     const std::string dir = sent_message_dir(id);
     if (syncfs_path(users_dir().c_str()) != 0 || fsync_path(dir.c_str()) != 0 ||

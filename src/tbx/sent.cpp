@@ -12,7 +12,7 @@
 #include <cstring>
 #include <utility>
 
-// Non-blocking, so that a named pipe in a file's place is refused; files do not care.
+// O_NONBLOCK refuses a named pipe in a file's place; it has no effect on files.
 constexpr int STORE_CREATE = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int STORE_APPEND = STORE_CREATE | O_APPEND;
 constexpr mode_t STORE_FILE_MODE = 0600;
@@ -86,8 +86,8 @@ static void require_directory(const std::string &path, int error) {
         die("%s: %s", var_dir(), strerror(error == EEXIST ? ENOTDIR : error));
 }
 
-// Whatever is there already is fine, as long as both folders are directories then. An error
-// that kept the state directory from being created explains those of its folders.
+// Creates the state directories that are missing; both folders must be directories then. If the
+// state directory could not be created, its error is reported for its folders.
 static void create_state_directories() {
     const int var_error = make_directory(var_dir(), 0755);
     const std::string users = xasprintf("%s/users", var_dir());
@@ -118,7 +118,7 @@ int64_t sent_allocate_id() {
     if (lock.state != lock_state::taken)
         die("%s: %s", lock_path.c_str(), strerror(errno));
     int64_t last = 0;
-    if (read_number(seq_path.c_str(), &last) != 0) // from 0 on, a purged one would be taken again
+    if (read_number(seq_path.c_str(), &last) != 0) // from 0 on, a purged identifier would be reused
         die("%s: %s", seq_path.c_str(), strerror(errno));
     const int64_t id = claim_directory_after(last, seq_path.c_str());
     if (write_number(seq_path.c_str(), id) != 0)
@@ -157,8 +157,8 @@ int sent_revocation_time(int64_t id, int64_t *time) {
 
 // ---- Recipients ---------------------------------------------------------------------------
 
-// The predicates are objects and not functions: only those are inlined into the searches, which
-// go over every byte of every message's lists.
+// The predicates are lambdas, not functions: only lambdas are inlined into the searches, which
+// visit every byte of every message's lists.
 constexpr auto is_separator = [](char c) { return c == ' ' || c == '\t' || c == '\n'; };
 
 static void push_tokens(std::string_view text, strlist *list) {
@@ -192,8 +192,8 @@ constexpr size_t LOG_LINE_MAX_BYTES = 399;
 
 constexpr auto is_log_blank = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
 
-// Takes the next blank-separated field of at most `max` bytes off `line`; what is longer is
-// left for the next field.
+// Removes the next blank-separated field from `line` and returns it, at most `max` bytes; the rest
+// of a longer one becomes the next field.
 static std::string_view take_field(std::string_view *line, size_t max) {
     const char *begin = line->data();
     const char *end = begin + line->size();

@@ -21,15 +21,15 @@ static void count_state(delivery_state state, message_summary *summary) {
     }
 }
 
-// Reads who the recipients are and who of them has the message. -1 with errno when that could not
-// be read; a missing file names nobody.
+// Reads the recipients and the delivery log. A missing file counts as empty. Returns 0, or -1 with
+// errno.
 static int read_recipients(int64_t id, strlist *recipients, delivery_table *delivery) {
     const bool failed = sent_read_recipients(id, recipients) == lookup::failed ||
                         sent_read_delivery(id, delivery) == lookup::failed;
     return failed ? -1 : 0;
 }
 
-// -1 with errno when a state could not be read.
+// Counts the recipients in each state. Returns 0, or -1 with errno when a state could not be read.
 static int count_recipients(int64_t id, const strlist &recipients, const delivery_table &delivery,
                             confirmation_cache *cache, message_summary *summary) {
     for (const char *user : recipients) {
@@ -42,12 +42,12 @@ static int count_recipients(int64_t id, const strlist &recipients, const deliver
     return 0;
 }
 
-// The summary of a message that is not marked failed.
+// Loads the summary of a message that is not marked failed.
 static lookup load_saved_summary(int64_t id, confirmation_cache *cache, message_summary *summary) {
     const lookup message = message_look_up(sent_path(id, "msg").c_str(), &summary->message);
     if (message != lookup::found)
         return message;
-    summary->message.id = id; // where it stands decides, not what it says
+    summary->message.id = id; // the directory's name counts, not the file's header
     strlist recipients;
     delivery_table delivery;
     const lookup revoked = sent_marker_look_up(id, "revoked");
@@ -147,7 +147,7 @@ static void print_summary_line(const char *name, const message_summary &summary)
     printf("%s\n", line.data);
 }
 
-// Prints the line of one message, nothing for one that is not there. Failed, with errno, when
+// Prints the line of one message, nothing if it is absent. Returns `failed` with errno when
 // something of it could not be read.
 static lookup print_message(const char *name, confirmation_cache *cache) {
     int64_t id = 0;
@@ -167,7 +167,7 @@ static lookup print_message(const char *name, confirmation_cache *cache) {
     return loaded;
 }
 
-// The identifiers of all messages; none if there is no store.
+// Lists the identifiers of all messages; none if there is no store.
 static void list_ids_or_die(strlist *ids) {
     const std::string sent = sent_dir();
     const lookup store = directory_look_up(sent.c_str());
@@ -203,7 +203,7 @@ struct message_state {
     delivery_table delivery;
 };
 
-// -1 with errno when a marker could not be looked up or read.
+// Returns 0, or -1 with errno when a marker could not be looked up or read.
 static int look_up_markers(message_state *state) {
     const lookup revoked = sent_marker_look_up(state->id, "revoked");
     if (revoked == lookup::failed)
@@ -236,7 +236,7 @@ static std::string terminals_text(const char *user, const delivery_table &delive
     return xasprintf(", written to %lld terminals", static_cast<long long>(count));
 }
 
-// What the user's mailbox says has just been read for the state.
+// Reads nothing: the cache has the user's mailbox, which was read for the state.
 static std::string postponed_text(const char *user, int64_t id, confirmation_cache *cache) {
     const confirmation_list *list = cache->find(user);
     const confirmation_entry *entry = list != nullptr ? confirmation_find(*list, id) : nullptr;

@@ -20,11 +20,12 @@ struct message_summary {
     int sent = 0;
 };
 
-// What stands before the text of a message in listings: "[revoked] ", "[expired] ", both or none.
+// Returns the marks before the text of a message in listings: "[revoked] ", "[expired] ", both or
+// none.
 [[nodiscard]] std::string message_marks(const message_summary &summary);
 
-// Loads the summary of message `id`. Absent for a message that is marked failed, that was not saved
-// or has no recipients; failed, with errno, when something could not be read.
+// Loads the summary of message `id`. Returns `absent` for a message that is marked failed, was not
+// saved or has no recipients, `failed` with errno when something could not be read.
 [[nodiscard]] lookup message_summary_load(int64_t id, confirmation_cache *cache,
                                           message_summary *summary);
 
@@ -43,6 +44,6 @@ struct recipient_line {
                                         confirmation_cache *cache,
                                         std::vector<recipient_line> *lines);
 
-// The same; ends the process where they could not be read.
+// The same; ends the process when they could not be read.
 [[nodiscard]] std::vector<recipient_line>
 recipient_state_lines_or_die(int64_t id, const message_record &message);

@@ -24,7 +24,8 @@ constexpr size_t WAITING_TERMINALS_MAX = 256;
 
 // ---- Login sessions -----------------------------------------------------------------------
 
-// One text of a session, through `read` of the sd_session_get_ family; null when unknown.
+// Returns one text of a session; `read` is a function of the sd_session_get_ family. Null when
+// unknown.
 static owned_cstring session_text(int (*read)(const char *, char **), const char *session) {
     char *text = nullptr;
     const int result = read(session, &text);
@@ -122,7 +123,7 @@ void user_terminals_list(uint32_t uid, strlist *list) {
 
 void terminal_banner_build(const message_record &message, strbuf *out) {
     strbuf plain;
-    strbuf_append_char(&plain, '\n'); // away from what is being typed
+    strbuf_append_char(&plain, '\n'); // not on the line that is being typed
     message_banner(message, &plain);
     for (const char byte : plain.view()) {
         if (byte == '\n')
@@ -143,13 +144,12 @@ static time_t monotonic_seconds() {
 struct pending_output {
     unique_fd terminal;
     std::string_view rest;
-    time_t start; // of the writing to the user's terminals: all share one patience
+    time_t start; // of writing to the user's terminals: one time limit for all
 };
 
 enum class output_state { whole, waiting, given_up };
 
-// Writes what the terminal takes now. Once the user's patience is over, one that is full is given
-// up.
+// Writes as much as the terminal takes now. Gives up a full terminal when the time limit is over.
 static output_state write_some(pending_output *pending) {
     while (!pending->rest.empty()) {
         const ssize_t count =
@@ -165,7 +165,7 @@ static output_state write_some(pending_output *pending) {
     return output_state::whole;
 }
 
-// Waits until one of them has room, for at most one short wait.
+// Waits until one of them has room, at most WRITE_POLL_MILLISECONDS.
 static void wait_for_room(const std::vector<pending_output> &waiting) {
     std::vector<pollfd> watched;
     watched.reserve(waiting.size());
@@ -174,7 +174,7 @@ static void wait_for_room(const std::vector<pending_output> &waiting) {
     (void)poll(watched.data(), watched.size(), WRITE_POLL_MILLISECONDS); // the next writes tell
 }
 
-// Writes the rest of all of them. Returns how many took everything.
+// Writes what is left to all of them. Returns how many took everything.
 static int finish_waiting(std::vector<pending_output> *waiting) {
     int whole = 0;
     while (!waiting->empty()) {
@@ -188,14 +188,14 @@ static int finish_waiting(std::vector<pending_output> *waiting) {
     return whole;
 }
 
-// Asked of the open descriptor: the path may have changed hands since it was listed.
+// Checks the open descriptor: the path may have another owner since it was listed.
 static bool may_write_to(int fd, uint32_t uid) {
     struct stat status = {};
     return fstat(fd, &status) == 0 && status.st_uid == uid &&
            (test_mode() || S_ISCHR(status.st_mode));
 }
 
-// Opens the terminal if it is the user's; else the owner is empty.
+// Opens the terminal. Returns an empty descriptor if it is not the user's.
 static unique_fd open_terminal(const char *path, uint32_t uid) {
     const int append = test_mode() ? O_APPEND : 0; // a file in place of a terminal keeps its text
     unique_fd terminal(open(path, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC | append));

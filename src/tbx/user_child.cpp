@@ -33,7 +33,7 @@ struct user_run {
     int64_t over_since_ms = 0; // when it came to an end, on the monotonic clock
 };
 
-// For the length of one run, or until user_times_renew(), by name.
+// By user name, for one run or until user_times_renew().
 static std::unordered_map<std::string, user_run, string_hash, std::equal_to<>> user_runs;
 
 static user_run &run_of(const resolved_user &user) {
@@ -84,13 +84,13 @@ constexpr int KILL_PATIENCE_MS = 2000;
 constexpr int NOT_REAPED = -1; // no wait status has this value
 constexpr int POLL_LIMIT_MS = 1000;
 
-// A descriptor that becomes readable when `child` ends; empty where the system has none.
+// Returns a descriptor that becomes readable when `child` ends; empty if the system has no pidfds.
 static unique_fd open_pidfd(pid_t child) {
     return unique_fd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
 }
 
-// Sleeps until the child ends. Without a pidfd poll() watches nothing, and the child is looked at
-// again after a moment.
+// Sleeps until the child ends. Without a pidfd poll() watches nothing and returns after a moment,
+// so that the child is looked at again.
 static void await_exit(const unique_fd &pidfd, int64_t remaining_ms) {
     pollfd watched = {.fd = pidfd.get(), .events = POLLIN, .revents = 0};
     const int64_t longest_ms = pidfd ? INT_MAX : REAP_INTERVAL_MS;
@@ -113,8 +113,9 @@ static bool await_child(pid_t child, int64_t deadline_ms, int *status) {
     }
 }
 
-// Kills the child and waits for it. A child that hangs in a file system of its user's own making
-// may not even die of this: it is given up then, so that nobody can hold up the administrator.
+// Kills the child and waits for it. A child that hangs in a user's file system may not even end by
+// SIGKILL: after KILL_PATIENCE_MS it is given up, so that no user can block the administrator.
+// Returns -1.
 static int kill_and_reap(pid_t child) {
     int status = 0;
     (void)kill(child, SIGKILL); // cannot fail: a child stays ours until it is waited for
@@ -181,15 +182,15 @@ static void become_user(const resolved_user &user, const std::vector<gid_t> &gro
         setresuid(user.uid, user.uid, user.uid) != 0)
         _exit(CHILD_FAILED);
     if (getuid() != user.uid || geteuid() != user.uid || getegid() != user.gid || setuid(0) == 0)
-        _exit(CHILD_FAILED); // a way back to root is a failed drop
+        _exit(CHILD_FAILED); // if root can be regained, the drop has failed
     // The user must not look into this copy of root's memory, whatever the system's setting for
     // processes that change their user.
     if (prctl(PR_SET_DUMPABLE, 0) != 0)
         _exit(CHILD_FAILED);
 }
 
-// When the parent is killed the child must go too: nobody would be left to end it, and it must
-// not write into the mailbox beside a later run. After the change of identity, which clears the
+// Makes the kernel kill this child when the parent ends: nobody else would end it, and it must not
+// write into the mailbox beside a later run. Called after the change of identity, which clears the
 // request.
 static void die_with_parent(pid_t parent) {
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)
@@ -209,13 +210,13 @@ static void die_with_parent(pid_t parent) {
     umask(022);
     (void)signal(SIGPIPE, SIG_DFL); // cannot fail: the signal exists
     const int status = task.callback(task.argument);
-    (void)fflush(stdout); // what cannot be reported is missing in the report
+    (void)fflush(stdout); // what cannot be written is missing in the report
     _exit(status & 0xff);
 }
 
 // ---- The parent's side --------------------------------------------------------------------
 
-// Keeps a child that ends without reading its input from ending this process.
+// Ignores SIGPIPE: a child that ends without reading its input must not end this process.
 class sigpipe_ignored {
 public:
     sigpipe_ignored() : previous_(signal(SIGPIPE, SIG_IGN)) {}
@@ -227,17 +228,17 @@ private:
     void (*previous_)(int);
 };
 
-// What goes to the child and comes back from it.
+// The input and output of a child.
 struct child_traffic {
     unique_fd to_child; // non-blocking; empty once everything is written
     unique_fd from_child;
     std::string_view input;
     strbuf *output;
     size_t output_limit;
-    int error = 0; // that kept the output from being read to its end
+    int error = 0; // set when the output could not be read to EOF
 };
 
-// Writes what the pipe takes, and closes it once nothing is left or nobody reads.
+// Writes as much as the pipe takes. Closes it when everything is written or nobody reads it.
 static void feed_child(child_traffic *traffic, short events) {
     if ((events & POLLOUT) == 0) {
         traffic->to_child.reset();
@@ -253,7 +254,7 @@ static void feed_child(child_traffic *traffic, short events) {
         traffic->to_child.reset();
 }
 
-// Reads once. False at the end of the output or on an error, which is noted.
+// Reads once. Returns false at EOF, or on an error, which is kept in `error`.
 static bool drain_child(child_traffic *traffic) {
     char chunk[8192];
     const ssize_t got = read(traffic->from_child.get(), chunk, sizeof chunk);
@@ -268,13 +269,13 @@ static bool drain_child(child_traffic *traffic) {
     return true;
 }
 
-// Feeds and drains the child until its output ends. False when the deadline came first.
+// Feeds and drains the child until EOF of its output. Returns false when the deadline came first.
 static bool exchange_until(child_traffic *traffic, int64_t deadline_ms) {
     while (true) {
         const int64_t remaining_ms = deadline_ms - monotonic_ms();
         if (remaining_ms < 1)
             return false;
-        // A negative descriptor is passed over.
+        // poll() ignores negative descriptors.
         struct pollfd watched[] = {{traffic->from_child.get(), POLLIN, 0},
                                    {traffic->to_child.get(), POLLOUT, 0}};
         if (poll(watched, 2, static_cast<int>(std::min<int64_t>(remaining_ms, POLL_LIMIT_MS))) <
@@ -300,7 +301,7 @@ static child_end result_of(int wait_status) {
     return {child_outcome::failed, -1};
 }
 
-// Follows a started child to its end.
+// Feeds, drains and waits for a started child.
 static child_end attend_child(pid_t child, child_traffic *traffic, int64_t deadline_ms) {
     const bool in_time = exchange_until(traffic, deadline_ms);
     traffic->to_child.reset();
@@ -320,7 +321,7 @@ static bool set_nonblocking(const unique_fd &fd) {
     return fcntl(fd.get(), F_SETFL, O_NONBLOCK) == 0;
 }
 
-// Starts the child and follows it until the deadline.
+// Starts the child and attends to it until the deadline.
 static child_end run_task(const child_task &task, const std::string_view *input, strbuf *output,
                           size_t output_limit, int64_t deadline_ms) {
     constexpr child_end NOT_STARTED = {child_outcome::failed, -1};
@@ -330,8 +331,8 @@ static child_end run_task(const child_task &task, const std::string_view *input,
         return NOT_STARTED;
     if (input != nullptr && !set_nonblocking(to_child.write_end))
         return NOT_STARTED;
-    (void)fflush(stdout); // told at the end of the run if it cannot be written
-    (void)fflush(stderr); // there is nowhere to tell it
+    (void)fflush(stdout); // an error is reported at the end of the run
+    (void)fflush(stderr); // there is nowhere to report it
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child < 0)

@@ -13,16 +13,16 @@
 
 // ---- Many messages, one child for each user -----------------------------------------------
 
-// A message on its way out of the mailboxes.
+// A message that is being removed from the mailboxes.
 struct withdrawal {
     int64_t id;
-    bool complete = true; // until somebody's files could not be removed
+    bool complete = true; // false when a user's files could not be removed
 };
 
 using mailbox_operation = void (*)(const resolved_user &user, const std::vector<int64_t> &ids,
                                    std::vector<size_t> *done);
 
-// Which messages concern whom. Users are few beside the messages of all of them.
+// The messages of each user. There are far fewer users than pairs of user and message.
 class withdrawal_list {
 public:
     explicit withdrawal_list(mailbox_operation operation) : operation_(operation) {}
@@ -34,11 +34,11 @@ public:
             places_[name].push_back(messages_.size() - 1);
         pairs_ += recipients.count;
     }
-    // Whether so much has come together that it is better carried out before more is added.
+    // Whether the list is so long that it should be carried out before more is added.
     [[nodiscard]] bool is_full() const { return pairs_ >= PAIRS_MAX; }
 
-    // Carries the operation out in every mailbox, and returns what became of each message, in the
-    // order in which they were added.
+    // Carries the operation out in every mailbox. Returns the result for each message, in the order
+    // in which they were added.
     [[nodiscard]] const std::vector<withdrawal> &carry_out() {
         for (const auto &[name, places] : places_)
             carry_out_for(name, places);
@@ -52,7 +52,7 @@ private:
         resolved_user user;
         const lookup found = user_lookup_by_name(name.c_str(), &user);
         if (found == lookup::absent)
-            return; // nobody is left who could see the message
+            return; // the user is gone: nobody can see the message
         std::vector<size_t> done;
         if (found == lookup::found)
             operation_(user, ids_of(places), &done);
@@ -81,7 +81,7 @@ private:
 // ---- Revocations --------------------------------------------------------------------------
 
 static void remove_revoking(int64_t id) {
-    (void)unlink(sent_path(id, "revoking").c_str()); // if it stays, the next run comes here again
+    (void)unlink(sent_path(id, "revoking").c_str()); // if it stays, the next run tries again
 }
 
 bool sent_finish_revoking(int64_t id) {
@@ -129,8 +129,8 @@ static void remove_directory(const char *dir) {
     if (fd) {
         const unique_dir directory(fdopendir(fd.get()));
         if (!directory)
-            return;                     // for want of memory
-        const int place = fd.release(); // the directory's own from here on
+            return;                     // no memory
+        const int place = fd.release(); // owned by `directory` from here on
         while (const dirent *entry = next_entry(directory.get()))
             if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
                 (void)unlinkat(place, entry->d_name, 0);
@@ -138,8 +138,8 @@ static void remove_directory(const char *dir) {
     (void)rmdir(dir);
 }
 
-// Removes the directories of what is out of every mailbox. `dirs` are those of the list's messages,
-// in the same order. Returns how many stay.
+// Removes the directories of messages that are gone from every mailbox. `dirs` belong to the list's
+// messages, in the same order. Returns how many stay.
 static size_t finish(withdrawal_list *list, std::vector<const char *> *dirs) {
     const std::vector<withdrawal> &messages = list->carry_out();
     size_t left = 0;
