@@ -87,8 +87,8 @@ guide_lines guide_tab_lines(size_t tab, int width) {
 // ---- Keys to view -------------------------------------------------------------------------
 
 static constexpr int FRAME_ROWS = 6; // three rules and the closing one, tab bar, footer
-static constexpr int PAGE_OVERHEAD_ROWS = FRAME_ROWS + 1; // a page keeps one line of the last
-static constexpr int FAR_BELOW = 999'999;                 // drawing stops at the last page
+static constexpr int PAGE_OVERHEAD_ROWS = FRAME_ROWS + 1; // pages overlap by one line
+static constexpr int FAR_BELOW = 999'999;                 // guide_clamp() corrects it
 
 void guide_press(guide_view *view, guide_key key) {
     int &scroll = view->scroll[view->tab];
@@ -141,7 +141,8 @@ static constexpr int BORDER_COLUMNS = 2;      // "│" and "│"
 static constexpr int ROW_SIDE_COLUMNS = 4;    // "│ " and " │"
 static constexpr int POSITION_GAP_COLUMNS = 2;
 
-// The first one that leaves room for the position is shown: how to leave is said to the last.
+// Footers from longest to shortest; the first that leaves room for the position is used. Even the
+// shortest says how to quit.
 static constexpr const char *HINTS[] = {
     "←/→ tabs · ↑/↓ scroll · PgUp/PgDn · g/G · q quit",
     "←/→ tabs · ↑/↓ scroll · PgUp/PgDn · q quit",
@@ -155,13 +156,13 @@ static int columns_of(const char *text) {
     return static_cast<int>(text_character_count(text));
 }
 
-// Columns of a tab in the tab bar: its name between two spaces or marks.
+// Returns the columns of a tab in the tab bar: its name between two spaces or marks.
 static int tab_columns(size_t tab) {
     return columns_of(TABS[tab].name) + 2;
 }
 
-// The tab that the bar begins with: not the first one only on a terminal that was made too
-// narrow for all of them while the guide was open.
+// Returns the first tab of the bar. It is not tab 0 only if the terminal was made too narrow for
+// all tabs while the guide was open.
 static size_t first_tab_shown(size_t current, int width) {
     size_t first = current;
     int used = tab_columns(current);

@@ -1,4 +1,5 @@
-// The guide as tabs on the whole screen: tab to lines, lines to one frame and one write.
+// The guide as tabs on a full screen. A tab becomes lines, the lines one frame, the frame one
+// write.
 #pragma once
 
 #include "common/style.h"
@@ -9,8 +10,8 @@
 #include <string>
 #include <vector>
 
-// The tabbed guide on /dev/tty until the user quits. False, with the terminal untouched, when
-// the terminal cannot show it.
+// Shows the tabbed guide on /dev/tty until the user quits. Returns false and leaves the terminal
+// unchanged when it cannot show the guide.
 [[nodiscard]] bool guide_interactive();
 
 // ---- What is shown ------------------------------------------------------------------------
@@ -36,7 +37,7 @@ void guide_append_table(guide_lines *lines, guide_table items, int width);
 // The lines of a tab, laid out for a row of `width` columns.
 [[nodiscard]] guide_lines guide_tab_lines(size_t tab, int width);
 
-// Does what the key says to the view. A scroll position may leave the content by this.
+// Applies a key to the view. The scroll position may be outside the content afterwards.
 void guide_press(guide_view *view, guide_key key);
 
 // Brings the scroll position back into the content.

@@ -1,4 +1,4 @@
-// The built-in guide: which of its forms is shown where.
+// The built-in guide: chooses the form in which it is shown.
 #pragma once
 
 // Shows the guide: as tabs on a terminal, through a pager on a small one, as plain text in a

@@ -6,7 +6,7 @@
 #include <string_view>
 
 enum class guide_key {
-    none,    // bytes without a meaning, or half a sequence
+    none,    // unknown bytes, or an incomplete sequence
     timeout, // nothing arrived in time
     failed,  // the terminal cannot be read any more
     quit,
@@ -25,7 +25,7 @@ enum class guide_key {
     last_page,
 };
 
-// How the guide reads keys: numbered ones by their last digit.
+// How the guide reads keys; of a numbered sequence the last digit counts.
 constexpr key_rules GUIDE_KEY_RULES = {
     .wait_ms = 300,
     .sequence_wait_ms = 50,
@@ -34,5 +34,5 @@ constexpr key_rules GUIDE_KEY_RULES = {
     .has_paste = false,
 };
 
-// What a key means here. `character` is that of a KEY_CHAR.
+// Returns the meaning of a key in the guide. `character` is that of a KEY_CHAR.
 [[nodiscard]] guide_key guide_key_of(tui_key key, std::string_view character);

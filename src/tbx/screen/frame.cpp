@@ -8,8 +8,8 @@ static constexpr std::string_view CURSOR_HOME = "\033[H";
 static constexpr std::string_view CLEAR_BELOW = "\033[J";
 static constexpr std::string_view WRAP_OFF = "\033[?7l";
 
-// In a row whose columns a terminal may count otherwise, nothing wraps, and what follows such
-// text stands where it belongs; nothing is left of what stood between.
+// A terminal may count the columns of some rows differently. Such a row does not wrap; after the
+// text the cursor is set to the right column, and what was there before is cleared.
 static constexpr std::string_view CLEAR_TO_END = "\033[K";
 
 static void append_anchored(strbuf *frame, std::string_view row) {

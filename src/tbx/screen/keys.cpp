@@ -29,7 +29,7 @@ bool tui_input_arrives(const tui_input &input, int timeout_ms) {
     return tui_input_waits(input) || poll(&watched, 1, timeout_ms) > 0;
 }
 
-// Takes what the descriptor holds. 0, or the code that tui_read_byte returns.
+// Reads what the descriptor holds. Returns 0, or TUI_BYTE_TIMEOUT or TUI_BYTE_ERROR.
 static int fill(tui_input *input, int timeout_ms) {
     pollfd watched = {.fd = input->fd, .events = POLLIN, .revents = 0};
     const int ready = poll(&watched, 1, timeout_ms);
@@ -41,7 +41,7 @@ static int fill(tui_input *input, int timeout_ms) {
     if (got < 0 && errno == EINTR)
         return TUI_BYTE_TIMEOUT;
     if (got <= 0)
-        return TUI_BYTE_ERROR; // a terminal that was hung up is readable, and at its end
+        return TUI_BYTE_ERROR; // a terminal that was hung up is readable and at EOF
     input->next = 0;
     input->end = static_cast<size_t>(got);
     return 0;
@@ -74,8 +74,8 @@ static int continuation_bytes(int lead) {
     return lead >= 0xc0 ? 1 : 0;
 }
 
-// Reads what belongs to the character that `lead` begins. A byte that cannot belong to it is
-// a key of its own: a broken character must not swallow, or carry in, an escape.
+// Reads the rest of the character that begins with `lead`. A byte that cannot belong to it is the
+// next key: a broken character must neither swallow an escape nor contain one.
 static void read_character(tui_input *input, const key_rules &rules, int lead,
                            tui_character &character) {
     character[0] = static_cast<char>(lead);
@@ -97,10 +97,11 @@ static void read_character(tui_input *input, const key_rules &rules, int lead,
 static constexpr std::string_view PASTE_BEGINS = "200"; // the number of its sequence
 static constexpr std::string_view PASTE_ENDS = "\033[201~";
 static constexpr size_t PASTE_MAX_BYTES = 1'048'576; // a longer one is several keys
-// A paste whose end was lost on the way is over at last, or the keys would never be keys again.
+// If the end of a paste was lost, it ends after so many waits: otherwise all keys would be part of
+// it.
 static constexpr int SILENT_WAITS_MAX = 10;
 
-// Bytes at the end of `text` that are the beginning of a character.
+// Returns how many bytes at the end of `text` are an incomplete character.
 static size_t unfinished_bytes(std::string_view text) {
     size_t bytes = 1;
     while (bytes < std::min<size_t>(text.size(), 4) &&
@@ -112,8 +113,8 @@ static size_t unfinished_bytes(std::string_view text) {
     return static_cast<size_t>(continuation_bytes(lead)) >= bytes ? bytes : 0;
 }
 
-// Bytes at the end of what has arrived that may belong to what follows: to the sequence that ends
-// the paste, to the two bytes of one line end, to one character.
+// Returns how many bytes at the end of `paste` may belong to what follows: to the sequence that
+// ends the paste, to a CR LF, or to a character.
 static size_t bytes_to_hold_back(std::string_view paste) {
     for (size_t bytes = std::min(PASTE_ENDS.size() - 1, paste.size()); bytes > 0; bytes--)
         if (paste.ends_with(PASTE_ENDS.substr(0, bytes)))
@@ -121,7 +122,7 @@ static size_t bytes_to_hold_back(std::string_view paste) {
     return paste.ends_with('\r') ? 1 : unfinished_bytes(paste);
 }
 
-// Hands over what has arrived, but for its last bytes.
+// Returns what has arrived as a key, except the last `held_back` bytes.
 static tui_key hand_over(tui_input *input, size_t held_back) {
     const size_t bytes = input->paste.size() - held_back;
     input->pasted.assign(input->paste, 0, bytes);
@@ -152,7 +153,7 @@ static tui_key read_paste(tui_input *input, int timeout_ms) {
         if (byte == TUI_BYTE_TIMEOUT)
             return pause_paste(input);
         if (byte == TUI_BYTE_ERROR)
-            return end_paste(input, 0); // the next key tells of the error
+            return end_paste(input, 0); // the next key reports the error
         input->paste.push_back(static_cast<char>(byte));
         if (byte == PASTE_ENDS.back() && input->paste.ends_with(PASTE_ENDS))
             return end_paste(input, PASTE_ENDS.size());
@@ -210,8 +211,8 @@ static bool has_only_digits(std::string_view text) {
     return text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// What follows Esc and `introducer`, [ or O. A sequence that means nothing here is read to its
-// final byte all the same, so that none of it is taken for text.
+// Reads what follows Esc and `introducer`, [ or O. An unknown sequence is read to its final byte
+// too, so that none of it is taken for text.
 static tui_key read_sequence(tui_input *input, const key_rules &rules, int introducer) {
     const int first = tui_read_byte(input, rules.sequence_wait_ms);
     if (introducer == '[' && first == '[') { // the console's function keys: Esc [ [ A
@@ -244,8 +245,8 @@ static tui_key read_escape(tui_input *input, const key_rules &rules) {
     if (byte == '[' || byte == 'O')
         return read_sequence(input, rules, byte);
 
-    // A key held with Alt: its own sequence or character goes unused as a whole. A paste behind
-    // an Esc is one all the same.
+    // Esc before a key means Alt: its sequence or character is read and ignored. A paste after an
+    // Esc is still a paste.
     while (byte == ESCAPE)
         byte = tui_read_byte(input, rules.sequence_wait_ms);
     tui_character unused = {};

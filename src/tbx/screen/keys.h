@@ -6,7 +6,7 @@
 #include <string>
 
 enum tui_key {
-    KEY_NONE = 0,    // bytes without a meaning here
+    KEY_NONE = 0,    // unknown bytes
     KEY_TIMEOUT = 1, // nothing arrived in time, or a signal interrupted the wait
     KEY_ERROR = 2,   // the terminal cannot be read any more
     KEY_UP = 3,
@@ -33,7 +33,7 @@ enum tui_key {
 constexpr size_t TUI_CHARACTER_BYTES = 5;
 using tui_character = char[TUI_CHARACTER_BYTES];
 
-// In what the pages read keys differently.
+// How the guide and the interface read keys differently.
 struct key_rules {
     int wait_ms;               // for a key
     int sequence_wait_ms;      // for each further byte of one
@@ -42,9 +42,8 @@ struct key_rules {
     bool has_paste;            // Esc [ 200 ~ begins one; else it is no key
 };
 
-// The bytes that a descriptor delivers. What one read brings beyond the byte asked for waits
-// here, so that it is known without a system call whether more has been typed: all that a
-// terminal holds.
+// A buffer for the bytes of a descriptor. One read takes everything that the terminal holds; the
+// bytes not used yet wait here. So no system call is needed to know whether more has been typed.
 struct tui_input {
     int fd = -1;
     std::array<unsigned char, 4096> bytes = {};
@@ -52,29 +51,28 @@ struct tui_input {
     size_t end = 0;
 
     std::string pasted;      // the text of the last KEY_PASTE
-    std::string paste;       // what has arrived since then of a paste that has not ended
-    bool is_pasting = false; // whether there is one
-    int silent_waits = 0;    // how often nothing of it came in time
+    std::string paste;       // what has arrived of a paste that has not ended
+    bool is_pasting = false; // whether a paste has not ended
+    int silent_waits = 0;    // how often none of it arrived in time
 };
 
-// Forgets what waits, and a paste that has not ended.
+// Drops the waiting bytes, and a paste that has not ended.
 void tui_input_clear(tui_input *input);
 
 // Whether bytes wait that tui_read_byte returns at once.
 [[nodiscard]] bool tui_input_waits(const tui_input &input);
 
-// The same of what the descriptor holds, too; waits up to `timeout_ms` for something to come.
+// The same, but also looks at the descriptor, and waits up to `timeout_ms` for bytes to arrive.
 [[nodiscard]] bool tui_input_arrives(const tui_input &input, int timeout_ms);
 
 constexpr int TUI_BYTE_TIMEOUT = -1; // also when a signal interrupted the wait
 constexpr int TUI_BYTE_ERROR = -2;
 
-// The next byte, 0 to 255, or TUI_BYTE_TIMEOUT or TUI_BYTE_ERROR.
+// Returns the next byte, 0 to 255, or TUI_BYTE_TIMEOUT or TUI_BYTE_ERROR.
 [[nodiscard]] int tui_read_byte(tui_input *input, int timeout_ms);
 
-// The next key. The first byte is waited for `timeout_ms`, those that belong to it only as
-// long as a terminal takes to send them. KEY_ERROR may come one key late.
-// A terminal with bracketed paste says where a paste begins and ends. It is one key, whatever it
-// holds; one that comes slowly or is very long is several.
+// Returns the next key. Waits `timeout_ms` for its first byte, and `rules.sequence_wait_ms` for
+// each further one. KEY_ERROR may come one key late. A terminal with bracketed paste marks the
+// beginning and the end of a paste. A paste is one key; a slow or very long one is several.
 [[nodiscard]] tui_key tui_read_key(tui_input *input, const key_rules &rules, int timeout_ms,
                                    tui_character &character);

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-// Process-wide, for as long as the process lives: the terminal, and what signals asked for.
+// Process-wide, until the process ends: the terminal, and the requests of signals.
 tui_session tui;
 volatile sig_atomic_t quit_requested = 0;
 static volatile sig_atomic_t suspend_requested = 0; // SIGTSTP
@@ -45,7 +45,7 @@ static void set_action(int signal, void (*handler)(int), int flags) {
     sigaction(signal, &action, nullptr);
 }
 
-// A shell without job control starts its programs with SIGTSTP ignored: they are not to stop.
+// A shell without job control starts its programs with SIGTSTP ignored: then they must not stop.
 static bool is_ignored(int signal) {
     struct sigaction action = {};
     return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
@@ -55,8 +55,8 @@ static constexpr std::array<int, 7> HANDLED = {SIGINT,  SIGQUIT, SIGTERM, SIGHUP
                                                SIGTSTP, SIGCONT, SIGPIPE};
 using saved_actions = std::array<struct sigaction, HANDLED.size()>;
 
-// Asking to quit interrupts whatever waits; stopping and going on interrupt only the wait for
-// a key, which poll() ends whatever the flags say.
+// The signals that ask to quit interrupt every wait. SIGTSTP and SIGCONT interrupt only the wait
+// for a key: poll() is interrupted even with SA_RESTART.
 static saved_actions install_handlers() {
     saved_actions before;
     for (size_t i = 0; i < HANDLED.size(); i++)
@@ -100,8 +100,8 @@ bool tui_output_is_stuck(int fd) {
     return poll(&watched, 1, LAST_WRITE_WAIT_MS) == 0;
 }
 
-// Waits until the terminal takes output, but not for longer than the program is wanted: a signal
-// may come just before the wait.
+// Waits until the terminal takes output or the program is asked to end. The wait is divided into
+// short ones, because the signal may come just before one.
 static bool await_output() {
     static constexpr int LOOK_AGAIN_MS = 300;
     pollfd watched = {.fd = output_fd(), .events = POLLOUT, .revents = 0};
@@ -114,9 +114,8 @@ static bool await_output() {
     }
 }
 
-// Writes all of `text`. A terminal that takes nothing, or is gone, does not hold up a process
-// that was asked to end; what cannot be shown to anybody is lost without harm.
-// Returns false when some of it was not written.
+// Writes all of `text`. If the process was asked to end, a terminal that takes nothing does not
+// block it. Returns false when some of it was not written, which harms nobody.
 static bool write_to_terminal(std::string_view text) {
     while (!text.empty()) {
         if (!await_output())
@@ -135,7 +134,7 @@ static bool write_to_terminal(std::string_view text) {
 static bool set_attributes(const termios &attributes) {
     if (tcsetattr(tui.tty_fd.get(), TCSAFLUSH, &attributes) == 0)
         return true;
-    // A signal came while the output drained: waiting once more could take for ever.
+    // A signal came while the output drained: waiting again could block for ever.
     return errno == EINTR && tcsetattr(tui.tty_fd.get(), TCSANOW, &attributes) == 0;
 }
 
@@ -150,27 +149,27 @@ static bool set_raw_attributes() {
 
 static void enter_screen() {
     tui_input_clear(&tui.input);
-    (void)write_to_terminal(tui.rules->enter); // a terminal that is gone tells so with the next key
+    (void)write_to_terminal(tui.rules->enter); // the next key reports a terminal that is gone
     tui.screen_changes++;
 }
 
 void tui_raw_mode() {
-    (void)set_raw_attributes(); // likewise
+    (void)set_raw_attributes(); // the next key reports it
     enter_screen();
 }
 
 void tui_restore() {
     if (quit_requested && tui_output_is_stuck(output_fd()))
-        tcflush(tui.tty_fd.get(), TCOFLUSH); // or waiting for it to drain takes for ever
-    (void)set_attributes(tui.saved_termios); // one that is gone has none
+        tcflush(tui.tty_fd.get(), TCOFLUSH); // or waiting for it to drain blocks for ever
+    (void)set_attributes(tui.saved_termios); // fails if the terminal is gone
     if (quit_requested && tui_output_is_stuck(output_fd()))
         return;
-    if (tui.is_torn) // perhaps in a row that does not wrap
+    if (tui.is_torn) // the frame may have ended in a row that does not wrap
         (void)write_to_terminal(FRAME_WRAP_ON);
-    (void)write_to_terminal(tui.rules->leave); // nobody is there whom it could fail to reach
+    (void)write_to_terminal(tui.rules->leave); // fails if the terminal is gone
 }
 
-// False when there is no size, or one of 0.
+// Returns false when there is no size, or it is 0.
 static bool read_size(int *rows, int *cols) {
     winsize size = {};
     if (ioctl(tui.tty_fd.get(), TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0)
@@ -229,8 +228,8 @@ static void take_screen_again() {
     tui_update_size();
 }
 
-// Stops as the key asked, and goes on when the shell says so. In a process group that nobody
-// could wake again the system does not stop, and the interface goes on at once.
+// Stops until the shell continues the process. The system does not stop a process group that nobody
+// could continue; the interface goes on at once then.
 static void suspend() {
     suspend_requested = 0;
     tui_restore();
@@ -248,7 +247,7 @@ tui_key tui_next_key(tui_character &character) {
     if (suspend_requested)
         suspend();
     else if (continued)
-        take_screen_again(); // stopped from outside: whoever had the terminal changed it
+        take_screen_again(); // stopped from outside: others may have changed the terminal
     else if (key == KEY_TIMEOUT)
         tui_update_size();
     return key;
@@ -259,15 +258,14 @@ bool tui_is_hung_up() {
     return poll(&watched, 1, 0) > 0;
 }
 
-// Between the keys of a person passes more time, between those of a program that types for them
-// less.
+// Longer than the time between keys that a program types, shorter than between those of a person.
 static constexpr int BURST_WAIT_MS = 10;
 
 void tui_drop_input() {
     tui_character character = {};
     while (!quit_requested && tui_input_arrives(tui.input, BURST_WAIT_MS))
         if (tui_read_key(&tui.input, tui.rules->keys, 0, character) == KEY_ERROR)
-            return; // the next one who asks is told
+            return; // the next call reports it
 }
 
 bool tui_keys_wait() {

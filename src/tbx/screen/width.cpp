@@ -11,8 +11,8 @@ bool tui_is_continuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
 }
 
-// Bytes that the character with this first byte should have; what the byte itself makes
-// invalid is found by tui_decode().
+// Returns the length that the first byte of a character announces. tui_decode() finds first bytes
+// that are invalid.
 static size_t announced_bytes(char first) {
     const auto lead = static_cast<unsigned char>(first);
     if (lead >= 0xf0)
@@ -22,8 +22,8 @@ static size_t announced_bytes(char first) {
     return lead >= 0xc0 ? 2 : 1;
 }
 
-// Bytes of the character at the start of `text`: its first byte and the continuation bytes
-// that belong to it. A continuation byte alone is one, too.
+// Returns the length of the character at the start of `text`: its first byte and the continuation
+// bytes that belong to it. A single continuation byte counts as a character.
 static size_t character_bytes(std::string_view text) {
     const size_t limit = std::min(announced_bytes(text.front()), text.size());
     size_t bytes = 1;
@@ -32,7 +32,7 @@ static size_t character_bytes(std::string_view text) {
     return bytes;
 }
 
-// The code point of one character, or TUI_INVALID when it is cut short, longer than need be, a
+// Returns the code point of one character, or TUI_INVALID when it is incomplete, overlong, a
 // surrogate or beyond Unicode.
 static uint32_t code_of(std::string_view character) {
     static constexpr uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
@@ -56,10 +56,10 @@ tui_decoded tui_decode(std::string_view text) {
 
 // ---- Columns of one character -------------------------------------------------------------
 
-static constexpr uint32_t FIRST_OF_OTHER_WIDTH = 0x300; // all before take one column
+static constexpr uint32_t FIRST_OF_OTHER_WIDTH = 0x300; // all codes below take one column
 
-// What the system's library knows, whatever the locale of this process, which sudo or a console
-// may have left at "C". -1 for what it does not know.
+// Returns the width that the system's library knows, or -1. Uses a UTF-8 locale of its own: sudo or
+// a console may have left that of the process at "C".
 static int library_width(uint32_t code) {
     static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     if (utf8 == nullptr)

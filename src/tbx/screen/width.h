@@ -1,20 +1,21 @@
-// How many columns a terminal draws text in: characters that take two, or none.
+// How many columns text takes on a terminal: some characters take two, some none.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
-// A character with what is drawn over it or joined to it: "e" with an accent, a flag, a family.
+// A character together with the characters drawn over it or joined to it: "e" with an accent, a
+// flag, a family.
 struct tui_cluster {
     size_t bytes = 0;
-    size_t shown_bytes = 0; // without accents beyond what anybody reads
+    size_t shown_bytes = 0; // without an excess of accents
     int columns = 0;        // 0, 1 or 2
     bool is_plain = true;   // one character of one column
 };
 
-// The cluster at the start of `text`, which is not empty. Broken characters and controls take one
-// column, continuation bytes that belong to no character none.
+// Returns the cluster at the start of `text`, which is not empty. Broken characters and controls
+// take one column; continuation bytes that belong to no character take none.
 [[nodiscard]] tui_cluster tui_next_cluster(std::string_view text);
 
 // One character at the start of `text`, which is not empty.
@@ -29,13 +30,13 @@ constexpr uint32_t TUI_INVALID = UINT32_MAX;
 
 // ---- Rows ---------------------------------------------------------------------------------
 
-// Bytes of the style sequence at the start of `text`, 0 for none. One without its final letter
-// reaches to the end.
+// Returns the length of the style sequence at the start of `text`, or 0. One without its final
+// letter extends to the end.
 [[nodiscard]] size_t tui_sequence_bytes(std::string_view text);
 
-// Columns of a line that may hold style sequences.
+// Returns the columns of a line that may hold style sequences.
 [[nodiscard]] int tui_line_columns(std::string_view line);
 
-// Stands behind text in which not every character takes one column. What follows is put at the
-// column that has been counted, even where the terminal has counted otherwise.
+// Follows text in which some characters do not take one column. What comes next is drawn at the
+// column counted here, even if the terminal has counted differently.
 constexpr std::string_view TUI_ANCHOR = "\033[G";

@@ -48,7 +48,7 @@ static void draw(const compose_form &form, tui_screen *page) {
     tui_draw(*page);
 }
 
-// Asks whom the To field reaches. A child does it, because what is wrong ends the process.
+// Finds whom the To field reaches. A child does it, because an error ends the process.
 static void compose_recipient_preview(compose_form *form, tui_screen *page) {
     form->preview.clear();
     const std::string &to = form->fields[COMPOSE_TO].value;
@@ -92,8 +92,8 @@ static std::vector<std::string> message_ids() {
     return {ids.begin(), ids.end()};
 }
 
-// The message that a send created before it failed, or was interrupted: a new one of this author
-// that is marked incomplete. 0 for none.
+// Returns the message that a send created before it failed or was interrupted: a new one of this
+// author that is marked incomplete. 0 for none.
 static int64_t message_left_incomplete(const std::vector<std::string> &ids_before) {
     for (const std::string &text : message_ids()) {
         int64_t id = 0;
@@ -115,8 +115,8 @@ static void add_field(strlist *body, const char *label, const compose_field &fie
         tui_add_line(body, "%s: %s", label, tui_blank_controls(field.value).c_str());
 }
 
-// What an earlier try reached, as far as it is known now. A message that has gone since, or
-// that was cancelled, is not spoken of.
+// Appends whom an earlier try reached, as far as it is known. Appends nothing about a message that
+// is gone or was cancelled.
 static void add_earlier_try(strlist *body, int64_t id) {
     message_summary summary;
     confirmation_cache cache(id);
@@ -142,7 +142,7 @@ static bool review(const compose_form &form, tui_screen *page) {
     return tui_confirm(page, "Send the message?", body);
 }
 
-// True when the message was sent. Whatever went wrong, the form keeps everything.
+// Returns true when the message was sent. After a failure the form keeps everything.
 static bool compose_send(compose_form *form, tui_screen *page) {
     compose_recipient_preview(form, page);
     if (!review(*form, page))
@@ -184,7 +184,7 @@ static form_end press(compose_form *form, tui_screen *page, tui_key key, const c
     if (key != KEY_TIMEOUT)
         form->notice.clear();
     if (key == KEY_ERROR)
-        return form_end::cut_short; // nobody is left to write
+        return form_end::cut_short; // there is no user any more
     if (key == KEY_ESC)
         return may_discard(*form, page) ? form_end::done : form_end::open;
     if (key == KEY_CTRL_S)

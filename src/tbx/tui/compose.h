@@ -3,7 +3,7 @@
 
 #include <string>
 
-// Runs the form until the message is sent or abandoned. When the interface is asked to end
-// meanwhile, or its terminal is gone, the text is kept in a file. Returns what is to be said of
-// that once the terminal is restored; empty for nothing.
+// Runs the form until the message is sent or abandoned. If the interface is asked to end meanwhile,
+// or the terminal is gone, keeps the text in a file. Returns a message about that, to be printed
+// once the terminal is restored; empty if there is none.
 [[nodiscard]] std::string compose_page();

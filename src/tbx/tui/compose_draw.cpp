@@ -7,7 +7,7 @@ static constexpr size_t TEXT_MAX_BYTES = 65'536; // what the send command accept
 static constexpr int LABEL_COLS = 10;
 static constexpr int FRAME_COL = 12;        // where "[" and the text's frame stand
 static constexpr int VALUE_COL = 14;        // where the values begin
-static constexpr int VALUE_OTHER_COLS = 26; // what a line holds beside a value
+static constexpr int VALUE_OTHER_COLS = 26; // the other columns of a line with a value
 static constexpr int TEXT_OTHER_ROWS = 14;  // all rows of the screen that are no text lines
 
 static constexpr struct {
@@ -19,7 +19,7 @@ static constexpr struct {
     {"Expires", "optional: 30m, 2h, 3d or a date"},
 };
 
-// Columns of every value, the lines of the text included: their frames end together.
+// Returns the columns of every value and of the lines of the text: their frames end in one column.
 static int value_cols() {
     return std::max(tui.screen_cols - VALUE_OTHER_COLS, 1);
 }
@@ -34,9 +34,8 @@ static int cursor_column(std::string_view value, size_t cursor) {
     return tui_columns(value.substr(0, cursor));
 }
 
-// The first column to show of a value in its place. Behind a value's
-// end the cursor stands on the blank that follows the place.
-// It begins with a whole character.
+// The first column to show of a value in its place. At a value's end the cursor is on the blank
+// after the place. The column is the first of a character.
 static int clamp_scroll(int scroll, std::string_view value, size_t cursor_byte) {
     const int width = value_cols();
     const int cursor = cursor_column(value, cursor_byte);
@@ -83,12 +82,12 @@ static void append_field(strlist *lines, const compose_field &field, const char 
     strlist_push_view(lines, line.view());
 }
 
-// Beside the field there is no room for it: it stands below.
+// There is no room beside the field, so the text gets a line below it.
 static void append_side_text(strlist *lines, const char *text) {
     tui_add_line(lines, "%*s%s%s%s", VALUE_COL, "", tui_style.grey, text, tui_style.reset);
 }
 
-// The column of the page that the cursor stands in.
+// Returns the column of the page in which the cursor is.
 static int cursor_place(std::string_view value, size_t cursor, int scroll) {
     return VALUE_COL + std::max(cursor_column(value, cursor) - scroll, 0);
 }
@@ -172,7 +171,7 @@ static void append_text(tui_screen *page, const compose_form &form) {
 
 // ---- The page -----------------------------------------------------------------------------
 
-// On a screen lower than the form, its upper lines make room for the one with the cursor.
+// On a screen lower than the form, hides upper lines so that the one with the cursor is visible.
 static void scroll_to_cursor(tui_screen *page) {
     const int hidden = page->cursor_row - std::max(tui_body_rows(), 1);
     if (hidden <= 0)

@@ -4,8 +4,8 @@
 #include "tbx/tui/compose_form.h"
 #include "tbx/tui/screen.h"
 
-// Moves the view so that the cursor is in it, on a screen of the present size.
+// Scrolls so that the cursor is visible on a screen of the present size.
 void compose_scroll(compose_form *form);
 
-// Builds the page of a form that was scrolled.
+// Builds the page of a form. compose_scroll() must have been called.
 void compose_build(const compose_form &form, tui_screen *page);

@@ -18,7 +18,7 @@
 #include <cstdlib>
 #include <optional>
 
-static constexpr size_t EDITED_MAX_BYTES = 131'072; // what comes back beyond it is cut off
+static constexpr size_t EDITED_MAX_BYTES = 131'072; // longer texts are cut when read back
 
 static constexpr int CANNOT_BECOME_USER = 126; // exit statuses of the child
 static constexpr int CANNOT_START_EDITOR = 127;
@@ -30,8 +30,8 @@ struct edited_file {
     std::optional<resolved_user> user; // as whom the editor runs; none: as this process
 };
 
-// Finds the user who called sudo: neither the editor nor what it starts needs to be root. False
-// when that cannot be told: an editor that would be root for that reason is not started.
+// Finds the user who called sudo: the editor and what it starts need not be root. Returns false
+// when the look-up fails: then no editor is started, because it would run as root.
 static bool find_calling_user(std::optional<resolved_user> *caller) {
     const char *name = getenv("SUDO_USER");
     resolved_user user;
@@ -48,7 +48,7 @@ static bool write_text(unique_fd *fd, const compose_text &text, edited_file *fil
     if (write_all(fd->get(), contents.data(), contents.size()) != 0)
         return false;
     if (file->user && fchown(fd->get(), file->user->uid, file->user->gid) != 0)
-        return false; // whom the file is not given to cannot edit it, and root shall not
+        return false; // the user could not edit it, and root must not
     return fd->close() == 0;
 }
 
@@ -60,7 +60,7 @@ static bool create_file(const compose_text &text, edited_file *file) {
     if (write_text(&fd, text, file))
         return true;
     const int error = errno;
-    unlink(file->path.c_str()); // half a text must not come back as the whole
+    unlink(file->path.c_str()); // a part must not be taken for the whole text
     errno = error;
     return false;
 }
@@ -73,7 +73,7 @@ static bool is_users_own(const unique_fd &fd, const edited_file &file) {
            status.st_uid == owner;
 }
 
-// Reads no further than is wanted, whatever the file's size.
+// Reads at most EDITED_MAX_BYTES, whatever the file's size.
 static bool read_beginning(const unique_fd &fd, std::string *contents) {
     contents->resize(EDITED_MAX_BYTES);
     size_t length = 0;
@@ -99,7 +99,8 @@ static bool read_file_back(const edited_file &file, std::string *contents) {
 
 // ---- The editor ---------------------------------------------------------------------------
 
-// Tells the editor whose it is: its settings are read, and its files written, there.
+// Sets the user's name and home directory: the editor reads its settings and writes its files
+// there.
 static void set_environment(const passwd &account) {
     setenv("HOME", account.pw_dir, /*overwrite=*/1);
     setenv("SHELL", account.pw_shell, /*overwrite=*/1);
@@ -114,10 +115,10 @@ static void become(const resolved_user &user) {
         setresuid(user.uid, user.uid, user.uid) != 0)
         _exit(CANNOT_BECOME_USER);
     if (getuid() != user.uid || geteuid() != user.uid || (user.uid != 0 && setuid(0) == 0))
-        _exit(CANNOT_BECOME_USER); // a way back to root is a failed drop
+        _exit(CANNOT_BECOME_USER); // if root can be regained, the drop has failed
 }
 
-// What VISUAL, else EDITOR, says; null for nothing.
+// Returns VISUAL, else EDITOR; null if neither is set.
 static const char *chosen_editor() {
     for (const char *variable : {"VISUAL", "EDITOR"}) {
         const char *editor = getenv(variable);
@@ -131,7 +132,7 @@ static const char *chosen_editor() {
 [[noreturn]] static void exec_editor(const edited_file &file) {
     for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGPIPE})
         signal(number, SIG_DFL);
-    closefrom(STDERR_FILENO + 1); // nothing that root has open is the user's
+    closefrom(STDERR_FILENO + 1); // the user gets no descriptor of root's
     if (file.user) {
         const passwd *account = getpwnam(file.user->name.c_str());
         if (account == nullptr)
@@ -148,9 +149,9 @@ static const char *chosen_editor() {
     _exit(CANNOT_START_EDITOR);
 }
 
-// Waits for the editor's end, and returns its wait status, -1 when nobody tells it. One that Ctrl+Z
-// stops goes on at once, with what it started: no shell is there to let it go on, since the
-// interface behind it does not stop.
+// Waits for the editor's end. Returns its wait status, -1 when it is unknown. An editor that Ctrl+Z
+// stops is continued at once, with what it started: the interface does not stop, so no shell could
+// continue it.
 static int await_editor(pid_t editor) {
     int status = -1;
     while (true) {
@@ -165,7 +166,8 @@ static int await_editor(pid_t editor) {
     }
 }
 
-// Also what a shell returns for an editor that it does not find, or that is no program.
+// Whether the editor could not be started. A shell returns the same status for an editor that it
+// does not find or cannot run.
 static bool could_not_start(int wait_status) {
     return WIFEXITED(wait_status) && (WEXITSTATUS(wait_status) == CANNOT_START_EDITOR ||
                                       WEXITSTATUS(wait_status) == CANNOT_BECOME_USER);
@@ -200,7 +202,7 @@ bool compose_edit_external(compose_form *form) {
 
 std::string compose_keep_text(const compose_text &text) {
     edited_file file;
-    (void)find_calling_user(&file.user); // root can keep it for whom nobody can tell
+    (void)find_calling_user(&file.user); // if the user is unknown, root keeps the file
     if (create_file(text, &file))
         return file.path;
     file.user.reset();

@@ -5,9 +5,9 @@
 
 #include <string>
 
-// Gives the terminal to the editor that VISUAL or EDITOR names, as the user who called sudo,
-// and takes over what was written. Returns false when no editor could be started; the text
-// stays as it was then.
+// Gives the terminal to the editor that VISUAL or EDITOR names, as the user who called sudo, and
+// reads back what was written. Returns false when no editor could be started; then the text is
+// unchanged.
 [[nodiscard]] bool compose_edit_external(compose_form *form);
 
 // Writes the text into a new file that only the user who called sudo and root can read. Returns

@@ -10,7 +10,7 @@ static constexpr int FOCUS_COUNT = 4;
 
 // ---- Moving between the fields ------------------------------------------------------------
 
-// The text keeps its own place; a field is entered at its end.
+// Moves the focus. The text keeps its cursor; in a field the cursor goes to the end.
 static void set_focus(compose_form *form, int focus) {
     form->focus = focus;
     if (focus == COMPOSE_TEXT)
@@ -150,7 +150,7 @@ static void move_right(compose_text *text) {
     }
 }
 
-// Goes to another line, as far in it as the cursor was in this one.
+// Moves the cursor to another line and keeps its column as far as possible.
 static void go_to_line(compose_text *text, size_t line) {
     const std::string_view before = std::string_view(current_line(text)).substr(0, text->cursor);
     const int column = tui_columns(before);
@@ -218,7 +218,7 @@ static void paste_into_field(compose_field *field, std::string_view line) {
                   tui_beginning(line, FIELD_MAX_BYTES - field->value.size()));
 }
 
-// The lines between the first and the last one pasted are put in at once: one after the other
+// Inserts the lines between the first and the last pasted one together: inserting them one by one
 // would move all lines below each time.
 static void paste_into_text(compose_text *text, std::string_view pasted) {
     const size_t first_end = pasted.find('\n');

@@ -12,7 +12,7 @@
 #include <vector>
 
 enum compose_focus { COMPOSE_TO = 0, COMPOSE_TITLE = 1, COMPOSE_EXPIRES = 2, COMPOSE_TEXT = 3 };
-constexpr size_t COMPOSE_FIELDS = 3; // the one-line ones
+constexpr size_t COMPOSE_FIELDS = 3; // the fields of one line
 
 struct compose_field {
     std::string value;
@@ -32,23 +32,23 @@ struct compose_form {
     std::array<compose_field, COMPOSE_FIELDS> fields;
     compose_text text;
     int focus = COMPOSE_TO;
-    std::string preview;    // whom To reaches, or why it does not; may be styled; empty for none
-    std::string notice;     // what stands beside the size of the text until a key; empty for none
+    std::string preview;    // whom To reaches, or why nobody; may be styled; empty for none
+    std::string notice;     // shown beside the text's size until a key; empty for none
     int64_t message_id = 0; // created by a send that did not reach everybody; 0 for none
 };
 
 // Applies an editing or moving key; every other key changes nothing.
 void compose_press(compose_form *form, tui_key key, std::string_view character);
 
-// Puts text that was pasted where the cursor is: lines into the text, one line into a field, of
-// which it takes as much as if it were typed.
+// Inserts pasted text at the cursor: as lines into the text, as one line into a field. A field
+// takes as much as it would if it were typed.
 void compose_paste(compose_form *form, std::string_view pasted);
 
 // Whether nothing has been written.
 [[nodiscard]] bool compose_is_empty(const compose_form &form);
 [[nodiscard]] bool compose_has_text(const compose_text &text);
 
-// The text, its lines joined by newlines, and its bytes.
+// The text with its lines joined by newlines, and the length of that in bytes.
 [[nodiscard]] std::string compose_text_joined(const compose_text &text);
 [[nodiscard]] size_t compose_text_bytes(const compose_text &text);
 

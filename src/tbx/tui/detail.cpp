@@ -33,7 +33,7 @@ struct detail_page {
 
 // ---- Loading ------------------------------------------------------------------------------
 
-static constexpr int TEXT_SIDE_COLS = 8; // the frame's, the bar's, and one that stays free
+static constexpr int TEXT_SIDE_COLS = 8; // the frame, the bar, and one that stays empty
 
 static void wrap_text(detail_page *state) {
     state->changes_seen = tui.screen_changes;
@@ -41,7 +41,8 @@ static void wrap_text(detail_page *state) {
     tui_wrap(state->summary.message.text, tui.screen_cols - TEXT_SIDE_COLS, &state->text_lines);
 }
 
-// What cannot be read now stays as it was; the next reload tries again.
+// Loads the recipients. If they cannot be read now they stay as they were; the next reload tries
+// again.
 static void load_recipients(detail_page *state, confirmation_cache *cache) {
     std::vector<recipient_line> lines;
     if (recipient_state_lines(state->id, state->summary.message, cache, &lines) != 0)
@@ -53,12 +54,12 @@ static void load_recipients(detail_page *state, confirmation_cache *cache) {
     state->recipients = std::move(lines);
 }
 
-// What the history command prints, but for its own heading.
+// Loads what the history command prints, without its heading.
 static void load_history(detail_page *state, tui_screen *page) {
     strlist lines;
     if (state->tab == detail_tab::history) {
         const std::string id = std::to_string(state->id);
-        const job_result result = // what came of a failure is shown, too
+        const job_result result = // the message of a failure is shown too
             tui_run_in_box(page, "History", [&id] { cmd_log(id.c_str()); }, /*input=*/{});
         const std::string text = tui_clean(result.output.view());
         const size_t heading_end = text.find('\n');
@@ -69,7 +70,7 @@ static void load_history(detail_page *state, tui_screen *page) {
     state->has_history = state->tab == detail_tab::history;
 }
 
-// False when the message is gone.
+// Returns false when the message is gone.
 static bool load(detail_page *state, tui_screen *page) {
     state->needs_reload = false;
     user_times_renew();
@@ -179,7 +180,7 @@ static int entry_count(const detail_page &state) {
                                                              : state.recipients.size());
 }
 
-// Entries that there is room for below the lines above them; none or less on a low screen.
+// Returns how many entries fit below the other lines; 0 or less on a low screen.
 static int visible_entries(const detail_page &state) {
     const size_t text_lines = std::min(state.text_lines.count, TEXT_MAX_LINES);
     const int heading_lines = state.tab == detail_tab::recipients ? 1 : 0;
@@ -213,7 +214,7 @@ static void append_labels(tui_screen *page, const detail_page &state) {
                              "revoke", key, off, "back");
 }
 
-// Takes a screen of another size, and keeps the scroll position within the entries.
+// Adapts to a new size of the screen, and keeps the scroll position within the entries.
 static void fit_to_screen(detail_page *state) {
     if (state->changes_seen != tui.screen_changes)
         wrap_text(state);
@@ -271,7 +272,7 @@ static void revoke(detail_page *state, tui_screen *page) {
     state->needs_reload = true;
 }
 
-// False to go back to the list.
+// Returns false to go back to the list.
 static bool press_letter(detail_page *state, tui_screen *page, std::string_view letter) {
     if (letter == "m")
         remind(state, page);
@@ -280,7 +281,7 @@ static bool press_letter(detail_page *state, tui_screen *page, std::string_view 
     return letter != "q";
 }
 
-// False to go back to the list.
+// Returns false to go back to the list.
 static bool press(detail_page *state, tui_screen *page, tui_key key, const char *character) {
     switch (key) {
     case KEY_ERROR:

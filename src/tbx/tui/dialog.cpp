@@ -11,15 +11,15 @@ static constexpr int BOX_SIDE_COLS = 6;  // "│  " and "  │"
 static constexpr int BOX_OTHER_ROWS = 5; // two borders, two empty lines, the button line
 static constexpr int BOX_CORNER_COLS = 2;
 static constexpr int BOX_TITLE_COLS = 3;   // "─ " and " " around the title
-static constexpr int BOX_SMALL_MARGIN = 2; // on a screen that the box does not fit into
-static constexpr int BOX_SMALL_COLS = 8;   // how much narrower than the screen it is then
+static constexpr int BOX_SMALL_MARGIN = 2; // on a screen too small for the box
+static constexpr int BOX_SMALL_COLS = 8;   // then it is so much narrower than the screen
 
 struct box_place {
     int margin;
     int width;
 };
 
-// Where a box with content `content_cols` wide stands.
+// Returns the place of a box whose content is `content_cols` wide.
 static box_place place_box(int content_cols) {
     const int width = std::max(BOX_MIN_COLS, content_cols + BOX_SIDE_COLS);
     if (tui.screen_cols - BOX_SMALL_COLS + 1 <= width)
@@ -122,14 +122,14 @@ struct dialog {
     unsigned changes_seen = tui.screen_changes; // the page is built for the present size
 };
 
-// The page below is built before its dialog: keys that wait have kept it from being drawn.
+// Builds the page below before its dialog: waiting keys may have delayed that.
 static dialog over(tui_screen *page, const std::string &title) {
     if (page->rebuild)
         page->rebuild(page);
     return {.page = page, .title = title, .button_line = "", .footer = "", .body = {}};
 }
 
-// On a screen of another size the page below is another one, too.
+// If the size of the screen has changed, builds the page below again.
 static void follow_size(dialog *shown) {
     if (shown->changes_seen == tui.screen_changes)
         return;
@@ -139,7 +139,7 @@ static void follow_size(dialog *shown) {
         shown->page->rebuild(shown->page);
 }
 
-// Draws the dialog where the screen does not show it.
+// Draws the dialog if the screen does not show it.
 static void draw_dialog(dialog *shown) {
     follow_size(shown);
     if (!shown->is_drawn)
@@ -176,7 +176,7 @@ static void edit_prompt(std::string *value, tui_key key, std::string_view charac
         paste_into_prompt(value, tui_on_one_line(tui.input.pasted));
 }
 
-// The field: the end of a value that is wider than the widest box.
+// Returns the text of the field. Of a value that is wider than the widest box, only the end.
 static std::string prompt_field(const std::string &value) {
     const int room = std::max(tui_box_max_cols() - PROMPT_FRAME_COLS, 0);
     const std::string_view shown = tui_window(value, tui_columns(value) - room, room);

@@ -15,8 +15,8 @@ static constexpr int CANNOT_START = 127; // exit status of a child without its d
 
 // ---- The child's side ---------------------------------------------------------------------
 
-// Ctrl+C and Ctrl+\ end a command, and so does whoever ends the interface with all its processes.
-// Ctrl+Z does not stop it: the interface, which waits for it, would have no way to let it go on.
+// Ctrl+C, Ctrl+\ and signals to the whole process group end a command. Ctrl+Z does not stop it: the
+// interface waits for it and could not continue it.
 static void set_signals() {
     for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE, SIGCONT})
         signal(number, SIG_DFL);
@@ -37,11 +37,11 @@ static void set_signals() {
 
 // ---- The parent's side --------------------------------------------------------------------
 
-static constexpr int SLOW_AFTER_MS = 500; // without a result: it is said that one is waited for
-static constexpr int LOOK_AGAIN_MS = 200; // for a request to end that came just before a wait
+static constexpr int SLOW_AFTER_MS = 500; // without a result: the user is told to wait
+static constexpr int LOOK_AGAIN_MS = 200; // for a request to end just before a wait
 
-// Of an interface that is asked to end: how long the command may take to end by itself, and
-// how long after each signal. Together less than a second.
+// If the interface is asked to end: how long the command may take to end by itself, and how long
+// after each signal. Together less than a second.
 static constexpr int GRACE_MS = 300;
 static constexpr int DYING_MS = 200;
 
@@ -53,7 +53,7 @@ struct started_job {
     child_exchange traffic;
 };
 
-// Calls `waiting` when it is time to. Returns for how long to wait then.
+// Calls `waiting` when it is time to. Returns how long to wait now.
 static int remaining_wait(int64_t started_ms, const std::function<void()> &waiting) {
     const int64_t slow_in_ms = started_ms + SLOW_AFTER_MS - child_clock_ms();
     if (slow_in_ms > 0)
@@ -63,12 +63,12 @@ static int remaining_wait(int64_t started_ms, const std::function<void()> &waiti
     return LOOK_AGAIN_MS;
 }
 
-// Nobody is left to wait for what comes of the command.
+// Whether nobody waits for the command's result any more.
 static bool is_to_end() {
     return quit_requested || tui_is_hung_up();
 }
 
-// Feeds and drains the child, until its output ends or the interface is to end.
+// Feeds and drains the child until EOF of its output, or until the interface must end.
 static void attend(started_job *job, const std::function<void()> &waiting) {
     const int64_t started_ms = child_clock_ms();
     auto state = exchange_state::open;
@@ -78,7 +78,7 @@ static void attend(started_job *job, const std::function<void()> &waiting) {
     }
 }
 
-// Feeds and drains a child that is to end by itself now, and then ends it.
+// Feeds and drains the child for a moment, so that it can end by itself, then ends it.
 static void attend_the_end(started_job *job, int *status) {
     const int64_t deadline_ms = child_clock_ms() + GRACE_MS;
     auto state = exchange_state::open;
@@ -94,7 +94,7 @@ static void attend_the_end(started_job *job, int *status) {
     }
 }
 
-// Waits for the child's end. Returns its wait status, NOT_REAPED when nobody tells it.
+// Waits for the child's end. Returns its wait status, NOT_REAPED when it is unknown.
 static int follow(started_job *job, const std::function<void()> &waiting) {
     int status = NOT_REAPED;
     attend(job, waiting);
@@ -121,7 +121,7 @@ job_result tui_run_command(const tui_job &job, std::string_view input,
     if (!child_pipe_open(&to_child) || !child_pipe_open(&from_child))
         return result;
     fflush(stdout);
-    const tui_signals_ignored ignored; // before the fork: no key falls between
+    const tui_signals_ignored ignored; // before the fork, so that no key is missed
     started_job started;
     started.child = fork();
     if (started.child < 0)

@@ -1,5 +1,5 @@
-// Administrator commands, run in a child: one that ends its process ends only the child, and
-// what it prints is kept to be shown.
+// Runs administrator commands in a child. A command that ends its process ends only the child; its
+// output is kept, to be shown.
 #pragma once
 
 #include "common/core.h"
@@ -19,9 +19,8 @@ struct job_result {
 };
 
 // Runs `job` with `input` on its standard input. Output beyond JOB_OUTPUT_MAX_BYTES is dropped.
-//   waiting  called after half a second without a result, and again and again from then on; may
-//            be empty
-// An interface that is asked to end takes the child with it: one that does not end by itself
-// within a moment is ended.
+//   waiting  called after half a second without a result, and repeatedly from then on; may be empty
+// If the interface is asked to end, the child gets a moment to end by itself, then SIGTERM, then
+// SIGKILL.
 [[nodiscard]] job_result tui_run_command(const tui_job &job, std::string_view input,
                                          const std::function<void()> &waiting);

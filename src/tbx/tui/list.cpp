@@ -33,7 +33,7 @@ void tui_clean_message(message_record *message) {
     message->text = tui_clean(message->text);
 }
 
-// Letter case counts for nothing, in ASCII.
+// Ignores the case of ASCII letters.
 static bool contains(const std::string &text, const std::string &sought) {
     return strcasestr(text.c_str(), sought.c_str()) != nullptr;
 }
@@ -126,7 +126,8 @@ static void append_message(strbuf *line, const message_summary &row) {
     tui_fit(line, text.view(), message_cols());
 }
 
-// How many have confirmed, in what the line leaves: a number that is cut would be another one.
+// Returns how many have confirmed, in the columns that the line leaves. A number is never cut: that
+// would be another number.
 static std::string short_recipients(const message_summary &row, int columns) {
     const int64_t total = std::max<int64_t>(int64_t{row.confirmed} + row.delivered + row.sent, 1);
     std::string text = xasprintf("%d/%lld", row.confirmed, static_cast<long long>(total));
@@ -155,7 +156,7 @@ static void append_row(strbuf *line, const message_summary &row, bool is_selecte
     append_recipients(line, row);
 }
 
-// The line in the selection style alone, which spans the whole width.
+// Shows the line in the selection style only, over the whole width.
 static void highlight(strbuf *line) {
     const std::string plain = tui_without_styles(line->view());
     strbuf_reset(line);
@@ -211,8 +212,8 @@ struct list_page {
     std::string search_text; // empty: no filter
     int selected = 0;
     int top = 0;
-    int tick_count = 0;   // idle ticks since the list was last read for idleness
-    std::string farewell; // said once the terminal is restored; empty for nothing
+    int tick_count = 0;   // idle ticks since the list was last read because of them
+    std::string farewell; // printed once the terminal is restored; empty for none
 };
 
 static int row_count(const list_page &state) {
@@ -307,7 +308,7 @@ static void clear_search(list_page *state) {
     reload(state);
 }
 
-// False to leave the interface.
+// Returns false to leave the interface.
 static bool press_letter(list_page *state, tui_screen *page, std::string_view letter) {
     if (letter == "q" || letter == "Q")
         return false;
@@ -329,7 +330,7 @@ static bool press_letter(list_page *state, tui_screen *page, std::string_view le
     return true;
 }
 
-// False to leave the interface.
+// Returns false to leave the interface.
 static bool press(list_page *state, tui_screen *page, tui_key key, const char *character) {
     switch (key) {
     case KEY_ERROR:
@@ -380,18 +381,18 @@ static bool press(list_page *state, tui_screen *page, tui_key key, const char *c
 
 // ---- The interface ------------------------------------------------------------------------
 
-// Below this the list would be a broken frame: it is left instead.
+// Whether the list would be a broken frame: the interface ends then.
 static bool screen_is_too_small() {
     return tui.screen_rows < TUI_MIN_ROWS || tui.screen_cols < TUI_MIN_COLS;
 }
 
-// Returns what is to be said once the terminal is restored.
+// Returns what is to be printed once the terminal is restored.
 static std::string run_list() {
     list_page state;
     reload(&state);
     tui_screen page;
     page.rebuild = [&state](tui_screen *below) {
-        clamp_view(&state); // the size may be another one
+        clamp_view(&state); // the size may have changed
         build(state, below);
     };
     while (!quit_requested && !screen_is_too_small()) {

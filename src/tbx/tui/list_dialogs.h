@@ -5,11 +5,11 @@
 
 #include <string>
 
-// Asks for the text to search for. True when it was confirmed, with `search_text` replaced.
+// Asks for the text to search for. Replaces `search_text` and returns true when it was confirmed.
 [[nodiscard]] bool search_dialog(tui_screen *page, std::string *search_text);
 
-// Asks for an age, and deletes what is older.
+// Asks for an age, and deletes older messages.
 void purge_dialog(tui_screen *page);
 
-// Tells the keys of the list.
+// Shows the keys of the list.
 void keys_dialog(tui_screen *page);

@@ -14,7 +14,7 @@ constexpr int TUI_MIN_ROWS = 20;
 // How the interface uses the terminal.
 extern const session_rules TUI_RULES;
 
-// Takes the screen for the interface. False as session_start().
+// Starts the full screen for the interface. Returns false as session_start() does.
 [[nodiscard]] bool tui_start();
 
 // ---- Pages --------------------------------------------------------------------------------
@@ -27,8 +27,8 @@ struct tui_screen {
     int cursor_row = 0; // body line of the cursor, from 1; below 1 it stays hidden
     int cursor_col = 0; // column in that line, from 0
 
-    // Builds the page anew for a terminal whose size is another one; empty where nothing
-    // depends on it. Called by the dialogs above the page.
+    // Builds the page again after the terminal's size has changed; empty if nothing depends on it.
+    // Called by the dialogs above the page.
     std::function<void(tui_screen *page)> rebuild;
 };
 

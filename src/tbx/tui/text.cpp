@@ -95,7 +95,7 @@ struct text_place {
     int column = 0;
 };
 
-// Where the first cluster begins that stands at `column` or behind it.
+// Returns the place of the first cluster that begins at `column` or after it.
 static text_place place_of_column(std::string_view text, int column) {
     text_place place;
     while (place.column < column && place.byte < text.size()) {
@@ -215,7 +215,7 @@ struct line_break {
     size_t next; // where the rest begins
 };
 
-// Where to break a paragraph that is wider than `width`. False when it is not.
+// Finds where to break a paragraph that is wider than `width`. Returns false when it is not wider.
 static bool find_break(std::string_view paragraph, int width, line_break *out) {
     size_t last_blank = 0;
     int columns = 0;
@@ -302,7 +302,7 @@ void tui_confirm_bar(strbuf *out, int confirmed, int delivered, int sent) {
     if (sent != 0)
         red = std::max(red, 1);
     if (delivered != 0 && green + red == BAR_CELLS && green > 0)
-        green--; // whoever is still to confirm shows
+        green--; // one cell stays for those who have not confirmed
     strbuf_append_str(out, tui_style.green);
     tui_repeat(out, "█", green);
     strbuf_append_str(out, tui_style.yellow);

@@ -1,5 +1,5 @@
-// Styled text for the interface: its style strings, cutting and padding to columns, wrapping.
-// Style sequences take no column; a character takes as many as terminals draw it in.
+// Styled text for the interface: its style strings, cutting and padding to columns, wrapping. Style
+// sequences take no column; a character takes as many as it does on a terminal.
 #pragma once
 
 #include "common/core.h"
@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-// Each either an escape sequence or empty; set by tui_styles_set(), plain at the start.
+// Each is an escape sequence or empty. Set by tui_styles_set(); empty at the start.
 struct tui_styles {
     bool colour_on = false;
     const char *selection = "";
@@ -30,24 +30,26 @@ void tui_styles_set(bool colour_on);
 
 // ---- Columns ------------------------------------------------------------------------------
 
-// Columns of `text`, which holds no style sequences; of a line that may, tui_line_columns().
+// Returns the columns of `text`, which holds no style sequences. For a line that may:
+// tui_line_columns().
 [[nodiscard]] int tui_columns(std::string_view text);
 
-// The first column from `column` on at which a character begins.
+// Returns the first column from `column` on at which a character begins.
 [[nodiscard]] int tui_whole_column(std::string_view text, int column);
 
-// The line without its style sequences.
+// Returns the line without its style sequences.
 [[nodiscard]] std::string tui_without_styles(std::string_view line);
 
-// Byte offsets of the characters behind and before the one at `at`; they stop at the ends.
+// Return the byte offset of the character after, or before, the one at `at`; they stop at the ends
+// of `text`.
 [[nodiscard]] size_t tui_next_character(std::string_view text, size_t at);
 [[nodiscard]] size_t tui_previous_character(std::string_view text, size_t at);
 
-// The characters of `text` that stand whole from column `first` on, in `columns` at most.
+// Returns the characters of `text` that are whole within the `columns` columns from `first` on.
 [[nodiscard]] std::string_view tui_window(std::string_view text, int first, int columns);
 
-// The beginning of `text` in which every character begins before byte `limit`: as much as a field
-// takes that accepts characters while it is shorter than that.
+// Returns the longest beginning of `text` in which every character begins before byte `limit`. A
+// field that accepts characters while it is shorter than `limit` takes exactly that.
 [[nodiscard]] std::string_view tui_beginning(std::string_view text, size_t limit);
 
 // ---- Appending ----------------------------------------------------------------------------
@@ -56,7 +58,7 @@ void tui_styles_set(bool colour_on);
 // bytes become blanks, broken characters U+FFFD; style sequences pass.
 int tui_cut(strbuf *out, std::string_view text, int width);
 
-// Appends `text` cut or padded to exactly `width` columns, with the reset style behind it.
+// Appends `text` cut or padded to exactly `width` columns, then the reset style.
 void tui_fit(strbuf *out, std::string_view text, int width);
 
 // The same without the reset style, so that the padding keeps the style before it.
@@ -69,9 +71,8 @@ void tui_repeat(strbuf *out, const char *piece, int count);
 
 void tui_add_line(strlist *lines, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Appends the lines of `text`, broken at the last blank that leaves at most `width` columns
-// before it, or hard.
-// A final newline adds no empty line.
+// Appends the lines of `text`, broken at the last blank that leaves at most `width` columns before
+// it; if there is none, at `width`. A final newline adds no empty line.
 void tui_wrap(std::string_view text, int width, strlist *lines);
 
 // Appends the lines of `text` as they are. A final newline adds no empty line.
@@ -79,16 +80,17 @@ void tui_split_lines(std::string_view text, strlist *lines);
 
 // ---- Text from outside --------------------------------------------------------------------
 
-// The text without escape sequences and control characters, tab and newline excepted.
+// Returns the text without escape sequences and control characters, except tab and newline.
 [[nodiscard]] std::string tui_clean(std::string_view text);
 
-// The text with every control byte, Esc too, as a blank: byte for byte as long as it was.
+// Returns the text with a blank in place of every control byte, Esc included. Its length stays the
+// same.
 [[nodiscard]] std::string tui_blank_controls(std::string_view text);
 
-// Text that was pasted: cleaned, every line end a newline.
+// Returns pasted text cleaned, with every line end a newline.
 [[nodiscard]] std::string tui_clean_paste(std::string_view pasted);
 
-// The same in one line: line ends are blanks.
+// Returns it in one line: line ends become blanks.
 [[nodiscard]] std::string tui_on_one_line(std::string_view pasted);
 
 // ---- How far a message got ----------------------------------------------------------------
