@@ -126,7 +126,7 @@ static void run_without_command() {
 // never opened as standard output.
 static void open_missing_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
-        // The lowest free descriptor is this one.
+        // open() returns the lowest free descriptor, which is this one.
         if (fcntl(fd, F_GETFD) < 0 && errno == EBADF && open("/dev/null", O_RDWR) < 0)
             die("/dev/null: %s", strerror(errno));
 }
