@@ -28,8 +28,9 @@
 constexpr uint64_t MSEC_PER_SEC = 1000;
 constexpr uint64_t RETRY_FIRST_MS = 10 * MSEC_PER_SEC;
 constexpr uint64_t RETRY_LONGEST_MS = 3600 * MSEC_PER_SEC;
-// The time between two looks is at least this, and at least this many times what a look takes: in
-// a large mailbox in which much happens the agent is idle most of the time.
+// Between two looks it waits at least LOOK_INTERVAL_MS, and at least LOOK_IDLE_FACTOR times as long
+// as a look takes: the agent is idle most of the time, even with a large mailbox that changes
+// often.
 constexpr uint64_t LOOK_INTERVAL_MS = 20;
 constexpr uint64_t LOOK_IDLE_FACTOR = 4;
 constexpr size_t COUNTED_MAX = 1000; // messages that are opened to see whether they wait
@@ -118,21 +119,21 @@ private:
     notifier notices_;
     config settings_;
 
-    waiting_message current_; // on the screen, or on its way there; id 0: none
+    waiting_message current_; // on the screen, or being opened; id 0: none
     int64_t began_ = 0;       // when it was chosen
     bool is_shown_ = false;
-    bool mark_stands_ = false; // that it was shown
+    bool mark_stands_ = false; // its mark "shown"
     bool only_notice_ = false; // there is no window program
     int64_t asked_for_ = 0;    // the user wants to see this one, due or not
     std::string token_;        // of the user's activation
     environment_list manager_environment_;
     std::map<int64_t, int64_t> remembered_; // moments of marks that could not be written
-    size_t round_done_ = 0;                 // messages since none was due
+    size_t round_done_ = 0;                 // messages done since none was due
     size_t round_total_ = 1;
     uint64_t retry_pause_ms_ = 0; // 0: the last try succeeded
     uint64_t retry_at_ms_ = 0;
-    bool window_hung_ = false; // the last one, maybe for the bus
-    bool is_closing_ = false;  // the window, since the message is no longer to be shown
+    bool window_hung_ = false; // the last window; maybe it waited for the bus
+    bool is_closing_ = false;  // the window closes: the message must not be shown any more
     bool is_finishing_ = false;
 };
 
@@ -154,8 +155,8 @@ static void require(int result, const char *what) {
         die("%s: %s", what, strerror(-result));
 }
 
-// The mailbox is watched before the readiness file tells `tbx` that a signal is enough, and looked
-// at after that: no message is missed.
+// Watches the mailbox first, then writes the readiness file, which tells `tbx` that a signal is
+// enough, then looks at the mailbox. So no message is missed.
 void agent::start() {
     if (own_account(&owner_) != 0)
         die(_("cannot find the account of this user: %s"), strerror(errno));
@@ -177,7 +178,7 @@ void agent::add_signals() {
     }
 }
 
-// Without it the sessions are looked at with every look all the same.
+// If it fails, the sessions are still checked with every look.
 void agent::watch_logins() {
     sd_login_monitor *monitor = nullptr;
     if (!has_service_manager() || sd_login_monitor_new("session", &monitor) < 0)
@@ -191,7 +192,7 @@ void agent::watch_logins() {
     login_source_.reset(source);
 }
 
-// Connecting takes no time: the bus is spoken with while the loop runs.
+// Connecting does not block: the exchange with the bus takes place while the loop runs.
 void agent::connect_bus() {
     if (bus_ && sd_bus_is_open(bus_.get()) > 0)
         return;
@@ -209,7 +210,7 @@ void agent::connect_bus() {
 
 // ---- What wakes it ------------------------------------------------------------------------
 
-// `tbx` or another agent has news: what failed before is tried again at once.
+// `tbx` or another agent sent a signal: what failed before is tried again at once.
 int agent::on_wake(sd_event_source *, const signalfd_siginfo *, void *self) {
     auto *woken = static_cast<agent *>(self);
     woken->retry_at_ms_ = 0;
@@ -229,12 +230,12 @@ int agent::on_look_timer(sd_event_source *, uint64_t, void *self) {
 
 int agent::on_login_event(sd_event_source *, int, uint32_t, void *self) {
     auto *woken = static_cast<agent *>(self);
-    (void)sd_login_monitor_flush(woken->login_monitor_.get()); // what happened is looked at below
+    (void)sd_login_monitor_flush(woken->login_monitor_.get()); // the look below finds what happened
     woken->look_in(0);
     return 0;
 }
 
-// Looks in so many milliseconds, or earlier if that was planned already.
+// Plans a look in so many milliseconds, unless an earlier one is planned already.
 void agent::look_in(uint64_t milliseconds) {
     const uint64_t moment = monotonic_ms();
     const uint64_t at = std::max(moment + milliseconds, look_not_before_ms_);
@@ -269,7 +270,7 @@ void agent::look() {
         release(); // there is nothing to show
         break;
     case mailbox_look::failed:
-        break; // nothing is known
+        break; // unknown: no change
     }
     const uint64_t ended = monotonic_ms();
     look_not_before_ms_ = ended + std::max(LOOK_INTERVAL_MS, (ended - began) * LOOK_IDLE_FACTOR);
@@ -294,7 +295,7 @@ void agent::plan_expiry(const message_record &message) {
         look_in(static_cast<uint64_t>(std::max<int64_t>(left, 0)) * MSEC_PER_SEC);
 }
 
-// Whether a message is on the screen, or on its way there.
+// Whether a message is on the screen or being opened.
 bool agent::is_engaged() const {
     return window_.is_open() || environment_call_ || (only_notice_ && is_shown_);
 }
@@ -305,13 +306,13 @@ bool agent::is_waiting(const own_mailbox &box, int64_t id) const {
     return state == waiting_state::waiting || state == waiting_state::failed;
 }
 
-// Whether the message on the screen is still to be shown. If the mark is gone that it was shown,
-// the administrator has reminded of it: it comes up anew.
+// Whether the message on the screen must still be shown. If its mark "shown" is gone, the
+// administrator has sent a reminder: it is shown again.
 bool agent::still_stands(const own_mailbox &box) {
     waiting_message found;
     const waiting_state state = inbox_look(box, current_.id, now(), &found);
     if (state == waiting_state::failed)
-        return true; // nothing is known
+        return true; // unknown: no change
     if (state == waiting_state::waiting)
         current_.message.expires = found.message.expires;
     const bool was_postponed =
@@ -329,7 +330,7 @@ bool agent::choose_asked_for(const own_mailbox &box) {
     return true;
 }
 
-// When the message is due on the desktop; 0 for now.
+// Returns when the message is due on the desktop; 0 for now.
 int64_t agent::due_at(const pending_message &pending) const {
     channel_mark desktop = pending.desktop;
     const auto remembered = remembered_.find(pending.id);
@@ -345,7 +346,7 @@ void agent::forget_marks(const std::vector<pending_message> &pending) {
     });
 }
 
-// Begins with the first message that is due, and plans the next look for those that will be.
+// Shows the first message that is due, and plans the next look for those that will be due.
 void agent::choose_due(const own_mailbox &box) {
     std::vector<pending_message> pending;
     if (inbox_pending(box, now(), &pending) != 0)
@@ -391,8 +392,8 @@ void agent::begin(waiting_message chosen) {
         prepare();
 }
 
-// Asks the service manager for the environment of the desktop as it is now. Where there is none,
-// any answer shows that the bus is alive.
+// Asks the service manager for the present environment of the desktop. If there is no service
+// manager, any answer shows that the bus works.
 void agent::prepare() {
     manager_environment_.clear();
     sd_bus_slot *slot = nullptr;
@@ -413,7 +414,7 @@ void agent::prepare() {
     if (result >= 0)
         result = sd_bus_call_async(bus_.get(), &slot, message, on_environment, this, UINT64_MAX);
     environment_call_.reset(slot);
-    // The bus's own limits begin when it has said its first word.
+    // The bus's own limits begin only with its first answer.
     if (result >= 0)
         result =
             set_timer(loop_, &environment_limit_, BUS_ANSWER_LIMIT_MS, on_environment_limit, this);
@@ -430,7 +431,7 @@ int agent::on_environment_limit(sd_event_source *, uint64_t, void *self) {
     return 0;
 }
 
-// The list of strings in a variant; empty if the answer is another.
+// Returns the list of strings in a variant; empty for any other answer.
 static environment_list read_environment(sd_bus_message *reply) {
     environment_list found;
     const char *variable = nullptr;
@@ -468,7 +469,7 @@ void agent::open_window() {
         environment_set(&environment, "XDG_ACTIVATION_TOKEN", token);
         environment_set(&environment, "DESKTOP_STARTUP_ID", token);
     }
-    // The toolkit waits for a bus that is mute for as long as it takes.
+    // Without this, the toolkit would wait without limit for a bus that does not answer.
     if (!bus_ || sd_bus_is_ready(bus_.get()) <= 0 || window_hung_) {
         environment_set(&environment, "DBUS_SESSION_BUS_ADDRESS", "disabled:");
         environment_set(&environment, "GTK_A11Y", "none");
@@ -488,7 +489,7 @@ void agent::failed_to_show() {
     look_in(retry_pause_ms_);
 }
 
-// A mark that cannot be written is remembered.
+// Writes the mark "shown". If it cannot be written, its time is remembered.
 void agent::shown() {
     retry_pause_ms_ = retry_at_ms_ = 0;
     window_hung_ = false;
@@ -496,7 +497,7 @@ void agent::shown() {
     const int64_t moment = now();
     own_mailbox box;
     if (mailbox_open(owner_, &box) != mailbox_look::found)
-        return; // noticed by the next look
+        return; // the next look notices it
     [[maybe_unused]] const mailbox_lock lock = mailbox_lock::take(box, /*patience_ms=*/0);
     mark_stands_ = answer_shown(&box, current_.id, channel::desktop, moment,
                                 settings_.remind_minutes * 60) == 0;
@@ -505,7 +506,7 @@ void agent::shown() {
     look_in(0);
 }
 
-// The message is not to be shown any more.
+// Removes the message from the screen: it must not be shown any more.
 void agent::release() {
     environment_call_.reset();
     notices_.take_down();
@@ -516,7 +517,7 @@ void agent::release() {
         (void)let_go();
 }
 
-// There is no message on the screen any more. Returns which one it was.
+// Forgets the message on the screen. Returns its identifier.
 int64_t agent::let_go() {
     is_shown_ = false;
     return std::exchange(current_, {}).id;
@@ -540,7 +541,7 @@ void agent::window_ended(dialog_end end) {
         look_in(0);
 }
 
-// Where there is no window, the notification shows the message.
+// Without a window program, the notification shows the message.
 void agent::notice_stands(int64_t id) {
     if (only_notice_ && id == current_.id && !is_shown_)
         shown();
@@ -562,7 +563,7 @@ void agent::action_chosen(int64_t id, const std::string &action, const std::stri
     } else if (action == "show") {
         token_ = token;
         asked_for_ = id;
-        is_closing_ = true; // it comes back at once
+        is_closing_ = true; // it is shown again at once
         window_.close();
     }
     look_in(0);
@@ -610,8 +611,8 @@ void agent::finish() {
 
 // ---- One for each user --------------------------------------------------------------------
 
-// Takes the lock. False if another agent serves this user: it is told to look again. One that was
-// started without a display makes way for one that has one.
+// Takes the lock. Returns false if another agent serves this user; that one is told to look again.
+// An agent without a display is replaced by one that has a display.
 static bool become_the_agent(unique_fd *lock) {
     pid_t holder = 0;
     switch (instance_take(lock, &holder)) {
@@ -626,7 +627,7 @@ static bool become_the_agent(unique_fd *lock) {
         !display_answers(environment_of(holder)))
         return instance_replace(lock, holder);
     if (holder > 0)
-        kill(holder, SIGUSR1); // it holds the lock, so it has blocked the signal
+        kill(holder, SIGUSR1); // it holds the lock, so it has blocked the signal already
     return false;
 }
 
@@ -639,7 +640,7 @@ static void block_signals() {
     signal(SIGPIPE, SIG_IGN);
 }
 
-// What is opened later must not take the numbers of the standard streams.
+// Opens missing standard streams, so that files opened later do not get their numbers.
 static void open_standard_streams() {
     int opened = 0;
     while (opened >= 0 && opened <= STDERR_FILENO)

@@ -13,7 +13,8 @@
 #include <ctime>
 
 constexpr mode_t ANSWER_MODE = 0644;
-// An answer that is recorded, but whose copy could not be moved: the next run only moves it.
+// The mode of an answer that is recorded, but whose copy could not be moved: the next run only
+// moves it.
 constexpr mode_t RECORDED_MODE = 0444;
 constexpr mode_t FOLDER_MODE = 0755;
 constexpr int REPLACE_TRIES = 5;
@@ -28,14 +29,15 @@ static int64_t monotonic_ms() {
 
 static void sleep_ms(long milliseconds) {
     const timespec time = {0, milliseconds * 1'000'000};
-    nanosleep(&time, nullptr); // a signal shortens it: the caller looks at the clock
+    nanosleep(&time, nullptr); // a signal shortens it: the caller checks the clock
 }
 
 mailbox_lock mailbox_lock::take(const own_mailbox &box, int patience_ms) {
-    constexpr long TRY_INTERVAL_MS = 5; // a lock that is free is not noticed by itself
+    constexpr long TRY_INTERVAL_MS = 5; // nothing reports that a lock is free
     mailbox_lock lock;
     const int64_t deadline = monotonic_ms() + patience_ms;
-    // A description of its own: through the mailbox's, two locks of this process would be one.
+    // Opens the folder again: two locks of this process through one open file would be the same
+    // lock.
     unique_fd fd(openat(box.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     while (fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
         if ((errno != EWOULDBLOCK && errno != EINTR) || monotonic_ms() >= deadline)
@@ -52,8 +54,8 @@ static std::string id_text(int64_t id) {
     return std::to_string(id);
 }
 
-// Opens a folder of the mailbox that was missing when the mailbox was opened, making it if it
-// still is. 0, or -1 with errno.
+// Opens a folder of the mailbox that was missing when the mailbox was opened; creates it if it is
+// still missing. Returns 0, or -1 with errno.
 static int ensure_folder(const own_mailbox &box, const char *name, unique_fd *folder) {
     if (*folder)
         return 0;
@@ -96,7 +98,7 @@ static int sync_file(const unique_fd &file) {
     return 0;
 }
 
-// Removes what this call has created, and keeps errno for the failure that made it necessary.
+// Removes what this call has created. Keeps errno of the failure before it.
 static void remove_again(const unique_fd &folder, const std::string &name) {
     const int saved = errno;
     unlinkat(folder.get(), name.c_str(), 0); // may be gone already
@@ -105,8 +107,8 @@ static void remove_again(const unique_fd &folder, const std::string &name) {
 
 // ---- Files that appear whole --------------------------------------------------------------
 
-// A file that is being written. It has no name, or a hidden one where the file system knows no
-// files without a name.
+// A file that is being written. It has no name; on file systems without O_TMPFILE it has a hidden
+// one.
 struct new_file {
     unique_fd fd;
     std::string hidden; // empty: without a name
@@ -124,8 +126,8 @@ static int create_hidden(const unique_fd &folder, const std::string &name, new_f
     constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     file->hidden = hidden_name(name);
     file->fd.reset(openat(folder.get(), file->hidden.c_str(), FLAGS, ANSWER_MODE));
-    if (!file->fd && errno == EEXIST) { // a killed run's: a living one finds out and tries again
-        unlinkat(folder.get(), file->hidden.c_str(), 0); // the next call tells whether it went
+    if (!file->fd && errno == EEXIST) { // left by a killed run; a running one notices and retries
+        unlinkat(folder.get(), file->hidden.c_str(), 0); // the next call shows whether that worked
         file->fd.reset(openat(folder.get(), file->hidden.c_str(), FLAGS, ANSWER_MODE));
     }
     return file->fd ? 0 : -1;
@@ -145,8 +147,8 @@ static void drop_file(const unique_fd &folder, new_file *file) {
     file->fd.reset();
 }
 
-// Gives the very file that is open a name, whatever stands under its hidden one by now. EEXIST
-// when something has that name.
+// Gives the open file a name, even if another file has its hidden name by now. Returns 0, or -1
+// with errno: EEXIST when the name is taken.
 static int link_file(const unique_fd &folder, const new_file &file, const std::string &name) {
     const std::string open_file = "/proc/self/fd/" + std::to_string(file.fd.get());
     if (linkat(AT_FDCWD, open_file.c_str(), folder.get(), name.c_str(), AT_SYMLINK_FOLLOW) == 0)
@@ -159,13 +161,13 @@ static int link_file(const unique_fd &folder, const new_file &file, const std::s
 
 // ---- After an answer ----------------------------------------------------------------------
 
-// Moves the copy of an answered message to read/. If that fails although it was recorded, the
-// answer itself is made to tell so.
+// Moves the copy of an answered message to read/. If that fails, the mode of the answer says that
+// it was recorded.
 static void move_to_read(own_mailbox *box, int64_t id, const unique_fd &answer) {
     const std::string name = id_text(id);
     if (ensure_folder(*box, "read", &box->read) == 0 &&
         renameat(box->inbox.get(), name.c_str(), box->read.get(), name.c_str()) == 0) {
-        (void)sync_folder(box->read); // the answer is safe: a copy that comes back is moved again
+        (void)sync_folder(box->read); // if the copy reappears, it is moved again
         (void)sync_folder(box->inbox);
         return;
     }
@@ -195,7 +197,7 @@ static bool stands(const unique_fd &folder, const std::string &name, const uniqu
            there.st_ino == open_one.st_ino;
 }
 
-// What somebody else has made of acks/ID.
+// Returns what another program has put at acks/ID.
 static confirmation existing_answer(own_mailbox *box, int64_t id) {
     confirmation outcome;
     outcome.answer = answer_read(*box, id);
@@ -207,7 +209,7 @@ static confirmation existing_answer(own_mailbox *box, int64_t id) {
     case answer_state::not_a_file:
         outcome.result = confirm_result::not_a_file;
         break;
-    case answer_state::none: // gone again: withdrawn
+    case answer_state::none: // removed again: withdrawn
         outcome.result = confirm_result::withdrawn;
         break;
     case answer_state::failed:
@@ -217,14 +219,14 @@ static confirmation existing_answer(own_mailbox *box, int64_t id) {
     return outcome;
 }
 
-// Writes the answer and holds it by a lock of its own until the descriptor goes. 0, or -1 with
-// errno: EEXIST if there is an answer.
+// Writes the answer and holds its lock until the descriptor is closed. Returns 0, or -1 with errno:
+// EEXIST if there is an answer.
 static int write_answer(own_mailbox *box, int64_t id, const std::string &text, new_file *file) {
     const std::string name = id_text(id);
     if (ensure_folder(*box, "acks", &box->acks) != 0 || create_file(box->acks, name, file) != 0)
         return -1;
-    // Whoever finds the answer, and the copy still in the inbox, sees by the lock that somebody
-    // is at work. Nobody else can hold it yet; where there are no locks it goes without.
+    // A program that finds the answer, and the copy still in the inbox, sees by the lock that this
+    // one is working. Nobody else can hold it yet; if the file system has no locks, there is none.
     (void)!flock(file->fd.get(), LOCK_EX | LOCK_NB);
     if (write_all(file->fd.get(), text.data(), text.size()) != 0 || sync_file(file->fd) != 0 ||
         link_file(box->acks, *file, name) != 0)
@@ -252,7 +254,7 @@ confirmation answer_confirm(own_mailbox *box, int64_t id, channel where) {
     const bool written = write_answer(box, id, text, &file) == 0;
     const int error = errno;
     if (!file.hidden.empty())
-        remove_again(box->acks, file.hidden); // the answer has its own name now, or never will
+        remove_again(box->acks, file.hidden); // the answer has its final name now, or has failed
     if (!written && error == EEXIST)
         return existing_answer(box, id);
     if (!written) {
@@ -261,7 +263,7 @@ confirmation answer_confirm(own_mailbox *box, int64_t id, channel where) {
         return failed_with(error);
     }
     if (look_for(box->inbox, name) == presence::absent) {
-        // Withdrawn or deleted meanwhile: an answer to nothing must not stay.
+        // Withdrawn or deleted meanwhile: its answer must not stay.
         if (stands(box->acks, name, file.fd))
             remove_again(box->acks, name);
         return {.result = confirm_result::withdrawn, .answer = {}, .error = 0};
@@ -286,8 +288,8 @@ static int write_mark(const unique_fd &state, const std::string &name, std::stri
     return -1;
 }
 
-// Gives the file its hidden name. One that is there is a killed run's, or of a run that tries
-// again as this one does.
+// Gives the file its hidden name. A file with that name belongs to a killed run, or to a run that
+// retries as this one does.
 static int link_hidden(const unique_fd &state, const std::string &name, new_file *file) {
     if (!file->hidden.empty())
         return 0;
@@ -301,7 +303,8 @@ static int link_hidden(const unique_fd &state, const std::string &name, new_file
     return 0;
 }
 
-// Puts the mark in place of whatever stands there. ENOENT: somebody took the hidden name.
+// Replaces whatever is at the mark's name. Returns 0, or -1 with errno: ENOENT when another program
+// took the hidden name.
 static int replace_mark(const unique_fd &state, const std::string &name, new_file *file) {
     if (link_hidden(state, name, file) != 0)
         return -1;
@@ -311,8 +314,9 @@ static int replace_mark(const unique_fd &state, const std::string &name, new_fil
     return 0;
 }
 
-// Puts the mark in place of the one with that inode number only. EAGAIN: there is another one
-// now, which stays. Where the file system cannot exchange two files a look has to do.
+// Replaces only a mark with that inode number. Returns 0, or -1 with errno: EAGAIN when there is
+// another one now, which stays. On file systems that cannot exchange two files, looks first and
+// replaces then.
 static int replace_mark_if(const unique_fd &state, const std::string &name, ino_t expected,
                            new_file *file) {
     struct stat status = {};
@@ -331,7 +335,7 @@ static int replace_mark_if(const unique_fd &state, const std::string &name, ino_
     return -1;
 }
 
-// Whether the message can be marked: 0, or -1 with errno ENOENT or EALREADY.
+// Checks whether the message can be marked. Returns 0, or -1 with errno ENOENT or EALREADY.
 static int check_waiting(const own_mailbox &box, int64_t id) {
     if (look_for(box.acks, id_text(id)) != presence::absent) {
         errno = EALREADY;
@@ -343,7 +347,7 @@ static int check_waiting(const own_mailbox &box, int64_t id) {
     return -1;
 }
 
-// A mark for a message that was withdrawn or deleted meanwhile must not stay.
+// Removes the mark again if the message was withdrawn or deleted meanwhile.
 static int keep_only_if_waiting(const own_mailbox &box, int64_t id, const std::string &name) {
     if (look_for(box.inbox, id_text(id)) != presence::absent)
         return 0;
@@ -375,7 +379,7 @@ int answer_postpone(own_mailbox *box, int64_t id, channel where) {
 
 enum class shown_result { done, again, failed };
 
-// One try: what stood there when it was looked at is replaced, and nothing else.
+// Tries once. Replaces only the mark that it has looked at.
 static shown_result try_shown(const own_mailbox &box, int64_t id, channel where, int64_t moment,
                               int64_t remind_seconds) {
     const std::string name = mark_name(id, where);
@@ -413,7 +417,8 @@ int answer_shown(own_mailbox *box, int64_t id, channel where, int64_t moment,
 
 // ---- Tidying up ---------------------------------------------------------------------------
 
-// Records and moves an answered message that lies in the inbox still, unless somebody is at it.
+// Records and moves an answered message that is still in the inbox, unless another program is
+// working on it.
 static void finish_answer(own_mailbox *box, int64_t id) {
     const std::string name = id_text(id);
     const unique_fd answer(openat(box->acks.get(), name.c_str(),
@@ -423,7 +428,7 @@ static void finish_answer(own_mailbox *box, int64_t id) {
         return;
     if (flock(answer.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
         return;
-    // Whoever held it may have finished in the meantime, or taken it back.
+    // The program that held the lock may have finished meanwhile, or removed the answer.
     struct stat copy = {};
     const presence there = look_for(box->inbox, name, &copy);
     const presence moved = look_for(box->read, name);
@@ -435,7 +440,7 @@ static void finish_answer(own_mailbox *box, int64_t id) {
     const answer_record given = answer_read(*box, id);
     if (given.state != answer_state::answered)
         return;
-    if (!is_recorded) // though the message may have been withdrawn since: it was answered before
+    if (!is_recorded) // even if the message was withdrawn since: the answer came first
         record_confirmed(*box, id, given.channel);
     if (there == presence::present)
         move_to_read(box, id, answer);
@@ -475,7 +480,7 @@ static void remove_leftovers_of(const unique_fd &folder) {
     again.release();
     while (const dirent *entry = next_entry(directory.get()))
         if (is_leftover(entry->d_name))
-            unlinkat(folder.get(), entry->d_name, 0); // one that stays is tried again next time
+            unlinkat(folder.get(), entry->d_name, 0); // if it stays, the next run tries again
 }
 
 void answer_remove_leftovers(const own_mailbox &box, const mailbox_lock &lock) {

@@ -1,9 +1,9 @@
 // Answers and marks: the only writer of acks/, read/ and state/.
 //
-// The administrator's command works in the same mailbox without any lock, other programs of the
-// user do so at the same moment, and a run may be killed between any two calls. So every step
-// here is right by itself: an answer appears whole or not at all, is never replaced, and is held
-// by a lock of its own until it has been recorded.
+// The administrator's command and other programs of the user work in the same mailbox at the same
+// time, without a common lock, and a run may be killed between any two calls. So every step leaves
+// a valid state: an answer appears whole or not at all, is never replaced, and has a lock of its
+// own until it has been recorded.
 #pragma once
 
 #include "user/inbox.h"
@@ -15,9 +15,9 @@
 
 constexpr int MAILBOX_LOCK_PATIENCE_MS = 2000;
 
-// Held by whoever answers, shows or tidies up, until the object goes. It keeps the user's programs
-// out of each other's way and is not needed for anything to be right: whoever cannot get it in
-// time goes on without it.
+// Held while a program answers, shows or tidies up; released by the destructor. It keeps the user's
+// programs apart, but nothing depends on it: a program that cannot get it in time goes on without
+// it.
 class mailbox_lock {
 public:
     mailbox_lock() = default;
@@ -35,16 +35,16 @@ private:
 
 enum class confirm_result {
     confirmed,  // by this call
-    already,    // before: `answer` tells when and where; nothing was changed
-    not_a_file, // something else stands at acks/ID, which nobody takes for an answer
-    withdrawn,  // no such message, or not any more: no answer is left
-    failed,     // for the reason `error`: not written, and the message stays waiting; or, if
-                // `answer.state` is failed too, there is an answer that cannot be read
+    already,    // earlier: `answer` says when and where; nothing was changed
+    not_a_file, // acks/ID exists but is not a file, so it is no answer
+    withdrawn,  // there is no such message (any more): no answer is left
+    failed,     // because of `error`: not written, and the message still waits; or, if
+                // `answer.state` is failed too, an answer exists that cannot be read
 };
 
 struct confirmation {
     confirm_result result = confirm_result::failed;
-    answer_record answer; // confirmed and already: what stands in acks/ID
+    answer_record answer; // confirmed and already: the contents of acks/ID
     int error = 0;        // failed: an errno
 };
 
@@ -59,20 +59,20 @@ struct confirmation {
 // Marks the message as postponed from now on and records POSTPONED.
 [[nodiscard]] int answer_postpone(own_mailbox *box, int64_t id, channel where);
 
-// Marks the message as shown at `moment` (seconds since the epoch, not later than now). Leaves a
-// postponement that still holds, and a mark that is younger than `moment`: that is no error.
+// Marks the message as shown at `moment` (seconds since the epoch, not later than now). A
+// postponement that still holds, and a mark newer than `moment`, stay unchanged; that is no error.
 [[nodiscard]] int answer_shown(own_mailbox *box, int64_t id, channel where, int64_t moment,
                                int64_t remind_seconds);
 
 // ---- Tidying up ---------------------------------------------------------------------------
 
-// Finishes the answers of runs that were killed: what has an answer, and lies in the inbox still,
-// is recorded and moved to read/. Cheap when there is nothing to do. One that a living process
-// holds is left to it.
+// Finishes the answers of killed runs: a message that has an answer and is still in the inbox is
+// recorded and moved to read/. Cheap when there is nothing to do. Skips answers that a running
+// process holds.
 void answer_finish_interrupted(own_mailbox *box);
 
-// Removes the hidden files that killed runs have left. Does nothing without the lock: they could
-// be somebody's.
+// Removes the hidden files that killed runs have left. Does nothing without the lock: another
+// program could be using them.
 void answer_remove_leftovers(const own_mailbox &box, const mailbox_lock &lock);
 
 // ---- The prompt's mark --------------------------------------------------------------------

@@ -17,8 +17,8 @@ enum class asked_state { done, failed, stopped };
 
 } // namespace
 
-// A descriptor that becomes readable when something changes in the mailbox; empty if there is
-// none, and then a look every second has to do.
+// A descriptor that becomes readable when something changes in the mailbox; empty if there is none,
+// and then the question looks every second.
 static unique_fd watch_mailbox(const own_mailbox &box) {
     constexpr uint32_t CHANGES = IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM;
     unique_fd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
@@ -29,7 +29,7 @@ static unique_fd watch_mailbox(const own_mailbox &box) {
     return watch;
 }
 
-// Whether the message has stopped waiting. A look that fails says nothing.
+// Whether the message has stopped waiting. A look that fails counts as no.
 static bool is_over(own_mailbox *box, int64_t id) {
     if (!reopen_mailbox(box))
         return false;
@@ -38,7 +38,7 @@ static bool is_over(own_mailbox *box, int64_t id) {
     return state != waiting_state::waiting && state != waiting_state::failed;
 }
 
-// The sentence for a message that stopped waiting while it was on the screen.
+// Prints why a message stopped waiting while it was on the screen.
 static void tell_what_happened(const own_mailbox &box, int64_t id) {
     const answer_record answer = answer_read(box, id);
     waiting_message message;
@@ -87,7 +87,8 @@ static asked_state ask_about(own_mailbox *box, const waiting_message &message, b
     return act_on(answer, box, message.id);
 }
 
-// The first waiting message behind `last`: what arrives meanwhile is asked about too.
+// Finds the first waiting message after `last`. So messages that arrive meanwhile are asked about
+// too.
 static bool next_waiting(own_mailbox *box, int64_t last, waiting_message *next) {
     std::vector<int64_t> ids;
     if (!reopen_mailbox(box))

@@ -172,8 +172,8 @@ static bool is_continuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
 }
 
-// Columns of the character that begins with `lead`. Everything from U+0800 on counts as wide:
-// rows are better overestimated.
+// Columns of the character that begins with `lead`. Everything from U+0800 on counts as wide: too
+// many rows are better than too few.
 static size_t columns_of(char lead, size_t column) {
     constexpr size_t TAB_STOP = 8;
     if (lead == '\t')

@@ -1,5 +1,5 @@
-// What the user's commands share, and the commands themselves. A command returns the exit status,
-// 0 or 1; what makes going on impossible ends the process through die().
+// What the user's commands share, and the commands themselves. A command returns the exit status, 0
+// or 1; an error that makes it impossible to go on ends the process through die().
 #pragma once
 
 #include "user/answer.h"
@@ -9,7 +9,7 @@
 #include <string>
 
 // ---- The commands -------------------------------------------------------------------------
-// `arguments` are those behind the command's name.
+// The words after the command's name.
 
 using arguments = std::vector<std::string>;
 
@@ -29,23 +29,24 @@ int cmd_help();
 // The name of the own account. Ends the process if there is none.
 [[nodiscard]] std::string own_account_or_die();
 
-// Opens the own mailbox and finishes what killed runs have left there. An empty `folder` tells
-// that there is no mailbox. One that cannot be opened ends the process.
+// Opens the own mailbox and finishes what killed runs have left there. `folder` is empty if there
+// is no mailbox. Ends the process if it cannot be opened.
 [[nodiscard]] own_mailbox open_own_mailbox_or_die();
 
-// Opens it anew, to see folders that were made since. True unless it is gone or cannot be opened.
+// Opens it again, to see folders that were made since. Returns true unless it is gone or cannot be
+// opened.
 [[nodiscard]] bool reopen_mailbox(own_mailbox *box);
 
 // ---- Identifiers --------------------------------------------------------------------------
 
-// An identifier from the command line, 1 to 18 digits. False for anything else, after a
-// diagnostic.
+// Parses an identifier from the command line, 1 to 18 digits. For anything else prints a diagnostic
+// and returns false.
 [[nodiscard]] bool parse_identifier(const std::string &argument, int64_t *id);
 
 // ---- Sentences ----------------------------------------------------------------------------
 // Each is one line without its end.
 
-// "on 21/11 22:05 (desktop)", as far as the answer tells.
+// "on 21/11 22:05 (desktop)", as far as the answer holds it.
 [[nodiscard]] std::string answer_moment(const answer_record &answer);
 // "Message 12 was already confirmed on 21/11 22:05 (desktop)."
 [[nodiscard]] std::string already_confirmed_sentence(int64_t id, const answer_record &answer);
@@ -54,7 +55,7 @@ int cmd_help();
 // "30 minutes", for "it comes back in ...".
 [[nodiscard]] std::string remind_period(int64_t seconds);
 
-// Says to the user, on standard output, that nothing waits.
+// Prints on standard output that no message waits.
 void print_nothing_waits();
 
 // Diagnostics for a message that cannot be answered or shown.
@@ -64,8 +65,8 @@ void warn_not_a_file(const own_mailbox &box, int64_t id);
 
 // ---- Answering ----------------------------------------------------------------------------
 
-// Answers one message on the terminal channel and tells the user how it went. Returns 0, or 1
-// after a diagnostic.
+// Answers one message on the terminal channel and prints the result. Returns 0, or 1 after a
+// diagnostic.
 int confirm_and_tell(own_mailbox *box, int64_t id);
 int postpone_and_tell(own_mailbox *box, int64_t id);
 
@@ -76,16 +77,17 @@ struct terminal_size {
     int columns = 80;
 };
 
-// Of the terminal on standard output.
+// Returns the size of the terminal on standard output.
 [[nodiscard]] terminal_size output_size();
 
 // Whether both standard input and output are terminals.
 [[nodiscard]] bool is_on_terminal();
 
-// Rows that `text` takes on a terminal of that width. A character that may be wide counts as two
-// columns.
+// Returns the rows that `text` takes on a terminal of that width. A character that may be wide
+// counts as two columns.
 [[nodiscard]] size_t rows_of(std::string_view text, int columns);
 
 // Shows a message in its frame: through the pager if it is longer than the screen, otherwise
-// directly. `footer`, which may be empty, is a line below it. False if it could not be written.
+// directly. `footer`, which may be empty, is a line below it. Returns false if it could not be
+// written.
 [[nodiscard]] bool show_message(const message_record &message, const std::string &footer);

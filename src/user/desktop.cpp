@@ -27,7 +27,7 @@ bool has_service_manager() {
 
 using session_question = int (*)(const char *session, char **answer);
 
-// What the login manager says of a session; empty if it does not say.
+// Asks the login manager about a session. Returns its answer, empty if there is none.
 static std::string ask_session(session_question question, const char *session) {
     char *answer = nullptr;
     if (question(session, &answer) < 0)
@@ -47,7 +47,7 @@ bool has_desktop_session(uid_t uid) {
     char **sessions = nullptr;
     const int count = sd_uid_get_sessions(uid, /*require_active=*/0, &sessions);
     if (count < 0)
-        return count != -ENXIO && count != -ENODATA && count != -ENOENT; // it knows no such user
+        return count != -ENXIO && count != -ENODATA && count != -ENOENT; // these mean: no such user
     bool found = false;
     for (int i = 0; i < count; i++) {
         const owned_cstring session(sessions[i]);

@@ -13,12 +13,12 @@ using environment_list = std::vector<std::string>; // "NAME=VALUE"
 // Never in test mode.
 [[nodiscard]] bool has_service_manager();
 
-// Whether the user has a graphical session that is not closing. A login screen is none. If nobody
-// can be asked, the answer is yes.
+// Whether the user has a graphical session that is not closing. A login screen does not count.
+// Returns true if the login manager cannot be asked.
 [[nodiscard]] bool has_desktop_session(uid_t uid);
 
 [[nodiscard]] environment_list own_environment();
-// The environment that a process was started with; empty if it cannot be read.
+// Returns the environment that a process was started with; empty if it cannot be read.
 [[nodiscard]] environment_list environment_of(pid_t pid);
 
 // The value of a variable; empty if it is not set.
@@ -27,12 +27,12 @@ using environment_list = std::vector<std::string>; // "NAME=VALUE"
 void environment_set(environment_list *environment, std::string_view name, std::string_view value);
 void environment_unset(environment_list *environment, std::string_view name);
 
-// Whether the environment names a display whose server takes connections. That of another machine
-// is not asked, and counts.
+// Whether the environment names a display whose server takes connections. A display on another
+// machine is not tried and counts.
 [[nodiscard]] bool display_answers(const environment_list &environment);
 
-// The environment for a window: what the service manager says, over our own. Our own display
-// counts only if the manager's does not answer. Activation tokens are left out: they are somebody
-// else's.
+// Returns the environment for a window: our own, overridden by that of the service manager. Our own
+// display is used only if the manager's does not answer. Activation tokens are removed: they belong
+// to other programs.
 [[nodiscard]] environment_list window_environment(const environment_list &own,
                                                   const environment_list &manager);

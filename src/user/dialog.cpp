@@ -33,7 +33,7 @@ static unique_fd input_file(std::string_view input) {
     return file;
 }
 
-// In the child. It shares nothing with its parent but standard error, and goes with it.
+// In the child. It inherits only standard error, and is killed when its parent ends.
 [[noreturn]] static void become_window(const char *program, int input, int output,
                                        char *const environment[], pid_t parent) {
     for (int number = 1; number < NSIG; number++)
@@ -70,7 +70,7 @@ int dialog::open(const std::string &program, std::string_view input,
     return watch(child, std::move(reading));
 }
 
-// Listens to a child that was just started. A child that cannot be watched is ended.
+// Watches a child that was just started. Kills it if it cannot be watched.
 int dialog::watch(pid_t pid, unique_fd output) {
     output_ = std::move(output);
     said_.clear();
@@ -105,8 +105,7 @@ int dialog::on_output(sd_event_source *, int, uint32_t, void *self) {
     return 0;
 }
 
-// Reads what is there. At the end of the output nothing more can be answered: the process has to
-// end as well.
+// Reads what is there. After EOF no answer can come, so the process must end too.
 void dialog::read_output() {
     char piece[SAID_MAX_BYTES];
     while (output_) {
@@ -135,7 +134,7 @@ void dialog::take_words() {
     }
     if (said_.size() > SAID_MAX_BYTES) {
         said_.clear();
-        close(); // it talks nonsense
+        close(); // unknown output
     }
 }
 
@@ -188,7 +187,7 @@ dialog_end dialog::outcome(const siginfo_t &how) const {
 
 int dialog::on_exit(sd_event_source *, const siginfo_t *how, void *self) {
     auto *window = static_cast<dialog *>(self);
-    window->read_output(); // its last words
+    window->read_output(); // the rest of its output
     const dialog_end end = window->outcome(*how);
     const unique_source finished = std::move(window->exit_source_); // in use until we return
     window->output_source_.reset();

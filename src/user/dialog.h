@@ -1,5 +1,5 @@
-// The window's process: started, listened to, ended. The window is believed as little as any other
-// program: only a word that it says on purpose, and a good end after it, is an answer.
+// The window's process: starting it, reading what it writes, ending it. The window is not trusted:
+// only an answer word followed by exit status 0 is an answer.
 #pragma once
 
 #include "common/core.h"
@@ -18,7 +18,7 @@ enum class dialog_end {
     later,       // "Later"
     unanswered,  // it was shown, and ended without an answer
     never_shown, // it ended, or was killed, before its first frame
-    mute,        // it said nothing in time, and was killed
+    mute,        // it wrote nothing in time, and was killed
 };
 
 class dialog {
@@ -38,8 +38,8 @@ public:
     [[nodiscard]] bool is_open() const { return pid_ > 0; }
     [[nodiscard]] bool is_shown() const { return is_open() && shown_; }
 
-    // Asks the process to end, and kills it half a second later. An answer that it has given
-    // before counts.
+    // Asks the process to end, and kills it half a second later. An answer that it gave before
+    // counts.
     void close();
 
 private:

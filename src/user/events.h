@@ -1,4 +1,4 @@
-// Owners of what the event loop and the bus hand out, and timers.
+// Owners for objects of the event loop and the bus, and timers.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -32,7 +32,7 @@ using unique_bus_message = std::unique_ptr<sd_bus_message, bus_message_releaser>
 
 constexpr uint64_t USEC_PER_MSEC = 1000;
 
-// Calls `handler` once, `milliseconds` from now; what the timer was set to before is forgotten. The
+// Calls `handler` once, `milliseconds` from now; an earlier setting of the timer is cancelled. The
 // timer can be early or late by a millisecond. Returns 0, or a negative errno.
 [[nodiscard]] inline int set_timer(sd_event *loop, unique_source *timer, uint64_t milliseconds,
                                    sd_event_time_handler_t handler, void *userdata) {

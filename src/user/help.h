@@ -1,4 +1,4 @@
-// The texts of tellbox's help, from which its manual page and completions are made too.
+// The texts of tellbox's help, also used for its manual page and completions.
 #pragma once
 
 #include <span>

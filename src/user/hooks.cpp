@@ -189,8 +189,8 @@ if status is-interactive
 end
 )hook";
 
-// For login shells of every kind. @BASH@ and @ZSH@ are the hooks as one word each, for a shell
-// that does not know their language must not read it.
+// For login shells of every kind. @BASH@ and @ZSH@ are the hooks as one word each, so that a shell
+// with another syntax does not parse them.
 const char *const PROFILE =
     R"hook(# Tellbox: shows messages of the administrator, at login or before each prompt.
 #

@@ -63,7 +63,7 @@ static unique_fd open_folder(int parent, const char *path) {
     return unique_fd(openat(parent, path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Opens one of the mailbox's folders; one that does not exist leaves it empty.
+// Opens one of the mailbox's folders; `fd` is empty if it does not exist.
 static bool open_subfolder(own_mailbox *box, const char *name, unique_fd *fd) {
     *fd = open_folder(box->folder.get(), name);
     if (*fd || errno == ENOENT)
@@ -158,7 +158,7 @@ answer_record answer_parse(std::string_view text) {
     answer.state = answer_state::answered;
     const std::string_view line = text.substr(0, text.find('\n'));
     const size_t blank = line.find(' ');
-    (void)!parse_id(line.substr(0, blank), &answer.time); // stays 0 where it is no number
+    (void)!parse_id(line.substr(0, blank), &answer.time); // stays 0 if it is no number
     if (blank != std::string_view::npos)
         answer.channel = clean_text(line.substr(blank + 1));
     return answer;
@@ -170,7 +170,7 @@ answer_record answer_read(const own_mailbox &box, int64_t id) {
     strbuf text;
     if (read_entry(box.acks, id_text(id), ANSWER_MAX_BYTES, /*all=*/false, &status, &text) == 0)
         return answer_parse(text.view());
-    // What cannot be opened may be a file all the same: only the entry tells what it is.
+    // A file may exist even if it cannot be opened: the directory entry says what it is.
     const int error = errno;
     if (error == ENOENT)
         return answer;
@@ -184,7 +184,7 @@ answer_record answer_read(const own_mailbox &box, int64_t id) {
 
 // ---- Messages -----------------------------------------------------------------------------
 
-// A second reading of the same directory: the first one's place is the descriptor's.
+// Opens the directory again: a descriptor has only one reading position.
 static unique_dir open_listing(const unique_fd &folder) {
     unique_fd again(openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!again)
@@ -195,7 +195,7 @@ static unique_dir open_listing(const unique_fd &folder) {
     return directory;
 }
 
-// Identifiers are written in one way only: "007" is somebody else's file.
+// Whether the name is an identifier. "007" is none: identifiers have no leading zeros.
 static bool is_identifier(const char *name, int64_t *id) {
     return name[0] != '0' && parse_id(name, id) != 0;
 }
@@ -213,12 +213,12 @@ int folder_ids(const unique_fd &folder, std::vector<int64_t> *ids) {
             ids->push_back(id);
     }
     if (errno != 0)
-        return -1; // half a directory must not pass for the whole
+        return -1; // part of a directory must not be taken for the whole
     std::sort(ids->begin(), ids->end());
     return 0;
 }
 
-// Whether there is certainly nothing at acks/ID. What cannot be looked up may be an answer.
+// Whether acks/ID is known not to exist. If it cannot be looked up there may be an answer.
 static bool is_unanswered(const own_mailbox &box, int64_t id) {
     struct stat status = {};
     return !box.acks ||
@@ -252,7 +252,7 @@ int message_read(const unique_fd &folder, int64_t id, message_record *message) {
     return 0;
 }
 
-// Whether the error tells what stands in the message's place: nothing, or no message.
+// Whether the error means that there is no file, or one that is no message.
 static bool tells_of_no_message(int error) {
     return lookup_of_error(error) == lookup::absent || error == ELOOP || error == EINVAL ||
            error == EFBIG || error == ENXIO;

@@ -1,6 +1,6 @@
 // The own mailbox as the user's programs see it: what waits, what is due, what was answered.
-// Everything here only reads. Nothing that it finds is believed: no link is followed, no pipe
-// waited for, every file is bounded in size, and texts come out clean.
+// Everything here only reads, and trusts nothing: it follows no link, waits for no pipe, limits the
+// size of every file, and cleans all texts.
 #pragma once
 
 #include "common/core.h"
@@ -12,8 +12,9 @@
 
 // ---- The mailbox --------------------------------------------------------------------------
 
-// The account of the effective UID. If several accounts share the UID: the one that LOGNAME or
-// USER names, otherwise the first. Returns 0; or -1 with errno, ENOENT if there is no account.
+// Finds the account of the effective UID. If several accounts share the UID, takes the one that
+// LOGNAME or USER names, otherwise the first. Returns 0; or -1 with errno, ENOENT if there is no
+// account.
 [[nodiscard]] int own_account(std::string *name);
 
 // A mailbox that is open. A folder's descriptor is empty if the folder does not exist.
@@ -29,9 +30,9 @@ struct own_mailbox {
 
 enum class mailbox_look { found, absent, failed };
 
-// Opens the mailbox of `owner`. If it fails, errno tells why and `box->path` names what could not
-// be opened: EACCES and the like, ENOTDIR for what is no folder or is a link, EPERM for a mailbox
-// that belongs to somebody else. A long-running program opens it anew for each look.
+// Opens the mailbox of `owner`. If it fails, errno says why and `box->path` names what could not be
+// opened: EACCES and the like, ENOTDIR for a link or anything else that is no folder, EPERM for a
+// mailbox that belongs to another user. A long-running program opens it anew for each look.
 [[nodiscard]] mailbox_look mailbox_open(const std::string &owner, own_mailbox *box);
 
 // "VAR/users/OWNER"; `name` such as "acks/12" is appended if it is not empty.
@@ -48,7 +49,8 @@ enum class channel { terminal, desktop };
 
 enum class mark_kind { none, shown, postponed };
 
-// What stands in a mark. A mark from the future, or one that is no regular file, is none.
+// The contents of a mark. A mark from the future, or one that is not a regular file, counts as
+// none.
 struct channel_mark {
     mark_kind kind = mark_kind::none;
     int64_t time = 0; // seconds since the epoch
@@ -59,41 +61,41 @@ struct channel_mark {
 
 // ---- Answers ------------------------------------------------------------------------------
 
-// not_a_file: something else stands at acks/ID, which is an answer for nobody, but keeps any
-// other from being written.
+// not_a_file: acks/ID exists but is not a regular file. It is no answer, but no answer can be
+// written.
 enum class answer_state { none, answered, not_a_file, failed };
 
 struct answer_record {
     answer_state state = answer_state::none; // failed: with errno
-    int64_t time = 0;                        // 0 if the file does not tell
+    int64_t time = 0;                        // 0 if the file has none
     std::string channel;                     // clean; usually "terminal" or "desktop"
 };
 
 [[nodiscard]] answer_record answer_read(const own_mailbox &box, int64_t id);
 
-// Takes the first line of an answer apart: "SECONDS CHANNEL".
+// Parses the first line of an answer: "SECONDS CHANNEL".
 [[nodiscard]] answer_record answer_parse(std::string_view text);
 
 // ---- Messages -----------------------------------------------------------------------------
 
-// A message that waits for an answer: inbox/ID is a regular file that parses, it has not
-// expired, and nothing stands at acks/ID.
+// A message that waits for an answer: inbox/ID is a regular file that parses, it has not expired,
+// and acks/ID does not exist.
 struct waiting_message {
-    int64_t id = 0;         // the file's name; what the file says of itself does not count
+    int64_t id = 0;         // the file's name; the header in the file does not count
     message_record message; // clean; `message.id` is `id`
     channel_mark terminal;
     channel_mark desktop;
 };
 
-// Not yet loaded: it may turn out to have expired or to be no message.
+// A message that is not loaded yet: it may have expired, or be no message.
 struct pending_message {
     int64_t id = 0;
     channel_mark terminal;
     channel_mark desktop;
 };
 
-// The identifiers in a folder of the mailbox, ascending. An empty descriptor has none. Returns
-// 0, or -1 with errno.
+// Lists the identifiers in a folder of the mailbox, ascending; none for an empty descriptor.
+// Returns 0, or -1 with errno.
 [[nodiscard]] int folder_ids(const unique_fd &folder, std::vector<int64_t> *ids);
 
 // Every inbox/ID without an acks/ID, ascending, with its marks. No message is opened. Returns 0,
@@ -118,10 +120,10 @@ enum class waiting_state { waiting, answered, expired, absent, failed };
 
 // ---- Due ----------------------------------------------------------------------------------
 
-// When a message is due on a channel: in the past (0) if it is due now. It is not due while it
-// was shown on this channel, or postponed on either, less than `remind_seconds` ago.
+// Returns when a message is due on a channel: 0 if it is due now. It is not due while it was shown
+// on this channel, or postponed on either, less than `remind_seconds` ago.
 [[nodiscard]] int64_t due_time(const channel_mark &terminal, const channel_mark &desktop,
                                channel where, int64_t now, int64_t remind_seconds);
 
-// The setting of the configuration file, in seconds.
+// Returns the setting of the configuration file, in seconds.
 [[nodiscard]] int64_t remind_seconds();

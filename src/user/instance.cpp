@@ -57,7 +57,7 @@ bool instance_replace(unique_fd *lock, pid_t holder) {
         if (result != instance_lock::held_by_another)
             return result == instance_lock::taken;
         if (other != 0 && other != holder)
-            return false; // somebody else was quicker
+            return false; // another agent was faster
         const timespec interval = {0, REPLACE_INTERVAL_MS * 1'000'000};
         nanosleep(&interval, nullptr);
     }
@@ -83,5 +83,5 @@ void ready_file_remove() {
     strbuf text;
     if (read_file_limited(ready_path().c_str(), READY_MAX_BYTES, /*nofollow=*/true, &text) == 0 &&
         text.view() == own_number())
-        unlink(ready_path().c_str()); // one that stays names a process that is gone
+        unlink(ready_path().c_str()); // if it stays, it names a process that is gone
 }

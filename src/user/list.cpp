@@ -1,4 +1,4 @@
-// tellbox list and tellbox show: what there is, and one of them whole.
+// tellbox list and tellbox show: all messages, and one whole message.
 #include "user/command.h"
 #include "user/texts.h"
 
@@ -19,7 +19,7 @@ static std::string short_time(int64_t time) {
     return date;
 }
 
-// The younger of the two marks.
+// Returns the newer of the two marks.
 static const channel_mark &last_mark(const channel_mark &one, const channel_mark &other) {
     return one.kind == mark_kind::none || other.time > one.time ? other : one;
 }
@@ -70,7 +70,7 @@ static std::string text_column(std::string_view text) {
     return std::string(text.substr(0, end)) + std::string(TEXT_COLUMNS - columns, ' ');
 }
 
-// The title, or the first line that holds anything.
+// Returns the title, or the first line that is not empty.
 static std::string headline(const message_record &message) {
     if (!message.title.empty())
         return message.title;
@@ -91,7 +91,7 @@ struct listed_message {
     std::string state;
 };
 
-// A message in the inbox. False for what is none.
+// Fills `listed` with a message in the inbox. Returns false for what is no message.
 static bool list_inbox_message(const own_mailbox &box, int64_t id, listed_message *listed) {
     waiting_message message;
     switch (inbox_look(box, id, now(), &message)) {
@@ -181,7 +181,7 @@ static int show_one(own_mailbox *box, int64_t id) {
         return 1;
     if (waits && isatty(STDOUT_FILENO) != 0) {
         const mailbox_lock lock = mailbox_lock::take(*box);
-        // If the mark cannot be written the message is shown once more, which harms nobody.
+        // If the mark cannot be written, the message is shown once more: no harm.
         (void)answer_shown(box, id, channel::terminal, now(), remind_seconds());
     }
     return 0;

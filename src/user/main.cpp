@@ -74,8 +74,8 @@ static int run_command(const char *program, const char *name, const arguments &w
 
 // ---- Entry --------------------------------------------------------------------------------
 
-// A file of the mailbox must never be opened as standard output: whoever started us without one
-// gets /dev/null.
+// Opens /dev/null for each standard descriptor that is missing, so that a file of the mailbox is
+// never opened as standard output.
 static void open_missing_standard_descriptors() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO)
@@ -84,16 +84,16 @@ static void open_missing_standard_descriptors() {
         close(fd);
 }
 
-// What was printed must have arrived: a full disk behind a redirection is an error.
+// Makes sure that all output is written: a full disk behind a redirection is an error.
 static void flush_output_or_die() {
-    errno = EIO; // for an error that came earlier and left no other trace
+    errno = EIO; // for an earlier error that left no errno
     if (fflush(stdout) != 0 || ferror(stdout) != 0)
         die("%s: %s", _("standard output"), strerror(errno));
 }
 
 int main(int argc, char **argv) {
     open_missing_standard_descriptors();
-    signal(SIGCHLD, SIG_DFL); // ignored by whoever started us, no child could be waited for
+    signal(SIGCHLD, SIG_DFL); // if our parent ignored it, no child could be waited for
     install_out_of_memory_handler();
     init_environment("tellbox");
     umask(022);

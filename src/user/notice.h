@@ -11,11 +11,11 @@ constexpr size_t FIRST_WORDS_MAX_CHARACTERS = 200;
 constexpr size_t WHOLE_TEXT_MAX_CHARACTERS = 400;
 
 // The notification of a message.
-//   has_window  it leads to the window; otherwise it is all that there is
+//   has_window  it leads to the window; otherwise there is only the notification
 [[nodiscard]] notice make_notice(const message_record &message, bool has_window);
 
-// Tells that an answer is lost.
+// The notification that an answer is lost.
 [[nodiscard]] notice make_failure_notice(int64_t id, const char *reason);
 
-// At most so many characters of UTF-8 text, with "…" in place of what is left out.
+// Returns at most so many characters of UTF-8 text, with "…" in place of the rest.
 [[nodiscard]] std::string first_characters(const std::string &text, size_t max);

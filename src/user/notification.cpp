@@ -100,12 +100,12 @@ int notifier::on_owner_changed(sd_bus_message *signal, void *self, sd_bus_error 
     return 0;
 }
 
-// Another service knows nothing of the numbers that the one before has given, and gives the same
-// ones again. What is wanted is put up once more.
+// A new service does not know the old service's numbers, and reuses them. The wanted notification
+// is shown again.
 void notifier::owner_is(const char *owner) {
     if (owner_ == owner)
         return;
-    const bool began = owner_.empty() && call_; // it was started for the call that is under way
+    const bool began = owner_.empty() && call_; // it was started by the present call
     owner_ = owner;
     number_ = NO_NUMBER;
     standing_id_ = 0;
@@ -130,8 +130,8 @@ void notifier::take_down() {
     go_on();
 }
 
-// The next step towards what is wanted. There is one call at a time: a service that hangs is not
-// asked again before it has answered.
+// Makes the next call towards the wanted notification. There is one call at a time: a service that
+// hangs gets no other call before it has answered.
 void notifier::go_on() {
     if (bus_ == nullptr || call_)
         return;
@@ -170,7 +170,7 @@ int notifier::on_capabilities(sd_bus_message *reply, void *self, sd_bus_error *)
         sd_bus_message_is_method_error(reply, "org.freedesktop.DBus.Error.ServiceUnknown") > 0 ||
         sd_bus_message_is_method_error(reply, "org.freedesktop.DBus.Error.NameHasNoOwner") > 0;
     if (service->wanted_.id != service->called_id_)
-        service->go_on(); // the message has gone meanwhile
+        service->go_on(); // the message is gone by now
     else if (!is_missing)
         service->notify(sd_bus_message_is_method_error(reply, nullptr) == 0 &&
                         holds(reply, "actions"));
@@ -179,8 +179,8 @@ int notifier::on_capabilities(sd_bus_message *reply, void *self, sd_bus_error *)
 
 using action_list = std::vector<std::pair<std::string, std::string>>;
 
-// Keys hold the message's number, so that a notification's number that is used again can never
-// answer another message.
+// Keys hold the message's number, so that a reused number of a notification can never answer
+// another message.
 static int append_actions(sd_bus_message *call, int64_t id, const action_list &always,
                           const action_list &more) {
     int result = sd_bus_message_open_container(call, 'a', "s");
@@ -215,7 +215,7 @@ int notifier::on_notified(sd_bus_message *reply, void *self, sd_bus_error *) {
     if (sd_bus_message_is_method_error(reply, nullptr) == 0 &&
         sd_bus_message_read(reply, "u", &number) >= 0 && number != NO_NUMBER && sender != nullptr &&
         (service->owner_.empty() || service->owner_ == sender)) {
-        service->owner_ = sender; // who answers a call to the name owns it
+        service->owner_ = sender; // the sender of the answer owns the name
         service->number_ = number;
         service->standing_id_ = service->called_id_;
         if (service->standing_id_ == service->wanted_.id) {
@@ -237,7 +237,7 @@ void notifier::close_number(uint32_t number) {
         sd_bus_message_set_auto_start(call.get(), 0) < 0 ||
         sd_bus_message_set_expect_reply(call.get(), 0) < 0)
         return;
-    (void)sd_bus_send(bus_, call.get(), nullptr); // one that stays says nothing that is wrong
+    (void)sd_bus_send(bus_, call.get(), nullptr); // if it stays, its text is still true
 }
 
 // ---- What the user chooses ----------------------------------------------------------------
@@ -250,7 +250,7 @@ int notifier::on_signal(sd_bus_message *signal, void *self, sd_bus_error *) {
     return 0;
 }
 
-// Takes "NAME:ID" apart. False if it is for another message.
+// Splits "NAME:ID". Returns false if it is for another message.
 static bool split_action(std::string_view key, int64_t id, std::string *name) {
     const size_t colon = key.rfind(':');
     if (colon == std::string_view::npos || key.substr(colon + 1) != std::to_string(id))
@@ -280,7 +280,7 @@ void notifier::take_signal(sd_bus_message *signal) {
     } else if (strcmp(member, "NotificationClosed") == 0 &&
                sd_bus_message_read(signal, "uu", &number, &reason) >= 0 && number == number_ &&
                number != NO_NUMBER) {
-        number_ = NO_NUMBER; // the message waits all the same
+        number_ = NO_NUMBER; // the message still waits
         token_.clear();
         tell_.gone(std::exchange(standing_id_, 0));
     }

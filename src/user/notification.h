@@ -1,5 +1,5 @@
-// The desktop's notification service. It may be missing, hang, restart or lie: that costs
-// nothing but the notification.
+// The desktop's notification service. If it is missing, hangs, restarts or lies, only the
+// notification is lost.
 #pragma once
 
 #include "user/events.h"
@@ -11,23 +11,23 @@
 #include <vector>
 
 constexpr uint64_t BUS_ANSWER_LIMIT_MS = 3000;
-// A call that takes longer than the limit is not repeated before this is over.
+// A call that takes longer than the limit is not repeated before this time is over.
 constexpr uint64_t NOTIFY_KEPT_MS = 600'000;
 
 // What a notification says of one message.
 struct notice {
     int64_t id = 0;
     std::string summary; // services show it as it is
-    std::string body;    // plain text, too: it is escaped on its way
+    std::string body;    // plain text too: it is escaped before it is sent
     // Names of actions and their labels, for every service; the message's number is added to the
-    // names on their way.
+    // names before they are sent.
     std::vector<std::pair<std::string, std::string>> actions;
-    // More of them, and another text, for a service that says that it draws actions.
+    // More actions, and another text, for a service that reports that it shows actions.
     std::vector<std::pair<std::string, std::string>> drawn_actions;
     std::string drawn_body; // empty: the same
 };
 
-// `text` as the services want it in a body: without a markup character.
+// Returns `text` for the body of a notification, with markup characters escaped.
 [[nodiscard]] std::string notification_escape(const std::string &text);
 
 class notifier {
@@ -35,7 +35,7 @@ public:
     struct handlers {
         // The user has chosen an action of the message's notification; `token` may be empty.
         std::function<void(int64_t id, const std::string &action, const std::string &token)> chosen;
-        // The service has taken the notification.
+        // The service has accepted the notification.
         std::function<void(int64_t id)> standing;
         // It is no longer there: the user has closed it, or the service has.
         std::function<void(int64_t id)> gone;
@@ -45,11 +45,11 @@ public:
     notifier(const notifier &) = delete;
     notifier &operator=(const notifier &) = delete;
 
-    // From now on notifications go over this bus; null: there is none at the moment. The bus
-    // lives until the next call.
+    // Uses this bus from now on; null: there is none at the moment. The caller keeps the bus until
+    // the next call.
     void use(sd_bus *bus);
 
-    // Puts up this notification instead of the one before.
+    // Shows this notification in place of the earlier one.
     void put_up(notice wanted);
     // Closes the notification.
     void take_down();
@@ -80,6 +80,6 @@ private:
     int64_t tried_id_ = 0;    // the message that the service was last asked to show
     int64_t called_id_ = 0;   // the message of the call that is under way
     int64_t standing_id_ = 0; // the message of `number_`
-    uint32_t number_ = 0;     // of the notification that stands; 0 for none
+    uint32_t number_ = 0;     // of the notification that is shown; 0 for none
     std::string token_;       // of the activation that comes before an action
 };

@@ -11,7 +11,7 @@
 #include <cstring>
 
 constexpr int64_t MINUTE = 60;
-constexpr int64_t UNITS_MAX = 60; // minutes or seconds that a status can tell
+constexpr int64_t UNITS_MAX = 60; // minutes or seconds that a status can hold
 constexpr int SECONDS_BASE = 60;
 constexpr int UNMARKED_BASE = 192;
 
@@ -26,7 +26,7 @@ int prompt_status(int64_t seconds, bool marked) {
 
 // ---- The text -----------------------------------------------------------------------------
 
-// The beginning of `text` that takes at most so many rows. At least a character of it.
+// Returns the longest beginning of `text` that takes at most so many rows; at least one character.
 static std::string_view first_rows(std::string_view text, size_t rows, int columns) {
     size_t low = 0; // fits
     size_t high = text.size();
@@ -42,7 +42,7 @@ static std::string_view first_rows(std::string_view text, size_t rows, int colum
     return text.substr(0, low);
 }
 
-// The message in its frame, cut to so many rows where it has to be.
+// Returns the message in its frame, cut to so many rows if necessary.
 static std::string framed(const waiting_message &waiting, size_t rows, int columns) {
     strbuf whole;
     message_banner(waiting.message, &whole);
@@ -99,13 +99,13 @@ namespace {
 struct look_result {
     size_t shown = 0;
     bool marked = true;
-    int64_t next = 0; // when something is due again, as far as it is known
+    int64_t next = 0; // when the next message is due, if known
 };
 
 } // namespace
 
-// What is due now, at most so many, in the order of the numbers; how many more there are; and
-// when the first of the others is due.
+// Finds the messages that are due now, at most `max`, in the order of their numbers; how many more
+// there are; and when the first of the others is due.
 static void find_due(const own_mailbox &box, int64_t at, int64_t remind, size_t max,
                      std::vector<waiting_message> *due, size_t *others, int64_t *next) {
     std::vector<pending_message> pending;
@@ -148,13 +148,13 @@ static look_result look_once(own_mailbox *box, int64_t remind) {
             result.marked = false;
     result.shown = shown.size();
     if (shown.size() < due.size() + others)
-        result.next = at; // the next prompt goes on
+        result.next = at; // the next prompt continues
     return result;
 }
 
-// Shows what is due. state/.prompt is touched before each look, so that a shell which finds the
-// folders older than it knows that nothing has changed since; after something was marked that
-// takes one more look.
+// Shows what is due. Touches state/.prompt before each look: if the folders are older than that
+// file, a shell knows that nothing has changed since. Writing a mark changes a folder, so after
+// that it looks once more.
 static int look(own_mailbox *box) {
     const int64_t remind = remind_seconds();
     const mailbox_lock lock = mailbox_lock::take(*box);
@@ -162,7 +162,7 @@ static int look(own_mailbox *box) {
     look_result result = look_once(box, remind);
     marked = marked && result.marked;
     if (marked && result.shown > 0 && result.next > now()) {
-        (void)!answer_touch_prompt(box); // else the next prompt looks once more
+        (void)!answer_touch_prompt(box); // if it fails, the next prompt looks again
         const look_result again = look_once(box, remind);
         marked = again.marked;
         result.next = again.next;

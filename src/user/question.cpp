@@ -12,7 +12,8 @@
 #include <csignal>
 #include <ctime>
 
-// How long the bytes that come with a key take at most: those of an escape sequence or a paste.
+// Bytes that arrive within this time after a key belong to it: those of an escape sequence or a
+// paste.
 constexpr int BURST_MS = 40;
 constexpr int LOOK_INTERVAL_MS = 1000;
 
@@ -43,7 +44,7 @@ static int64_t monotonic_ms() {
 
 namespace {
 
-// The question's handlers, for as long as it lives. An ignored signal stays ignored.
+// Installs the question's handlers while it exists. An ignored signal stays ignored.
 class question_signals {
 public:
     question_signals() {
@@ -80,7 +81,7 @@ private:
 
 // ---- The terminal -------------------------------------------------------------------------
 
-// Reads single keys without showing them, for as long as it lives.
+// Switches the terminal to single keys without echo while it exists.
 class single_keys {
 public:
     single_keys() : works_(tcgetattr(STDIN_FILENO, &saved_) == 0) { enter(); }
@@ -99,7 +100,7 @@ public:
     void leave() const { set(saved_); }
 
 private:
-    // A signal may come while the output drains: waiting once more could take for ever.
+    // A signal may come while the output drains: waiting again could block for ever.
     void set(const termios &attributes) const {
         if (works_ && tcsetattr(STDIN_FILENO, TCSAFLUSH, &attributes) != 0 && errno == EINTR)
             tcsetattr(STDIN_FILENO, TCSANOW, &attributes);
@@ -112,10 +113,10 @@ private:
 } // namespace
 
 static void print_now(const std::string &text) {
-    (void)!write(STDOUT_FILENO, text.data(), text.size()); // nobody to show it to: see the input
+    (void)!write(STDOUT_FILENO, text.data(), text.size()); // the input tells if it is gone
 }
 
-// Stops as the key asked, with the terminal as the shell wants it.
+// Stops the process, with the terminal as it was before the question.
 static void stop_until_continued(const single_keys &terminal) {
     stop_requested = 0;
     terminal.leave();
@@ -138,7 +139,8 @@ static bool more_follows() {
     return poll(&input, 1, BURST_MS) > 0 && (input.revents & POLLIN) != 0;
 }
 
-// Reads what has arrived, until it is quiet for a moment. `letter` is the key if it was one alone.
+// Reads what has arrived, until nothing arrives for a moment. If that was a single key, `letter`
+// receives it.
 static key read_key(char *letter) {
     std::array<char, 256> bytes = {};
     size_t count = 0;
@@ -173,7 +175,7 @@ static bool is_reply(char letter, reply *answer) {
 
 // ---- The question -------------------------------------------------------------------------
 
-// Waits for a key, a change or the next look. False when the terminal is gone.
+// Waits for a key, a change or the next look. Returns false when the terminal is gone.
 static bool await_something(const question &asked, bool *has_key) {
     std::array<pollfd, 2> watched = {{{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
                                       {.fd = asked.watched, .events = POLLIN, .revents = 0}}};
@@ -182,7 +184,7 @@ static bool await_something(const question &asked, bool *has_key) {
         return true; // time to look, or a signal
     if ((watched[1].revents & POLLIN) != 0) {
         std::array<char, 4096> changes = {};
-        (void)!read(asked.watched, changes.data(), changes.size()); // what changed is looked at
+        (void)!read(asked.watched, changes.data(), changes.size()); // the caller looks itself
     }
     *has_key = (watched[0].revents & POLLIN) != 0;
     return *has_key || (watched[0].revents & (POLLHUP | POLLERR | POLLNVAL)) == 0;
@@ -208,7 +210,7 @@ static reply ask_until_answered(const question &asked, const single_keys &termin
         }
         char letter = '\0';
         reply answer = reply::aborted;
-        // The time counts at which the key arrives, not at which its burst ends.
+        // The time of a key's first byte counts, not that of its last.
         const bool is_guarded = monotonic_ms() < guarded_until;
         const key pressed = has_key ? read_key(&letter) : key::none;
         if (pressed == key::ended)

@@ -10,18 +10,18 @@ enum class reply {
     read,
     later,
     quit,
-    dropped, // what was asked about is gone: `is_over` said so
+    dropped, // the question is over: `is_over` returned true
     aborted, // interrupted, hung up, or the input ended
 };
 
-// How long nothing answers after the question has appeared: what somebody was typing when it did
-// is no answer.
+// For so long after the question has appeared, keys are dropped: the user may have been typing
+// something else.
 constexpr int64_t QUESTION_GUARD_MS = 700;
 
 struct question {
     std::string text;              // the line that asks, without its end
-    std::function<bool()> is_over; // looked at whenever `watched` is readable, and every second
-    int watched = -1;              // a descriptor, read empty by the question; -1 for none
+    std::function<bool()> is_over; // called whenever `watched` is readable, and every second
+    int watched = -1;              // a descriptor that the question reads empty; -1 for none
 };
 
 // Asks on standard input and output until one of the keys r, l, q is pressed alone: a key among

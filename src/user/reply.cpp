@@ -8,8 +8,8 @@
 // Answers one message and tells the user.
 using answer_function = int (*)(own_mailbox *box, int64_t id);
 
-// Whether there is such a message to answer. Where there is none a diagnostic says so; what was
-// answered already is told by the answer itself.
+// Whether there is such a message to answer. If not, prints a diagnostic. A message that was
+// answered already counts: the answer function says so.
 static bool is_answerable(const own_mailbox &box, int64_t id, bool expired_too) {
     waiting_message message;
     const waiting_state state = inbox_look(box, id, now(), &message);

@@ -66,7 +66,7 @@ std::string profile_text(const std::string &program) {
 
 // ---- tellbox hook -------------------------------------------------------------------------
 
-// The program that runs now, by its own name; a newer one may stand in its place already.
+// Returns the path of this program, or its installed path if the running file has been replaced.
 static std::string own_program() {
     constexpr std::string_view REPLACED = " (deleted)";
     std::array<char, PATH_MAX> path = {};
@@ -77,7 +77,7 @@ static std::string own_program() {
     return std::string(name);
 }
 
-// Test mode reaches the shell's program by what the hook says, not by the shell's environment.
+// The hook, not the shell's environment, sets test mode for the program that the shell runs.
 static std::string hook_environment() {
     if (!test_mode())
         return NO_TEST_MODE;
@@ -102,7 +102,7 @@ int cmd_hook(const arguments &shells) {
 
 static constexpr std::string_view BLOCK_BEGIN = "# >>> tellbox >>>\n";
 static constexpr std::string_view BLOCK_END = "# <<< tellbox <<<\n";
-// Tells that the file did not end in a newline before the block.
+// Says that the file before the block did not end in a newline.
 static constexpr std::string_view UNENDED = "# (the line above had no end)\n";
 static constexpr std::string_view BLOCK_TEXT =
     "# Written by \"tellbox-user shells on\", taken out by \"tellbox-user shells off\".\n"
@@ -110,7 +110,7 @@ static constexpr std::string_view BLOCK_TEXT =
 
 static constexpr size_t NOWHERE = std::string_view::npos;
 
-// Where a whole line stands.
+// Returns the position of a whole line.
 static size_t find_line(std::string_view text, std::string_view line, size_t from) {
     for (size_t at = text.find(line, from); at != NOWHERE; at = text.find(line, at + 1))
         if (at == 0 || text[at - 1] == '\n')
@@ -171,7 +171,7 @@ static constexpr std::array<shell_file, 2> SHELL_FILES = {{
     {"zsh", {"/etc/zsh/zshrc", "/etc/zshrc"}},
 }};
 
-// The file itself where the place is a link. Empty where there is none.
+// Returns the existing file; for a link, the file that it leads to. Empty if there is none.
 static std::string existing_file(const shell_file &file) {
     for (const char *place : file.places) {
         const owned_cstring real(realpath(place, nullptr));
@@ -181,8 +181,7 @@ static std::string existing_file(const shell_file &file) {
     return "";
 }
 
-// What access lists and labels the file has, the new one gets. Where it cannot have them it goes
-// without: the mode decides there.
+// Copies access lists and labels to the new file. If it cannot have them, only the mode counts.
 static void copy_attributes(int from, int to) {
     std::array<char, 4096> names = {};
     std::array<char, 4096> value = {};
@@ -210,12 +209,12 @@ static int write_like(const unique_fd &original, const std::string &path, std::s
     return 0;
 }
 
-// Puts a file with the same owner, mode and attributes in the place of the one that is open.
+// Replaces the open file by one with the same owner, mode and attributes.
 static int replace_file(const unique_fd &original, const std::string &path, std::string_view text) {
     const size_t slash = path.rfind('/');
     const std::string folder = path.substr(0, slash);
     const std::string temporary = folder + "/." + path.substr(slash + 1) + ".tellbox";
-    unlink(temporary.c_str()); // of a killed run: the file's lock is ours
+    unlink(temporary.c_str()); // left by a killed run: we hold the file's lock
     if (write_like(original, temporary, text) == 0 && rename(temporary.c_str(), path.c_str()) == 0)
         return fsync_path(folder.c_str());
     const int saved = errno;

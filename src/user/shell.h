@@ -1,5 +1,5 @@
-// The hooks by which shells look for messages before their prompts, and the switch in /etc for
-// the shells that read no folder there.
+// The hooks with which shells look for messages before their prompts, and the switch in /etc for
+// shells that read no folder there.
 #pragma once
 
 #include <string>
@@ -14,13 +14,13 @@ struct hook_place {
     std::string environment;
 };
 
-// What the shell evaluates. Empty for a shell that is not known.
+// Returns the text that the shell evaluates. Empty for an unknown shell.
 [[nodiscard]] std::string hook_text(std::string_view shell, const hook_place &place);
 
 // /etc/profile.d/tellbox.sh, for login shells of every kind.
 [[nodiscard]] std::string profile_text(const std::string &program);
 
-// A word that a shell reads as `text`, whatever it holds.
+// Returns `text` quoted, so that a shell reads it as one word, whatever it holds.
 [[nodiscard]] std::string shell_word(std::string_view text);
 
 // ---- The switch ---------------------------------------------------------------------------

@@ -8,10 +8,10 @@
 
 constexpr uint32_t EVENTS = IN_CREATE | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_DELETE_SELF |
                             IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW;
-// After these a folder of the same name is another one.
+// After these events the watched folder is gone; one of the same name is another folder.
 constexpr uint32_t LOST_EVENTS = IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
 
-constexpr int ROUNDS_MAX = 5; // somebody may make and remove folders all the time
+constexpr int ROUNDS_MAX = 5; // other programs may make and remove folders all the time
 
 mailbox_watch::mailbox_watch(sd_event *loop, std::function<void()> changed)
     : loop_(loop), tell_changed_(std::move(changed)) {}
@@ -24,8 +24,8 @@ static std::vector<std::string> wanted_folders(const std::string &owner) {
     return {is_directory(users.c_str()) != 0 ? users : var_dir()};
 }
 
-// A folder can appear after it was looked for and before its parent was watched. So it is looked
-// for again, until nothing is new.
+// A folder can appear between the look for it and the watch on its parent. So this looks again
+// until nothing is new.
 void mailbox_watch::arm(const std::string &owner) {
     std::vector<std::string> wanted = wanted_folders(owner);
     std::vector<std::string> armed;

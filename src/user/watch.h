@@ -1,4 +1,4 @@
-// The own mailbox, watched for changes by whoever makes them.
+// Watches the own mailbox for changes.
 #pragma once
 
 #include "user/events.h"
@@ -15,9 +15,9 @@ public:
     mailbox_watch(const mailbox_watch &) = delete;
     mailbox_watch &operator=(const mailbox_watch &) = delete;
 
-    // Watches what there is now: the folders of the mailbox, or as long as there is none, the
-    // folder in which it will appear. Cheap if nothing has changed. What cannot be watched is
-    // not: whoever waits looks now and then all the same.
+    // Watches what exists now: the folders of the mailbox or, while there is no mailbox, the folder
+    // in which it will appear. Cheap if nothing has changed. A failure is ignored: the caller looks
+    // from time to time anyway.
     void arm(const std::string &owner);
 
 private:

@@ -60,10 +60,11 @@ std::string displayable_text(std::string_view untrusted) {
 
 // ---- Lines --------------------------------------------------------------------------------
 
-// A blank nearer to the beginning of a line is no place to break it at.
+// A line is not broken at a blank before this character.
 constexpr size_t WORD_BREAK_MIN_CHARACTERS = DISPLAY_LINE_MAX_CHARACTERS * 3 / 4;
 
-// The end of the display line that begins at character `start` of a line of `length` characters.
+// Returns the end of the display line that begins at character `start` of a line of `length`
+// characters.
 static size_t display_line_end(const std::vector<PangoLogAttr> &attributes, size_t start,
                                size_t length) {
     if (length - start <= DISPLAY_LINE_MAX_CHARACTERS)

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-// The longest line, in characters, that the toolkit is given to lay out. Its time grows with the
-// square of a line's length.
+// The longest line, in characters, that the toolkit must lay out. Its time grows with the square of
+// a line's length.
 constexpr size_t DISPLAY_LINE_MAX_CHARACTERS = 1000;
 
 // A message file and the line with its place before it.
@@ -23,16 +23,17 @@ struct window_content {
     std::string text;    // without newlines at its end
 };
 
-// Reads "N of M\n" and the message's file text after it. False if either is no such thing.
+// Parses "N of M\n" and the message's file text after it. Returns false if either is not valid.
 [[nodiscard]] bool content_parse(std::string_view input, window_content *content);
 
-// A copy of untrusted text without control characters. Bytes that are not UTF-8 become U+FFFD.
+// Returns a copy of untrusted text without control characters. Bytes that are not UTF-8 become
+// U+FFFD.
 [[nodiscard]] std::string displayable_text(std::string_view untrusted);
 
-// Positions, in characters and ascending, at which `text` has to be broken so that no line is
-// longer than DISPLAY_LINE_MAX_CHARACTERS: after a blank where there is one, otherwise between
-// graphemes, and within one only if it is longer than a line. `text` is valid UTF-8.
+// Returns the positions, in characters and ascending, at which `text` must be broken so that no
+// line is longer than DISPLAY_LINE_MAX_CHARACTERS: after a blank if there is one, otherwise between
+// graphemes, and inside a grapheme only if it is longer than a line. `text` is valid UTF-8.
 [[nodiscard]] std::vector<size_t> display_breaks(const std::string &text);
 
-// `text` with newlines at its display_breaks().
+// Returns `text` with newlines at its display_breaks().
 [[nodiscard]] std::string broken_for_display(const std::string &text);

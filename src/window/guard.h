@@ -1,19 +1,20 @@
-// Keeps whoever is typing or clicking elsewhere from answering a window that has just come up.
+// Prevents accidental answers: a user who types or clicks elsewhere must not answer a window that
+// has just appeared.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 
-// How long a person needs to notice what stands on the screen.
+// How long a person needs to notice what has appeared on the screen.
 constexpr int64_t GUARD_MS = 700;
 
-// Times are milliseconds of any clock that does not go back.
+// Times are milliseconds of a monotonic clock.
 class accident_guard {
 public:
     void first_frame(int64_t now) { first_frame_ = now; }
     // The window got the keyboard's focus.
     void focused(int64_t now) { quiet_since_ = now; }
-    // Somebody writes: a character that answers nothing has arrived.
+    // The user types: a character arrived that is no answer.
     void typed(int64_t now) { quiet_since_ = now; }
 
     [[nodiscard]] bool allows(int64_t now) const {

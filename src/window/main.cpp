@@ -28,17 +28,19 @@ static void read_content(window_content *content) {
 static void start_toolkit() {
     g_set_prgname("tellbox-window");
     g_set_application_name("Tellbox");
-    // Drawing by processor shows a small window sooner, in a quarter of the memory.
+    // Drawing without the graphics processor shows a small window sooner, with a quarter of the
+    // memory.
     g_setenv("GSK_RENDERER", "cairo", /*overwrite=*/FALSE);
-    // The toolkit sets the locale. This library's way ends the program if there is no such locale.
+    // The toolkit sets the locale. If this library set it, the program would end when there is no
+    // such locale.
     Glib::set_init_to_users_preferred_locale(false);
     Gtk::init_gtkmm_internals();
     if (!gtk_init_check())
         die("cannot open the display");
 }
 
-// Takes standard output for the answers alone: what the toolkit's libraries print, goes to
-// standard error.
+// Keeps standard output for the answers only: output of the toolkit's libraries goes to standard
+// error.
 static unique_fd take_standard_output() {
     unique_fd answers(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     if (!answers || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
@@ -46,7 +48,7 @@ static unique_fd take_standard_output() {
     return answers;
 }
 
-// Says a word to whoever opened the window. Nobody may be there any more.
+// Writes a word to the program that opened the window. It may have ended.
 static void tell(int answers, const char *word) {
     const std::string line = std::string(word) + "\n";
     if (write_all(answers, line.data(), line.size()) != 0)
@@ -68,7 +70,7 @@ int main() {
         if (strcmp(word, "shown") != 0)
             loop->quit();
     });
-    // An answer that nobody hears is none: the window goes with whoever opened it.
+    // Closes the window when the program that opened it ends: nobody could read an answer.
     Glib::signal_io().connect(
         [](Glib::IOCondition) -> bool { die("nobody listens to standard output"); }, answers.get(),
         Glib::IOCondition::IO_ERR | Glib::IOCondition::IO_HUP);

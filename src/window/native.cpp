@@ -57,7 +57,7 @@ bool is_command_key_down(GtkWindow *window) {
 
 bool is_activated_by_user(GtkWindow *window) {
     GdkDisplay *display = gtk_widget_get_display(GTK_WIDGET(window));
-// Newer versions have no other way to ask.
+// This is deprecated, but newer versions have no replacement.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     const char *token = gdk_display_get_startup_notification_id(display);
@@ -80,8 +80,8 @@ void take_no_focus(GtkWindow *window) {
     gdk_x11_surface_set_user_time(GDK_X11_SURFACE(surface), 0);
 }
 
-// The window manager changes the state of a window that is on the screen, when it is asked by a
-// message to the root window.
+// The state of a visible window is changed by the window manager. The request is a message to the
+// root window.
 void keep_above(GtkWindow *window) {
     constexpr long ADD_STATE = 1;
     constexpr long FROM_APPLICATION = 1;

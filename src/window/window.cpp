@@ -21,7 +21,7 @@
 constexpr int SPACING = 12;
 constexpr int LINE_CHARACTERS = 72;        // of the window's width
 constexpr int WINDOW_LINES = 20;           // of its height
-constexpr int TITLE_LINES = 4;             // of a title that does not end; the rest is scrolled
+constexpr int TITLE_LINES = 4;             // of a very long title; the rest can be scrolled to
 constexpr int SENDER_MAX_CHARACTERS = 256; // longer than any account name
 constexpr int DESCRIPTION_MAX_CHARACTERS = 4000;
 constexpr char HEADING[] = "Message from the administrator";
@@ -30,8 +30,8 @@ static int64_t now_ms() {
     return g_get_monotonic_time() / 1000;
 }
 
-// When an event happened, which can be a while ago if this process was held up. Displays stamp
-// events with the low bits of the same clock; what cannot be such a stamp counts as just now.
+// Returns when an event happened: earlier than now if this process was delayed. Displays stamp
+// events with the low bits of the same clock; a stamp that cannot be right counts as now.
 static int64_t moment_of(guint32 stamp) {
     constexpr guint32 OLDEST_MS = 60'000;
     const int64_t now = now_ms();
@@ -68,7 +68,7 @@ static int line_height(Gtk::Widget *widget) {
     return font_metrics(widget).get_height() / PANGO_SCALE;
 }
 
-// As wide and high as the text is read well, in the user's own font, and never beyond the screen.
+// Sets a size at which the text is easy to read in the user's font, at most that of the screen.
 static void set_readable_size(Gtk::Window *window) {
     const int character = font_metrics(window).get_approximate_char_width() / PANGO_SCALE;
     int width = character * LINE_CHARACTERS;
@@ -119,7 +119,7 @@ void message_window::build_header(const window_content &content) {
     set_accessible_name(GTK_WIDGET(title_scroll_.gobj()), "Title");
     const auto adjustment = title_scroll_.get_vadjustment();
     adjustment->signal_changed().connect([this, adjustment = adjustment.get()] {
-        // The keyboard stops here only if there is something to scroll.
+        // The title can get the focus only if there is something to scroll.
         title_scroll_.set_can_focus(adjustment->get_upper() > adjustment->get_page_size());
     });
     title_scroll_.set_can_focus(false);
@@ -131,8 +131,8 @@ void message_window::build_header(const window_content &content) {
     header_.append(from_);
 }
 
-// Breaks the lines that are too long. The newlines are invisible: they end a line on the screen,
-// and no copy holds them.
+// Breaks the lines that are too long. The newlines are invisible: they end a line on the screen but
+// are not copied.
 static void break_lines(Gtk::TextBuffer *buffer, const std::string &text) {
     const auto hidden = buffer->create_tag();
     hidden->property_invisible() = true;
@@ -204,7 +204,7 @@ void message_window::on_first_frame() {
     tell_("shown");
 }
 
-// Whoever comes back begins at the text: it is read aloud again, and no button has the focus yet.
+// A user who returns begins at the text: screen readers read it again, and no button has the focus.
 void message_window::on_focus_change() {
     if (!property_is_active().get_value())
         return;
@@ -234,7 +234,7 @@ void message_window::watch_keys() {
     add_controller(late);
 }
 
-// Letters and the like. Blanks and Enter press buttons.
+// Whether the key types a character. Not blanks and Enter: these press buttons.
 static bool is_typing(guint key, Gdk::ModifierType state) {
     using Gdk::ModifierType;
     const bool is_command =
@@ -242,7 +242,7 @@ static bool is_typing(guint key, Gdk::ModifierType state) {
     return !is_command && gdk_keyval_to_unicode(key) > ' ' && key != GDK_KEY_Delete;
 }
 
-// Before any widget sees the key. True swallows it.
+// Called before any widget gets the key. Returns true to swallow it.
 bool message_window::on_key_early(guint key, Gdk::ModifierType state, int64_t moment) {
     if (!guard_.allows_keys(moment) || key == swallowed_key_) {
         swallowed_key_ = key;
@@ -253,7 +253,7 @@ bool message_window::on_key_early(guint key, Gdk::ModifierType state, int64_t mo
     return false;
 }
 
-// After every widget: an open menu is closed first.
+// Called after every widget, so that Escape closes an open menu first.
 bool message_window::on_key_late(guint key) {
     if (key != GDK_KEY_Escape)
         return false;
@@ -261,7 +261,7 @@ bool message_window::on_key_late(guint key) {
     return true;
 }
 
-// A press that began before the window could be seen is none of its buttons'.
+// A press that began before the window was visible must not reach a button.
 void message_window::watch_pointer() {
     const auto presses = Gtk::EventControllerLegacy::create();
     presses->set_propagation_phase(Gtk::PropagationPhase::CAPTURE);
@@ -279,7 +279,7 @@ void message_window::watch_pointer() {
 bool message_window::on_close() {
     if (!is_command_key_down(Gtk::Window::gobj()) || guard_.allows_keys(now_ms()))
         answer("later");
-    return true; // whoever opened it closes it, by ending the process
+    return true; // the program that opened it ends the process
 }
 
 void message_window::answer(const char *word) {

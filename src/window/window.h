@@ -15,12 +15,13 @@
 
 class message_window : public Gtk::Window {
 public:
-    // What is told to whoever opened the window: "shown", then "read" or "later".
+    // Called with the words for the program that opened the window: "shown", then "read" or
+    // "later".
     using report = std::function<void(const char *word)>;
 
     message_window(const window_content &content, report tell);
 
-    // Puts it on the screen. It takes the focus only if the user has asked for it.
+    // Shows the window. It takes the focus only if the user has asked for it.
     void open();
 
 private:
