@@ -1,4 +1,4 @@
-# What the tools share: where they build, and a scratch folder that goes away by itself.
+# Shared by the tools: where they build, and a scratch folder that is removed at the end.
 # Sourced by scripts of this folder.
 # shellcheck shell=sh
 
