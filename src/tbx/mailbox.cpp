@@ -66,7 +66,7 @@ static int mailbox_mount(const unique_fd &users, const resolved_user &user, moun
         std::string(path, static_cast<size_t>(length)).append("/").append(user.name);
     const int result = mount_point_of(mailbox, mount);
     if (result != 0 && lookup_of_error(errno) == lookup::absent)
-        errno = EIO; // likewise
+        errno = EIO; // as above
     return result;
 }
 

@@ -104,7 +104,7 @@ void environment_set(environment_list *environment, std::string_view name, std::
 
 // ---- Displays -----------------------------------------------------------------------------
 
-// Whether somebody listens at a socket.
+// Whether a program listens at a socket.
 //   abstract  the name is no path in the file system
 static bool is_listened_to(std::string_view name, bool abstract) {
     sockaddr_un address = {};
