@@ -9,6 +9,8 @@ from conftest import run
 
 FILES = {
     "etc/profile.d/tellbox.sh": 0o644,
+    "etc/xdg/autostart/tellbox-agent.desktop": 0o644,
+    "usr/local/lib/systemd/user/tellbox-agent.service": 0o644,
     "usr/local/lib/tellbox/tellbox-user": 0o755,
     "usr/local/share/bash-completion/completions/tellbox": 0o644,
     "usr/local/share/man/man1/tellbox.1": 0o644,
