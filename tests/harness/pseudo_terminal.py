@@ -31,6 +31,7 @@ DEADLINE_SECONDS = 30
 # not become another one by itself: twice as long as the interface waits before it looks at the
 # store again.
 STILL_SECONDS = 6
+CLOCKS = re.compile(r"updated at \d\d:\d\d:\d\d")  # they alone change by themselves
 RETRY_SECONDS = 0.1
 GRACE_SECONDS = 1  # at the end of a test: what is killed tells no coverage
 
@@ -226,24 +227,21 @@ class Terminal:
         """Waits until a text is on the screen, or until condition() is true.
 
         While the alternate screen is shown this looks at whole frames only: a frame can arrive
-        in pieces, and what a condition sees is all of one or all of the next.
+        in pieces, and what a condition sees is all of one or all of the next. Frames of tbx that
+        stand still without it are the end of waiting: nothing that was typed is left to be read.
+        Others, such as a shell, may write after any time.
         """
-        self._wait(self._holds(condition), condition)
+        came = self._wait_while_it_changes(self._holds(condition), self._shows_frames)
+        assert came, self._in_vain(condition)
 
     def wait_for_frame(self, frame):
         """Waits until the whole screen is `frame`; shows the difference once it stands still."""
         self.wait_until_still(lambda: self.frame() == frame)
         assert self.frame() == frame
 
-    def wait_until_still(self, condition):
-        """Waits until the condition holds, or until the screen stands still without it."""
-        wanted, seen, since = self._holds(condition), None, time.monotonic()
-        deadline = since + DEADLINE_SECONDS
-        while not wanted() and time.monotonic() < min(since + STILL_SECONDS, deadline):
-            self._take_what_arrives(RETRY_SECONDS)
-            shown = (self.screen.display, self.styles(), self.cursor()) if not wanted() else seen
-            if shown != seen or self._master is None or self.unread():
-                seen, since = shown, time.monotonic()
+    def wait_until_still(self, condition=lambda: False, seconds=STILL_SECONDS):
+        """Waits until the condition holds, or until the screen stands still for so long."""
+        self._wait_while_it_changes(self._holds(condition), lambda: True, seconds)
 
     def poll_for(self, condition):
         """Like wait_for(), for what changes without anything written on the terminal."""
@@ -377,29 +375,55 @@ class Terminal:
         holds = condition if callable(condition) else lambda: condition in self.frame()
         return lambda: self._frame_is_whole() and holds()
 
+    def _shows_frames(self):
+        """Whether a page or the guide is shown: no other program enters the screen as they do."""
+        return self.screen.alternate and ENTER_SCREEN in self.raw
+
+    def _wait_while_it_changes(self, wanted, can_stand_still, still_seconds=STILL_SECONDS):
+        """Returns whether `wanted` came true before the screen stood still."""
+        seen, since = None, time.monotonic()
+        deadline = since + DEADLINE_SECONDS
+        while not wanted():
+            if time.monotonic() > deadline:
+                return False
+            if self._take_what_arrives(RETRY_SECONDS):
+                continue
+            shown = (CLOCKS.sub("", self.frame()), self.styles(), self.cursor())
+            if shown != seen or not can_stand_still() or self._master is None or self.unread():
+                seen, since = shown, time.monotonic()
+            elif time.monotonic() > since + still_seconds:
+                return False
+        return True
+
     def _wait(self, holds, what, retry=None):
         deadline = time.monotonic() + DEADLINE_SECONDS
         while not holds():
             left = deadline - time.monotonic()
-            assert left > 0, f"waited in vain for {what!r}:\n{self.frame()}"
+            assert left > 0, self._in_vain(what)
             if retry:
                 retry()
             self._take_what_arrives(RETRY_SECONDS if retry else left)
 
+    def _in_vain(self, what):
+        return f"waited in vain for {what!r}:\n{self.frame()}"
+
     def _take_what_arrives(self, seconds):
+        """Returns whether the program wrote something."""
         sources = [] if self._master is None else [self._master]
         if self._status is None:
             sources.append(self._report)
         ready = select.select(sources, [], [], seconds)[0]
         if self._report in ready:
             self._status = struct.unpack("i", os.read(self._report, 4))[0]
-        if self._master in ready:
-            output = os.read(self._master, self._bytes_taken)
-            self._stream.feed(output)
-            self.raw += output
-            self._exit_mark_seen = self.raw.endswith(EXIT_MARK)
-            if self._exit_mark_seen:
-                self.raw = self.raw.removesuffix(EXIT_MARK)
+        if self._master not in ready:
+            return False
+        output = os.read(self._master, self._bytes_taken)
+        self._stream.feed(output)
+        self.raw += output
+        self._exit_mark_seen = self.raw.endswith(EXIT_MARK)
+        if self._exit_mark_seen:
+            self.raw = self.raw.removesuffix(EXIT_MARK)
+        return True
 
 
 def lead_session(argv, env, tty_name, report, hold):
