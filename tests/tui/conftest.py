@@ -14,15 +14,29 @@ sys.path[:0] = [str(HERE), str(HERE.parent)]
 
 pytest.register_assert_rewrite("interface", "terminal_bytes")
 
+from expected_texts import ExpectedTexts  # noqa: E402
 from frame_model import DetailPage, FormPage, ListPage  # noqa: E402
 from harness import history as JOURNAL  # noqa: E402
 from harness.pseudo_terminal import ENTER, Terminal  # noqa: E402
-from interface import expect, press  # noqa: E402
+from interface import Expectations, expect, press  # noqa: E402
 from messages import USERS, Store  # noqa: E402
 from places import WITH_HISTORY, Places  # noqa: E402
 from prerequisites import program_under_test, skip  # noqa: E402
 
-EXPECTED = HERE / "expected"
+
+def pytest_addoption(parser):
+    parser.addoption("--update", action="store_true",
+                     help="only what is compared with the files in expected/, which it rewrites")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "expects: writes its part of expected/ with --update")
+
+
+def pytest_collection_modifyitems(config, items):
+    if config.getoption("--update", default=False):
+        Expectations.met = False
+        items[:] = [item for item in items if item.get_closest_marker("expects")]
 
 
 @pytest.fixture(scope="session")
@@ -209,9 +223,9 @@ def passwd_file(folder, accounts):
 
 
 @pytest.fixture(scope="session")
-def expected():
-    """expected("name") is the text of a file in expected/."""
-    return lambda name: (EXPECTED / name).read_text(encoding="utf-8")
+def expected(request):
+    """expected("name") is the text of a file in expected/; expected.compare() compares with it."""
+    return ExpectedTexts(request.config.getoption("--update", default=False))
 
 
 @pytest.fixture

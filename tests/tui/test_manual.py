@@ -33,12 +33,13 @@ def paged(terminal, tmp_path):
 # ---- In a pipe ----------------------------------------------------------------------------
 
 
+@pytest.mark.expects
 @pytest.mark.parametrize("arguments", [[], [""], ["help"], ["-h"], ["--help"], ["help", "extra"]])
 def test_output_in_a_pipe_is_the_plain_page_at_80_columns(
         binary, environment, expected, tmp_path, arguments):
     run = subprocess.run([binary, *arguments], stdin=subprocess.DEVNULL, capture_output=True,
                          env=environment, start_new_session=True, check=False)
-    assert run.stdout.decode() == expected("manual-80.txt")
+    expected.compare("manual-80.txt", run.stdout.decode())
     assert (run.returncode, run.stderr) == (0, b"")
     assert not (tmp_path / "var").exists()
 
@@ -59,6 +60,7 @@ def test_input_that_is_no_terminal_gives_the_plain_page_on_the_terminal(
 # ---- Layout -------------------------------------------------------------------------------
 
 
+@pytest.mark.expects
 @pytest.mark.parametrize("columns, page", [
     (40, "manual-60-colour.txt"),
     (59, "manual-60-colour.txt"),
@@ -69,7 +71,7 @@ def test_input_that_is_no_terminal_gives_the_plain_page_on_the_terminal(
     (200, "manual-100-colour.txt"),
 ])
 def test_page_takes_the_width_of_the_terminal_from_60_to_100(paged, expected, columns, page):
-    assert paged(columns, PAGED_ROWS) == expected(page)
+    expected.compare(page, paged(columns, PAGED_ROWS))
 
 
 @pytest.mark.parametrize("value", ["", "1"])
@@ -101,15 +103,15 @@ def test_without_a_controlling_terminal_the_page_has_80_columns(terminal, binary
 # ---- The pager ----------------------------------------------------------------------------
 
 
-def test_less_pages_the_manual_and_q_leaves_it(terminal):
+def test_less_pages_the_manual_and_q_leaves_it(terminal, expected):
+    lines = expected("manual-80.txt").splitlines()
     tbx = terminal("help", rows=PAGED_ROWS, env={"PAGER": None})
     tbx.wait_for(lambda: tbx.rows()[-1].startswith(":"))
     # Right in any locale, and none is set here.
-    assert tbx.rows()[3].rstrip() == (
-        "       tbx — sends messages to the users of the machine and tracks their read")
+    assert [row.rstrip() for row in tbx.rows()[:-1]] == lines[:PAGED_ROWS - 1]
     tbx.send("G")
     tbx.wait_for("(END)")
-    assert tbx.rows()[-2].startswith("tbx 0.2.0 ")
+    assert tbx.rows()[-2].rstrip() == lines[-1]
     tbx.send("q")
     assert tbx.wait_exit() == 0
     assert tbx.attributes() == tbx.attributes_before
@@ -162,10 +164,10 @@ def test_without_less_and_with_no_color_the_page_is_printed_plain(terminal, expe
     assert tbx.raw == as_on_terminal(expected("manual-80.txt"))
 
 
-def test_pager_may_have_arguments(terminal):
+def test_pager_may_have_arguments(terminal, expected):
     tbx = terminal("help", rows=PAGED_ROWS, env={"PAGER": "tail -n 1", "NO_COLOR": "1"})
     assert tbx.wait_exit() == 0
-    assert tbx.raw == b"tbx 0.2.0" + b" " * 65 + b"TBX(1)\r\n"
+    assert tbx.raw == as_on_terminal(expected("manual-80.txt").splitlines()[-1] + "\n")
 
 
 @pytest.mark.parametrize("pager", ["true", "false", "exec 0<&-", "kill -9 $$"])

@@ -1,19 +1,11 @@
-"""What each page and dialog looks like, whole: expected/screens, on 80x24 (the -wide ones: 120x24).
-
-TBX_UPDATE_SCREENS=1 makes this write the files instead of comparing them.
-"""
-
-import os
-from pathlib import Path
+"""What each page and dialog looks like, whole: expected/screens, on 80x24 (the -wide ones: 120x24)."""
 
 import pytest
 
+from expected_texts import FOLDER
 from harness.history import record
 from interface import press, seen
 from places import PLACES, SENT, Places
-
-SCREENS = Path(__file__).resolve().parent / "expected" / "screens"
-UPDATES = os.environ.get("TBX_UPDATE_SCREENS") == "1"
 
 USERS = ("alex", "kim", "pat", "robin", "sam", "toni")
 EVENTS = [
@@ -36,8 +28,9 @@ CAPTURES = {name: (name, (80, 24)) for name in PLACES} | {
     "list-wide": ("list", (120, 24)), "message-wide": ("message", (120, 24))}
 
 
+@pytest.mark.expects
 @pytest.mark.parametrize("capture", CAPTURES)
-def test_captured_screen_is_what_the_program_shows(interface, store, journal, capture):
+def test_captured_screen_is_what_the_program_shows(expected, interface, store, journal, capture):
     name, size = CAPTURES[capture]
     places = Places(size, users=USERS, history=HISTORY)
     for user in USERS:
@@ -45,12 +38,8 @@ def test_captured_screen_is_what_the_program_shows(interface, store, journal, ca
     tbx, _ = interface(places.messages, size, argv=journal(*EVENTS, accounts=USERS))
     for keys, page, box in places.steps(name):
         press(tbx, keys, page, box)
-    path = SCREENS / f"{capture}.txt"
-    if UPDATES:
-        SCREENS.mkdir(exist_ok=True)
-        path.write_text(seen(tbx).text, encoding="utf-8")
-    assert path.read_text(encoding="utf-8") == seen(tbx).text
+    expected.compare(f"screens/{capture}.txt", seen(tbx).text)
 
 
 def test_there_is_no_captured_screen_of_a_place_that_is_no_more():
-    assert {path.stem for path in SCREENS.glob("*.txt")} == set(CAPTURES)
+    assert {path.stem for path in (FOLDER / "screens").glob("*.txt")} == set(CAPTURES)
