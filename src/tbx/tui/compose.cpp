@@ -196,6 +196,15 @@ static form_end press(compose_form *form, tui_screen *page, tui_key key, const c
     return form_end::open;
 }
 
+static bool is_text(tui_key key) {
+    return key == KEY_CHAR || key == KEY_PASTE;
+}
+
+static void draw_scrolled(compose_form *form, tui_screen *page) {
+    compose_scroll(form);
+    draw(*form, page);
+}
+
 // Returns how the form ended.
 static form_end run_form(compose_form *form) {
     tui_screen page;
@@ -204,13 +213,21 @@ static form_end run_form(compose_form *form) {
         compose_build(*form, below);
     };
     auto end = form_end::open;
+    bool follows = false; // whether the fields have been scrolled to the cursor
     while (!quit_requested && end == form_end::open) {
-        compose_scroll(form);
-        if (!tui_keys_wait())
-            draw(*form, &page);
+        const bool waits = tui_keys_wait();
+        if (!waits)
+            draw_scrolled(form, &page);
         tui_character character = {};
         const tui_key key = tui_next_key(character);
+        // Scrolling costs the length of a line. Text that was typed ahead moves the cursor in one
+        // direction only, so once behind it is enough; every other key can move it back.
+        if (waits && !follows && !is_text(key))
+            compose_scroll(form);
         end = press(form, &page, key, character);
+        follows = !is_text(key);
+        if (follows)
+            compose_scroll(form);
     }
     return end == form_end::open ? form_end::cut_short : end;
 }
