@@ -25,7 +25,7 @@ static bool means_no_entry(int error) {
 template <class Entry, class Ask>
 static lookup ask_for_entry(const Ask &ask, std::vector<char> *buffer, const Entry **entry) {
     constexpr size_t FIRST_BYTES = 4096;
-    constexpr size_t MAX_BYTES = 256 * 1024 * 1024;
+    constexpr size_t MAX_BYTES = 268'435'456;
     for (size_t bytes = FIRST_BYTES;; bytes *= 4) {
         buffer->resize(bytes);
         Entry *result = nullptr;
