@@ -136,17 +136,34 @@ def reads_of_the_answer(box):
             if "<pipe:" in arguments.split(",")[0]]
 
 
+def send_with_a_disturbed_answer(box, error):
+    """Sends while the first read of the answer fails: returns the Trace and how many messages there
+    were before.
+
+    A sanitizer reads files of its own, not equally often each time: tried until the answer is hit.
+    """
+    for _ in range(20):
+        first = reads_of_the_answer(box)[0]
+        before = len(messages(box))
+        traced = box.trace("read", "send", "--to", "pat", "--expires", "tomorrow", "hello",
+                           inject=[f"read:error={error}:when={first}"])
+        if any("INJECTED" in outcome and "<pipe:" in arguments.split(",")[0]
+               for _, arguments, outcome in traced.of_parent()):
+            return traced, before
+    raise AssertionError("the answer was never hit")
+
+
+def messages(box):
+    return [path for path in (box.store.top / "sent").iterdir() if path.name.isdigit()]
+
+
 def test_an_answer_whose_reading_is_interrupted_is_read_on(box):
-    first = reads_of_the_answer(box)[0]
-    traced = box.trace("read", "send", "--to", "pat", "--expires", "tomorrow", "hello",
-                       inject=[f"read:error=EINTR:when={first}"])
+    traced, before = send_with_a_disturbed_answer(box, "EINTR")
     assert traced.result.status == 0
-    assert box.store.sent(2, "msg").exists()
+    assert len(messages(box)) == before + 1
 
 
 def test_an_answer_that_cannot_be_read_is_no_date(box):
-    first = reads_of_the_answer(box)[0]
-    traced = box.trace("read", "send", "--to", "pat", "--expires", "tomorrow", "hello",
-                       inject=[f"read:error=EIO:when={first}"])
+    traced, before = send_with_a_disturbed_answer(box, "EIO")
     assert tuple(traced.result) == ("", "tbx: invalid expiry: tomorrow\n", 1)
-    assert not box.store.sent(2).exists()
+    assert len(messages(box)) == before
