@@ -30,7 +30,7 @@ def calls(machine, send):
 
 
 def test_a_trace_begins_with_the_program_s_own_code(calls):
-    assert (calls[0].name, calls[0].path) == ("openat", "/dev/null")
+    assert calls[0].name == "fcntl"  # whether a standard descriptor is missing
 
 
 def test_calls_are_counted_by_process_and_name(calls):

@@ -213,6 +213,12 @@ class Terminal:
         """The terminal's attributes as they are now, as from termios.tcgetattr."""
         return termios.tcgetattr(self._master)
 
+    def set_attributes(self, change):
+        """Changes the terminal's attributes under the program; `change` as in the constructor."""
+        wanted = self.attributes()
+        change(wanted)
+        termios.tcsetattr(self._master, termios.TCSANOW, wanted)
+
     def unread(self):
         """How many bytes were typed that the program has not read. Only in raw mode."""
         tty = os.open(self.tty_name, os.O_RDWR | os.O_NOCTTY)

@@ -32,6 +32,21 @@ def test_only_line_editing_and_what_eats_keys_is_off_while_the_interface_is_open
     assert tbx.attributes() == wanted
 
 
+@pytest.mark.parametrize("key", ["q", CTRL_C])
+def test_ctrl_s_behind_the_last_key_does_not_keep_the_screen(interface, key):
+    tbx, _ = interface([], **AS_BEFORE)
+    tbx.set_attributes(take_ctrl_s)  # as the interface does on its way out
+    tbx.send(CTRL_S)
+    tbx.poll_for(lambda: tbx.unread() == 0)
+    tbx.send(key)
+    assert tbx.wait_exit() == 0
+    assert not tbx.screen.alternate
+
+
+def take_ctrl_s(attributes):
+    attributes[IFLAG] |= termios.IXON
+
+
 @pytest.mark.usefixtures("strace")
 def test_signals_are_caught_before_the_terminal_is_changed(interface, binary, tmp_path):
     log = tmp_path / "trace"

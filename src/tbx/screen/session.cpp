@@ -158,12 +158,23 @@ void tui_raw_mode() {
     enter_screen();
 }
 
+// Makes the terminal take output again that Ctrl+S has stopped: pressed just behind the key that
+// leaves the screen, it is no key of the interface any more. Only what was stopped by a call can be
+// started by one.
+static void resume_output() {
+    const int fd = tui.tty_fd.get();
+    (void)(tcflow(fd, TCOOFF) == 0 && tcflow(fd, TCOON) == 0); // fails if the terminal is gone
+}
+
 void tui_restore() {
     if (quit_requested && tui_output_is_stuck(output_fd()))
         tcflush(tui.tty_fd.get(), TCOFLUSH); // or waiting for it to drain blocks for ever
     (void)set_attributes(tui.saved_termios); // fails if the terminal is gone
-    if (quit_requested && tui_output_is_stuck(output_fd()))
-        return;
+    if (tui_output_is_stuck(output_fd())) {
+        resume_output();
+        if (quit_requested && tui_output_is_stuck(output_fd()))
+            return;
+    }
     if (tui.is_torn) // the frame may have ended in a row that does not wrap
         (void)write_to_terminal(FRAME_WRAP_ON);
     (void)write_to_terminal(tui.rules->leave); // fails if the terminal is gone
