@@ -39,11 +39,19 @@ static void __attribute__((format(printf, 1, 0))) report(const char *format, va_
     fputc('\n', stderr);
 }
 
+static bool is_child = false; // of a fork of this program
+
+void die_as_child() {
+    is_child = true;
+}
+
 void die(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
     report(format, arguments);
     va_end(arguments);
+    if (is_child)
+        _exit(EXIT_FAILURE);
     exit(EXIT_FAILURE);
 }
 

@@ -73,6 +73,10 @@ void set_program_name(const char *name);
 // ends the process with status 1.
 [[noreturn]] void die(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+// Makes die() leave by _exit() from now on: for the child of a fork, which must not run what the
+// parent has registered for its own end.
+void die_as_child();
+
 // The same output as die(), but returns.
 void warn(const char *format, ...) __attribute__((format(printf, 1, 2)));
 

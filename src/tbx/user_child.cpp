@@ -199,6 +199,7 @@ static void die_with_parent(pid_t parent) {
 
 [[noreturn]] static void run_child(const child_task &task, pid_t parent, pipe_ends *input,
                                    pipe_ends *output) {
+    die_as_child();
     input->write_end.reset();
     output->read_end.reset();
     redirect_standard_descriptors(*input, *output);

@@ -24,6 +24,7 @@ static void set_signals() {
 }
 
 [[noreturn]] static void run_child(const tui_job &job, const unique_fd &in, const unique_fd &out) {
+    die_as_child();
     set_signals();
     if (dup2(in.get(), STDIN_FILENO) < 0 || dup2(out.get(), STDOUT_FILENO) < 0 ||
         dup2(out.get(), STDERR_FILENO) < 0)

@@ -34,6 +34,11 @@ void refuse(const char *argument) {
     die("no such thing: %s", argument);
 }
 
+void say_that_it_ends() {
+    constexpr std::string_view said = "the end\n";
+    (void)!write(STDOUT_FILENO, said.data(), said.size()); // the test reads it
+}
+
 void kill_itself(const char * /*argument*/) {
     raise(SIGKILL);
 }
@@ -129,6 +134,18 @@ TEST(TuiJob, ACommandThatEndsItsProcessEndsTheChildOnly) {
     const told result = run(refuse, "x");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "tbx: no such thing: x\n");
+}
+
+// In a process of its own: the handler stays.
+TEST(TuiJob, ACommandThatEndsItsProcessRunsNoHandlerOfTheInterface) {
+    EXPECT_EXIT(
+        {
+            atexit(say_that_it_ends);
+            const told result = run(refuse, "x");
+            fprintf(stderr, "%s", result.output.c_str());
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "^tbx: no such thing: x\n$");
 }
 
 TEST(TuiJob, ASignalThatEndsItIsAFailure) {
