@@ -1,5 +1,7 @@
 # Part of the installation: makes the folders that are missing, for everybody to read. CMake would
 # make them as private as the mask of whoever installs says.
+#
+#   TELLBOX_FOLDERS   list of folders below the prefix
 
 function(make_folders root path)
   string(REPLACE "/" ";" names "${path}")
@@ -13,8 +15,7 @@ function(make_folders root path)
   endforeach()
 endfunction()
 
-foreach(path bin lib/tellbox share/doc/tellbox share/man/man1 share/bash-completion/completions
-    share/zsh/site-functions share/fish/vendor_completions.d)
+foreach(path IN LISTS TELLBOX_FOLDERS)
   string(REGEX REPLACE "^/" "" prefix "${CMAKE_INSTALL_PREFIX}")
   make_folders("$ENV{DESTDIR}" "${prefix}/${path}")
 endforeach()

@@ -65,7 +65,18 @@ add_custom_target(user_files ALL DEPENDS ${user_files_made})
 
 # ---- Installing and uninstalling ------------------------------------------------------------
 
-install(SCRIPT packaging/folders.cmake)
+# Three parts, which are installed together, or each by itself, and are packages of their own:
+#   cmake --install TREE [--component tellbox|tellbox-user|tellbox-desktop]
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tellbox)
+
+# Makes the folders below the prefix that are missing, before anything is put into them.
+function(install_folders component)
+  install(CODE "set(TELLBOX_FOLDERS ${ARGN})" COMPONENT ${component})
+  install(SCRIPT packaging/folders.cmake COMPONENT ${component})
+endfunction()
+
+install_folders(tellbox bin lib/tellbox share/doc/tellbox share/man/man1
+  share/bash-completion/completions share/zsh/site-functions share/fish/vendor_completions.d)
 install(TARGETS tbx RUNTIME DESTINATION bin)
 install(FILES "${PACKAGING_OUT}/User Manual.html" DESTINATION share/doc/tellbox)
 install(FILES ${PACKAGING_OUT}/tbx.1 DESTINATION share/man/man1)
@@ -76,23 +87,33 @@ install(FILES packaging/completions/tbx.fish DESTINATION share/fish/vendor_compl
 install(CODE "set(TELLBOX_CONFIGURATION \"${PACKAGING}/tellbox.conf\")")
 install(SCRIPT packaging/outside_prefix.cmake)
 
-# The recipients' side, which goes into a package of its own:
-#   cmake --install TREE --component tellbox-user
-set(USER_SIDE COMPONENT tellbox-user EXCLUDE_FROM_ALL)
-install(SCRIPT packaging/folders.cmake ${USER_SIDE})
+# The recipients' side.
+set(USER_SIDE COMPONENT tellbox-user)
+install_folders(tellbox-user bin lib/tellbox lib/systemd/user/graphical-session.target.wants
+  share/man/man1 share/bash-completion/completions share/zsh/site-functions)
 install(TARGETS tellbox-user RUNTIME DESTINATION lib/tellbox ${USER_SIDE})
-install(CODE "file(CREATE_LINK ../lib/tellbox/tellbox-user
-  \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/bin/tellbox\" SYMBOLIC)" ${USER_SIDE})
 install(FILES ${USER_FILES}/tellbox.1 DESTINATION share/man/man1 ${USER_SIDE})
 install(FILES ${USER_FILES}/tellbox.bash RENAME tellbox
   DESTINATION share/bash-completion/completions ${USER_SIDE})
 install(FILES ${USER_FILES}/_tellbox DESTINATION share/zsh/site-functions ${USER_SIDE})
+install(FILES packaging/desktop/tellbox-agent.service DESTINATION lib/systemd/user ${USER_SIDE})
 install(CODE "set(TELLBOX_USER_FILES \"${USER_FILES}\")" ${USER_SIDE})
+install(CODE "set(TELLBOX_AUTOSTART \"${PACKAGING}/desktop/tellbox-agent.desktop\")" ${USER_SIDE})
 install(SCRIPT packaging/user_outside_prefix.cmake ${USER_SIDE})
-include(packaging/desktop.cmake)
+
+# The window, which alone needs a toolkit.
+if(TARGET tellbox-window)
+  foreach(target tellbox_window tellbox-window)
+    target_compile_options(${target} PRIVATE $<$<CONFIG:RelWithDebInfo>:
+      -ffile-prefix-map=${CMAKE_SOURCE_DIR}=/usr/src/tellbox
+      -ffile-prefix-map=${CMAKE_BINARY_DIR}=/usr/src/tellbox/build>)
+  endforeach()
+  install_folders(tellbox-desktop lib/tellbox)
+  install(TARGETS tellbox-window RUNTIME DESTINATION lib/tellbox COMPONENT tellbox-desktop)
+endif()
 
 add_custom_target(uninstall
-  COMMAND ${CMAKE_COMMAND} -D MANIFEST=${CMAKE_BINARY_DIR}/install_manifest.txt
+  COMMAND ${CMAKE_COMMAND} -D TREE=${CMAKE_BINARY_DIR}
           -D TELLBOX_CONFIGURATION=${PACKAGING}/tellbox.conf -P ${PACKAGING}/uninstall.cmake
   COMMENT "Uninstalling" VERBATIM)
 

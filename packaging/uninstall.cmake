@@ -1,12 +1,30 @@
-# Takes away what `cmake --install` has put in place, and says what it leaves.
+# Takes away what `cmake --install` has put in place, whole or by components, and says what it
+# leaves.
 #
-#   MANIFEST                the list of what was installed
+#   TREE                    the build folder, which has lists of what was installed from it
 #   TELLBOX_CONFIGURATION   the configuration file as it was installed
 
-if(NOT EXISTS "${MANIFEST}")
-  message(FATAL_ERROR "Nothing has been installed from here: there is no ${MANIFEST}")
+file(GLOB manifests "${TREE}/install_manifest.txt" "${TREE}/install_manifest_tellbox*.txt")
+if(NOT manifests)
+  message(FATAL_ERROR "Nothing has been installed from here: there is no ${TREE}/install_manifest.txt")
 endif()
-file(STRINGS "${MANIFEST}" installed)
+set(installed "")
+foreach(manifest IN LISTS manifests)
+  file(STRINGS "${manifest}" paths)
+  list(APPEND installed ${paths})
+endforeach()
+list(REMOVE_DUPLICATES installed)
+foreach(path IN LISTS installed)
+  if(path MATCHES "^(.*)/(bin/tbx|lib/tellbox/tellbox-(user|window))$")
+    set(prefix "${CMAKE_MATCH_1}")
+  endif()
+endforeach()
+
+# Shells that load the hook would else keep a block that leads nowhere.
+set(user_program "${prefix}/lib/tellbox/tellbox-user")
+if(prefix STREQUAL "/usr/local" AND "$ENV{DESTDIR}" STREQUAL "" AND EXISTS "${user_program}")
+  execute_process(COMMAND "${user_program}" shells off)
+endif()
 
 # Folders of our own, which go when they are empty.
 function(remove_empty folder)
@@ -21,17 +39,15 @@ function(remove_empty folder)
 endfunction()
 
 foreach(path IN LISTS installed)
-  if(path MATCHES "^(.*)/bin/tbx$")
-    set(prefix "${CMAKE_MATCH_1}")
-  endif()
   set(path "$ENV{DESTDIR}${path}")
   if(EXISTS "${path}" OR IS_SYMLINK "${path}")
     message(STATUS "Removing: ${path}")
     file(REMOVE "${path}")
   endif()
 endforeach()
-remove_empty("$ENV{DESTDIR}${prefix}/share/doc/tellbox")
-remove_empty("$ENV{DESTDIR}${prefix}/lib/tellbox")
+foreach(folder share/doc/tellbox lib/tellbox lib/systemd/user/graphical-session.target.wants)
+  remove_empty("$ENV{DESTDIR}${prefix}/${folder}")
+endforeach()
 
 set(system "$ENV{DESTDIR}")
 if(NOT prefix STREQUAL "/usr/local")

@@ -38,7 +38,7 @@ def test_the_window_is_a_package_of_its_own(installed, window_program):
 
 
 def test_nothing_of_it_is_installed_with_the_administrator_s_command(installed):
-    root = installed("Unspecified")
+    root = installed("tellbox")
     names = {path.name for path in root.rglob("*")}
     assert "tbx" in names
     assert not {"tellbox-window", "tellbox-agent.service", "tellbox-agent.desktop"} & names

@@ -7,7 +7,8 @@ import pytest
 
 from booted import BootFailure, end_on_signals, missing_for_boot
 from furnished import Machine
-from prerequisites import skip
+from packages import PACKAGES, install, make_packages, place_packages, take_away
+from prerequisites import need_programs, skip
 
 
 @pytest.fixture(scope="session")
@@ -39,6 +40,24 @@ def machine(booted):
     booted.refresh()
     yield booted
     booted.tidy()
+
+
+@pytest.fixture(scope="session")
+def debs(binary, tmp_path_factory):
+    """The folder that has the packages."""
+    need_programs("cpack", "dpkg-deb", "man", "bash", "zsh", "fish")
+    return make_packages(binary.parent, tmp_path_factory.mktemp("packages"))
+
+
+@pytest.fixture
+def packaged(machine, debs):
+    """The machine with the packages installed, and without the stand-ins of other tests."""
+    place_packages(machine, debs)
+    try:
+        install(machine, *PACKAGES)
+        yield machine
+    finally:
+        take_away(machine)
 
 
 @pytest.fixture(scope="session")

@@ -1,70 +1,21 @@
-"""The Debian package on a machine: installed, used, upgraded, removed and purged."""
+"""The Debian packages on a machine: installed, used, upgraded, removed and purged."""
 
-import shutil
-import subprocess
 import sys
 from pathlib import Path
 
 import pytest
-from prerequisites import need_programs
+
+from packages import BASE_FOLDERS, PACKAGES, dpkg, install
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "packaging"))
 
 import shells  # noqa: E402
 
-DEB = "/srv/tellbox.deb"
-NEWER_DEB = "/srv/tellbox-newer.deb"
 CONFIGURATION = "/etc/tellbox/tellbox.conf"
-BASE_FOLDERS = ("bin", "lib", "share", "share/man")
-PREPARE = f"""
-cp -a /usr/local/lib/tellbox /run/kept
-mount -t tmpfs -o mode=755 tmpfs /usr/local
-cd /usr/local
-mkdir -m 755 {' '.join(BASE_FOLDERS)}
-ln -s share/man man
-mv /run/kept lib/tellbox
-"""
-
-
-@pytest.fixture(scope="module")
-def debs(binary, tmp_path_factory):
-    """The package, and one of a later version with another configuration file."""
-    need_programs("cpack", "dpkg-deb", "man", "bash", "zsh", "fish")
-    folder = tmp_path_factory.mktemp("package")
-    subprocess.run(["cpack", "-G", "DEB", "-B", folder, "--config",
-                    binary.parent / "CPackConfig.cmake"], check=True, capture_output=True)
-    deb, = folder.glob("*.deb")
-    content = folder / "content"
-    subprocess.run(["dpkg-deb", "-R", deb, content], check=True)
-    control = content / "DEBIAN/control"
-    control.write_text(control.read_text().replace("\nVersion: ", "\nVersion: 1:"))
-    (content / CONFIGURATION.lstrip("/")).write_text("# The newer one.\n")
-    newer = folder / "newer.deb"
-    subprocess.run(["dpkg-deb", "--root-owner-group", "-b", content, newer], check=True,
-                   capture_output=True)
-    return deb, newer
-
-
-@pytest.fixture
-def packaged(machine, debs):
-    """The machine, with the package installed into a /usr/local that had the folders of the base
-    system and the program of the users, and nothing else."""
-    machine.run("sh", "-ec", PREPARE)
-    try:
-        for deb, inside in zip(debs, (DEB, NEWER_DEB)):
-            shutil.copyfile(deb, machine.path(inside))
-        dpkg(machine, "-i", DEB)
-        yield machine
-        dpkg(machine, "-P", "tellbox")
-    finally:
-        machine.run("umount", "/usr/local")
-
-
-def dpkg(machine, *arguments):
-    """Runs dpkg; returns what it says."""
-    result = machine.run("dpkg", *arguments, env={"DEBIAN_FRONTEND": "noninteractive"},
-                         timeout=120)
-    return result.stdout + result.stderr
+PROFILE = "/etc/profile.d/tellbox.sh"
+AUTOSTART = "/etc/xdg/autostart/tellbox-agent.desktop"
+BLOCK = "# >>> tellbox >>>\n"
+SHELLS = "/usr/local/lib/tellbox/tellbox-user", "shells"
 
 
 def test_a_message_can_be_sent(packaged):
@@ -99,19 +50,19 @@ def test_a_command_is_completed(packaged, name):
 def test_an_upgrade_keeps_messages_and_a_configuration_that_was_changed(packaged):
     packaged.send("--to", "pat", "hello")
     packaged.path(CONFIGURATION).write_text("TBX_REMIND_MINUTES = 5\n")
-    dpkg(packaged, "--force-confdef", "--force-confold", "-i", NEWER_DEB)
+    install(packaged, "tellbox", version="newer")
     assert packaged.path(CONFIGURATION).read_text() == "TBX_REMIND_MINUTES = 5\n"
     assert "hello" in packaged.tbx("list").stdout
 
 
 def test_an_upgrade_replaces_a_configuration_that_was_not_changed(packaged):
-    dpkg(packaged, "-i", NEWER_DEB)
+    install(packaged, "tellbox", version="newer")
     assert packaged.path(CONFIGURATION).read_text() == "# The newer one.\n"
 
 
 def test_an_upgrade_says_nothing_of_messages_staying(packaged):
     packaged.send("--to", "pat", "hello")
-    assert "messages" not in dpkg(packaged, "-i", NEWER_DEB)
+    assert "messages" not in install(packaged, "tellbox", version="newer")
 
 
 def test_removing_keeps_messages_and_configuration_and_says_so(packaged):
@@ -123,20 +74,35 @@ def test_removing_keeps_messages_and_configuration_and_says_so(packaged):
 
 
 def test_removing_takes_everything_else_away(packaged):
-    listed = packaged.run("dpkg", "-L", "tellbox").stdout.splitlines()
-    files = [name for name in listed if not packaged.path(name).is_dir()]
-    assert len(files) == 8
-    dpkg(packaged, "-r", "tellbox")
-    assert [name for name in files if packaged.path(name).exists()] == [CONFIGURATION]
+    listed = packaged.run("dpkg", "-L", *PACKAGES).stdout.split("\n")
+    files = {name for name in listed if name and not packaged.path(name).is_dir()}
+    assert len(files) == 20
+    dpkg(packaged, "-r", *PACKAGES)
+    assert {name for name in files if packaged.path(name).exists()} == {CONFIGURATION, PROFILE,
+                                                                        AUTOSTART}
 
 
-def test_removing_leaves_the_program_of_the_users(packaged):
-    dpkg(packaged, "-r", "tellbox")
-    assert packaged.path("/usr/local/lib/tellbox/tellbox-user").exists()
+@pytest.mark.parametrize("gone, kept", [
+    (["tellbox"], ["/usr/local/bin/tellbox", "/usr/local/lib/tellbox/tellbox-window"]),
+    (["tellbox-desktop"], ["/usr/local/bin/tellbox", "/usr/local/bin/tbx"]),
+    (["tellbox-user", "tellbox-desktop"], ["/usr/local/bin/tbx"])])
+def test_one_part_goes_and_the_others_work(packaged, gone, kept):
+    dpkg(packaged, "-r", *gone)
+    for program in kept:
+        assert packaged.path(program).exists()
+    for program in set(kept) - {"/usr/local/lib/tellbox/tellbox-window"}:
+        assert "Tellbox " in packaged.run(program, "version").stdout
+
+
+def test_the_window_needs_the_program_that_opens_it(packaged):
+    result = packaged.run("dpkg", "-r", "tellbox-user", check=False)
+    assert result.returncode != 0
+    assert "tellbox-desktop depends on tellbox-user" in result.stderr
 
 
 def test_removing_leaves_the_folders_of_the_base_system(packaged):
-    dpkg(packaged, "-r", "tellbox")
+    for part in reversed(PACKAGES):
+        dpkg(packaged, "-r", part)
     for folder in BASE_FOLDERS:
         status = packaged.path(f"/usr/local/{folder}").stat()
         assert (status.st_mode & 0o7777, status.st_uid) == (0o755, 0), folder
@@ -154,5 +120,66 @@ def test_purging_says_that_it_deletes_the_messages_and_does(packaged):
 def test_a_package_that_comes_back_finds_its_messages(packaged):
     packaged.send("--to", "pat", "hello")
     dpkg(packaged, "-r", "tellbox")
-    dpkg(packaged, "-i", DEB)
+    install(packaged, "tellbox")
     assert "hello" in packaged.tbx("list").stdout
+
+
+# ---- The users' part --------------------------------------------------------------------------
+
+
+def shell_files(machine):
+    """The files that every bash and zsh reads, with their text."""
+    paths = ("/etc/bash.bashrc", "/etc/zsh/zshrc")
+    return {path: machine.path(path).read_text() for path in paths}
+
+
+def test_removing_the_users_part_takes_the_hook_out_of_the_shells(packaged):
+    before = shell_files(packaged)
+    packaged.run(*SHELLS, "on")
+    assert all(BLOCK in text for text in shell_files(packaged).values())
+    said = dpkg(packaged, "-r", "tellbox-desktop", "tellbox-user")
+    assert shell_files(packaged) == before
+    assert "bash: now off (/etc/bash.bashrc)" in said
+
+
+def test_upgrading_the_users_part_leaves_the_hook_in_the_shells(packaged):
+    packaged.run(*SHELLS, "on")
+    before = shell_files(packaged)
+    install(packaged, "tellbox-user", version="newer")
+    assert shell_files(packaged) == before
+    packaged.run(*SHELLS, "off")
+
+
+def test_a_damaged_shell_file_does_not_keep_the_package_from_going(packaged):
+    kept = shell_files(packaged)["/etc/bash.bashrc"]
+    packaged.path("/etc/bash.bashrc").write_text(kept + BLOCK)
+    try:
+        said = dpkg(packaged, "-r", "tellbox-desktop", "tellbox-user")
+        assert "/etc/bash.bashrc: the tellbox block is damaged" in said
+        assert not packaged.path("/usr/local/bin/tellbox").exists()
+        assert packaged.path("/etc/bash.bashrc").read_text() == kept + BLOCK
+    finally:
+        packaged.path("/etc/bash.bashrc").write_text(kept)
+
+
+def test_after_removing_login_shells_start_without_a_word(packaged):
+    dpkg(packaged, "-r", "tellbox-desktop", "tellbox-user")
+    assert packaged.path(PROFILE).exists()
+    result = packaged.run("bash", "-lic", "echo fine", user="pat", env={"HOME": "/home/pat"})
+    assert result.stdout == "fine\n" and "tellbox" not in result.stderr
+
+
+def test_purging_the_users_part_deletes_no_message(packaged):
+    packaged.send("--to", "pat", "hello")
+    dpkg(packaged, "-P", "tellbox-desktop", "tellbox-user")
+    assert packaged.mailbox("pat", "inbox", 1).exists()
+    assert not packaged.path(PROFILE).exists() and not packaged.path(AUTOSTART).exists()
+
+
+def test_the_one_package_of_before_is_upgraded_by_the_three(packaged):
+    dpkg(packaged, "-P", *PACKAGES)
+    install(packaged, "tellbox", version="older")
+    packaged.send("--to", "pat", "hello")
+    install(packaged, *PACKAGES)
+    assert packaged.run("tellbox", "read", "1", user="pat").stdout == "Message 1 confirmed.\n"
+    assert "confirmed on" in packaged.tbx("status", "1").stdout

@@ -1,6 +1,7 @@
 """Fixtures for tests of what is installed. They use the folder that the program was built in."""
 
 import os
+import shutil
 import subprocess
 from pathlib import Path
 
@@ -18,10 +19,16 @@ def run(*command, **options):
     return result.stdout
 
 
-def install(tree, destination, prefix="/usr/local", **options):
-    """Installs what was built in `tree` below the folder `destination`."""
-    return run("cmake", "--install", tree, "--prefix", prefix,
-               env={**os.environ, "DESTDIR": str(destination)}, **options)
+def install(tree, destination, *parts, prefix="/usr/local", **options):
+    """Installs what was built in `tree`, or these parts of it, below the folder `destination`."""
+    for part in parts or (None,):
+        run("cmake", "--install", tree, "--prefix", prefix, *(["--component", part] if part else []),
+            env={**os.environ, "DESTDIR": str(destination)}, **options)
+
+
+def manifests(tree):
+    """The lists of what was installed from a build folder."""
+    return list(tree.glob("install_manifest*.txt"))
 
 
 @pytest.fixture(scope="session")
@@ -29,14 +36,13 @@ def tree(binary):
     """The folder that everything was built in. Not for tests that run at the same time."""
     if not (binary.parent / "packaging" / "tbx.1").is_file():
         pytest.fail(f"{binary.parent} is not a whole build", pytrace=False)
-    manifest = binary.parent / "install_manifest.txt"
-    before = manifest.read_text() if manifest.is_file() else None
+    before = {path: path.read_text() for path in manifests(binary.parent)}
     yield binary.parent
     # What an administrator has installed from there can still be uninstalled.
-    if before is None:
-        manifest.unlink(missing_ok=True)
-    elif manifest.read_text() != before:
-        manifest.write_text(before)
+    for path in manifests(binary.parent):
+        path.unlink()
+    for path, text in before.items():
+        path.write_text(text)
 
 
 @pytest.fixture(scope="session")
@@ -45,3 +51,38 @@ def installed(tree, tmp_path_factory):
     destination = tmp_path_factory.mktemp("installed")
     install(tree, destination)
     return destination
+
+
+BUILD_ELSEWHERE = """cd "$1" && cmake --preset release -B "$2" -DTBX_TESTS=OFF -DTBX_WINDOW=ON &&
+umask 077 && exec nice cmake --build "$2" -j "$3"
+"""
+
+
+@pytest.fixture(scope="session", autouse=True)
+def building_elsewhere(request, tmp_path_factory):
+    """The same source at another place while it is built there, into a folder of another name.
+    It begins before the first test, so that the other tests run meanwhile."""
+    if not any("built_elsewhere" in item.fixturenames for item in request.session.items):
+        yield None
+        return
+    folder = tmp_path_factory.mktemp("elsewhere")
+    source = folder / "a copy"
+    source.mkdir()
+    for name in ("CMakeLists.txt", "CMakePresets.json", "CHANGELOG.md"):
+        shutil.copyfile(REPOSITORY / name, source / name)
+    for name in ("src", "packaging", "docs"):
+        shutil.copytree(REPOSITORY / name, source / name, copy_function=shutil.copyfile)
+    with open(folder / "log", "w", encoding="utf-8") as log:
+        build = subprocess.Popen(["sh", "-ec", BUILD_ELSEWHERE, "sh", source, folder / "built",
+                                  str(os.cpu_count())], stdout=log, stderr=subprocess.STDOUT)
+    yield build, folder
+    build.terminate()
+    build.wait()
+
+
+@pytest.fixture(scope="session")
+def built_elsewhere(building_elsewhere):
+    """The folder that another copy of the source was built in."""
+    build, folder = building_elsewhere
+    assert build.wait() == 0, (folder / "log").read_text(encoding="utf-8")
+    return folder / "built"
