@@ -1,111 +1,20 @@
 """The whole way: a message is sent, the user's own service manager has the real agent, the window
 comes up on a display in the user's session, and what the user answers reaches the administrator."""
 
-import itertools
 import pathlib
 import re
 import shutil
-import time
 
 import pytest
 
-from booted import end_process
-from furnished import TOOLS
+from displays import LATER, READ, WINDOW, Desktop, await_confirmed, confirmed_on, prepare_displays
 from harness.waiting import PATIENCE_SECONDS, await_condition
 from prerequisites import skip
 from residents import AGENT
 
 HERE = pathlib.Path(__file__).resolve().parent
 PACKAGING = HERE.parents[1] / "packaging" / "desktop"
-WINDOW = "/usr/local/lib/tellbox/tellbox-window"
 UNIT = "/usr/local/lib/systemd/user/tellbox-agent.service"
-GUARD_SECONDS = 0.8
-READ, LATER = "I have read it", "Later"
-
-
-class Desktop:
-    """A user at a display of their own, with a window manager, in a graphical session."""
-
-    _numbers = itertools.count(31)  # of displays: one that has just ended may still answer
-
-    def __init__(self, machine, user, announce=True):
-        self.machine, self.user = machine, user
-        display = f":{next(self._numbers)}"
-        self.session = machine.open_session(user, "x11")
-        self.environment = {
-            "DISPLAY": display, "XDG_RUNTIME_DIR": f"/run/user/{machine.uid(user)}",
-            "HOME": f"/home/{user}",
-            "DBUS_SESSION_BUS_ADDRESS": f"unix:path=/run/user/{machine.uid(user)}/bus"}
-        self._server = self._start("Xvfb", display, "-noreset", "-nolisten", "tcp")
-        await_condition(lambda: self.run("xprop", "-root").returncode == 0, PATIENCE_SECONDS,
-                        "the display")
-        self._manager = self._start("openbox")
-        await_condition(lambda: "window id" in self.run("xprop", "-root",
-                                                        "_NET_SUPPORTING_WM_CHECK").stdout,
-                        PATIENCE_SECONDS, "the window manager")
-        if announce:
-            self.systemctl("set-environment", f"DISPLAY={display}")
-
-    def _start(self, *command):
-        process = self.machine.start(*command, user=self.user, env=self.environment)
-        self.machine.keep(process)
-        return process
-
-    def run(self, *command):
-        return self.machine.run(*command, user=self.user, env=self.environment, check=False)
-
-    def systemctl(self, *arguments):
-        return self.machine.run("systemctl", "--user", *arguments, user=self.user,
-                                env=self.environment).stdout
-
-    def windows(self):
-        found = self.run("xdotool", "search", "--onlyvisible", "--name",
-                         "Message from the administrator").stdout
-        return [int(line) for line in found.split()]
-
-    def await_window(self):
-        return await_condition(self.windows, PATIENCE_SECONDS, "the window on the screen")[-1]
-
-    def window_processes(self):
-        return self.machine.run("pgrep", "-u", self.user, "-xf", WINDOW,
-                                check=False).stdout.split()
-
-    def await_no_window(self):
-        await_condition(lambda: not self.windows(), PATIENCE_SECONDS, "the window is gone")
-
-    def text(self):
-        return self.run("/usr/bin/python3", f"{TOOLS}/press.py", "text").stdout.rstrip("\n")
-
-    def press(self, button):
-        time.sleep(GUARD_SECONDS)
-        result = self.run("/usr/bin/python3", f"{TOOLS}/press.py", button)
-        assert result.returncode == 0, result.stderr
-
-    def click_at_the_right(self):
-        """Clicks with the mouse where the last button is."""
-        time.sleep(GUARD_SECONDS)
-        facts = self.run("xwininfo", "-id", str(self.await_window())).stdout
-        left, top, width, height = (
-            int(re.search(rf"{name}: +(-?\d+)", facts)[1])
-            for name in ("Absolute upper-left X", "Absolute upper-left Y", "Width", "Height"))
-        self.run("xdotool", "mousemove", str(left + width - 60), str(top + height - 30),
-                 "click", "1")
-
-    def type(self, *keys):
-        self.run("xdotool", "windowactivate", "--sync", str(self.await_window()))
-        time.sleep(GUARD_SECONDS)
-        self.run("xdotool", "key", "--delay", "30", *keys)
-
-    def agents(self):
-        found = self.machine.run("pgrep", "-u", self.user, "-xf", f"{AGENT} agent", check=False)
-        return found.stdout.split()
-
-    def log_out(self):
-        """Everything of the session ends, the display too."""
-        for process in (self._manager, self._server):
-            end_process(process)
-        self.run("pkill", "-u", self.user, "Xvfb")
-        self.session.close()
 
 
 @pytest.fixture(scope="module")
@@ -122,11 +31,9 @@ def with_programs(booted):
     booted.install(window, WINDOW.lstrip("/"))
     booted.install(PACKAGING / "tellbox-agent.service", UNIT.lstrip("/"))
     booted.install(PACKAGING / "tellbox-agent.desktop", "etc/xdg/autostart/tellbox-agent.desktop")
-    booted.install(HERE / "desktop" / "press.py", f"{TOOLS.lstrip('/')}/press.py")
+    prepare_displays(booted)
     for name in (UNIT, "/etc/xdg/autostart/tellbox-agent.desktop"):
         booted.path(name).chmod(0o644)
-    booted.run("mkdir", "-p", "/tmp/.X11-unix")
-    booted.run("chmod", "1777", "/tmp/.X11-unix")
     wants = booted.path(UNIT).parent / "graphical-session.target.wants"
     wants.mkdir()
     (wants / "tellbox-agent.service").symlink_to("../tellbox-agent.service")
@@ -141,16 +48,6 @@ def with_programs(booted):
 def desktop(machine, with_programs):
     """pat at a desktop."""
     return Desktop(machine, "pat")
-
-
-def confirmed_on(machine, number=1):
-    """The channel that `tbx status` tells, "" while there is no answer."""
-    found = re.search(r"confirmed on .* \((\w+)\)", machine.tbx("status", str(number)).stdout)
-    return found[1] if found else ""
-
-
-def await_confirmed(machine, number=1):
-    return await_condition(lambda: confirmed_on(machine, number), PATIENCE_SECONDS, "the answer")
 
 
 def test_a_message_is_shown_read_and_reported(machine, desktop):
