@@ -113,8 +113,8 @@ MANUAL = {"packaging": "manual"}
 
 # Other files, by a pattern of their path.
 OTHERS = (
-    (r"packaging/desktop", {"desktop": "installation", "machine": "machine_desktop"}),
-    (r"packaging/", {"packaging": ALL}),
+    (r"packaging/desktop", {"desktop": "installation", "machine": "machine_desktop machine_story"}),
+    (r"packaging/", {"packaging": ALL, "machine": "machine_package machine_story"}),
     (r"docs/manual/", MANUAL),
     (r"tests/tui/expected/screens/", {"tui": "screen_captures"}),
     (r"tests/tui/expected/", {"tui": "manual guide"}),

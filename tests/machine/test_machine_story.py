@@ -1,0 +1,118 @@
+"""The whole story, as the people of a machine live it: the packages are installed, a message is sent,
+asked about at a prompt and in a window, confirmed, and the administrator sees who has read it."""
+
+import re
+
+import pytest
+
+from displays import PROGRAMS, READ, Desktop, await_confirmed, prepare_displays
+from harness.waiting import PATIENCE_SECONDS, await_condition
+from packages import PACKAGES, dpkg, install, place_packages, take_away
+from prerequisites import need_programs
+
+SHELLS = "/usr/local/lib/tellbox/tellbox-user", "shells"
+TEXT = "The machine restarts at 22:00.\nPlease save your work."
+
+
+@pytest.fixture
+def unpackaged(machine, debs):
+    """A machine that nothing of it was ever installed on."""
+    place_packages(machine, debs)
+    try:
+        yield machine
+    finally:
+        take_away(machine)
+
+
+@pytest.fixture
+def with_displays(packaged):
+    """The machine with the packages, on which desktops can be opened."""
+    need_programs(*PROGRAMS)
+    prepare_displays(packaged)
+    return packaged
+
+
+def shell_of(machine, user, command):
+    """A terminal on which the user has just logged in and has an interactive shell."""
+    machine.path(f"/home/{user}/.zshrc").touch()  # or zsh would ask what to put into it
+    terminal = machine.log_in(user, command=f"cd; exec {command}", env={"TERM": "xterm"})
+    terminal.type(b"printf 'rea%s\\n' dy\r")
+    terminal.await_seen("ready")
+    return terminal
+
+
+def history(machine, number=1):
+    """What `tbx log` prints below its heading, without the times."""
+    return [line[21:] for line in machine.tbx("log", str(number)).stdout.splitlines()[1:]]
+
+
+def test_from_the_packages_to_two_confirmations(unpackaged):
+    machine = unpackaged
+    need_programs(*PROGRAMS)
+    prepare_displays(machine)
+    install(machine, *PACKAGES)
+    machine.run(*SHELLS, "on")
+    pat = shell_of(machine, "pat", "bash -l")
+    sam = Desktop(machine, "sam")
+
+    machine.send("--to", "pat,sam", "--title", "Maintenance tonight", TEXT, recipients=2)
+    sam.await_window()
+    pat.await_seen("Message from the administrator")
+    pat.type(b"\r")
+    pat.await_seen("Answer with: tellbox")
+    pat.type(b"tellbox read\r")
+    pat.await_seen("Message 1 confirmed.")
+    assert sam.text() == TEXT
+    sam.press(READ)
+
+    await_condition(lambda: machine.tbx("status", "1").stdout.count("confirmed on") == 2,
+                    PATIENCE_SECONDS, "both answers")
+    told = machine.tbx("status", "1").stdout
+    assert re.search(r"^pat +confirmed on .* \(terminal\)$", told, re.MULTILINE)
+    assert re.search(r"^sam +confirmed on .* \(desktop\)$", told, re.MULTILINE)
+    await_condition(lambda: {"user pat: confirmed reading message 1 (terminal)",
+                             "user sam: confirmed reading message 1 (desktop)"}
+                    <= set(history(machine)), PATIENCE_SECONDS, "both events, without a mark")
+    assert "all confirmed (2)" in machine.tbx("list").stdout
+
+
+@pytest.mark.parametrize("command", ["bash -l", "bash", "zsh -l", "zsh", "fish"])
+def test_every_shell_of_the_machine_asks_once_the_hook_is_on(packaged, command):
+    packaged.run(*SHELLS, "on")
+    pat = shell_of(packaged, "pat", command)
+    packaged.send("--to", "pat", "hello")
+    pat.type(b"\r")
+    pat.await_seen("Answer with: tellbox")
+    pat.type(b"tellbox read 1\r")
+    pat.await_seen("Message 1 confirmed.")
+    assert await_confirmed(packaged) == "terminal"
+    packaged.run(*SHELLS, "off")
+
+
+def test_the_next_login_starts_the_agent_and_it_shows_what_waits(with_displays):
+    machine = with_displays
+    machine.send("--to", "pat", "hello")
+    desktop = Desktop(machine, "pat")
+    assert desktop.agents() == []
+    target = "/run/systemd/user/desktop.target"
+    machine.run("mkdir", "-p", "/run/systemd/user")
+    machine.path(target).write_text("[Unit]\nBindsTo=graphical-session.target\n")
+    try:
+        desktop.systemctl("daemon-reload")
+        desktop.systemctl("start", "desktop.target")  # as a desktop does when it has started
+        desktop.await_window()
+        desktop.press(READ)
+        assert await_confirmed(machine) == "desktop"
+    finally:
+        machine.path(target).unlink()
+
+
+def test_a_package_that_goes_takes_its_agents_with_it(with_displays):
+    machine = with_displays
+    desktop = Desktop(machine, "pat")
+    machine.send("--to", "pat", "hello")
+    desktop.await_window()
+    dpkg(machine, "-r", "tellbox-desktop", "tellbox-user")
+    await_condition(lambda: not desktop.agents(), PATIENCE_SECONDS, "the end of the agent")
+    desktop.await_no_window()
+    assert "delivered" in machine.tbx("status", "1").stdout
