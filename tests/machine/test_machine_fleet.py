@@ -9,6 +9,7 @@ import pytest
 from booted import REPOSITORY, end_process
 from furnished import Machine
 from harness.waiting import PATIENCE_SECONDS, await_condition
+from packages import PACKAGES, place_packages, take_away
 
 ADDRESSES = {"alpha": "192.0.2.1", "beta": "192.0.2.2"}
 UNREACHABLE = {"gamma": "192.0.2.3"}
@@ -178,3 +179,55 @@ def test_the_play_fails_where_a_message_cannot_be_sent(fleet):
     fleet.beta.store("sent").write_text("in the way")
     result = play(fleet, "--limit", "beta")
     assert re.search(r"^beta +: ok=0 .* failed=1 ", result.stdout, re.MULTILINE), result.stdout
+
+
+# ---- Both sides on every host -----------------------------------------------------------------
+
+
+@pytest.fixture
+def unpackaged(fleet, debs):
+    """The machines without Tellbox, and the packages beside the playbook on alpha."""
+    version = re.search(r"^Version: (.*)$", subprocess.run(
+        ["dpkg-deb", "-f", debs / "tellbox.deb"], capture_output=True, text=True,
+        check=True).stdout, re.MULTILINE)[1]
+    fleet.write("install.yml", from_manual("fleet-install").replace("@VERSION@", version))
+    placed = []
+    try:
+        for machine in (fleet.alpha, fleet.beta):
+            place_packages(machine, debs)
+            placed.append(machine)
+        for part in PACKAGES:
+            fleet.run(f"ln -sf /srv/{part}.deb {part}_{version}_amd64.deb")
+        yield fleet
+    finally:
+        for machine in placed:
+            take_away(machine)
+            machine.run("rm", "-rf", "/var/cache/tellbox")
+
+
+def play_installation(fleet, *options):
+    """Runs the manual's playbook; returns how many tasks were ok and changed on each host."""
+    fleet.write("inventory", "alpha\nbeta\n[desktops]\nbeta\n")
+    result = fleet.run("ANSIBLE_NOCOLOR=1 ANSIBLE_PIPELINING=1 ansible-playbook --inventory inventory "
+                       f"{' '.join(options)} install.yml")
+    assert result.returncode == 0, result.stdout + result.stderr
+    found = re.findall(r"^(\w+) +: ok=(\d) +changed=(\d)", result.stdout, re.MULTILINE)
+    return {name: (int(ok), int(changed)) for name, ok, changed in found}
+
+
+def test_the_playbook_installs_both_sides_and_messages_are_confirmed(unpackaged):
+    fleet = unpackaged
+    assert play_installation(fleet) == {"alpha": (3, 3), "beta": (3, 3)}
+    assert [machine.path("/usr/local/lib/tellbox/tellbox-window").exists()
+            for machine in (fleet.alpha, fleet.beta)] == [False, True]
+    sent = fleet.run("grep -v gamma hosts >there; ./fleet-send there notice.txt --to pat | sort")
+    assert sent.stdout.splitlines() == ["0 alpha Message 1 sent to 1 user.",
+                                        "0 beta Message 1 sent to 1 user."]
+    for machine in (fleet.alpha, fleet.beta):
+        pat = machine.log_in("pat", command="cd; exec bash", env={"TERM": "xterm"})
+        pat.await_seen("Answer with: tellbox")
+        pat.type(b"tellbox read\r")
+        pat.await_seen("Message 1 confirmed.")
+        assert re.search(r"^pat +confirmed on .* \(terminal\)$", machine.tbx("status", "1").stdout,
+                         re.MULTILINE)
+    assert play_installation(fleet, "--limit", "alpha") == {"alpha": (3, 0)}

@@ -1,10 +1,12 @@
 """The whole story, as the people of a machine live it: the packages are installed, a message is sent,
 asked about at a prompt and in a window, confirmed, and the administrator sees who has read it."""
 
+import html
 import re
 
 import pytest
 
+from booted import REPOSITORY
 from displays import PROGRAMS, READ, Desktop, await_confirmed, prepare_displays
 from harness.waiting import PATIENCE_SECONDS, await_condition
 from packages import PACKAGES, dpkg, install, place_packages, take_away
@@ -116,3 +118,57 @@ def test_a_package_that_goes_takes_its_agents_with_it(with_displays):
     await_condition(lambda: not desktop.agents(), PATIENCE_SECONDS, "the end of the agent")
     desktop.await_no_window()
     assert "delivered" in machine.tbx("status", "1").stdout
+
+
+# ---- The manual's list: nobody confirms -------------------------------------------------------
+
+CHAPTER = REPOSITORY / "docs" / "manual" / "40-operation.html"
+HOOK_FILES = {"/etc/bash.bashrc", "/etc/zsh/zshrc"}
+
+
+def step(machine, name):
+    """Runs the command of a step of the list; returns what it prints, errors included."""
+    found = re.search(f'<pre id="nobody-{name}"><code>(.*?)</code></pre>',
+                      CHAPTER.read_text(encoding="utf-8"))
+    result = machine.run("bash", "-c", f"{html.unescape(found[1])} 2>&1", check=False)
+    return result.stdout
+
+
+def test_the_list_for_when_nobody_confirms_finds_nothing_where_all_is_well(with_displays):
+    machine = with_displays
+    machine.run(*SHELLS, "on")
+    desktop = Desktop(machine, "pat")
+    machine.send("--to", "pat", "hello")
+    desktop.await_window()
+    assert re.search(r"^pat +(delivered|postponed on)", step(machine, "delivered"), re.MULTILINE)
+    assert step(machine, "installed").startswith("Tellbox ")
+    assert "hello" in step(machine, "waiting") and "confirmed" not in step(machine, "waiting")
+    assert HOOK_FILES <= set(step(machine, "shells").splitlines())
+    assert step(machine, "silenced") == ""
+    assert step(machine, "window") == "/usr/local/lib/tellbox/tellbox-window\n"
+    assert len(step(machine, "agent").splitlines()) == 1
+    assert step(machine, "failed") == ""
+    assert "1 recipient reminded" in step(machine, "remind")
+
+
+def test_the_list_for_when_nobody_confirms_finds_each_cause(packaged):
+    machine = packaged
+    machine.send("--to", "pat", "hello")
+    assert not HOOK_FILES & set(step(machine, "shells").splitlines())
+    assert step(machine, "agent") == ""
+
+    profile = machine.path("/home/pat/.bashrc")
+    kept = profile.read_text(encoding="utf-8")
+    profile.write_text(f"{kept}TELLBOX_PROMPT=off\n", encoding="utf-8")
+    assert "/home/pat/.bashrc:TELLBOX_PROMPT=off" in step(machine, "silenced")
+    profile.write_text(kept, encoding="utf-8")
+
+    machine.mailbox("pat", "acks").chmod(0o500)
+    assert "Permission denied" in machine.run("tellbox", "read", "1", user="pat", check=False).stderr
+    await_condition(lambda: "message 1" in step(machine, "failed"), PATIENCE_SECONDS, "the event")
+
+    dpkg(machine, "-r", "tellbox-desktop", "tellbox-user")
+    assert "No such file" in step(machine, "window")
+    assert "No such file" in step(machine, "installed")
+    machine.tbx("revoke", "1")
+    assert re.search(r"^pat .*\(revoked\)$", step(machine, "delivered"), re.MULTILINE)
