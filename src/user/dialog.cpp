@@ -10,7 +10,12 @@
 #include <csignal>
 #include <utility>
 
-constexpr size_t SAID_MAX_BYTES = 64; // no word is longer
+// Everything that a window may write, in this order.
+constexpr std::string_view SHOWN = "shown\n";
+constexpr std::string_view READ = "shown\nread\n";
+constexpr std::string_view LATER = "shown\nlater\n";
+// One byte more than the longest of them: more than that is nonsense.
+constexpr size_t SAID_MAX_BYTES = LATER.size() + 1;
 
 dialog::dialog(sd_event *loop, shown_handler shown, end_handler ended)
     : loop_(loop), tell_shown_(std::move(shown)), tell_ended_(std::move(ended)) {}
@@ -18,8 +23,8 @@ dialog::dialog(sd_event *loop, shown_handler shown, end_handler ended)
 dialog::~dialog() {
     if (!is_open())
         return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0); // killed just now
+    signal_it(SIGKILL);
+    (void)waitpid(pid_, nullptr, 0); // killed just now: nobody asks how it ended
 }
 
 // ---- Starting -----------------------------------------------------------------------------
@@ -37,11 +42,11 @@ static unique_fd input_file(std::string_view input) {
 [[noreturn]] static void become_window(const char *program, int input, int output,
                                        char *const environment[], pid_t parent) {
     for (int number = 1; number < NSIG; number++)
-        signal(number, SIG_DFL); // fails for those that cannot be changed
+        (void)signal(number, SIG_DFL); // fails for those that cannot be changed
     sigset_t none;
     sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    (void)sigprocmask(SIG_SETMASK, &none, nullptr); // cannot fail: the arguments are right
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);         // cannot fail: the signal exists
     if (getppid() != parent || dup2(input, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0)
         _exit(127);
     char *const arguments[] = {const_cast<char *>(program), nullptr};
@@ -74,8 +79,7 @@ int dialog::open(const std::string &program, std::string_view input,
 int dialog::watch(pid_t pid, unique_fd output) {
     output_ = std::move(output);
     said_.clear();
-    answer_.clear();
-    shown_ = closing_ = was_mute_ = contradicts_itself_ = false;
+    shown_ = closing_ = was_mute_ = is_nonsense_ = false;
     sd_event_source *source = nullptr;
     int result = fcntl(output_.get(), F_SETFL, O_NONBLOCK) == 0 ? 0 : -errno;
     if (result >= 0)
@@ -92,8 +96,8 @@ int dialog::watch(pid_t pid, unique_fd output) {
     }
     output_source_.reset();
     exit_source_.reset();
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0); // killed just now
+    (void)kill(pid, SIGKILL); // our child: it is there
+    (void)waitpid(pid, nullptr, 0);
     errno = -result;
     return -1;
 }
@@ -101,54 +105,50 @@ int dialog::watch(pid_t pid, unique_fd output) {
 // ---- Listening ----------------------------------------------------------------------------
 
 int dialog::on_output(sd_event_source *, int, uint32_t, void *self) {
-    static_cast<dialog *>(self)->read_output();
+    auto *window = static_cast<dialog *>(self);
+    if (window->read_output() == heard::ended)
+        window->output_ended();
     return 0;
 }
 
-// Reads what is there. After EOF no answer can come, so the process must end too.
-void dialog::read_output() {
+// Reads at most as much as a window may write. What comes after nonsense is not read.
+dialog::heard dialog::read_output() {
     char piece[SAID_MAX_BYTES];
-    while (output_) {
-        const ssize_t got = read(output_.get(), piece, sizeof piece);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0 && errno == EAGAIN)
-            return;
-        if (got <= 0) {
-            output_source_.reset();
-            output_.reset();
-            if (!closing_)
-                give_up_on_it();
-            return;
-        }
-        said_.append(piece, static_cast<size_t>(got));
-        take_words();
-    }
+    if (!output_ || is_nonsense_)
+        return heard::ended;
+    const ssize_t got = read(output_.get(), piece, SAID_MAX_BYTES - said_.size());
+    if (got < 0 && (errno == EAGAIN || errno == EINTR))
+        return heard::nothing_yet;
+    if (got <= 0)
+        return heard::ended;
+    said_.append(piece, static_cast<size_t>(got));
+    take_said();
+    return heard::some;
 }
 
-void dialog::take_words() {
-    for (size_t end = said_.find('\n'); end != std::string::npos; end = said_.find('\n')) {
-        const std::string word = said_.substr(0, end);
-        said_.erase(0, end + 1);
-        take_word(word);
-    }
-    if (said_.size() > SAID_MAX_BYTES) {
-        said_.clear();
-        close(); // unknown output
-    }
-}
-
-void dialog::take_word(std::string_view word) {
-    if (word == "shown" && !shown_ && !closing_) {
+void dialog::take_said() {
+    if (!shown_ && !closing_ && said_.starts_with(SHOWN)) {
         shown_ = true;
         timer_.reset();
         tell_shown_();
-    } else if ((word == "read" || word == "later") && shown_ && answer_.empty()) {
-        answer_ = word;
-    } else {
-        contradicts_itself_ = true;
+    }
+    if (!READ.starts_with(said_) && !LATER.starts_with(said_)) {
+        is_nonsense_ = true;
+        output_source_.reset();
         close();
     }
+}
+
+bool dialog::has_answered() const {
+    return !is_nonsense_ && (said_ == READ || said_ == LATER);
+}
+
+// No answer can come any more, so the process must end too.
+void dialog::output_ended() {
+    output_source_.reset();
+    output_.reset();
+    if (!closing_)
+        give_up_on_it();
 }
 
 // ---- Ending -------------------------------------------------------------------------------
@@ -156,22 +156,30 @@ void dialog::take_word(std::string_view word) {
 void dialog::close() {
     if (!is_open() || closing_)
         return;
-    kill(pid_, SIGTERM);
+    if (!has_answered()) // otherwise it is ending already, and a signal would spoil its exit status
+        signal_it(SIGTERM);
     give_up_on_it();
 }
 
-// The process ends by itself, or is killed.
+// The process ends by itself, or is killed. One that has answered gets more time for it: its answer
+// counts only with its exit status.
 void dialog::give_up_on_it() {
     closing_ = true;
-    if (set_timer(loop_, &timer_, TERMINATE_LIMIT_MS, on_timer, this) < 0)
-        kill(pid_, SIGKILL);
+    const uint64_t limit = has_answered() ? ANSWERED_LIMIT_MS : TERMINATE_LIMIT_MS;
+    if (set_timer(loop_, &timer_, limit, on_timer, this) < 0)
+        signal_it(SIGKILL);
+}
+
+// The process is our child and not reaped yet: it is there, and the signal reaches it.
+void dialog::signal_it(int number) const {
+    (void)kill(pid_, number);
 }
 
 int dialog::on_timer(sd_event_source *, uint64_t, void *self) {
     auto *window = static_cast<dialog *>(self);
     window->was_mute_ = !window->closing_;
     window->closing_ = true;
-    kill(window->pid_, SIGKILL);
+    window->signal_it(SIGKILL);
     return 0;
 }
 
@@ -180,14 +188,15 @@ dialog_end dialog::outcome(const siginfo_t &how) const {
         return dialog_end::mute;
     if (!shown_)
         return dialog_end::never_shown;
-    if (how.si_code != CLD_EXITED || how.si_status != 0 || answer_.empty() || contradicts_itself_)
+    if (how.si_code != CLD_EXITED || how.si_status != 0 || !has_answered())
         return dialog_end::unanswered;
-    return answer_ == "read" ? dialog_end::read : dialog_end::later;
+    return said_ == READ ? dialog_end::read : dialog_end::later;
 }
 
 int dialog::on_exit(sd_event_source *, const siginfo_t *how, void *self) {
     auto *window = static_cast<dialog *>(self);
-    window->read_output(); // the rest of its output
+    while (window->read_output() == heard::some) { // the rest of its output
+    }
     const dialog_end end = window->outcome(*how);
     const unique_source finished = std::move(window->exit_source_); // in use until we return
     window->output_source_.reset();

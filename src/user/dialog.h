@@ -1,5 +1,5 @@
 // The window's process: starting it, reading what it writes, ending it. The window is not trusted:
-// only an answer word followed by exit status 0 is an answer.
+// only "shown" and one answer word, nothing else, followed by exit status 0 are an answer.
 #pragma once
 
 #include "common/core.h"
@@ -12,6 +12,7 @@
 
 constexpr uint64_t FIRST_WORD_LIMIT_MS = 10'000;
 constexpr uint64_t TERMINATE_LIMIT_MS = 500;
+constexpr uint64_t ANSWERED_LIMIT_MS = 10'000; // from the answer to the end of the process
 
 enum class dialog_end {
     read,        // "I have read it"
@@ -48,10 +49,13 @@ private:
     static int on_timer(sd_event_source *, uint64_t, void *self);
 
     [[nodiscard]] int watch(pid_t pid, unique_fd output);
-    void read_output();
-    void take_words();
-    void take_word(std::string_view word);
+    enum class heard { some, nothing_yet, ended };
+    [[nodiscard]] heard read_output();
+    void take_said();
+    void output_ended();
+    [[nodiscard]] bool has_answered() const;
     void give_up_on_it();
+    void signal_it(int number) const;
     [[nodiscard]] dialog_end outcome(const siginfo_t &how) const;
 
     sd_event *loop_;
@@ -63,10 +67,9 @@ private:
     unique_source output_source_;
     unique_source exit_source_;
     unique_source timer_; // until the first word, then until it is killed
-    std::string said_;    // not yet a whole line
-    std::string answer_;
+    std::string said_;    // everything so far
     bool shown_ = false;
     bool closing_ = false;
     bool was_mute_ = false;
-    bool contradicts_itself_ = false;
+    bool is_nonsense_ = false; // what it said
 };
