@@ -76,6 +76,8 @@ private:
 
     // Looking at the mailbox
     void look();
+    [[nodiscard]] bool is_desktop_gone();
+    static void write_ready_file();
     void look_at_mailbox(own_mailbox *box);
     [[nodiscard]] bool is_engaged() const;
     void plan_expiry(const message_record &message);
@@ -163,8 +165,7 @@ void agent::start() {
     add_signals();
     watch_logins();
     watch_.arm(owner_);
-    if (ready_file_write() != 0)
-        die(_("cannot write to %s: %s"), runtime_folder().c_str(), strerror(errno));
+    write_ready_file();
     look_in(0);
 }
 
@@ -203,6 +204,7 @@ void agent::connect_bus() {
     if (sd_bus_open_user(&bus) < 0)
         return;
     bus_.reset(bus);
+    (void)sd_bus_set_close_on_exit(bus, 0); // it would wait for a bus that does not answer
     if (sd_bus_attach_event(bus, loop_, SD_EVENT_PRIORITY_NORMAL) < 0)
         bus_.reset();
     notices_.use(bus_.get());
@@ -253,7 +255,7 @@ void agent::look() {
     look_at_ms_ = UINT64_MAX;
     if (is_finishing_)
         return;
-    if (has_service_manager() && !has_desktop_session(geteuid())) {
+    if (is_desktop_gone()) {
         finish();
         return;
     }
@@ -274,6 +276,24 @@ void agent::look() {
     }
     const uint64_t ended = monotonic_ms();
     look_not_before_ms_ = ended + std::max(LOOK_INTERVAL_MS, (ended - began) * LOOK_IDLE_FACTOR);
+}
+
+// Whether the user has logged out. The readiness file is removed before the last question: an agent
+// that is started after the next login finds it missing and waits for the lock, or comes before
+// the question.
+bool agent::is_desktop_gone() {
+    if (!has_service_manager() || has_desktop_session(geteuid()))
+        return false;
+    ready_file_remove();
+    if (!has_desktop_session(geteuid()))
+        return true;
+    write_ready_file();
+    return false;
+}
+
+void agent::write_ready_file() {
+    if (ready_file_write() != 0)
+        die(_("cannot write to %s: %s"), runtime_folder().c_str(), strerror(errno));
 }
 
 void agent::look_at_mailbox(own_mailbox *box) {
@@ -601,6 +621,7 @@ void agent::answer(int64_t id, dialog_end answer) {
 // Ends the loop when the window is gone.
 void agent::finish() {
     is_finishing_ = true;
+    ready_file_remove();
     environment_call_.reset();
     notices_.take_down();
     if (window_.is_open())
@@ -611,24 +632,19 @@ void agent::finish() {
 
 // ---- One for each user --------------------------------------------------------------------
 
-// Takes the lock. Returns false if another agent serves this user; that one is told to look again.
-// An agent without a display is replaced by one that has a display.
+// Whether another agent, which can show nothing, must make way for this one. Where there is a
+// service manager, each agent asks that one for the display.
+static bool outranks(pid_t other) {
+    return !has_service_manager() && display_answers(own_environment()) &&
+           !display_answers(environment_of(other));
+}
+
+// Takes the lock. Returns false if this process must end.
 static bool become_the_agent(unique_fd *lock) {
-    pid_t holder = 0;
-    switch (instance_take(lock, &holder)) {
-    case instance_lock::taken:
-        return true;
-    case instance_lock::held_by_another:
-        break;
-    case instance_lock::failed:
+    const instance_state state = instance_become(lock, outranks);
+    if (state == instance_state::failed)
         die(_("cannot lock the agent's file in %s: %s"), runtime_folder().c_str(), strerror(errno));
-    }
-    if (display_answers(own_environment()) && holder > 0 &&
-        !display_answers(environment_of(holder)))
-        return instance_replace(lock, holder);
-    if (holder > 0)
-        kill(holder, SIGUSR1); // it holds the lock, so it has blocked the signal already
-    return false;
+    return state == instance_state::only;
 }
 
 static void block_signals() {
