@@ -15,9 +15,10 @@
 #include <cstring>
 
 constexpr size_t ENVIRONMENT_MAX_BYTES = 1 << 20;
-constexpr const char *DISPLAY_VARIABLES[] = {"DISPLAY", "WAYLAND_DISPLAY", "WAYLAND_SOCKET",
-                                             "XAUTHORITY"};
-constexpr const char *ACTIVATION_VARIABLES[] = {"DESKTOP_STARTUP_ID", "XDG_ACTIVATION_TOKEN"};
+constexpr const char *DISPLAY_VARIABLES[] = {"DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY"};
+// They were meant for one process: activation tokens, and a descriptor that only it has.
+constexpr const char *PERSONAL_VARIABLES[] = {"DESKTOP_STARTUP_ID", "XDG_ACTIVATION_TOKEN",
+                                              "WAYLAND_SOCKET"};
 
 bool has_service_manager() {
     return !test_mode() && is_directory((runtime_folder() + "/systemd").c_str()) != 0;
@@ -43,18 +44,31 @@ static bool is_desktop(const char *session) {
            ask_session(sd_session_get_state, session) != "closing";
 }
 
-bool has_desktop_session(uid_t uid) {
+bool desktop_sessions(uid_t uid, std::vector<std::string> *found) {
+    found->clear();
     char **sessions = nullptr;
     const int count = sd_uid_get_sessions(uid, /*require_active=*/0, &sessions);
     if (count < 0)
-        return count != -ENXIO && count != -ENODATA && count != -ENOENT; // these mean: no such user
-    bool found = false;
+        return count == -ENXIO || count == -ENODATA || count == -ENOENT; // there is no such user
     for (int i = 0; i < count; i++) {
         const owned_cstring session(sessions[i]);
-        found = found || is_desktop(session.get());
+        if (is_desktop(session.get()))
+            found->emplace_back(session.get());
     }
     free(sessions);
-    return found;
+    std::ranges::sort(*found);
+    return true;
+}
+
+bool has_desktop_session(uid_t uid) {
+    std::vector<std::string> found;
+    return !desktop_sessions(uid, &found) || !found.empty();
+}
+
+bool is_system_account(uid_t uid) {
+    constexpr uid_t FIRST_ORDINARY = 1000;
+    constexpr uid_t NOBODY = 65534;
+    return uid < FIRST_ORDINARY || uid == NOBODY;
 }
 
 // ---- Environments -------------------------------------------------------------------------
@@ -168,7 +182,7 @@ environment_list window_environment(const environment_list &own, const environme
             environment_set(&result, variable.substr(0, equals), variable.substr(equals + 1));
     }
     move_display(display_answers(manager) ? manager : own, &result);
-    for (const char *name : ACTIVATION_VARIABLES)
+    for (const char *name : PERSONAL_VARIABLES)
         environment_unset(&result, name);
     return result;
 }

@@ -13,9 +13,17 @@ using environment_list = std::vector<std::string>; // "NAME=VALUE"
 // Never in test mode.
 [[nodiscard]] bool has_service_manager();
 
+// Finds the user's graphical sessions that are not closing, sorted; those of login screens are left
+// out. Returns false if the login manager cannot be asked.
+[[nodiscard]] bool desktop_sessions(uid_t uid, std::vector<std::string> *found);
+
 // Whether the user has a graphical session that is not closing. A login screen does not count.
 // Returns true if the login manager cannot be asked.
 [[nodiscard]] bool has_desktop_session(uid_t uid);
+
+// Whether the account belongs to the system and not to a person. Login screens run as such
+// accounts.
+[[nodiscard]] bool is_system_account(uid_t uid);
 
 [[nodiscard]] environment_list own_environment();
 // Returns the environment that a process was started with; empty if it cannot be read.
@@ -32,7 +40,7 @@ void environment_unset(environment_list *environment, std::string_view name);
 [[nodiscard]] bool display_answers(const environment_list &environment);
 
 // Returns the environment for a window: our own, overridden by that of the service manager. Our own
-// display is used only if the manager's does not answer. Activation tokens are removed: they belong
-// to other programs.
+// display is used only if the manager's does not answer. Variables that were meant for another
+// process, such as activation tokens, are removed.
 [[nodiscard]] environment_list window_environment(const environment_list &own,
                                                   const environment_list &manager);

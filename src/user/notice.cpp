@@ -49,6 +49,7 @@ notice make_notice(const message_record &message, bool has_window) {
         made.drawn_actions.emplace_back("read", _("I have read it"));
     }
     made.drawn_actions.emplace_back("later", _("Later"));
+    made.answers = {"read", "later"};
     return made;
 }
 
@@ -57,5 +58,13 @@ notice make_failure_notice(int64_t id, const char *reason) {
     made.id = id;
     made.summary = _("Your answer was not saved");
     made.body = reason;
+    return made;
+}
+
+notice make_withdrawn_notice(int64_t id) {
+    notice made;
+    made.id = id;
+    made.summary = _("Your answer does not count");
+    made.body = xasprintf(_("Message %lld was withdrawn meanwhile."), static_cast<long long>(id));
     return made;
 }

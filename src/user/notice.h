@@ -17,5 +17,8 @@ constexpr size_t WHOLE_TEXT_MAX_CHARACTERS = 400;
 // The notification that an answer is lost.
 [[nodiscard]] notice make_failure_notice(int64_t id, const char *reason);
 
+// The notification that the message was withdrawn before the answer.
+[[nodiscard]] notice make_withdrawn_notice(int64_t id);
+
 // Returns at most so many characters of UTF-8 text, with "…" in place of the rest.
 [[nodiscard]] std::string first_characters(const std::string &text, size_t max);

@@ -2,13 +2,16 @@
 
 #include "common/core.h"
 
+#include <algorithm>
 #include <cstring>
 
 constexpr char SERVICE[] = "org.freedesktop.Notifications";
 constexpr char SERVICE_PATH[] = "/org/freedesktop/Notifications";
 constexpr char BUS_SERVICE[] = "org.freedesktop.DBus";
 constexpr uint8_t URGENCY_CRITICAL = 2;
+constexpr uint8_t URGENCY_NORMAL = 1;
 constexpr int32_t NEVER_EXPIRES = 0;
+constexpr int32_t SERVICE_S_OWN_TIME = -1;
 constexpr uint32_t NO_NUMBER = 0;
 constexpr size_t TOKEN_MAX_BYTES = 4096;
 
@@ -25,6 +28,10 @@ std::string notification_escape(const std::string &text) {
             escaped += c;
     }
     return escaped;
+}
+
+static uint64_t monotonic_ms() {
+    return clock_ms(CLOCK_MONOTONIC);
 }
 
 static sd_bus_slot **slot_of(unique_slot *slot, sd_bus_slot **place) {
@@ -58,9 +65,9 @@ void notifier::use(sd_bus *bus) {
     owner_query_.reset();
     call_.reset();
     owner_.clear();
-    number_ = NO_NUMBER;
-    standing_id_ = called_id_ = tried_id_ = 0;
+    called_id_ = 0;
     bus_ = bus;
+    lost();
     if (bus_ == nullptr)
         return;
     const auto add_match = [this](const char *rule, sd_bus_message_handler_t handler) {
@@ -77,7 +84,8 @@ void notifier::use(sd_bus *bus) {
     const unique_bus_message call =
         new_call(bus_, BUS_SERVICE, "/org/freedesktop/DBus", BUS_SERVICE, "GetNameOwner");
     if (call && sd_bus_message_append(call.get(), "s", SERVICE) >= 0)
-        (void)send_call(bus_, &owner_query_, call.get(), on_owner, this, BUS_ANSWER_LIMIT_MS);
+        (void)send_call(bus_, &owner_query_, call.get(), on_owner, this,
+                        BUS_ANSWER_LIMIT_MS); // the first answer of the service names it too
     go_on();
 }
 
@@ -101,19 +109,34 @@ int notifier::on_owner_changed(sd_bus_message *signal, void *self, sd_bus_error 
 }
 
 // A new service does not know the old service's numbers, and reuses them. The wanted notification
-// is shown again.
+// is shown again. A call that the old service has not answered is dropped; but the first service of
+// all may have been started by the call.
 void notifier::owner_is(const char *owner) {
     if (owner_ == owner)
         return;
-    const bool began = owner_.empty() && call_; // it was started by the present call
+    const bool began = owner_.empty() && call_;
     owner_ = owner;
+    if (!began)
+        call_.reset();
+    lost();
+    if (!owner_.empty() && !began)
+        go_on();
+}
+
+// What stood is gone with its service.
+void notifier::lost() {
+    const int64_t id = standing_id_;
     number_ = NO_NUMBER;
     standing_id_ = 0;
     token_.clear();
-    if (owner_.empty() || began)
-        return;
-    tried_id_ = 0;
-    go_on();
+    if (!call_)
+        tried_id_ = 0;
+    tell_if_gone(id);
+}
+
+void notifier::tell_if_gone(int64_t id) const {
+    if (id != 0)
+        tell_.gone(id);
 }
 
 // ---- Putting up and taking down -----------------------------------------------------------
@@ -181,30 +204,51 @@ using action_list = std::vector<std::pair<std::string, std::string>>;
 
 // Keys hold the message's number, so that a reused number of a notification can never answer
 // another message.
-static int append_actions(sd_bus_message *call, int64_t id, const action_list &always,
-                          const action_list &more) {
+static int append_actions(sd_bus_message *call, int64_t id, const action_list &actions) {
     int result = sd_bus_message_open_container(call, 'a', "s");
-    for (const action_list *list : {&always, &more})
-        for (const auto &[name, label] : *list)
-            if (result >= 0)
-                result = sd_bus_message_append(
-                    call, "ss", (name + ":" + std::to_string(id)).c_str(), label.c_str());
+    for (const auto &[name, label] : actions)
+        if (result >= 0)
+            result = sd_bus_message_append(call, "ss", (name + ":" + std::to_string(id)).c_str(),
+                                           label.c_str());
     return result < 0 ? result : sd_bus_message_close_container(call);
 }
 
-void notifier::notify(bool draws_actions) {
-    const unique_bus_message call = new_call(bus_, SERVICE, SERVICE_PATH, SERVICE, "Notify");
-    const bool other_body = draws_actions && !wanted_.drawn_body.empty();
-    const std::string body = notification_escape(other_body ? wanted_.drawn_body : wanted_.body);
+// Makes a call of Notify; empty if that fails.
+static unique_bus_message new_notify(sd_bus *bus, const notice &shown, const std::string &body,
+                                     const action_list &actions, uint8_t urgency,
+                                     int32_t timeout_ms) {
+    unique_bus_message call = new_call(bus, SERVICE, SERVICE_PATH, SERVICE, "Notify");
     if (!call ||
         sd_bus_message_append(call.get(), "susss", "Tellbox", NO_NUMBER, "dialog-information",
-                              wanted_.summary.c_str(), body.c_str()) < 0 ||
-        append_actions(call.get(), wanted_.id, wanted_.actions,
-                       draws_actions ? wanted_.drawn_actions : action_list()) < 0 ||
-        sd_bus_message_append(call.get(), "a{sv}i", 1, "urgency", "y", URGENCY_CRITICAL,
-                              NEVER_EXPIRES) < 0 ||
-        !send_call(bus_, &call_, call.get(), on_notified, this, NOTIFY_KEPT_MS))
+                              shown.summary.c_str(), notification_escape(body).c_str()) < 0 ||
+        append_actions(call.get(), shown.id, actions) < 0 ||
+        sd_bus_message_append(call.get(), "a{sv}i", 1, "urgency", "y", urgency, timeout_ms) < 0)
+        return nullptr;
+    return call;
+}
+
+void notifier::notify(bool draws_actions) {
+    action_list actions = wanted_.actions;
+    if (draws_actions)
+        actions.insert(actions.end(), wanted_.drawn_actions.begin(), wanted_.drawn_actions.end());
+    offered_.clear();
+    for (const auto &[name, label] : actions)
+        offered_.push_back(name);
+    const std::string &body =
+        draws_actions && wanted_.drawn_body ? *wanted_.drawn_body : wanted_.body;
+    const unique_bus_message call =
+        new_notify(bus_, wanted_, body, actions, URGENCY_CRITICAL, NEVER_EXPIRES);
+    if (!call || !send_call(bus_, &call_, call.get(), on_notified, this, NOTIFY_KEPT_MS))
         call_.reset();
+}
+
+void notifier::say(const notice &news) {
+    if (bus_ == nullptr)
+        return;
+    const unique_bus_message call =
+        new_notify(bus_, news, news.body, {}, URGENCY_NORMAL, SERVICE_S_OWN_TIME);
+    if (call && sd_bus_message_set_expect_reply(call.get(), 0) >= 0)
+        (void)sd_bus_send(bus_, call.get(), nullptr); // only the notification is lost
 }
 
 int notifier::on_notified(sd_bus_message *reply, void *self, sd_bus_error *) {
@@ -218,6 +262,7 @@ int notifier::on_notified(sd_bus_message *reply, void *self, sd_bus_error *) {
         service->owner_ = sender; // the sender of the answer owns the name
         service->number_ = number;
         service->standing_id_ = service->called_id_;
+        service->standing_since_ms_ = monotonic_ms();
         if (service->standing_id_ == service->wanted_.id) {
             service->tried_id_ = service->wanted_.id;
             service->tell_.standing(service->standing_id_);
@@ -273,15 +318,26 @@ void notifier::take_signal(sd_bus_message *signal) {
             token_ = text;
         } else if (strcmp(member, "ActionInvoked") == 0 &&
                    split_action(text, standing_id_, &action)) {
-            const std::string token = std::move(token_);
-            token_.clear();
-            tell_.chosen(standing_id_, action, token);
+            action_invoked(action);
         }
     } else if (strcmp(member, "NotificationClosed") == 0 &&
                sd_bus_message_read(signal, "uu", &number, &reason) >= 0 && number == number_ &&
                number != NO_NUMBER) {
         number_ = NO_NUMBER; // the message still waits
         token_.clear();
-        tell_.gone(std::exchange(standing_id_, 0));
+        tell_if_gone(std::exchange(standing_id_, 0));
     }
+}
+
+void notifier::action_invoked(const std::string &name) {
+    const std::string token = std::exchange(token_, {});
+    if (std::ranges::find(offered_, name) == offered_.end())
+        return;
+    const bool is_answer = std::ranges::find(wanted_.answers, name) != wanted_.answers.end();
+    if (is_answer && monotonic_ms() - standing_since_ms_ < NOTICE_GUARD_MS) {
+        tried_id_ = 0; // services close what was answered: it is put up again
+        go_on();
+        return;
+    }
+    tell_.chosen(standing_id_, name, token);
 }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,9 @@
 constexpr uint64_t BUS_ANSWER_LIMIT_MS = 3000;
 // A call that takes longer than the limit is not repeated before this time is over.
 constexpr uint64_t NOTIFY_KEPT_MS = 600'000;
+
+// An answer that comes sooner was not meant for what has just appeared.
+constexpr uint64_t NOTICE_GUARD_MS = 700;
 
 // What a notification says of one message.
 struct notice {
@@ -24,7 +28,9 @@ struct notice {
     std::vector<std::pair<std::string, std::string>> actions;
     // More actions, and another text, for a service that reports that it shows actions.
     std::vector<std::pair<std::string, std::string>> drawn_actions;
-    std::string drawn_body; // empty: the same
+    std::optional<std::string> drawn_body;
+    // Names of those of them that answer: they count only after the guard's time.
+    std::vector<std::string> answers;
 };
 
 // Returns `text` for the body of a notification, with markup characters escaped.
@@ -33,11 +39,12 @@ struct notice {
 class notifier {
 public:
     struct handlers {
-        // The user has chosen an action of the message's notification; `token` may be empty.
+        // The user has chosen an action that the message's notification offered; `token` may be
+        // empty.
         std::function<void(int64_t id, const std::string &action, const std::string &token)> chosen;
         // The service has accepted the notification.
         std::function<void(int64_t id)> standing;
-        // It is no longer there: the user has closed it, or the service has.
+        // It is no longer there: the user or the service has closed it, or the service is gone.
         std::function<void(int64_t id)> gone;
     };
 
@@ -53,8 +60,12 @@ public:
     void put_up(notice wanted);
     // Closes the notification.
     void take_down();
+    // Shows a notification that nobody waits for and that goes by itself. Its actions are ignored.
+    void say(const notice &news);
     // The message whose notification is wanted; 0 for none.
     [[nodiscard]] int64_t wanted() const { return wanted_.id; }
+    // Whether the service shows the notification of this message.
+    [[nodiscard]] bool stands(int64_t id) const { return standing_id_ == id; }
 
 private:
     static int on_owner(sd_bus_message *reply, void *self, sd_bus_error *);
@@ -69,6 +80,9 @@ private:
     void notify(bool draws_actions);
     void close_number(uint32_t number);
     void take_signal(sd_bus_message *signal);
+    void action_invoked(const std::string &name);
+    void lost();
+    void tell_if_gone(int64_t id) const;
 
     handlers tell_;
     sd_bus *bus_ = nullptr;
@@ -81,5 +95,7 @@ private:
     int64_t called_id_ = 0;   // the message of the call that is under way
     int64_t standing_id_ = 0; // the message of `number_`
     uint32_t number_ = 0;     // of the notification that is shown; 0 for none
-    std::string token_;       // of the activation that comes before an action
+    uint64_t standing_since_ms_ = 0;
+    std::vector<std::string> offered_; // names of the actions of the last call
+    std::string token_;                // of the activation that comes before an action
 };

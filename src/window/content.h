@@ -1,6 +1,8 @@
 // What the window shows, made safe to show: valid UTF-8, without control characters.
 #pragma once
 
+#include "common/message.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -10,8 +12,9 @@
 // a line's length.
 constexpr size_t DISPLAY_LINE_MAX_CHARACTERS = 1000;
 
-// A message file and the line with its place before it.
-constexpr size_t WINDOW_INPUT_MAX_BYTES = 73'728 + 64;
+// The line with the message's place and the header's own words, and the file text. Each byte of the
+// file that is not UTF-8 has become a replacement character of three bytes.
+constexpr size_t WINDOW_INPUT_MAX_BYTES = 512 + 3 * MESSAGE_FILE_MAX_BYTES;
 
 struct window_content {
     size_t place = 1; // which one of `total` this message is

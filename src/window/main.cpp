@@ -19,8 +19,11 @@
 
 static void read_content(window_content *content) {
     strbuf input;
-    if (read_fd_limited(STDIN_FILENO, WINDOW_INPUT_MAX_BYTES, &input) != 0)
+    if (read_fd_limited(STDIN_FILENO, WINDOW_INPUT_MAX_BYTES + 1, &input) != 0)
         die("cannot read standard input: %s", strerror(errno));
+    // A message that is cut would be confirmed without its end.
+    if (input.len > WINDOW_INPUT_MAX_BYTES)
+        die("standard input is too long for a message");
     if (!content_parse(input.view(), content))
         die("standard input holds no message");
 }
@@ -30,7 +33,7 @@ static void start_toolkit() {
     g_set_application_name("Tellbox");
     // Drawing without the graphics processor shows a small window sooner, with a quarter of the
     // memory.
-    g_setenv("GSK_RENDERER", "cairo", /*overwrite=*/FALSE);
+    (void)g_setenv("GSK_RENDERER", "cairo", /*overwrite=*/FALSE); // without it, it is only slower
     // The toolkit sets the locale. If this library set it, the program would end when there is no
     // such locale.
     Glib::set_init_to_users_preferred_locale(false);
@@ -57,7 +60,7 @@ static void tell(int answers, const char *word) {
 
 int main() {
     set_program_name("tellbox-window");
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN); // cannot fail: the signal exists
     install_out_of_memory_handler();
     window_content content;
     read_content(&content);

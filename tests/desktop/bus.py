@@ -49,5 +49,12 @@ class SessionBus:
         self.close()
         self._start()
 
+    def reload(self):
+        """It looks anew at what it may start."""
+        subprocess.run(["gdbus", "call", "--address", self.address, "--dest",
+                        "org.freedesktop.DBus", "--object-path", "/org/freedesktop/DBus",
+                        "--method", "org.freedesktop.DBus.ReloadConfig"], check=True,
+                       stdout=subprocess.DEVNULL, timeout=20)
+
     def close(self):
         end(self._process)

@@ -23,6 +23,7 @@ MODE is one of
 """
 
 import json
+import os
 import sys
 
 import gi
@@ -57,7 +58,7 @@ def tell(**what):
 
 class Service:
     def __init__(self, mode):
-        self.mode, self.last, self.waiting = mode, 0, []
+        self.mode, self.last, self.waiting, self.commands = mode, 0, [], b""
         self.bus = Gio.bus_get_sync(Gio.BusType.SESSION)
         self.bus.add_filter(self.before_dispatch)
         node = Gio.DBusNodeInfo.new_for_xml(INTERFACE)
@@ -111,10 +112,15 @@ class Service:
         self.bus.emit_signal(None, PATH, NAME, name, arguments)
 
     def commanded(self, *_):
-        line = sys.stdin.readline()
-        if not line:
+        arrived = os.read(0, 4096)
+        if not arrived:
             sys.exit(0)
-        command, *words = line.split()
+        *lines, self.commands = (self.commands + arrived).split(b"\n")
+        for line in lines:
+            self.command(*line.decode().split())
+        return True
+
+    def command(self, command, *words):
         if command == "act":
             if len(words) > 2:
                 self.signal("ActivationToken", GLib.Variant("(us)", (int(words[0]), words[2])))
@@ -126,7 +132,6 @@ class Service:
             for call in self.waiting:
                 self.answer(call)
             self.waiting.clear()
-        return True
 
 
 service = Service(sys.argv[1])

@@ -175,6 +175,12 @@ class Agent:
     def status(self):
         return self.process.wait(PATIENCE_SECONDS)
 
+    def sees_read_only(self, folder):
+        """The agent cannot write to a folder any more; others can."""
+        subprocess.run(["nsenter", "--target", str(self.process.pid), "--mount", "sh", "-c",
+                        'mount --bind "$0" "$0" && mount -o remount,bind,ro "$0"', str(folder)],
+                       check=True)
+
     def windows(self):
         """The processes of its windows."""
         return children(self.process.pid)

@@ -81,15 +81,18 @@ def test_a_window_that_ends_without_an_answer_leaves_the_message_shown(recipient
     agent.await_window(number)
 
 
-def test_a_mark_that_cannot_be_written_is_remembered(recipient):
-    number = recipient.send()
-    recipient.file("state", f"{number}.gui").mkdir(parents=True)
-    (recipient.file("state", f"{number}.gui") / "in the way").touch()
+def test_a_mark_that_cannot_be_written_is_remembered_until_a_reminder(recipient):
     agent = recipient.start_agent()
-    window = agent.await_window()
-    os.kill(window.pid, signal.SIGTERM)
+    recipient.file("state").mkdir(parents=True)
+    agent.sees_read_only(recipient.file("state"))
+    number = recipient.send()
+    os.kill(agent.await_window().pid, signal.SIGTERM)
     agent.await_no_window()
+    recipient.wake()  # as at the end of the delivery
     assert recipient.no_window_comes()
+    assert recipient.mark(number) is None
+    recipient.wake()  # as after a reminder, which found no mark to remove
+    agent.await_window()
 
 
 def test_an_answer_that_cannot_be_written_is_reported(recipient):
@@ -204,13 +207,22 @@ def test_only_a_word_and_a_good_end_are_an_answer(recipient, script):
 def test_a_window_that_shows_nothing_is_not_marked_and_tried_again_later(recipient):
     recipient.use_window(f"echo x >>{recipient.folder}/tries; exit 1")
     number = recipient.send()
-    recipient.start_agent()
+    agent = recipient.start_agent()
     tries = recipient.folder / "tries"
     await_condition(tries.exists, "the first try")
+    agent.await_no_window()
     assert recipient.no_window_comes()
     assert (tries.read_text(), recipient.mark(number)) == ("x\n", None)
     recipient.wake()  # somebody has news
     await_condition(lambda: tries.read_text() == "x\nx\n", "the second try")
+
+
+def test_a_message_that_ends_its_window_holds_up_no_other(recipient):
+    recipient.use_window('grep -q harmless || exit 1; echo shown; exec sleep 60')
+    crashing, other = recipient.send("crash"), recipient.send("harmless")
+    recipient.start_agent()
+    recipient.await_mark(other, "shown")
+    assert recipient.mark(crashing) is None
 
 
 def test_a_window_that_hangs_is_killed_and_the_next_one_has_no_bus(recipient):

@@ -46,6 +46,11 @@ def agent_on(recipient, private_bus):
         env={"DBUS_SESSION_BUS_ADDRESS": private_bus.address, "GTK_A11Y": "none", **env})
 
 
+def outlast_guard():
+    """Waits as a person does who reads before answering."""
+    time.sleep(GUARD_SECONDS + 0.1)
+
+
 def environment_of(pid):
     variables = pathlib.Path(f"/proc/{pid}/environ").read_bytes().decode().split("\0")
     return dict(variable.split("=", 1) for variable in variables if "=" in variable)
@@ -80,12 +85,41 @@ def test_the_action_shows_the_window_with_the_user_s_token(recipient, service, a
     number, _ = desktop.await_notification()
     recipient.await_mark(message, "shown")
     before, = agent.windows()
+    assert "XDG_ACTIVATION_TOKEN" not in environment_of(before)
     desktop.command("act", number, f"show:{message}", "a-token")
     window, = await_condition(lambda: [pid for pid in agent.windows() if pid != before],
                               "the window comes anew")
     await_condition(lambda: environment_of(window).get("XDG_ACTIVATION_TOKEN") == "a-token",
                     "the token is handed on")
-    assert environment_of(before) is not None if pathlib.Path(f"/proc/{before}").exists() else True
+    assert desktop.is_left_alone(), "the notification stays as it is"
+
+
+def test_without_a_token_the_notification_stays_as_it_is_too(recipient, service, agent_on):
+    desktop = service()
+    agent = agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    before, = agent.windows()
+    desktop.command("act", number, f"show:{message}")
+    await_condition(lambda: [pid for pid in agent.windows() if pid != before],
+                    "the window comes anew")
+    assert desktop.is_left_alone()
+
+
+def test_a_token_is_for_the_message_that_was_asked_for_only(recipient, service, agent_on):
+    recipient.use_window('trap "" TERM; echo "<$XDG_ACTIVATION_TOKEN>" >>"$0.tokens"; '
+                         "echo shown; while :; do sleep 0.1; done")
+    desktop = service()
+    first, second = recipient.send("first"), recipient.send("second")
+    agent_on()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(first, "shown")
+    desktop.command("act", number, f"show:{first}", "a-token")
+    time.sleep(0.1)  # the window takes half a second to go
+    recipient.file("acks", first).write_text("1 terminal\n")
+    recipient.await_mark(second, "shown")
+    assert (recipient.lib / "tellbox-window.tokens").read_text() == "<>\n<>\n"
 
 
 def test_a_token_of_the_agent_s_own_start_is_not_handed_on(recipient, service, agent_on):
@@ -189,6 +223,60 @@ def test_without_a_service_the_window_comes(recipient, agent_on):
     assert recipient.await_answer(recipient.send()) == "desktop"
 
 
+@pytest.mark.parametrize("program", ["/bin/false", "/bin/sleep 60", "/nonexistent"])
+def test_a_service_that_the_bus_cannot_start_keeps_no_window_away(recipient, agent_on, private_bus,
+                                                                  program):
+    (private_bus.services / "failing.service").write_text(
+        f"[D-BUS Service]\nName=org.freedesktop.Notifications\nExec={program}\n")
+    private_bus.reload()
+    recipient.use_window("echo shown; sleep 0.2; echo read")
+    agent_on()
+    for _ in range(2):
+        message = recipient.send()
+        assert recipient.await_answer(message) == "desktop"
+
+
+def test_a_service_that_restarts_before_it_answers_is_asked_again(recipient, service, agent_on):
+    desktop = service("slow")
+    agent_on()
+    recipient.send()
+    desktop.await_call("Notify")
+    desktop.close()
+    service().await_notification()
+
+
+def test_a_withdrawal_after_the_answer_is_told(recipient, service, agent_on):
+    recipient.use_window("trap 'echo read; exit 0' TERM; echo shown; "
+                         "while :; do sleep 0.05; done")
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    recipient.tbx("revoke", str(message))
+    told = desktop.await_notification()[1]
+    assert (told["summary"], told["body"], told["timeout"]) == (
+        "Your answer does not count", f"Message {message} was withdrawn meanwhile.", -1)
+    assert recipient.events() == []
+
+
+def test_an_answer_for_which_the_mailbox_cannot_be_opened_is_recorded_as_failed(
+        recipient, service, agent_on):
+    recipient.use_window(f"echo shown; while [ ! -e {recipient.folder}/go ]; do sleep 0.05; done; "
+                         "echo read")
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    recipient.file().rename(recipient.var / "away")
+    recipient.file().symlink_to(recipient.var / "away")
+    (recipient.folder / "go").touch()
+    await_condition(lambda: recipient.events() == [("CONFIRMATION_FAILED", message, "desktop")],
+                    "the failure is recorded")
+    assert desktop.await_notification()[1]["summary"] == "Your answer was not saved"
+
+
 def test_a_service_that_does_not_answer_is_asked_once(recipient, service, agent_on):
     desktop = service("slow")
     agent_on()
@@ -230,8 +318,55 @@ def test_without_a_window_the_notification_can_be_answered(recipient, no_window,
     assert (shown["body"], shown["actions"]) == (
         "T\nshort", [f"read:{message}", READ, f"later:{message}", LATER])
     recipient.await_mark(message, "shown")
+    outlast_guard()
     desktop.command("act", number, f"read:{message}")
     assert recipient.await_answer(message) == "desktop"
+
+
+@pytest.mark.parametrize("action", ["read", "later"])
+def test_an_answer_to_what_has_just_appeared_does_not_count(recipient, no_window, service,
+                                                            agent_on, action):
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    desktop.command("act", number, f"{action}:{message}")
+    again, _ = desktop.await_notification()  # services close what was answered
+    assert again != number
+    assert recipient.events() == []
+    outlast_guard()
+    desktop.command("act", again, f"{action}:{message}")
+    await_condition(lambda: [event for event, *_ in recipient.events()] == [
+        {"read": "CONFIRMED", "later": "POSTPONED"}[action]], "the answer counts now")
+
+
+def test_an_answer_that_was_not_offered_does_not_count(recipient, no_window, service, agent_on):
+    desktop = service()
+    agent_on()
+    message = recipient.send("word " * 200)
+    number, shown = desktop.await_notification()
+    assert shown["actions"] == [f"later:{message}", LATER]
+    recipient.await_mark(message, "shown")
+    outlast_guard()
+    desktop.command("act", number, f"read:{message}")
+    desktop.command("act", number, f"show:{message}")
+    desktop.command("act", number, f"later:{message}")
+    recipient.await_mark(message, "postponed")
+    assert recipient.events() == [("POSTPONED", message, "desktop")]
+
+
+def test_a_service_that_is_gone_holds_up_no_other_message(recipient, no_window, service, agent_on):
+    first = service()
+    agent_on()
+    message = recipient.send("first")
+    first.await_notification()
+    recipient.await_mark(message, "shown")
+    first.close()
+    other = recipient.send("second")
+    second = service()
+    while second.await_notification()[1]["body"] != "second":
+        pass
+    recipient.await_mark(other, "shown")
 
 
 def test_without_a_window_later_is_later(recipient, no_window, service, agent_on):
@@ -239,6 +374,7 @@ def test_without_a_window_later_is_later(recipient, no_window, service, agent_on
     agent_on()
     message = recipient.send()
     number, _ = desktop.await_notification()
+    outlast_guard()
     desktop.command("act", number, f"later:{message}")
     recipient.await_mark(message, "postponed")
     assert recipient.events() == [("POSTPONED", message, "desktop")]

@@ -26,6 +26,7 @@ def test_a_second_agent_ends_and_tells_the_first_to_look(recipient):
     recipient.send()
     first = recipient.start_agent()
     await_condition(tries.exists, "the first try")
+    first.await_no_window()
     assert recipient.no_window_comes()
     second = recipient.start_agent(wait=False)
     assert second.status() == 0

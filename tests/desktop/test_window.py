@@ -56,6 +56,11 @@ def test_bytes_that_are_no_text_are_shown_as_such(open_dialog):
     assert "\x1b" not in shown and "\0" not in shown
 
 
+def test_a_text_of_nothing_but_invalid_bytes_is_shown_to_its_end(open_dialog):
+    text = "\N{REPLACEMENT CHARACTER}" * 65000 + "the end"  # as the agent passes it on
+    assert open_dialog(text).text.endswith("\N{REPLACEMENT CHARACTER}the end")
+
+
 # ---- Answers ------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("button, word", [(READ, "read"), (LATER, "later")])
@@ -218,6 +223,12 @@ def test_what_is_no_message_is_refused(open_dialog, data):
     dialog = open_dialog(data, raw=True, wait=False)
     assert (dialog.word(), dialog.status()) == (None, 1)
     assert dialog.errors() == "tellbox-window: standard input holds no message\n"
+
+
+def test_what_is_longer_than_any_message_is_refused(open_dialog):
+    dialog = open_dialog("x" * 240000, wait=False)
+    assert (dialog.word(), dialog.status()) == (None, 1)
+    assert dialog.errors() == "tellbox-window: standard input is too long for a message\n"
 
 
 @pytest.mark.parametrize("display", ["", ":987"])

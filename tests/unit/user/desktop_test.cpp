@@ -80,3 +80,14 @@ TEST(WindowEnvironment, TakesOurDisplayOnlyIfTheManagersDoesNotAnswer) {
 TEST(WindowEnvironment, LeavesTokensOfOthersOut) {
     EXPECT_TRUE(window_environment({"XDG_ACTIVATION_TOKEN=a"}, {"DESKTOP_STARTUP_ID=b"}).empty());
 }
+
+TEST(WindowEnvironment, LeavesADescriptorOfOthersOut) {
+    EXPECT_TRUE(window_environment({"WAYLAND_SOCKET=3"}, {"WAYLAND_SOCKET=4"}).empty());
+}
+
+TEST(Account, OfTheSystemIsNoPersons) {
+    for (const uid_t uid : {0U, 1U, 999U, 65534U})
+        EXPECT_TRUE(is_system_account(uid)) << uid;
+    for (const uid_t uid : {1000U, 60000U, 200000U})
+        EXPECT_FALSE(is_system_account(uid)) << uid;
+}
