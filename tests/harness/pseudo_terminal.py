@@ -21,6 +21,7 @@ import signal
 import struct
 import termios
 import time
+from pathlib import Path
 
 import pyte
 
@@ -33,6 +34,8 @@ DEADLINE_SECONDS = 30
 STILL_SECONDS = 6
 CLOCKS = re.compile(r"updated at \d\d:\d\d:\d\d")  # they alone change by themselves
 RETRY_SECONDS = 0.1
+SHORTLY_SECONDS = 0.02
+GUARD_SECONDS = 0.4  # for so long a question or a result of the interface takes no key
 GRACE_SECONDS = 1  # at the end of a test: what is killed tells no coverage
 
 UP, DOWN, RIGHT, LEFT = "\x1b[A", "\x1b[B", "\x1b[C", "\x1b[D"
@@ -248,6 +251,24 @@ class Terminal:
     def wait_until_still(self, condition=lambda: False, seconds=STILL_SECONDS):
         """Waits until the condition holds, or until the screen stands still for so long."""
         self._wait_while_it_changes(self._holds(condition), lambda: True, seconds)
+
+    def wait_until_it_slept(self, seconds):
+        """Waits until the program has waited for a key for so long, and written nothing.
+
+        It has then read its clock before that time began, however busy the machine is.
+        """
+        since = None
+        while self._status is None:
+            if self._take_what_arrives(SHORTLY_SECONDS) or not self._waits_for_a_key():
+                since = None
+            elif since is None:
+                since = time.monotonic()
+            elif time.monotonic() > since + seconds:
+                return
+
+    def _waits_for_a_key(self):
+        status = Path(f"/proc/{self.pid}/stat").read_text(encoding="ascii", errors="replace")
+        return status.rpartition(")")[2].split()[0] == "S" and self.unread() == 0
 
     def poll_for(self, condition):
         """Like wait_for(), for what changes without anything written on the terminal."""

@@ -1,8 +1,11 @@
 """The interface on a real terminal, for root and for who becomes root through sudo."""
 
+import time
+
 import pytest
 
 from furnished import banner
+from harness.pseudo_terminal import GUARD_SECONDS
 from harness.waiting import PATIENCE_SECONDS, await_condition
 
 TERMINAL = {"TERM": "xterm-256color"}
@@ -65,12 +68,18 @@ def open_form(terminal, to, text=b""):
     terminal.type(to + TAB + TAB + TAB + text)
 
 
+def reply(terminal, key):
+    """Types the key once a question, or a result, takes it."""
+    time.sleep(GUARD_SECONDS)
+    terminal.type(key)
+
+
 def send_form(terminal, message_id=1):
     terminal.type(CTRL_S)
     terminal.await_seen("Send the message?")
-    terminal.type(b"y")
+    reply(terminal, b"y")
     terminal.await_seen(f"Message {message_id} sent to 1 user.")
-    terminal.type(ENTER)
+    reply(terminal, ENTER)
     terminal.await_seen(LIST)
 
 
@@ -150,7 +159,7 @@ def test_a_message_is_reminded_of_and_revoked(machine, key, title, result):
     terminal = open_interface(machine, "admin")
     terminal.type(key)
     terminal.await_seen(title)
-    terminal.type(b"y")
+    reply(terminal, b"y")
     terminal.await_seen(result)
     event = {b"m": "REMINDED", b"r": "REVOKED"}[key]
     assert [record["TBX_AUTHOR"] for record in machine.records(f"TBX_EVENT={event}")] == ["admin"]

@@ -5,7 +5,7 @@ from pathlib import Path
 
 from expected_texts import assert_same
 from frame_model import UPDATED, Frame
-from harness.pseudo_terminal import CLOCKS, CTRL_Z, ESCAPE, FRAME_BEGINS, assert_restored
+from harness.pseudo_terminal import CLOCKS, CTRL_Z, ESCAPE, FRAME_BEGINS, GUARD_SECONDS, assert_restored
 
 # With --update: a page that so much as begins to change is not taken for one that is shown.
 SETTLED_SECONDS = 1.5
@@ -51,9 +51,22 @@ def expect(tbx, page, box=None):
     assert seen(tbx).cursor == frame.cursor
 
 
+def asks(tbx):
+    """Whether a question or a result is shown, which takes no key at first."""
+    frame = tbx.frame()
+    return "y  Confirm" in frame or "any key to continue" in frame and "tbx --help" not in frame
+
+
+def reply(tbx, keys):
+    """Types the keys, once a question or a result that is shown takes them."""
+    if asks(tbx):
+        tbx.wait_until_it_slept(GUARD_SECONDS)
+    tbx.send(keys)
+
+
 def press(tbx, keys, page, box=None):
     """Types the keys, and waits until the terminal shows the page with the dialog over it."""
-    tbx.send(keys)
+    reply(tbx, keys)
     expect(tbx, page, box)
 
 

@@ -7,6 +7,7 @@ import os
 import pytest
 
 from harness.pseudo_terminal import CTRL_E, CTRL_S, TAB
+from interface import reply
 
 # Opens a file as descriptors 3 and 9, as a shell or a service may have left one open.
 CARELESS_START = 'exec 3<"$SECRET" 9<"$SECRET"; exec "$0" "$@"'
@@ -120,7 +121,7 @@ def test_program_that_a_command_of_the_interface_starts_has_its_pipes_alone(star
     open_form(tbx, "daemon", "Title", "one fine day", "Hello")
     tbx.send(CTRL_S)
     tbx.wait_for("y  Confirm")
-    tbx.send("y")
+    reply(tbx, "y")
     assert stand_in.inherited(tbx)[1] == {0: "/dev/null", 1: "pipe", 2: "/dev/null"}
 
 

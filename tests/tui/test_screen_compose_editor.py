@@ -13,7 +13,7 @@ from frame_model import message_box
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, EARLIER, ENTER,
     ENTER_SCREEN, ESCAPE, LEAVE_SCREEN, LEFT, TAB)
-from interface import expect, press
+from interface import expect, press, reply
 
 NOBODY = 65534
 
@@ -247,7 +247,7 @@ def test_text_of_65536_bytes_can_be_sent(edited, store):
     tbx.wait_for(" 65536 of 65536 bytes ")
     tbx.send(CTRL_S)
     tbx.wait_for("Text: 65536 bytes")
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("Message 1 sent to 1 user.")
     assert store.sent(1, "msg").read_text().endswith(f"\n\n{text}\n")
 

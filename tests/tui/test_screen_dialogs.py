@@ -10,7 +10,7 @@ from frame_model import (
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
     PAGE_UP, RIGHT, TAB, UP)
-from interface import BROKEN_CHARACTERS, MEANINGLESS, expect, frames_as_text, press
+from interface import BROKEN_CHARACTERS, MEANINGLESS, expect, frames_as_text, press, reply
 from messages import DATE, PAST, Message, people
 
 FUNCTION_KEYS = [UP, DOWN, LEFT, RIGHT, PAGE_UP, PAGE_DOWN, HOME, END, TAB, BACK_TAB, DELETE,
@@ -170,14 +170,17 @@ def test_question_ignores_all_other_keys_and_is_drawn_once(interface, store, ope
 # ---- Boxes that any key closes ------------------------------------------------------------
 
 
-@pytest.mark.parametrize("opening, answer", [("?", ""), ("p\r", "y")], ids=["keys", "result"])
-def test_any_key_closes_a_box_that_shows_something(interface, opening, answer):
+@pytest.mark.parametrize("opening, answer, keys", [
+    ("?", "", [*MEANINGLESS, *FUNCTION_KEYS, *"qQyn xé€", ENTER, "\n", BACKSPACE, ESCAPE]),
+    ("p\r", "y", ["\x00", "\x1b[15~", DOWN, "q", "y", "€", ENTER, BACKSPACE, ESCAPE]),
+], ids=["keys", "result"])
+def test_any_key_closes_a_box_that_shows_something(interface, opening, answer, keys):
     tbx, page = interface([])
-    for key in [*MEANINGLESS, *FUNCTION_KEYS, *"qQyn xé€", ENTER, "\n", BACKSPACE, ESCAPE]:
+    for key in keys:
         tbx.send(opening)
         if answer:
             tbx.wait_for("y  Confirm")
-            tbx.send(answer)
+            reply(tbx, answer)
         tbx.wait_for("any key to continue")
         press(tbx, key, page)
 

@@ -3,6 +3,7 @@
 import fcntl
 import os
 import signal
+import time
 from contextlib import contextmanager
 from dataclasses import replace
 from pathlib import Path
@@ -11,10 +12,11 @@ import pytest
 
 from frame_model import RED, Box, message_box, revoke_confirmation, search_box
 from harness.pseudo_terminal import (
-    BACK_TAB, CTRL_C, CTRL_S, DOWN, EARLIER, ESCAPE, HOME, LEFT, PASTE_ON, TAB, assert_restored,
-    pasted)
+    BACK_TAB, CTRL_C, CTRL_S, DOWN, EARLIER, ESCAPE, GUARD_SECONDS, HOME, LEFT, PASTE_ON, TAB,
+    assert_restored, pasted)
 from interface import (
-    assert_left, expect, frames_as_text, frames_drawn, press, press_in_vain, take_kept_text)
+    assert_left, expect, frames_as_text, frames_drawn, press, press_in_vain, reply,
+    take_kept_text)
 from messages import Message
 
 NOTE = "Please restart the server, Kay"  # "r" asks before a revocation, the "y" would answer
@@ -86,6 +88,57 @@ def test_question_takes_no_answer_that_was_typed_before_it(interface, store):
     assert store.sent(1, "revoked").exists()
 
 
+# The first piece opens the question; the second follows it as ssh, or a slow line, delivers it.
+@pytest.mark.parametrize("pieces", [
+    ["r", "y"], ["Please r", "estart the server, Kay"], ["r", "Kay", "y", "y", "y", "y", "y"]])
+def test_paste_that_arrives_in_pieces_revokes_nothing(interface, store, pieces):
+    message = Message(1)
+    tbx, page = interface([message])
+    for piece in pieces:
+        tbx.send(piece)
+        time.sleep(0.05)  # as long as a line may take for the next piece
+    expect(tbx, page, revoke_confirmation(message))
+    press(tbx, "n", page)
+    assert not store.sent(1, "revoked").exists()
+
+
+def test_paste_of_several_characters_answers_no_question(interface, store):
+    message = Message(1)
+    tbx, page = interface([message])
+    press(tbx, "r", page, revoke_confirmation(message))
+    for paste in ("yes", "Kay"):
+        reply(tbx, paste)
+        tbx.wait_until_it_slept(GUARD_SECONDS)
+    press(tbx, "n", page)
+    assert not store.sent(1, "revoked").exists()
+
+
+def test_key_that_is_no_answer_guards_a_question_from_those_behind_it(interface, store):
+    message = Message(1)
+    tbx, page = interface([message])
+    press(tbx, "r", page, revoke_confirmation(message))
+    reply(tbx, "a")
+    time.sleep(0.05)
+    tbx.send("y")
+    tbx.wait_until_it_slept(GUARD_SECONDS)
+    expect(tbx, page, revoke_confirmation(message))
+    press(tbx, "y", page, message_box("Revoke message 1?", "Message 1 revoked."))
+
+
+def test_result_is_not_dismissed_by_keys_that_come_just_behind_it(interface):
+    message = Message(1)
+    tbx, page = interface([message])
+    press(tbx, "r", page, revoke_confirmation(message))
+    result = message_box("Revoke message 1?", "Message 1 revoked.")
+    press(tbx, "y", page, result)
+    for key in "nq":
+        tbx.send(key)
+        time.sleep(0.05)
+    tbx.wait_until_it_slept(GUARD_SECONDS)
+    expect(tbx, page, result)
+    press(tbx, "x", replace(page, messages=(message.after(revoked=1),)))
+
+
 def test_bracketed_paste_is_on_only_while_the_interface_runs(interface):
     tbx, _ = interface([], earlier=EARLIER)
     assert tbx.raw.count(PASTE_ON) == 1
@@ -123,7 +176,7 @@ def test_tab_that_is_pasted_is_sent_as_a_tab(form, store):
     tbx, _, _ = form()
     tbx.send("daemon" + BACK_TAB + pasted("one\ttwo\r\nthree") + CTRL_S)
     tbx.wait_for("y  Confirm")
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("Message 1 sent to 1 user.")
     assert store.sent(1, "msg").read_text().endswith("\n\none\ttwo\nthree\n")
 
@@ -177,7 +230,7 @@ def revoking(interface, store):
     tbx, page = interface([message])
     with lock_held(store, 1) as free:
         press(tbx, "r", page, revoke_confirmation(message))
-        tbx.send("y")
+        reply(tbx, "y")
         yield tbx, page, free
 
 
@@ -264,7 +317,7 @@ def test_review_says_what_an_earlier_try_has_sent(form, store):
     page = replace(page, to="bin,daemon", text="Hello", focus="Text", preview="2 recipients")
     press(tbx, "bin,daemon" + BACK_TAB + "Hello", page)
     press(tbx, CTRL_S, page, page.review("2 recipients"))
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("Message 1 delivered to 1 of 2 recipients.")
     press(tbx, "x", page)
     review = page.review("2 recipients")
@@ -278,9 +331,11 @@ def test_review_on_a_wide_screen_says_it_in_one_line(form, store):
     store.mailbox("bin").write_text("in the way")
     tbx.send("bin,daemon" + BACK_TAB + "Hello" + CTRL_S)
     tbx.wait_for("y  Confirm")
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("Message 1 delivered to 1 of 2 recipients.")
-    tbx.send("x" + CTRL_S)
+    reply(tbx, "x")
+    tbx.wait_for(lambda: "any key to continue" not in tbx.frame())
+    tbx.send(CTRL_S)
     tbx.wait_for("│  Message 1 was already sent to 1 of 2 recipients; the others are tried again by "
                  "themselves.  │")
 

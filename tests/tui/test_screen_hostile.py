@@ -8,7 +8,7 @@ program itself.
 import pytest
 from harness.history import record
 from harness.pseudo_terminal import CTRL_E, ENTER, ESCAPE, FRAME_ENDS, PAGE_DOWN, TAB
-from interface import frames_drawn
+from interface import frames_drawn, reply
 from terminal_bytes import assert_harmless, assert_whole_frames
 
 SIZE = (120, 30)
@@ -141,7 +141,7 @@ def test_hostile_characters_typed_as_the_age_to_delete(opened):
     tbx.wait_for("Delete the messages sent more than")
     tbx.send(TYPED + b"\r")
     tbx.wait_for("Messages older than 90da")
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("any key to continue")
     assert_nothing_obeyed(tbx)
 

@@ -11,7 +11,7 @@ from frame_model import (
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
     PAGE_UP, RIGHT, TAB, UP)
-from interface import BROKEN_CHARACTERS, MEANINGLESS, press, press_in_vain, seen
+from interface import BROKEN_CHARACTERS, MEANINGLESS, press, press_in_vain, reply, seen
 from messages import DATE, MESSAGE_STATES, Message
 
 THIRTY = [Message(number) for number in range(1, 31)]  # at 80x24 a page is 17 of them
@@ -206,7 +206,7 @@ def test_action_on_a_message_that_is_gone_tells_so(interface, store, key):
     tbx.send(key)
     tbx.wait_for("y  Confirm")
     shutil.rmtree(store.sent(2))
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("tbx: no such message: 2")
     press(tbx, "x", replace(page, messages=(Message(1),)))
 

@@ -6,7 +6,7 @@ import pytest
 
 from frame_model import search_box
 from harness.pseudo_terminal import BACK_TAB, CTRL_S, DOWN, EARLIER, END, ENTER, ESCAPE, TAB, UP
-from interface import expect, frames_as_text, press
+from interface import expect, frames_as_text, press, reply
 from messages import DATE, Message, people
 from places import PLACES, Places
 
@@ -106,7 +106,7 @@ def test_list_ends_the_interface_once_it_is_shown_below_80x20(place, name, keys)
     tbx, _ = place(name)
     tbx.resize(79, 24)
     expect(tbx, *Places((79, 24)).shown(name))
-    tbx.send(keys)
+    reply(tbx, keys)
     assert tbx.wait_exit() == 0
     assert tbx.attributes() == tbx.attributes_before
 
@@ -206,9 +206,9 @@ def test_message_can_be_sent_below_80x20(form, store):
     expect(tbx, replace(page, size=(50, 12)))
     tbx.send("daemon" + BACK_TAB + "Hello" + CTRL_S)
     tbx.wait_for("y  Confirm")
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("Message 1 sent to 1 user.")
-    tbx.send("x")
+    reply(tbx, "x")
     assert tbx.wait_exit() == 0
     assert store.sent(1, "msg").read_text().endswith("\n\nHello\n")
 

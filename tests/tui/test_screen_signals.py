@@ -13,7 +13,7 @@ from frame_model import KEYS_BOX, message_box, revoke_confirmation
 from harness.pseudo_terminal import (
     CC, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, DOWN, EARLIER, ENTER, IFLAG, LFLAG,
     assert_restored, unusual)
-from interface import assert_left, expect, is_stopped, stop, frames_drawn, is_stopped, press, stop
+from interface import assert_left, expect, frames_drawn, is_stopped, press, reply, stop
 from messages import Message
 from places import PLACES, Places
 
@@ -190,7 +190,7 @@ def revoking(interface, store):
     held = os.open(store.sent(1, "lock"), os.O_RDWR | os.O_CREAT, 0o600)
     fcntl.flock(held, fcntl.LOCK_EX)
     press(tbx, "r", page, revoke_confirmation(message))
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.poll_for(lambda: store.sent(1, "revoked").exists())  # then comes the lock
     yield tbx, page, lambda: fcntl.flock(held, fcntl.LOCK_UN)
     os.close(held)

@@ -9,7 +9,7 @@ from frame_model import (
     RED, DetailPage, ListPage, message_box, purge_confirmation, revoke_confirmation, search_box)
 from harness.history import record
 from harness.pseudo_terminal import BACK_TAB, CTRL_S, DOWN, ENTER, TAB
-from interface import expect, frames_as_text, press
+from interface import expect, frames_as_text, press, reply
 from messages import DATE, FUTURE, Message, people
 
 # Everything that the interface ever writes beside characters.
@@ -164,7 +164,7 @@ def test_hostile_duration_is_made_harmless(interface, typed, shown):
     tbx, page = interface([])
     tbx.send(b"p" + b"\x7f" * 3 + typed + b"\r")
     expect(tbx, page, purge_confirmation(shown))
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("tbx: invalid duration: a")
     assert_safe(tbx)
 
@@ -180,7 +180,7 @@ def test_hostile_message_in_the_form_is_made_harmless(form, typed, shown):
     tbx.wait_for("tbx: no such user: nosuch")
     tbx.send(CTRL_S)
     tbx.wait_for("Send the message?")
-    tbx.send("y")
+    reply(tbx, "y")
     tbx.wait_for("Sending result")
     assert_safe(tbx)
 

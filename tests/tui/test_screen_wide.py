@@ -7,7 +7,7 @@ import pytest
 
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, DOWN, ENTER, ESCAPE, HOME, LEFT, RIGHT, TAB, UP)
-from interface import frames_drawn
+from interface import frames_drawn, reply
 from messages import Message
 
 SIZES = [(80, 20), (80, 24), (120, 40)]
@@ -69,7 +69,7 @@ def test_frame_of_every_page_stands(store, terminal, kind, size):
             (BACK_TAB * 2 + text * 9 + LEFT * 7, "optional, one line"),
             (HOME + RIGHT + BACKSPACE, "optional, one line")]:
         drawn = frames_drawn(tbx)
-        tbx.send(keys)
+        reply(tbx, keys)
         tbx.wait_until_still(lambda: frames_drawn(tbx) > drawn and seen in tbx.frame()
                              and (keys != ESCAPE or "search: «" not in tbx.frame()))
         assert seen in tbx.frame(), keys

@@ -275,6 +275,7 @@ static constexpr session_rules RULES = {
     .writes_to_tty = true,
     .enter = "\033[?1049h\033[?25l",
     .leave = "\033[?25h\033[?1049l",
+    .guard_ms = 0, // it asks nothing
     .keys = GUIDE_KEY_RULES,
 };
 

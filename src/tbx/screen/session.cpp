@@ -279,11 +279,31 @@ void tui_drop_input() {
             return; // the next call reports it
 }
 
+bool tui_more_follows() {
+    pollfd watched = {.fd = tui.input.fd, .events = POLLIN, .revents = 0};
+    return tui_keys_wait() ||
+           (poll(&watched, 1, BURST_WAIT_MS) > 0 && (watched.revents & POLLHUP) == 0);
+}
+
 bool tui_keys_wait() {
     return tui_input_waits(tui.input);
 }
 
 // ---- Frames -------------------------------------------------------------------------------
+
+// A frame of the largest usual screen at 9,600 baud.
+static constexpr int SHOWN_WAIT_MS = 5000;
+static constexpr int SHOWN_LOOK_MS = 20;
+
+void tui_await_shown() {
+    int waiting_bytes = 0;
+    for (int waited_ms = 0; waited_ms < SHOWN_WAIT_MS && !quit_requested;
+         waited_ms += SHOWN_LOOK_MS) {
+        if (ioctl(output_fd(), TIOCOUTQ, &waiting_bytes) != 0 || waiting_bytes == 0)
+            return;
+        (void)poll(nullptr, 0, SHOWN_LOOK_MS); // only sleeps; a signal may shorten it
+    }
+}
 
 void session_write(std::string_view frame) {
     tui.is_torn = !write_to_terminal(frame);

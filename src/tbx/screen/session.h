@@ -19,6 +19,7 @@ struct session_rules {
     bool writes_to_tty;       // frames go to /dev/tty; else to standard output
     std::string_view enter;   // sequences
     std::string_view leave;
+    int guard_ms; // how long a question takes no answer after it has appeared
     key_rules keys;
 };
 
@@ -65,6 +66,15 @@ bool tui_update_size();
 // Drops what has been typed and pasted so far, in whole keys: none of it was meant for what is
 // shown next.
 void tui_drop_input();
+
+// Whether the last key was one of several that a program typed, such as a paste from a terminal
+// that does not mark pastes: another one follows at once.
+[[nodiscard]] bool tui_more_follows();
+
+// Waits until the terminal has taken what was written, at most a few seconds. A serial line still
+// sends a frame long after it was written. A pseudo-terminal does not tell what its reader has
+// shown; there this returns at once.
+void tui_await_shown();
 
 // Ignores the signals of Ctrl+C, Ctrl+\ and Ctrl+Z while another program runs for this process:
 // they reach every process on the terminal. Ignores SIGPIPE too, because that program may not read

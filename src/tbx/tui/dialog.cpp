@@ -1,5 +1,6 @@
 #include "tbx/tui/dialog.h"
 
+#include "common/child.h"
 #include "tbx/command.h"
 
 #include <algorithm>
@@ -120,6 +121,7 @@ struct dialog {
     strlist body;
     bool is_drawn = false;
     unsigned changes_seen = tui.screen_changes; // the page is built for the present size
+    int64_t guarded_until_ms = 0;               // on the monotonic clock: until then no key counts
 };
 
 // Builds the page below before its dialog: waiting keys may have delayed that.
@@ -139,18 +141,50 @@ static void follow_size(dialog *shown) {
         shown->page->rebuild(shown->page);
 }
 
-// Draws the dialog if the screen does not show it.
-static void draw_dialog(dialog *shown) {
+// Draws the dialog if the screen does not show it. Returns whether it did.
+static bool draw_dialog(dialog *shown) {
     follow_size(shown);
-    if (!shown->is_drawn)
-        tui_draw(
-            with_box(*shown->page, shown->title, shown->body, shown->button_line, shown->footer));
+    if (shown->is_drawn)
+        return false;
+    tui_draw(with_box(*shown->page, shown->title, shown->body, shown->button_line, shown->footer));
     shown->is_drawn = true;
+    return true;
 }
 
-static tui_key draw_and_wait(dialog *shown, tui_character &character) {
-    draw_dialog(shown);
-    return tui_next_key(character);
+// ---- Keys that were not meant -------------------------------------------------------------
+// A question must not be answered, nor a result dismissed, by what was typed for something else:
+// typed ahead on a slow line, or pasted in pieces.
+
+// A key that was ignored has others after it: for so long no key counts.
+static constexpr int STRAY_KEY_MS = 200;
+
+static void guard(dialog *shown, int ms) {
+    shown->guarded_until_ms = std::max(shown->guarded_until_ms, child_clock_ms() + ms);
+}
+
+static void ignore_key(dialog *shown) {
+    guard(shown, std::min(STRAY_KEY_MS, tui.rules->guard_ms));
+}
+
+// Draws the dialog if the screen does not show it. For a moment no key counts then.
+static void draw_guarded(dialog *shown) {
+    if (!draw_dialog(shown))
+        return;
+    tui_await_shown();
+    guard(shown, tui.rules->guard_ms);
+}
+
+// Returns the next key that was meant for the dialog. KEY_TIMEOUT for every other one: pasted,
+// pressed too early, or one of several that came at once.
+static tui_key next_meant_key(dialog *shown, tui_character &character) {
+    draw_guarded(shown);
+    const tui_key key = tui_next_key(character);
+    if (key == KEY_TIMEOUT || key == KEY_ERROR)
+        return key;
+    if (key != KEY_PASTE && child_clock_ms() >= shown->guarded_until_ms && !tui_more_follows())
+        return key;
+    ignore_key(shown);
+    return KEY_TIMEOUT;
 }
 
 // ---- Asking -------------------------------------------------------------------------------
@@ -233,7 +267,7 @@ bool tui_confirm(tui_screen *page, const std::string &title, const strlist &body
     tui_drop_input();
     while (true) {
         tui_character character = {};
-        const tui_key key = draw_and_wait(&shown, character);
+        const tui_key key = next_meant_key(&shown, character);
         if (is_cancelled(key))
             return false;
         const char letter = key == KEY_CHAR ? character[0] : '\0';
@@ -241,6 +275,8 @@ bool tui_confirm(tui_screen *page, const std::string &title, const strlist &body
             return true;
         if (letter == 'n' || letter == 'N')
             return false;
+        if (key != KEY_TIMEOUT)
+            ignore_key(&shown);
     }
 }
 
@@ -255,7 +291,8 @@ void tui_show_lines(tui_screen *page, const std::string &title, const strlist &b
     tui_key key = KEY_TIMEOUT;
     while ((key == KEY_TIMEOUT || key == KEY_PASTE) && !quit_requested) {
         tui_character character = {};
-        key = draw_and_wait(&shown, character);
+        draw_dialog(&shown);
+        key = tui_next_key(character);
     }
 }
 
@@ -277,8 +314,13 @@ void tui_message_box(tui_screen *page, const std::string &title, const job_resul
     tui_split_lines(tui_clean(result.output.view()), &body);
     if (body.count == 0)
         strlist_push_dup(&body, result.was_interrupted ? "Interrupted." : "Done.");
+    dialog shown = over(page, title);
+    shown.button_line = shown.footer = ANY_KEY;
+    copy_lines(body, &shown.body);
     tui_drop_input();
-    tui_show_lines(page, title, body);
+    tui_character character = {};
+    while (!quit_requested && next_meant_key(&shown, character) == KEY_TIMEOUT) {
+    }
 }
 
 void tui_run_and_tell(tui_screen *page, const std::string &title, const tui_job &job) {

@@ -22,7 +22,8 @@ void tui_overlay_box(strlist *lines, std::string_view title, const strlist &body
                                                     std::string_view prompt,
                                                     const std::string &initial);
 
-// Asks for y or n. Returns true for y. Drops what was typed before the question.
+// Asks for y or n. Returns true for y. Only a key that is pressed alone, a moment after the
+// question has appeared, counts: every other one was typed or pasted for something else.
 [[nodiscard]] bool tui_confirm(tui_screen *page, const std::string &title, const strlist &body);
 
 // Shows lines as they are until a key is pressed.
@@ -33,7 +34,7 @@ void tui_show_lines(tui_screen *page, const std::string &title, const strlist &b
                                         const tui_job &job, std::string_view input);
 
 // Shows the result of a command until a key is pressed: what it printed, or else "Done." or
-// "Interrupted.". Drops keys typed before the result was shown.
+// "Interrupted.". Only a key that would answer a question closes it.
 void tui_message_box(tui_screen *page, const std::string &title, const job_result &result);
 
 // Runs a command and shows its result.

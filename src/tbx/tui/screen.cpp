@@ -21,6 +21,7 @@ const session_rules TUI_RULES = {
     .writes_to_tty = false,
     .enter = ENTER_SCREEN,
     .leave = LEAVE_SCREEN,
+    .guard_ms = 400,
     .keys = {.wait_ms = 500,
              .sequence_wait_ms = 40,
              .last_digit_counts = false,

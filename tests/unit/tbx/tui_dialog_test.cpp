@@ -234,6 +234,12 @@ TEST(TuiConfirm, IsNotAnsweredByWhatWasTypedBefore) {
     EXPECT_THAT(last_frame(child.out), HasSubstr("┌─ Really? ─"));
 }
 
+TEST(TuiConfirm, IsNotAnsweredByAKeyThatOthersFollow) {
+    EXPECT_FALSE(confirmed("yx"));
+    EXPECT_TRUE(confirmed("nxy"));
+    EXPECT_FALSE(confirmed("yxn"));
+}
+
 TEST(TuiConfirm, IsNotAnsweredByWhatIsPasted) {
     EXPECT_FALSE(confirmed("\033[200~y\033[201~n"));
     EXPECT_TRUE(confirmed("\033[200~n\033[201~y"));

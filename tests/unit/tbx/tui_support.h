@@ -15,9 +15,15 @@
 #include <thread>
 #include <vector>
 
-// The tests read keys without having started a session.
+// The tests read keys without having started a session. A question takes an answer at once.
 struct interface_rules : testing::Environment {
-    void SetUp() override { tui.rules = &TUI_RULES; }
+    void SetUp() override { tui.rules = &rules; }
+    static session_rules unguarded() {
+        session_rules changed = TUI_RULES;
+        changed.guard_ms = 0;
+        return changed;
+    }
+    const session_rules rules = unguarded();
 };
 inline testing::Environment *const rules_for_all_tests =
     testing::AddGlobalTestEnvironment(new interface_rules);
