@@ -36,6 +36,7 @@ class UserMachine(Machine):
         self.store.create()
 
     def close(self):
+        self.kill()  # an interactive shell would not end with its terminal
         for terminal in self._terminals:
             terminal.close()
         super().close()
