@@ -23,13 +23,13 @@ constexpr int REPLACE_TRIES = 5;
 
 static int64_t monotonic_ms() {
     timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
+    (void)clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
     return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
 }
 
 static void sleep_ms(long milliseconds) {
     const timespec time = {0, milliseconds * 1'000'000};
-    nanosleep(&time, nullptr); // a signal shortens it: the caller checks the clock
+    (void)nanosleep(&time, nullptr); // a signal shortens it: the caller checks the clock
 }
 
 mailbox_lock mailbox_lock::take(const own_mailbox &box, int patience_ms) {
@@ -101,7 +101,7 @@ static int sync_file(const unique_fd &file) {
 // Removes what this call has created. Keeps errno of the failure before it.
 static void remove_again(const unique_fd &folder, const std::string &name) {
     const int saved = errno;
-    unlinkat(folder.get(), name.c_str(), 0); // may be gone already
+    (void)unlinkat(folder.get(), name.c_str(), 0); // may be gone already
     errno = saved;
 }
 
@@ -114,31 +114,58 @@ struct new_file {
     std::string hidden; // empty: without a name
 };
 
+// Returns a hidden name that no other writer uses: ".NAME.PROCESS-TIME.tmp".
 static std::string hidden_name(const std::string &name) {
-    return "." + name + ".tmp";
+    timespec time = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
+    return xasprintf(".%s.%lld-%lld%09ld.tmp", name.c_str(), static_cast<long long>(getpid()),
+                     static_cast<long long>(time.tv_sec), time.tv_nsec);
+}
+
+// Whether it is a name that hidden_name() gives, or ".NAME.tmp". Other programs' files are none.
+static bool is_hidden_name(std::string_view name) {
+    constexpr std::string_view END = ".tmp";
+    constexpr std::string_view WRITER = "0123456789-";
+    int64_t id = 0;
+    if (!name.starts_with('.') || !name.ends_with(END) || name.size() <= END.size())
+        return false;
+    name = name.substr(1, name.size() - 1 - END.size());
+    const size_t dot = name.rfind('.');
+    if (dot != std::string_view::npos &&
+        name.find_first_not_of(WRITER, dot + 1) == std::string_view::npos)
+        name = name.substr(0, dot);
+    const size_t mark = name.find('.');
+    const std::string_view suffix = mark == std::string_view::npos ? "" : name.substr(mark);
+    return parse_id(name.substr(0, mark), &id) != 0 &&
+           (suffix.empty() || suffix == ".term" || suffix == ".gui");
 }
 
 static bool knows_no_unnamed_files(int error) {
     return error == EOPNOTSUPP || error == EISDIR || error == EINVAL;
 }
 
+// While it is open, its lock tells those who tidy up that it is in use. Nobody else can hold it
+// yet; on a file system without locks there is none.
+static void hold(const unique_fd &file) {
+    (void)flock(file.get(), LOCK_EX | LOCK_NB); // no locks here: others are right without it
+}
+
 static int create_hidden(const unique_fd &folder, const std::string &name, new_file *file) {
     constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     file->hidden = hidden_name(name);
     file->fd.reset(openat(folder.get(), file->hidden.c_str(), FLAGS, ANSWER_MODE));
-    if (!file->fd && errno == EEXIST) { // left by a killed run; a running one notices and retries
-        unlinkat(folder.get(), file->hidden.c_str(), 0); // the next call shows whether that worked
-        file->fd.reset(openat(folder.get(), file->hidden.c_str(), FLAGS, ANSWER_MODE));
-    }
+    if (!file->fd)
+        file->hidden.clear(); // it is not ours to remove
     return file->fd ? 0 : -1;
 }
 
 static int create_file(const unique_fd &folder, const std::string &name, new_file *file) {
     file->hidden.clear();
     file->fd.reset(openat(folder.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, ANSWER_MODE));
-    if (file->fd)
-        return 0;
-    return knows_no_unnamed_files(errno) ? create_hidden(folder, name, file) : -1;
+    if (!file->fd && (!knows_no_unnamed_files(errno) || create_hidden(folder, name, file) != 0))
+        return -1;
+    hold(file->fd);
+    return 0;
 }
 
 static void drop_file(const unique_fd &folder, new_file *file) {
@@ -147,8 +174,7 @@ static void drop_file(const unique_fd &folder, new_file *file) {
     file->fd.reset();
 }
 
-// Gives the open file a name, even if another file has its hidden name by now. Returns 0, or -1
-// with errno: EEXIST when the name is taken.
+// Gives the open file a name. Returns 0, or -1 with errno: EEXIST when the name is taken.
 static int link_file(const unique_fd &folder, const new_file &file, const std::string &name) {
     const std::string open_file = "/proc/self/fd/" + std::to_string(file.fd.get());
     if (linkat(AT_FDCWD, open_file.c_str(), folder.get(), name.c_str(), AT_SYMLINK_FOLLOW) == 0)
@@ -161,18 +187,22 @@ static int link_file(const unique_fd &folder, const new_file &file, const std::s
 
 // ---- After an answer ----------------------------------------------------------------------
 
-// Moves the copy of an answered message to read/. If that fails, the mode of the answer says that
-// it was recorded.
-static void move_to_read(own_mailbox *box, int64_t id, const unique_fd &answer) {
+// Moves the copy of an answered message to read/. Returns whether it was there to be moved.
+static bool move_to_read(own_mailbox *box, int64_t id) {
     const std::string name = id_text(id);
-    if (ensure_folder(*box, "read", &box->read) == 0 &&
-        renameat(box->inbox.get(), name.c_str(), box->read.get(), name.c_str()) == 0) {
-        (void)sync_folder(box->read); // if the copy reappears, it is moved again
-        (void)sync_folder(box->inbox);
-        return;
-    }
-    if (look_for(box->inbox, name) != presence::absent)
-        (void)!fchmod(answer.get(), RECORDED_MODE); // if this fails too, it is recorded twice
+    if (ensure_folder(*box, "read", &box->read) != 0 ||
+        renameat(box->inbox.get(), name.c_str(), box->read.get(), name.c_str()) != 0)
+        return false;
+    (void)sync_folder(box->read); // if the copy reappears in the inbox, it is moved again
+    (void)sync_folder(box->inbox);
+    return true;
+}
+
+// Moves the copy of an answer that was recorded. If that fails, the answer's mode says so: the next
+// run does not record it again.
+static void move_recorded(own_mailbox *box, int64_t id, const unique_fd &answer) {
+    if (!move_to_read(box, id))
+        (void)!fchmod(answer.get(), RECORDED_MODE); // finish_answer() can do without
 }
 
 static void record_confirmed(const own_mailbox &box, int64_t id, const std::string &where) {
@@ -197,6 +227,13 @@ static bool stands(const unique_fd &folder, const std::string &name, const uniqu
            there.st_ino == open_one.st_ino;
 }
 
+// Whether the copy is in read/. If that cannot be determined, the answer must not be removed.
+static bool was_moved(own_mailbox *box, const std::string &name) {
+    // The folder may have been missing when the mailbox was opened.
+    return ensure_folder(*box, "read", &box->read) != 0 ||
+           look_for(box->read, name) != presence::absent;
+}
+
 // Returns what another program has put at acks/ID.
 static confirmation existing_answer(own_mailbox *box, int64_t id) {
     confirmation outcome;
@@ -219,15 +256,13 @@ static confirmation existing_answer(own_mailbox *box, int64_t id) {
     return outcome;
 }
 
-// Writes the answer and holds its lock until the descriptor is closed. Returns 0, or -1 with errno:
-// EEXIST if there is an answer.
+// Writes the answer. Holds its lock until the descriptor is closed: a program that finds the
+// answer, and the copy still in the inbox, sees by it that this one is working. Returns 0, or -1
+// with errno: EEXIST if there is an answer.
 static int write_answer(own_mailbox *box, int64_t id, const std::string &text, new_file *file) {
     const std::string name = id_text(id);
     if (ensure_folder(*box, "acks", &box->acks) != 0 || create_file(box->acks, name, file) != 0)
         return -1;
-    // A program that finds the answer, and the copy still in the inbox, sees by the lock that this
-    // one is working. Nobody else can hold it yet; if the file system has no locks, there is none.
-    (void)!flock(file->fd.get(), LOCK_EX | LOCK_NB);
     if (write_all(file->fd.get(), text.data(), text.size()) != 0 || sync_file(file->fd) != 0 ||
         link_file(box->acks, *file, name) != 0)
         return -1;
@@ -263,13 +298,17 @@ confirmation answer_confirm(own_mailbox *box, int64_t id, channel where) {
         return failed_with(error);
     }
     if (look_for(box->inbox, name) == presence::absent) {
+        // On a file system without locks another program may have recorded and moved it already.
+        const bool is_standing = stands(box->acks, name, file.fd);
+        if (is_standing && was_moved(box, name))
+            return outcome;
         // Withdrawn or deleted meanwhile: its answer must not stay.
-        if (stands(box->acks, name, file.fd))
+        if (is_standing)
             remove_again(box->acks, name);
         return {.result = confirm_result::withdrawn, .answer = {}, .error = 0};
     }
     record_confirmed(*box, id, channel_name(where));
-    move_to_read(box, id, file.fd);
+    move_recorded(box, id, file.fd);
     return outcome;
 }
 
@@ -288,23 +327,18 @@ static int write_mark(const unique_fd &state, const std::string &name, std::stri
     return -1;
 }
 
-// Gives the file its hidden name. A file with that name belongs to a killed run, or to a run that
-// retries as this one does.
+// Gives the file a hidden name if it has none.
 static int link_hidden(const unique_fd &state, const std::string &name, new_file *file) {
     if (!file->hidden.empty())
         return 0;
     const std::string hidden = hidden_name(name);
-    if (link_file(state, *file, hidden) != 0) {
-        if (errno != EEXIST || unlinkat(state.get(), hidden.c_str(), 0) != 0 ||
-            link_file(state, *file, hidden) != 0)
-            return -1;
-    }
+    if (link_file(state, *file, hidden) != 0)
+        return -1;
     file->hidden = hidden;
     return 0;
 }
 
-// Replaces whatever is at the mark's name. Returns 0, or -1 with errno: ENOENT when another program
-// took the hidden name.
+// Replaces whatever is at the mark's name. Returns 0, or -1 with errno: EISDIR for a folder.
 static int replace_mark(const unique_fd &state, const std::string &name, new_file *file) {
     if (link_hidden(state, name, file) != 0)
         return -1;
@@ -314,24 +348,30 @@ static int replace_mark(const unique_fd &state, const std::string &name, new_fil
     return 0;
 }
 
-// Replaces only a mark with that inode number. Returns 0, or -1 with errno: EAGAIN when there is
+static bool is_same_file(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// Replaces only the mark that was looked at. Returns 0, or -1 with errno: EAGAIN when there is
 // another one now, which stays. On file systems that cannot exchange two files, looks first and
 // replaces then.
-static int replace_mark_if(const unique_fd &state, const std::string &name, ino_t expected,
-                           new_file *file) {
+static int replace_mark_if(const unique_fd &state, const std::string &name,
+                           const struct stat &expected, new_file *file) {
     struct stat status = {};
     if (link_hidden(state, name, file) != 0)
         return -1;
     const char *hidden = file->hidden.c_str();
     if (renameat2(state.get(), hidden, state.get(), name.c_str(), RENAME_EXCHANGE) != 0)
         return errno == EINVAL || errno == ENOSYS ? replace_mark(state, name, file) : -1;
-    if (look_for(state, file->hidden, &status) == presence::present && status.st_ino == expected) {
+    if (look_for(state, file->hidden, &status) == presence::present &&
+        is_same_file(status, expected) && !S_ISDIR(status.st_mode)) {
         remove_again(state, file->hidden);
         file->hidden.clear();
         return 0;
     }
-    renameat2(state.get(), hidden, state.get(), name.c_str(), RENAME_EXCHANGE);
-    errno = EAGAIN; // the caller looks at the new one
+    if (renameat2(state.get(), hidden, state.get(), name.c_str(), RENAME_EXCHANGE) != 0)
+        file->hidden.clear(); // the other mark has this name now and must not be removed
+    errno = EAGAIN;           // the caller looks at the new one
     return -1;
 }
 
@@ -360,15 +400,12 @@ int answer_postpone(own_mailbox *box, int64_t id, channel where) {
     if (check_waiting(*box, id) != 0 || ensure_folder(*box, "state", &box->state) != 0)
         return -1;
     const std::string name = mark_name(id, where);
-    for (int tries = 1;; tries++) {
-        new_file file;
-        if (write_mark(box->state, name, "postponed\n", now(), &file) != 0)
-            return -1;
-        if (replace_mark(box->state, name, &file) == 0)
-            break;
+    new_file file;
+    if (write_mark(box->state, name, "postponed\n", now(), &file) != 0)
+        return -1;
+    if (replace_mark(box->state, name, &file) != 0) {
         drop_file(box->state, &file);
-        if ((errno != ENOENT && errno != EEXIST) || tries == REPLACE_TRIES)
-            return -1;
+        return -1;
     }
     if (keep_only_if_waiting(*box, id, name) != 0)
         return -1;
@@ -385,6 +422,12 @@ static shown_result try_shown(const own_mailbox &box, int64_t id, channel where,
     const std::string name = mark_name(id, where);
     struct stat status = {};
     const presence there = look_for(box.state, name, &status);
+    if (there == presence::unknown)
+        return shown_result::failed;
+    if (there == presence::present && S_ISDIR(status.st_mode)) {
+        errno = EISDIR; // an exchange would take the folder away
+        return shown_result::failed;
+    }
     const channel_mark mark = mark_read(box, id, where, now());
     const bool holds = mark.kind == mark_kind::postponed && mark.time + remind_seconds > moment;
     if (there == presence::present && mark.kind != mark_kind::none && (holds || mark.time > moment))
@@ -392,9 +435,8 @@ static shown_result try_shown(const own_mailbox &box, int64_t id, channel where,
     new_file file;
     if (write_mark(box.state, name, "shown\n", moment, &file) != 0)
         return shown_result::failed;
-    const int result = there == presence::absent
-                           ? link_file(box.state, file, name)
-                           : replace_mark_if(box.state, name, status.st_ino, &file);
+    const int result = there == presence::absent ? link_file(box.state, file, name)
+                                                 : replace_mark_if(box.state, name, status, &file);
     drop_file(box.state, &file);
     if (result == 0)
         return shown_result::done;
@@ -417,12 +459,33 @@ int answer_shown(own_mailbox *box, int64_t id, channel where, int64_t moment,
 
 // ---- Tidying up ---------------------------------------------------------------------------
 
+// Opens an answer so that it can be locked: some network file systems lock only what is open for
+// writing. An answer that was recorded is read-only.
+static unique_fd open_answer(const own_mailbox &box, const std::string &name) {
+    constexpr int FLAGS = O_NOFOLLOW | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
+    unique_fd answer(openat(box.acks.get(), name.c_str(), O_RDWR | FLAGS));
+    if (!answer && (errno == EACCES || errno == EROFS))
+        answer.reset(openat(box.acks.get(), name.c_str(), O_RDONLY | FLAGS));
+    return answer;
+}
+
+// Records an answer and moves its copy. Where the answer's mode cannot say that it was recorded,
+// only a copy that is not in the inbox any more can: then the copy is moved first.
+static void record_and_move(own_mailbox *box, int64_t id, const unique_fd &answer, mode_t mode,
+                            const std::string &where) {
+    if (fchmod(answer.get(), mode & 07777) == 0) {
+        record_confirmed(*box, id, where);
+        move_recorded(box, id, answer);
+    } else if (move_to_read(box, id) || look_for(box->inbox, id_text(id)) == presence::absent) {
+        record_confirmed(*box, id, where);
+    }
+}
+
 // Records and moves an answered message that is still in the inbox, unless another program is
 // working on it.
 static void finish_answer(own_mailbox *box, int64_t id) {
     const std::string name = id_text(id);
-    const unique_fd answer(openat(box->acks.get(), name.c_str(),
-                                  O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    const unique_fd answer = open_answer(*box, name);
     struct stat status = {};
     if (!answer || fstat(answer.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return;
@@ -441,11 +504,9 @@ static void finish_answer(own_mailbox *box, int64_t id) {
     if (given.state != answer_state::answered)
         return;
     if (!is_recorded) // even if the message was withdrawn since: the answer came first
-        record_confirmed(*box, id, given.channel);
-    if (there == presence::present)
-        move_to_read(box, id, answer);
-    else if (!is_recorded)
-        (void)!fchmod(answer.get(), RECORDED_MODE);
+        record_and_move(box, id, answer, status.st_mode, given.channel);
+    else if (there == presence::present)
+        (void)move_to_read(box, id); // the next run tries again
 }
 
 void answer_finish_interrupted(own_mailbox *box) {
@@ -457,17 +518,13 @@ void answer_finish_interrupted(own_mailbox *box) {
             finish_answer(box, id);
 }
 
-// Whether it is a name that create_hidden() or link_hidden() gives.
-static bool is_leftover(std::string_view name) {
-    constexpr std::string_view END = ".tmp";
-    int64_t id = 0;
-    if (!name.starts_with('.') || !name.ends_with(END) || name.size() <= END.size())
-        return false;
-    name = name.substr(1, name.size() - 1 - END.size());
-    const size_t dot = name.find('.');
-    const std::string_view suffix = dot == std::string_view::npos ? "" : name.substr(dot);
-    return parse_id(name.substr(0, dot), &id) != 0 &&
-           (suffix.empty() || suffix == ".term" || suffix == ".gui");
+// Removes a hidden file unless its writer is still at work.
+static void remove_leftover(const unique_fd &folder, const char *name) {
+    const unique_fd file(
+        openat(folder.get(), name, O_RDWR | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    if (file && flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+        return;
+    (void)unlinkat(folder.get(), name, 0); // if it stays, the next run tries again
 }
 
 static void remove_leftovers_of(const unique_fd &folder) {
@@ -479,8 +536,8 @@ static void remove_leftovers_of(const unique_fd &folder) {
         return;
     again.release();
     while (const dirent *entry = next_entry(directory.get()))
-        if (is_leftover(entry->d_name))
-            unlinkat(folder.get(), entry->d_name, 0); // if it stays, the next run tries again
+        if (is_hidden_name(entry->d_name))
+            remove_leftover(folder, entry->d_name);
 }
 
 void answer_remove_leftovers(const own_mailbox &box, const mailbox_lock &lock) {

@@ -22,6 +22,7 @@ class mailbox_lock {
 public:
     mailbox_lock() = default;
     [[nodiscard]] bool is_held() const { return static_cast<bool>(fd_); }
+    void release() { fd_.reset(); }
 
     // Waits at most `patience_ms` for the lock; with 0 it tries once and never blocks.
     [[nodiscard]] static mailbox_lock take(const own_mailbox &box,
@@ -71,8 +72,8 @@ struct confirmation {
 // process holds.
 void answer_finish_interrupted(own_mailbox *box);
 
-// Removes the hidden files that killed runs have left. Does nothing without the lock: another
-// program could be using them.
+// Removes the hidden files that killed runs have left. Does nothing without the lock, and leaves
+// those that a running process writes.
 void answer_remove_leftovers(const own_mailbox &box, const mailbox_lock &lock);
 
 // ---- The prompt's mark --------------------------------------------------------------------

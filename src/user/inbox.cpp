@@ -18,15 +18,14 @@ constexpr int READ_FLAGS = O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK | O_CLO
 
 // ---- The account --------------------------------------------------------------------------
 
-// Such a name could lead out of the users folder.
-static bool is_folder_name(const std::string &name) {
+bool is_account_folder(const std::string &name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
 // Whether the variable names an account with this UID.
 static bool names_account(const char *variable, uid_t uid, std::string *name) {
     const char *value = getenv(variable);
-    if (value == nullptr || !is_folder_name(value))
+    if (value == nullptr || !is_account_folder(value))
         return false;
     const passwd *account = getpwnam(value);
     if (account == nullptr || account->pw_uid != uid)
@@ -46,7 +45,7 @@ int own_account(std::string *name) {
         return -1;
     }
     *name = account->pw_name;
-    if (is_folder_name(*name))
+    if (is_account_folder(*name))
         return 0;
     errno = EINVAL;
     return -1;
@@ -117,9 +116,13 @@ static int read_entry(const unique_fd &folder, const std::string &name, size_t m
         errno = EFBIG;
         return -1;
     }
-    strbuf_reserve(text, max);
-    while (text->len < max) {
-        const ssize_t got = read(fd.get(), text->data + text->len, max - text->len);
+    // Most files are much smaller than the limit. One byte more shows that nothing follows.
+    constexpr size_t GROWTH_BYTES = 4096;
+    size_t room = static_cast<size_t>(std::min<uintmax_t>(status->st_size, max)) + 1;
+    for (; text->len < max; room = GROWTH_BYTES) {
+        const size_t wanted = std::min(room, max - text->len);
+        strbuf_reserve(text, wanted);
+        const ssize_t got = read(fd.get(), text->data + text->len, wanted);
         if (got == 0)
             break;
         if (got < 0 && errno != EINTR)
@@ -218,12 +221,14 @@ int folder_ids(const unique_fd &folder, std::vector<int64_t> *ids) {
     return 0;
 }
 
-// Whether acks/ID is known not to exist. If it cannot be looked up there may be an answer.
-static bool is_unanswered(const own_mailbox &box, int64_t id) {
+// Looks whether there is anything at acks/ID.
+static lookup answer_look_up(const own_mailbox &box, int64_t id) {
     struct stat status = {};
-    return !box.acks ||
-           (fstatat(box.acks.get(), id_text(id).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 &&
-            errno == ENOENT);
+    if (!box.acks)
+        return lookup::absent;
+    if (fstatat(box.acks.get(), id_text(id).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        return lookup::found;
+    return lookup_of_error(errno);
 }
 
 int inbox_pending(const own_mailbox &box, int64_t now, std::vector<pending_message> *pending) {
@@ -231,10 +236,14 @@ int inbox_pending(const own_mailbox &box, int64_t now, std::vector<pending_messa
     std::vector<int64_t> ids;
     if (folder_ids(box.inbox, &ids) != 0)
         return -1;
-    for (const int64_t id : ids)
-        if (is_unanswered(box, id))
+    for (const int64_t id : ids) {
+        const lookup answer = answer_look_up(box, id);
+        if (answer == lookup::failed)
+            return -1;
+        if (answer == lookup::absent)
             pending->push_back({id, mark_read(box, id, channel::terminal, now),
                                 mark_read(box, id, channel::desktop, now)});
+    }
     return 0;
 }
 
@@ -266,8 +275,9 @@ waiting_state inbox_look(const own_mailbox &box, int64_t id, int64_t now,
         return tells_of_no_message(errno) ? waiting_state::absent : waiting_state::failed;
     message->terminal = mark_read(box, id, channel::terminal, now);
     message->desktop = mark_read(box, id, channel::desktop, now);
-    if (!is_unanswered(box, id))
-        return waiting_state::answered;
+    const lookup answer = answer_look_up(box, id);
+    if (answer != lookup::absent)
+        return answer == lookup::found ? waiting_state::answered : waiting_state::failed;
     return message_is_expired(message->message, now) ? waiting_state::expired
                                                      : waiting_state::waiting;
 }
@@ -279,7 +289,10 @@ int inbox_waiting(const own_mailbox &box, int64_t now, std::vector<waiting_messa
         return -1;
     for (const int64_t id : ids) {
         waiting_message message;
-        if (is_unanswered(box, id) && inbox_look(box, id, now, &message) == waiting_state::waiting)
+        const waiting_state state = inbox_look(box, id, now, &message);
+        if (state == waiting_state::failed)
+            return -1;
+        if (state == waiting_state::waiting)
             waiting->push_back(std::move(message));
     }
     return 0;

@@ -17,6 +17,9 @@
 // account.
 [[nodiscard]] int own_account(std::string *name);
 
+// Whether a folder in the users folder can have this name. Others lead out of it.
+[[nodiscard]] bool is_account_folder(const std::string &name);
+
 // A mailbox that is open. A folder's descriptor is empty if the folder does not exist.
 struct own_mailbox {
     std::string owner; // account name
@@ -114,7 +117,7 @@ enum class waiting_state { waiting, answered, expired, absent, failed };
 [[nodiscard]] waiting_state inbox_look(const own_mailbox &box, int64_t id, int64_t now,
                                        waiting_message *message);
 
-// All waiting messages, ascending. Returns 0, or -1 with errno.
+// All waiting messages, ascending. Returns 0; or -1 with errno, also if one message cannot be read.
 [[nodiscard]] int inbox_waiting(const own_mailbox &box, int64_t now,
                                 std::vector<waiting_message> *waiting);
 

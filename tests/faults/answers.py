@@ -26,7 +26,7 @@ COPY = message_file(ID)
 ANSWER = re.compile(rb"\d{10} (terminal|desktop)\n")
 MARKS = {b"shown\n", b"postponed\n"}
 AS_USER = {"program": TELLBOX, "user": USER}
-TEMPORARY = re.compile(r"(acks/\.7|state/\.7\.(term|gui))\.tmp")
+TEMPORARY = re.compile(r"(acks/\.7|state/\.7\.(term|gui))(\.\d+-\d+)?\.tmp")
 
 
 # ---- Mailboxes ----------------------------------------------------------------------------

@@ -156,6 +156,40 @@ TEST(Confirm, ThatCannotMoveTheCopyIsNotRecordedAgainByTheNextRun) {
               "acks/7 read/7\n");
 }
 
+TEST(Confirm, KeepsAnAnswerThatAnotherProgramHasRecordedAndMoved) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  static const heard_mailbox *shared;
+                  shared = &mailbox;
+                  own_mailbox box = mailbox.open();
+                  // As on a file system without locks, once the answer is there.
+                  trap_call(SYS_fsync, [](long) -> long {
+                      if (shared->has("acks/7") && shared->has("inbox/7"))
+                          rename(shared->file("inbox/7").c_str(), shared->file("read/7").c_str());
+                      return 0;
+                  });
+                  print_line(name_of(answer_confirm(&box, 7, channel::terminal).result));
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "confirmed\nacks/7 read/7\n");
+}
+
+TEST(Confirm, RemovesTheAnswerToAMessageThatIsWithdrawnMeanwhile) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  static const heard_mailbox *shared;
+                  shared = &mailbox;
+                  own_mailbox box = mailbox.open();
+                  trap_call(SYS_fsync, [](long) -> long {
+                      unlink(shared->file("inbox/7").c_str());
+                      return 0;
+                  });
+                  print_line(name_of(answer_confirm(&box, 7, channel::terminal).result));
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "withdrawn\n\n");
+}
+
 // ---- Several at once ----------------------------------------------------------------------
 
 TEST(Confirm, ByManyAtOnceMakesOneAnswerAndOneRecord) {
@@ -181,6 +215,55 @@ TEST(Confirm, ByManyAtOnceMakesOneAnswerAndOneRecord) {
                          mailbox.journal.events().c_str());
               }),
               "10 acks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
+}
+
+TEST(Confirm, ByManyAtOnceMakesOneAnswerWithoutUnnamedFilesToo) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  static const heard_mailbox *shared;
+                  shared = &mailbox;
+                  refuse_unnamed_files();
+                  std::vector<pid_t> others;
+                  for (int i = 0; i < 40; i++)
+                      others.push_back(start_process([] {
+                          own_mailbox box = shared->open();
+                          switch (answer_confirm(&box, 7, channel::terminal).result) {
+                          case confirm_result::confirmed:
+                              return 10;
+                          case confirm_result::already:
+                              return 0;
+                          default:
+                              return 1;
+                          }
+                      }));
+                  int sum = 0;
+                  for (const pid_t other : others)
+                      sum += exit_status_of(other);
+                  printf("%d %s %zu\n%s", sum, mailbox.files().c_str(),
+                         mailbox.text("acks/7").size(), mailbox.journal.events().c_str());
+              }),
+              "10 acks/7 read/7 20\nCONFIRMED 7 user=root details= author=\n");
+}
+
+TEST(Marks, OfManyAtOnceAreAllWrittenWithoutUnnamedFilesToo) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  static const heard_mailbox *shared;
+                  shared = &mailbox;
+                  refuse_unnamed_files();
+                  std::vector<pid_t> others;
+                  for (int i = 0; i < 8; i++) // the journal keeps ten records
+                      others.push_back(start_process([] {
+                          own_mailbox box = shared->open();
+                          return answer_postpone(&box, 7, channel::terminal) == 0 ? 0 : 1;
+                      }));
+                  int sum = 0;
+                  for (const pid_t other : others)
+                      sum += exit_status_of(other);
+                  printf("%d %s %s", sum, mailbox.files().c_str(),
+                         mailbox.text("state/7.term").c_str());
+              }),
+              "0 inbox/7 state/7.term postponed\n");
 }
 
 TEST(MailboxLock, IsOneForAllAndNotWaitedForLongerThanAllowed) {
@@ -219,6 +302,49 @@ TEST(Interrupted, AnAnswerThatSomebodyIsStillWritingIsLeftToThem) {
               "acks/7 inbox/7\n");
 }
 
+TEST(Interrupted, AnAnswerIsLockedWhereOnlyWritableFilesCanBe) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  mailbox.put("acks/7", "1790000000 desktop\n");
+                  own_mailbox box = mailbox.open();
+                  // As on a network file system, while another program holds the lock.
+                  trap_call(SYS_flock, [](long fd) -> long {
+                      const int flags = fcntl(static_cast<int>(fd), F_GETFL);
+                      return (flags & O_ACCMODE) == O_RDONLY ? -EBADF : -EWOULDBLOCK;
+                  });
+                  answer_finish_interrupted(&box);
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "acks/7 inbox/7\n");
+}
+
+TEST(Interrupted, AnAnswerIsNotRecordedAgainAndAgainWhereNothingCanBeChanged) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  own_mailbox box = mailbox.open();
+                  refuse_call(SYS_renameat, EIO);
+                  refuse_call(SYS_fchmod, EIO);
+                  print_line(name_of(answer_confirm(&box, 7, channel::terminal).result));
+                  for (int run = 0; run < 3; run++)
+                      answer_finish_interrupted(&box);
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "confirmed\nacks/7 inbox/7\nCONFIRMED 7 user=root details= author=\n");
+}
+
+TEST(Interrupted, AnAnswerWhoseModeCannotBeChangedIsMovedFirst) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  mailbox.put("acks/7", "1790000000 desktop\n");
+                  own_mailbox box = mailbox.open();
+                  refuse_call(SYS_fchmod, EPERM);
+                  for (int run = 0; run < 2; run++)
+                      answer_finish_interrupted(&box);
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "acks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
+}
+
 TEST(Interrupted, ACopyThatWasDeliveredAgainIsMovedWithoutARecord) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
@@ -234,6 +360,7 @@ TEST(Interrupted, ACopyThatWasDeliveredAgainIsMovedWithoutARecord) {
 TEST(Leftovers, AreTheHiddenFilesOfAnswersAndMarksAndNoOthers) {
     const tried_mailbox mailbox;
     for (const char *name : {"acks/.7.tmp", "read/.8.tmp", "state/.9.term.tmp", "state/.9.gui.tmp",
+                             "acks/.7.12-345.tmp", "state/.9.term.12-345.tmp", "acks/.7.12a.tmp",
                              "acks/.x.tmp", "acks/7.tmp", "acks/.7", "state/.9.other.tmp",
                              "state/.prompt", "inbox/.7.tmp", "acks/..tmp"})
         mailbox.put(name, "");
@@ -241,8 +368,22 @@ TEST(Leftovers, AreTheHiddenFilesOfAnswersAndMarksAndNoOthers) {
     answer_remove_leftovers(box, mailbox_lock());
     EXPECT_TRUE(mailbox.has("acks/.7.tmp"));
     answer_remove_leftovers(box, mailbox_lock::take(box, 0));
-    EXPECT_EQ(mailbox.files(), "acks/..tmp acks/.7 acks/.x.tmp acks/7.tmp inbox/.7.tmp "
-                               "state/.9.other.tmp state/.prompt");
+    EXPECT_EQ(mailbox.files(),
+              "acks/..tmp acks/.7 acks/.7.12a.tmp acks/.x.tmp acks/7.tmp inbox/.7.tmp "
+              "state/.9.other.tmp state/.prompt");
+}
+
+TEST(Leftovers, ThatSomebodyIsStillWritingStay) {
+    const tried_mailbox mailbox;
+    mailbox.put("acks/.7.12-345.tmp", "17");
+    const own_mailbox box = mailbox.open();
+    unique_fd writer(::open(mailbox.file("acks/.7.12-345.tmp").c_str(), O_WRONLY));
+    ASSERT_EQ(flock(writer.get(), LOCK_EX), 0);
+    answer_remove_leftovers(box, mailbox_lock::take(box, 0));
+    EXPECT_EQ(mailbox.files(), "acks/.7.12-345.tmp");
+    writer.reset();
+    answer_remove_leftovers(box, mailbox_lock::take(box, 0));
+    EXPECT_EQ(mailbox.files(), "");
 }
 
 // ---- Marks --------------------------------------------------------------------------------
@@ -317,14 +458,36 @@ TEST(Marks, AreNotMadeWhereAFolderStands) {
     own_mailbox box = mailbox.open();
     EXPECT_EQ(answer_postpone(&box, 7, channel::terminal), -1);
     EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(mark_shown(mailbox, now()), -1);
+    EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(mailbox.files(), "inbox/7 state/7.term/inside");
+}
+
+TEST(Shown, LeavesAFolderThatComesMeanwhile) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  static const heard_mailbox *shared;
+                  shared = &mailbox;
+                  mailbox.put("state/7.term", "shown\n");
+                  mailbox.age("state/7.term", -HALF_AN_HOUR);
+                  own_mailbox box = mailbox.open();
+                  // Between the look at the mark and its exchange.
+                  trap_call(SYS_utimensat, [](long) -> long {
+                      if (unlink(shared->file("state/7.term").c_str()) != 0)
+                          return 0; // done already
+                      return mkdir(shared->file("state/7.term").c_str(), 0755);
+                  });
+                  printf("%d\n", answer_shown(&box, 7, channel::terminal, now(), HALF_AN_HOUR));
+                  printf("%d %s\n", is_directory(mailbox.file("state/7.term").c_str()),
+                         mailbox.files().c_str());
+              }),
+              "-1\n1 inbox/7\n");
 }
 
 TEST(Postpone, WritesTheMarkAndRecordsIt) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
                   mailbox.put("state/7.gui", "shown\n");
-                  mailbox.put("state/.7.gui.tmp", "of a killed run");
                   own_mailbox box = mailbox.open();
                   print_line(std::to_string(answer_postpone(&box, 7, channel::desktop)));
                   print_line(mailbox.files());

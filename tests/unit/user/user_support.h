@@ -8,6 +8,8 @@
 
 #include <gmock/gmock.h>
 
+#include <ucontext.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <string>
@@ -65,3 +67,54 @@ struct tried_mailbox : scratch_state {
 
     std::string owner;
 };
+
+// ---- Calls that do something else ---------------------------------------------------------
+// For a child only.
+
+// Makes the system unable to create files without a name, as some file systems are.
+inline void refuse_unnamed_files() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 4),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+        BPF_STMT(BPF_ALU | BPF_AND | BPF_K, O_TMPFILE),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, O_TMPFILE, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EOPNOTSUPP),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {std::size(program), program};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        throw_errno("seccomp");
+}
+
+// Runs `action`, with the call's first argument, in place of every call of this number. What it
+// returns is the call's result: 0 or more, or a negative errno. It must not make that call itself.
+inline void trap_call(uint32_t number, long (*action)(long first)) {
+    static long (*trapped)(long first);
+    trapped = action;
+    struct sigaction handler = {};
+    handler.sa_flags = SA_SIGINFO;
+    handler.sa_sigaction = [](int, siginfo_t *, void *context) {
+        mcontext_t &machine = static_cast<ucontext_t *>(context)->uc_mcontext;
+        const int saved = errno;
+#if defined __x86_64__
+        machine.gregs[REG_RAX] = trapped(machine.gregs[REG_RDI]);
+#elif defined __aarch64__
+        machine.regs[0] = static_cast<uint64_t>(trapped(static_cast<long>(machine.regs[0])));
+#else
+#error "the registers of this machine are missing here"
+#endif
+        errno = saved;
+    };
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {std::size(program), program};
+    if (sigaction(SIGSYS, &handler, nullptr) != 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        throw_errno("seccomp");
+}
