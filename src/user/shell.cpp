@@ -11,6 +11,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -100,54 +101,92 @@ int cmd_hook(const arguments &shells) {
 
 // ---- The block ----------------------------------------------------------------------------
 
-static constexpr std::string_view BLOCK_BEGIN = "# >>> tellbox >>>\n";
-static constexpr std::string_view BLOCK_END = "# <<< tellbox <<<\n";
+static constexpr std::string_view BLOCK_BEGIN = "# >>> tellbox >>>";
+static constexpr std::string_view BLOCK_END = "# <<< tellbox <<<";
 // Says that the file before the block did not end in a newline.
-static constexpr std::string_view UNENDED = "# (the line above had no end)\n";
+static constexpr std::string_view UNENDED = "# (the line above had no end)";
 static constexpr std::string_view BLOCK_TEXT =
     "# Written by \"tellbox-user shells on\", taken out by \"tellbox-user shells off\".\n"
     "if [ -r /etc/profile.d/tellbox.sh ]; then . /etc/profile.d/tellbox.sh; fi\n";
 
-static constexpr size_t NOWHERE = std::string_view::npos;
-
-// Returns the position of a whole line.
-static size_t find_line(std::string_view text, std::string_view line, size_t from) {
-    for (size_t at = text.find(line, from); at != NOWHERE; at = text.find(line, at + 1))
-        if (at == 0 || text[at - 1] == '\n')
-            return at;
-    return NOWHERE;
-}
-
-bool without_block(std::string_view text, std::string *out) {
-    out->assign(text);
-    const size_t begin = find_line(text, BLOCK_BEGIN, 0);
-    const size_t end = find_line(text, BLOCK_END, 0);
-    if (begin == NOWHERE && end == NOWHERE)
-        return true;
-    if (begin == NOWHERE || end == NOWHERE || end < begin ||
-        find_line(text, BLOCK_BEGIN, begin + 1) != NOWHERE ||
-        find_line(text, BLOCK_END, end + 1) != NOWHERE)
+// Moves the next line from `*rest` to `*line`, with its newline if it has one.
+static bool next_whole_line(std::string_view *rest, std::string_view *line) {
+    if (rest->empty())
         return false;
-    const std::string_view block = text.substr(begin, end - begin);
-    const size_t behind = end + BLOCK_END.size();
-    const bool was_unended = block.find(UNENDED) != NOWHERE && begin > 0 && behind == text.size();
-    out->assign(text.substr(0, was_unended ? begin - 1 : begin));
-    out->append(text.substr(behind));
+    *line = rest->substr(0, rest->find('\n'));
+    *line = rest->substr(0, std::min(line->size() + 1, rest->size()));
+    rest->remove_prefix(line->size());
     return true;
 }
 
+// Returns the line without its newline, or without the two characters that some editors put there.
+static std::string_view unended(std::string_view line) {
+    return line.substr(0, line.find_last_not_of("\r\n") + 1);
+}
+
+// Takes one block from `*rest`, of which the first line was read. False if its end is missing.
+static bool skip_block(std::string_view *rest, bool *was_unended) {
+    std::string_view line;
+    while (next_whole_line(rest, &line)) {
+        if (unended(line) == BLOCK_END)
+            return true;
+        if (unended(line) == BLOCK_BEGIN)
+            return false;
+        *was_unended = *was_unended || unended(line) == UNENDED;
+    }
+    return false;
+}
+
+bool without_block(std::string_view text, std::string *out) {
+    out->clear();
+    std::string_view rest = text;
+    std::string_view line;
+    while (next_whole_line(&rest, &line)) {
+        bool was_unended = false;
+        if (unended(line) == BLOCK_END)
+            return false;
+        if (unended(line) != BLOCK_BEGIN) {
+            out->append(line);
+            continue;
+        }
+        if (!skip_block(&rest, &was_unended))
+            return false;
+        if (was_unended && rest.empty() && out->ends_with('\n'))
+            out->pop_back();
+    }
+    return true;
+}
+
+static std::string block_text(bool is_after_unended) {
+    std::string block(BLOCK_BEGIN);
+    block.append("\n");
+    if (is_after_unended)
+        block.append(UNENDED).append("\n");
+    return block.append(BLOCK_TEXT).append(BLOCK_END).append("\n");
+}
+
+// Whether the text holds one block, wherever it is, and that one is current.
+static bool has_current_block(std::string_view text) {
+    constexpr size_t NOWHERE = std::string_view::npos;
+    return std::ranges::any_of(std::array{true, false}, [&](bool is_after_unended) {
+        const std::string block = block_text(is_after_unended);
+        const size_t at = text.find(block);
+        return at != NOWHERE && (at == 0 || text[at - 1] == '\n') && text.find(BLOCK_BEGIN) == at &&
+               text.find(BLOCK_BEGIN, at + 1) == NOWHERE;
+    });
+}
+
 bool with_block(std::string_view text, std::string *out) {
-    std::string plain;
-    if (!without_block(text, &plain))
+    if (!without_block(text, out))
         return false;
-    const bool is_unended = !plain.empty() && plain.back() != '\n';
-    *out = plain;
+    if (has_current_block(text)) {
+        out->assign(text);
+        return true;
+    }
+    const bool is_unended = !out->empty() && out->back() != '\n';
     if (is_unended)
         out->append("\n");
-    out->append(BLOCK_BEGIN);
-    if (is_unended)
-        out->append(UNENDED);
-    out->append(BLOCK_TEXT).append(BLOCK_END);
+    out->append(block_text(is_unended));
     return true;
 }
 
@@ -162,7 +201,7 @@ struct shell_file {
     std::array<const char *, 2> places; // the first that exists counts
 };
 
-enum class switched { yes, already, half_a_block, failed };
+enum class switched { yes, already, half_a_block, not_a_file, failed };
 
 } // namespace
 
@@ -171,14 +210,18 @@ static constexpr std::array<shell_file, 2> SHELL_FILES = {{
     {"zsh", {"/etc/zsh/zshrc", "/etc/zshrc"}},
 }};
 
-// Returns the existing file; for a link, the file that it leads to. Empty if there is none.
-static std::string existing_file(const shell_file &file) {
+// Finds the file that exists; for a link, the file that it leads to. If it fails, `path` is the
+// place, and errno says why.
+static lookup find_file(const shell_file &file, std::string *path) {
     for (const char *place : file.places) {
         const owned_cstring real(realpath(place, nullptr));
+        path->assign(real ? real.get() : place);
         if (real)
-            return real.get();
+            return lookup::found;
+        if (lookup_of_error(errno) == lookup::failed)
+            return lookup::failed;
     }
-    return "";
+    return lookup::absent;
 }
 
 // Copies access lists and labels to the new file. If it cannot have them, only the mode counts.
@@ -191,7 +234,7 @@ static void copy_attributes(int from, int to) {
         const char *name = &names[static_cast<size_t>(at)];
         const ssize_t size = fgetxattr(from, name, value.data(), value.size());
         if (size >= 0)
-            (void)!fsetxattr(to, name, value.data(), static_cast<size_t>(size), 0);
+            (void)fsetxattr(to, name, value.data(), static_cast<size_t>(size), 0); // see above
     }
 }
 
@@ -214,20 +257,53 @@ static int replace_file(const unique_fd &original, const std::string &path, std:
     const size_t slash = path.rfind('/');
     const std::string folder = path.substr(0, slash);
     const std::string temporary = folder + "/." + path.substr(slash + 1) + ".tellbox";
-    unlink(temporary.c_str()); // left by a killed run: we hold the file's lock
+    (void)unlink(temporary.c_str()); // left by a killed run: we hold the file's lock
     if (write_like(original, temporary, text) == 0 && rename(temporary.c_str(), path.c_str()) == 0)
         return fsync_path(folder.c_str());
     const int saved = errno;
-    unlink(temporary.c_str()); // may never have been created
+    (void)unlink(temporary.c_str()); // may never have been created
     errno = saved;
     return -1;
 }
 
+// Whether the path still leads to the open file.
+static bool is_still_there(const unique_fd &file, const std::string &path) {
+    struct stat open_one = {};
+    struct stat there = {};
+    return fstat(file.get(), &open_one) == 0 && lstat(path.c_str(), &there) == 0 &&
+           open_one.st_dev == there.st_dev && open_one.st_ino == there.st_ino;
+}
+
+// Opens the file and locks it. Another run may replace the file while this one waits for the lock:
+// then it tries the new one.
+static unique_fd open_and_lock(const std::string &path) {
+    constexpr int TRIES = 100;
+    constexpr int FLAGS = O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
+    for (int i = 0; i < TRIES; i++) {
+        unique_fd file(open(path.c_str(), FLAGS));
+        while (file && flock(file.get(), LOCK_EX) != 0)
+            if (errno != EINTR)
+                return {};
+        if (!file || is_still_there(file, path))
+            return file;
+    }
+    errno = EAGAIN;
+    return {};
+}
+
 static switched switch_file(const std::string &path, bool on) {
-    const unique_fd original(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    const unique_fd original = open_and_lock(path);
+    struct stat status = {};
+    if (!original || fstat(original.get(), &status) != 0)
+        return switched::failed;
+    if (!S_ISREG(status.st_mode))
+        return switched::not_a_file;
     strbuf text;
-    if (!original || flock(original.get(), LOCK_EX) != 0 ||
-        read_file_limited(path.c_str(), SHELL_FILE_MAX_BYTES, /*nofollow=*/true, &text) != 0)
+    if (status.st_size > static_cast<off_t>(SHELL_FILE_MAX_BYTES)) {
+        errno = EFBIG;
+        return switched::failed;
+    }
+    if (read_fd_limited(original.get(), SHELL_FILE_MAX_BYTES, &text) != 0)
         return switched::failed;
     std::string wanted;
     if (!(on ? with_block(text.view(), &wanted) : without_block(text.view(), &wanted)))
@@ -238,10 +314,18 @@ static switched switch_file(const std::string &path, bool on) {
 }
 
 static int switch_and_tell(const shell_file &file, bool on) {
-    const std::string path = existing_file(file);
-    if (path.empty())
-        return 0; // no such shell here
+    std::string path;
     const char *state = on ? _("on") : _("off");
+    switch (find_file(file, &path)) {
+    case lookup::found:
+        break;
+    case lookup::absent:
+        printf(_("%s: has no file here (%s or %s)\n"), file.shell, file.places[0], file.places[1]);
+        return 0;
+    case lookup::failed:
+        warn("%s: %s", path.c_str(), strerror(errno));
+        return 1;
+    }
     switch (switch_file(path, on)) {
     case switched::yes:
         printf(_("%s: now %s (%s)\n"), file.shell, state, path.c_str());
@@ -251,6 +335,9 @@ static int switch_and_tell(const shell_file &file, bool on) {
         return 0;
     case switched::half_a_block:
         warn(_("%s: the tellbox block is damaged, remove it by hand"), path.c_str());
+        return 1;
+    case switched::not_a_file:
+        warn(_("%s is not a regular file"), path.c_str());
         return 1;
     case switched::failed:
         warn("%s: %s", path.c_str(), strerror(errno));

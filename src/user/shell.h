@@ -26,6 +26,7 @@ struct hook_place {
 // ---- The switch ---------------------------------------------------------------------------
 
 // The text of a shell's file with the block that loads the hook, or without it. False when the
-// file holds half a block: then nothing is changed.
+// file holds half a block: then nothing is changed. A block that is whole and up to date stays
+// where it is.
 [[nodiscard]] bool with_block(std::string_view text, std::string *out);
 [[nodiscard]] bool without_block(std::string_view text, std::string *out);

@@ -39,6 +39,29 @@ TEST(Block, LeavesWhatSomebodyWroteBehindIt) {
     EXPECT_EQ(off(on("a") + "b\n"), "a\nb\n");
 }
 
+TEST(Block, ThatIsCurrentStaysWhereItIs) {
+    const std::string moved = std::string(BLOCK) + "last=1\n";
+    EXPECT_EQ(on(moved), moved);
+    const std::string after_unended = on("a") + "b\n";
+    EXPECT_EQ(on(after_unended), after_unended);
+}
+
+TEST(Block, ComesOutWithoutItsLastNewlineToo) {
+    std::string text = on("a\n");
+    text.pop_back();
+    EXPECT_EQ(off(text), "a\n");
+    EXPECT_EQ(on(text), on("a\n"));
+}
+
+TEST(Block, ComesOutAsOftenAsItIsThere) {
+    EXPECT_EQ(off("a\n" + std::string(BLOCK) + "b\n" + std::string(BLOCK)), "a\nb\n");
+    EXPECT_EQ(on(std::string(BLOCK) + "a\n" + std::string(BLOCK)), "a\n" + std::string(BLOCK));
+}
+
+TEST(Block, ComesOutOfAFileWithTheLineEndsOfAnotherSystem) {
+    EXPECT_EQ(off("a\r\n# >>> tellbox >>>\r\nold\r\n# <<< tellbox <<<\r\nb\r\n"), "a\r\nb\r\n");
+}
+
 TEST(Block, IsRenewedIfItSaysSomethingElse) {
     EXPECT_EQ(on("a\n# >>> tellbox >>>\nold\n# <<< tellbox <<<\n"), "a\n" + std::string(BLOCK));
 }
@@ -48,7 +71,7 @@ TEST(Block, IsLeftAloneIfHalfOfItIsMissing) {
     for (const std::string_view text :
          {"# >>> tellbox >>>\nx\n", "x\n# <<< tellbox <<<\n",
           "# <<< tellbox <<<\n# >>> tellbox >>>\n",
-          "# >>> tellbox >>>\n# <<< tellbox <<<\n# >>> tellbox >>>\n# <<< tellbox <<<\n"}) {
+          "# >>> tellbox >>>\n# >>> tellbox >>>\n# <<< tellbox <<<\n"}) {
         EXPECT_FALSE(without_block(text, &out)) << text;
         EXPECT_FALSE(with_block(text, &out)) << text;
     }
