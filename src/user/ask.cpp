@@ -25,32 +25,53 @@ static unique_fd watch_mailbox(const own_mailbox &box) {
     if (!watch)
         return watch;
     for (const char *folder : {"inbox", "acks"})
+        // Without it the question notices a change a second later.
         (void)inotify_add_watch(watch.get(), mailbox_path(box.owner, folder).c_str(), CHANGES);
     return watch;
 }
 
+// Looks at a message again. A mailbox that is gone holds no message; if it cannot be opened, the
+// look has failed.
+static waiting_state look_again(own_mailbox *box, int64_t id, waiting_message *message) {
+    switch (reopen_mailbox(box)) {
+    case mailbox_look::found:
+        return inbox_look(*box, id, now(), message);
+    case mailbox_look::absent:
+        return waiting_state::absent;
+    case mailbox_look::failed:
+        break;
+    }
+    return waiting_state::failed;
+}
+
 // Whether the message has stopped waiting. A look that fails counts as no.
 static bool is_over(own_mailbox *box, int64_t id) {
-    if (!reopen_mailbox(box))
-        return false;
     waiting_message message;
-    const waiting_state state = inbox_look(*box, id, now(), &message);
+    const waiting_state state = look_again(box, id, &message);
     return state != waiting_state::waiting && state != waiting_state::failed;
 }
 
-// Prints why a message stopped waiting while it was on the screen.
-static void tell_what_happened(const own_mailbox &box, int64_t id) {
-    const answer_record answer = answer_read(box, id);
+// Prints why a message stopped waiting while it was on the screen. Returns false if that cannot be
+// determined.
+static bool tell_what_happened(own_mailbox *box, int64_t id) {
     waiting_message message;
+    const waiting_state state = look_again(box, id, &message);
+    const int error = errno;
+    const answer_record answer = answer_read(*box, id);
     const auto number = static_cast<long long>(id);
-    if (answer.state == answer_state::answered)
+    if (answer.state == answer_state::answered) {
         printf(_("Message %lld was confirmed %s.\n"), number, answer_moment(answer).c_str());
-    else if (answer.state == answer_state::not_a_file)
-        warn_not_a_file(box, id);
-    else if (inbox_look(box, id, now(), &message) == waiting_state::expired)
+    } else if (answer.state == answer_state::not_a_file) {
+        warn_not_a_file(*box, id);
+    } else if (state == waiting_state::expired) {
         printf(_("Message %lld has expired.\n"), number);
-    else
+    } else if (state == waiting_state::absent) {
         printf(_("Message %lld has been withdrawn.\n"), number);
+    } else {
+        warn_unreadable(id, error);
+        return false;
+    }
+    return true;
 }
 
 static asked_state act_on(reply answer, own_mailbox *box, int64_t id) {
@@ -60,8 +81,7 @@ static asked_state act_on(reply answer, own_mailbox *box, int64_t id) {
     case reply::later:
         return postpone_and_tell(box, id) == 0 ? asked_state::done : asked_state::failed;
     case reply::dropped:
-        tell_what_happened(*box, id);
-        return asked_state::done;
+        return tell_what_happened(box, id) ? asked_state::done : asked_state::failed;
     case reply::quit:
     case reply::aborted:
         break;
@@ -74,11 +94,7 @@ static asked_state ask_about(own_mailbox *box, const waiting_message &message, b
         *aborted = true;
         return asked_state::stopped;
     }
-    {
-        const mailbox_lock lock = mailbox_lock::take(*box);
-        // The question follows at once: without the mark the message is shown once more.
-        (void)answer_shown(box, message.id, channel::terminal, now(), remind_seconds());
-    }
+    note_shown(box, message.id);
     const unique_fd watch = watch_mailbox(*box);
     const reply answer = ask_question({.text = _("I have read it [r]   Later [l]   Quit [q]"),
                                        .is_over = [&] { return is_over(box, message.id); },
@@ -88,15 +104,23 @@ static asked_state ask_about(own_mailbox *box, const waiting_message &message, b
 }
 
 // Finds the first waiting message after `last`. So messages that arrive meanwhile are asked about
-// too.
-static bool next_waiting(own_mailbox *box, int64_t last, waiting_message *next) {
+// too. Names what cannot be read, sets `status` to 1 then, and goes on.
+static bool next_waiting(own_mailbox *box, int64_t last, waiting_message *next, int *status) {
     std::vector<int64_t> ids;
-    if (!reopen_mailbox(box))
+    const mailbox_look look = reopen_mailbox(box);
+    if (look == mailbox_look::absent)
         return false;
-    if (folder_ids(box->inbox, &ids) != 0)
+    if (look == mailbox_look::failed || folder_ids(box->inbox, &ids) != 0)
         die("%s: %s", box->path.c_str(), strerror(errno));
     return std::ranges::any_of(ids, [&](int64_t id) {
-        return id > last && inbox_look(*box, id, now(), next) == waiting_state::waiting;
+        if (id <= last)
+            return false;
+        const waiting_state state = inbox_look(*box, id, now(), next);
+        if (state == waiting_state::failed) {
+            warn_unreadable(id, errno);
+            *status = 1;
+        }
+        return state == waiting_state::waiting;
     });
 }
 
@@ -105,7 +129,7 @@ static int ask_in_turn(own_mailbox *box) {
     bool aborted = false;
     bool any = false;
     waiting_message message;
-    while (next_waiting(box, message.id, &message)) {
+    while (next_waiting(box, message.id, &message, &status)) {
         if (any)
             printf("\n");
         any = true;
@@ -114,7 +138,7 @@ static int ask_in_turn(own_mailbox *box) {
         if (state == asked_state::stopped)
             return status;
     }
-    if (!any)
+    if (!any && status == 0)
         print_nothing_waits();
     return status;
 }

@@ -41,9 +41,12 @@ own_mailbox open_own_mailbox_or_die() {
     return box;
 }
 
-bool reopen_mailbox(own_mailbox *box) {
-    const std::string owner = box->owner;
-    return mailbox_open(owner, box) == mailbox_look::found;
+mailbox_look reopen_mailbox(own_mailbox *box) {
+    own_mailbox again;
+    const mailbox_look look = mailbox_open(box->owner, &again);
+    if (look == mailbox_look::found)
+        *box = std::move(again);
+    return look;
 }
 
 // ---- Identifiers --------------------------------------------------------------------------
@@ -95,6 +98,14 @@ void warn_withdrawn(int64_t id) {
     warn(_("message %lld has been withdrawn"), printable(id));
 }
 
+void warn_unreadable(int64_t id, int error) {
+    warn(_("message %lld cannot be read: %s"), printable(id), strerror(error));
+}
+
+void warn_unreadable_answer(int64_t id, int error) {
+    warn(_("the answer to message %lld cannot be read: %s"), printable(id), strerror(error));
+}
+
 void warn_not_a_file(const own_mailbox &box, int64_t id) {
     const std::string path = mailbox_path(box.owner, "acks/" + std::to_string(id));
     warn(_("message %lld cannot be answered while %s is not a regular file"), printable(id),
@@ -120,22 +131,35 @@ int confirm_and_tell(own_mailbox *box, int64_t id) {
         warn_withdrawn(id);
         break;
     case confirm_result::failed:
-        warn(outcome.answer.state == answer_state::failed
-                 ? _("the answer to message %lld cannot be read: %s")
-                 : _("message %lld could not be confirmed and stays waiting: %s"),
-             printable(id), strerror(outcome.error));
+        if (outcome.answer.state == answer_state::failed)
+            warn_unreadable_answer(id, outcome.error);
+        else
+            warn(_("message %lld could not be confirmed and stays waiting: %s"), printable(id),
+                 strerror(outcome.error));
         break;
     }
     return 1;
 }
 
+// Says why an answered message cannot be postponed.
 static void warn_answered(const own_mailbox &box, int64_t id) {
     const answer_record answer = answer_read(box, id);
-    if (answer.state == answer_state::not_a_file)
-        warn_not_a_file(box, id);
-    else
+    const int error = errno;
+    switch (answer.state) {
+    case answer_state::answered:
         warn(_("message %lld was already confirmed %s"), printable(id),
              answer_moment(answer).c_str());
+        break;
+    case answer_state::not_a_file:
+        warn_not_a_file(box, id);
+        break;
+    case answer_state::none: // removed meanwhile, with the message
+        warn_withdrawn(id);
+        break;
+    case answer_state::failed:
+        warn_unreadable_answer(id, error);
+        break;
+    }
 }
 
 int postpone_and_tell(own_mailbox *box, int64_t id) {
@@ -152,6 +176,13 @@ int postpone_and_tell(own_mailbox *box, int64_t id) {
     else
         warn(_("message %lld could not be postponed: %s"), printable(id), strerror(errno));
     return 1;
+}
+
+void note_shown(own_mailbox *box, int64_t id) {
+    if (isatty(STDOUT_FILENO) == 0)
+        return;
+    const mailbox_lock lock = mailbox_lock::take(*box);
+    (void)answer_shown(box, id, channel::terminal, now(), remind_seconds()); // shown once more
 }
 
 // ---- The terminal -------------------------------------------------------------------------

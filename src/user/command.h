@@ -20,7 +20,7 @@ int cmd_later(const arguments &ids);
 int cmd_ask(); // "tellbox" alone
 int cmd_hook(const arguments &shells);
 int cmd_mailbox();
-int cmd_prompt();
+int cmd_prompt(const arguments &words);
 int cmd_shells(const arguments &words);
 int cmd_help();
 
@@ -33,9 +33,9 @@ int cmd_help();
 // is no mailbox. Ends the process if it cannot be opened.
 [[nodiscard]] own_mailbox open_own_mailbox_or_die();
 
-// Opens it again, to see folders that were made since. Returns true unless it is gone or cannot be
-// opened.
-[[nodiscard]] bool reopen_mailbox(own_mailbox *box);
+// Opens it again, to see folders that were made since. If it fails, with errno, or if the mailbox
+// is gone, `box` stays as it was.
+[[nodiscard]] mailbox_look reopen_mailbox(own_mailbox *box);
 
 // ---- Identifiers --------------------------------------------------------------------------
 
@@ -62,6 +62,8 @@ void print_nothing_waits();
 void warn_no_such_message(int64_t id);
 void warn_withdrawn(int64_t id);
 void warn_not_a_file(const own_mailbox &box, int64_t id);
+void warn_unreadable(int64_t id, int error);
+void warn_unreadable_answer(int64_t id, int error);
 
 // ---- Answering ----------------------------------------------------------------------------
 
@@ -69,6 +71,10 @@ void warn_not_a_file(const own_mailbox &box, int64_t id);
 // diagnostic.
 int confirm_and_tell(own_mailbox *box, int64_t id);
 int postpone_and_tell(own_mailbox *box, int64_t id);
+
+// Marks a message as shown after it was printed, if standard output is a terminal: elsewhere nobody
+// has seen it. If the mark cannot be written, the message is shown once more.
+void note_shown(own_mailbox *box, int64_t id);
 
 // ---- The terminal -------------------------------------------------------------------------
 

@@ -3,30 +3,29 @@
 
 const char *const BASH_HOOK =
     R"hook(# Tellbox: shows messages of the administrator before the prompt.
-case $- in
-*i*)
-    __tellbox_program=@PROGRAM@
-    __tellbox_mailbox=@MAILBOX@
-    __tellbox_looked=0 __tellbox_next=0 __tellbox_silent=0
-
+# Not in restricted shells, which may not run it, and not before bash 4.4.
+if [[ $- == *i* && $- != *r* ]] && ! shopt -q restricted_shell &&
+    ((BASH_VERSINFO[0] * 100 + BASH_VERSINFO[1] >= 404)); then
     # Starts the program and notes when to look again.
     __tellbox_look() {
         [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]] || return 0
         if [[ -z $__tellbox_mailbox ]]; then
-            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || __tellbox_mailbox=/
+            __tellbox_next=$(($1 + 60)) __tellbox_looked=$1 __tellbox_silent=1
+            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || return 0
         fi
         [[ -d $__tellbox_mailbox/inbox ]] || return 0
-        @ENVIRONMENT@"$__tellbox_program" prompt </dev/null
+        @ENVIRONMENT@"$__tellbox_program" prompt "${__tellbox_mailbox##*/}" "$__tellbox_shown" </dev/null
         local __tellbox_found=$?
         __tellbox_looked=$1 __tellbox_silent=0
         if ((__tellbox_found >= 1 && __tellbox_found <= 60)); then
             __tellbox_next=$(($1 + __tellbox_found * 60))
         elif ((__tellbox_found >= 61 && __tellbox_found <= 120)); then
             __tellbox_next=$(($1 + __tellbox_found - 60))
-        elif ((__tellbox_found >= 193 && __tellbox_found <= 252)); then
-            __tellbox_next=$(($1 + (__tellbox_found - 192) * 60)) __tellbox_silent=1
+        elif ((__tellbox_found >= 193 && __tellbox_found <= 212)); then
+            __tellbox_next=$(($1 + (__tellbox_found - 192) * 60)) __tellbox_shown=$1
         else
             __tellbox_next=$(($1 + 60)) __tellbox_silent=1
+            ((__tellbox_found != 213)) || __tellbox_shown=$1
         fi
     }
 
@@ -45,51 +44,66 @@ case $- in
         [[ $__tellbox_options != *e* ]] || return 0
         return "$__tellbox_status"
     }
+    __tellbox_untraced() {
+        __tellbox_prompt
+    } 2>/dev/null
 
-    case ${PROMPT_COMMAND[*]-} in
-    *__tellbox_prompt*) ;;
-    *)
+    __tellbox_load() {
+        local -
+        set +aeux
+        __tellbox_program=@PROGRAM@
+        __tellbox_mailbox=@MAILBOX@
+        __tellbox_looked=0 __tellbox_next=0 __tellbox_silent=0 __tellbox_shown=0
+        # A shell that inherits PROMPT_COMMAND inherits neither the functions nor these names.
+        __tellbox_hook=__tellbox_prompt __tellbox_exported=__tellbox_untraced
+        [[ ${PROMPT_COMMAND[*]-} != *__tellbox_* ]] || return 0
         # Nothing of it is traced, and its status ends no shell and springs no trap.
-        if [[ ${PROMPT_COMMAND@a} == *r* ]]; then
-            :
-        elif [[ ${PROMPT_COMMAND@a} == *a* ]]; then
-            PROMPT_COMMAND+=("{ __tellbox_prompt && :; } 2>/dev/null")
-        else
+        case ${PROMPT_COMMAND@a} in
+        *r*) ;;
+        *x*)
+            # Without a redirection, which is an error in a restricted shell that inherits it.
             PROMPT_COMMAND="${PROMPT_COMMAND:+$PROMPT_COMMAND
-}{ __tellbox_prompt && :; } 2>/dev/null"
-        fi
-        ;;
-    esac
-    ;;
-esac
+}\"\${__tellbox_exported-:}\" && :"
+            ;;
+        *)
+            if [[ ${PROMPT_COMMAND@a} == *a* ]] && ((BASH_VERSINFO[0] * 100 + BASH_VERSINFO[1] >= 501)); then
+                PROMPT_COMMAND+=('{ "${__tellbox_hook-:}" && :; } 2>/dev/null')
+            else
+                PROMPT_COMMAND="${PROMPT_COMMAND:+$PROMPT_COMMAND
+}{ \"\${__tellbox_hook-:}\" && :; } 2>/dev/null"
+            fi
+            ;;
+        esac
+    }
+    { __tellbox_load; } 2>/dev/null
+    unset -f __tellbox_load
+fi
 )hook";
 
 const char *const ZSH_HOOK =
     R"hook(# Tellbox: shows messages of the administrator before the prompt.
-if [[ -o interactive ]]; then
-    __tellbox_program=@PROGRAM@
-    __tellbox_mailbox=@MAILBOX@
-    __tellbox_looked=0 __tellbox_next=0 __tellbox_silent=0
-
+if [[ -o interactive && ! -o restricted ]]; then
     # Starts the program and notes when to look again.
     __tellbox_look() {
         local __tellbox_found
         [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]] || return 0
         if [[ -z $__tellbox_mailbox ]]; then
-            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || __tellbox_mailbox=/
+            __tellbox_next=$(($1 + 60)) __tellbox_looked=$1 __tellbox_silent=1
+            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || return 0
         fi
         [[ -d $__tellbox_mailbox/inbox ]] || return 0
-        @ENVIRONMENT@"$__tellbox_program" prompt </dev/null
+        @ENVIRONMENT@"$__tellbox_program" prompt "${__tellbox_mailbox##*/}" "$__tellbox_shown" </dev/null
         __tellbox_found=$?
         __tellbox_looked=$1 __tellbox_silent=0
         if ((__tellbox_found >= 1 && __tellbox_found <= 60)); then
             __tellbox_next=$(($1 + __tellbox_found * 60))
         elif ((__tellbox_found >= 61 && __tellbox_found <= 120)); then
             __tellbox_next=$(($1 + __tellbox_found - 60))
-        elif ((__tellbox_found >= 193 && __tellbox_found <= 252)); then
-            __tellbox_next=$(($1 + (__tellbox_found - 192) * 60)) __tellbox_silent=1
+        elif ((__tellbox_found >= 193 && __tellbox_found <= 212)); then
+            __tellbox_next=$(($1 + (__tellbox_found - 192) * 60)) __tellbox_shown=$1
         else
             __tellbox_next=$(($1 + 60)) __tellbox_silent=1
+            ((__tellbox_found != 213)) || __tellbox_shown=$1
         fi
     }
 
@@ -107,20 +121,31 @@ if [[ -o interactive ]]; then
         return 0
     }
 
-    # Nothing of it is traced.
+    # Next to nothing of it is traced. A restricted shell, which is one only after its startup
+    # files, may not run it.
     __tellbox_prompt() {
-        {
+        [[ -o restricted ]] || {
             __tellbox_check
         } 2>/dev/null
-        return 0
     }
 
-    if typeset -f add-zsh-hook >/dev/null; then
-        add-zsh-hook precmd __tellbox_prompt
-    elif [[ " ${precmd_functions[*]-} " != *" __tellbox_prompt "* ]]; then
-        typeset -ga precmd_functions
-        precmd_functions+=(__tellbox_prompt)
-    fi
+    __tellbox_load() {
+        emulate -L zsh
+        setopt no_xtrace no_warn_create_global no_all_export no_global_export
+        typeset -g __tellbox_program=@PROGRAM@
+        typeset -g __tellbox_mailbox=@MAILBOX@
+        typeset -g __tellbox_looked=0 __tellbox_next=0 __tellbox_silent=0 __tellbox_shown=0
+        if typeset -f add-zsh-hook >/dev/null; then
+            add-zsh-hook precmd __tellbox_prompt
+        fi
+        if [[ " ${precmd_functions[*]-} " != *" __tellbox_prompt "* ]]; then
+            typeset -ga precmd_functions
+            precmd_functions+=(__tellbox_prompt)
+        fi
+        return 0
+    }
+    { __tellbox_load; } 2>/dev/null
+    unfunction __tellbox_load
 fi
 )hook";
 
@@ -132,12 +157,16 @@ if status is-interactive
     set -g __tellbox_looked 0
     set -g __tellbox_next 0
     set -g __tellbox_silent 0
+    set -g __tellbox_shown 0
+    set -g __tellbox_has_mtime 0 # only newer shells have it
+    builtin path mtime -- / >/dev/null 2>&1
+    and set -g __tellbox_has_mtime 1
 
     # The time, by what is built in: a file's time and its age.
     function __tellbox_now
-        if type -q path
+        if test $__tellbox_has_mtime -eq 1
             set -l file $__tellbox_mailbox/inbox
-            math (path mtime -- $file) + (path mtime --relative -- $file)
+            math (builtin path mtime -- $file) + (builtin path mtime --relative -- $file)
         else
             command date +%s
         end
@@ -145,7 +174,7 @@ if status is-interactive
 
     # Starts the program and notes when to look again.
     function __tellbox_look
-        @ENVIRONMENT@$__tellbox_program prompt </dev/null
+        @ENVIRONMENT@$__tellbox_program prompt (string replace -r '.*/' '' -- $__tellbox_mailbox) $__tellbox_shown </dev/null
         set -l found $status
         set -g __tellbox_looked $argv[1]
         set -g __tellbox_silent 0
@@ -153,19 +182,24 @@ if status is-interactive
             set -g __tellbox_next (math $argv[1] + $found x 60)
         else if test $found -ge 61 -a $found -le 120
             set -g __tellbox_next (math $argv[1] + $found - 60)
-        else if test $found -ge 193 -a $found -le 252
+        else if test $found -ge 193 -a $found -le 212
             set -g __tellbox_next (math $argv[1] + "(" $found - 192 ")" x 60)
-            set -g __tellbox_silent 1
+            set -g __tellbox_shown $argv[1]
         else
             set -g __tellbox_next (math $argv[1] + 60)
             set -g __tellbox_silent 1
+            test $found -ne 213; or set -g __tellbox_shown $argv[1]
         end
     end
 
     function __tellbox_check
         if test -z "$__tellbox_mailbox"
+            set -l now (command date +%s)
+            test $now -ge $__tellbox_next; or return
+            set -g __tellbox_next (math $now + 60)
             set -g __tellbox_mailbox (@ENVIRONMENT@$__tellbox_program mailbox </dev/null)
-            test -n "$__tellbox_mailbox"; or set -g __tellbox_mailbox /
+            test -n "$__tellbox_mailbox"; or return
+            set -g __tellbox_next 0
         end
         test -d $__tellbox_mailbox/inbox; or return
         set -l state $__tellbox_mailbox/state
@@ -199,10 +233,14 @@ const char *const PROFILE =
 case $- in
 *i*)
     if [ -x @PROGRAM@ ]; then
+        # No tracing of the whole text.
         if [ -n "${BASH_VERSION-}" ]; then
-            eval @BASH@
+            { eval @BASH@; } 2>/dev/null
         elif [ -n "${ZSH_VERSION-}" ]; then
-            eval @ZSH@
+            { eval @ZSH@; } 2>/dev/null
+        fi
+        if [ -n "${__tellbox_program-}" ]; then
+            :
         elif [ -t 0 ] && [ -t 1 ] && ! [ -e "${HOME-}/.hushlogin" ]; then
             TBX_TEST= @PROGRAM@ prompt </dev/null || :
         fi

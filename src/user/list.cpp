@@ -107,7 +107,7 @@ static bool list_inbox_message(const own_mailbox &box, int64_t id, listed_messag
     case waiting_state::absent:
         return false;
     case waiting_state::failed:
-        warn(_("message %lld cannot be read: %s"), static_cast<long long>(id), strerror(errno));
+        warn_unreadable(id, errno);
         return false;
     }
     listed->id = id;
@@ -162,7 +162,7 @@ static int show_one(own_mailbox *box, int64_t id) {
     waiting_message message;
     const waiting_state state = inbox_look(*box, id, now(), &message);
     if (state == waiting_state::failed) {
-        warn(_("message %lld cannot be read: %s"), static_cast<long long>(id), strerror(errno));
+        warn_unreadable(id, errno);
         return 1;
     }
     if (state == waiting_state::absent) {
@@ -179,11 +179,8 @@ static int show_one(own_mailbox *box, int64_t id) {
     const std::string footer = waits ? how_to_answer_sentence(id) : listed.state;
     if (!show_message(message.message, footer))
         return 1;
-    if (waits && isatty(STDOUT_FILENO) != 0) {
-        const mailbox_lock lock = mailbox_lock::take(*box);
-        // If the mark cannot be written, the message is shown once more: no harm.
-        (void)answer_shown(box, id, channel::terminal, now(), remind_seconds());
-    }
+    if (waits)
+        note_shown(box, id);
     return 0;
 }
 

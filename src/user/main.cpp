@@ -46,7 +46,7 @@ static const command commands[] = {
     {"later", -1, false, cmd_later},
     {"hook", 1, false, cmd_hook},
     {"agent", 0, true, without_arguments<agent_run>},
-    {"prompt", 0, true, without_arguments<cmd_prompt>},
+    {"prompt", 2, true, cmd_prompt},
     {"mailbox", 0, true, without_arguments<cmd_mailbox>},
     {"shells", 1, true, cmd_shells},
 };
@@ -77,11 +77,10 @@ static int run_command(const char *program, const char *name, const arguments &w
 // Opens /dev/null for each standard descriptor that is missing, so that a file of the mailbox is
 // never opened as standard output.
 static void open_missing_standard_descriptors() {
-    int fd = 0;
-    while (fd >= 0 && fd <= STDERR_FILENO)
-        fd = open("/dev/null", O_RDWR);
-    if (fd > STDERR_FILENO)
-        close(fd);
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+        // open() returns the lowest free descriptor, which is this one.
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF && open("/dev/null", O_RDWR) < 0)
+            die("/dev/null: %s", strerror(errno));
 }
 
 // Makes sure that all output is written: a full disk behind a redirection is an error.
@@ -92,10 +91,10 @@ static void flush_output_or_die() {
 }
 
 int main(int argc, char **argv) {
-    open_missing_standard_descriptors();
-    signal(SIGCHLD, SIG_DFL); // if our parent ignored it, no child could be waited for
-    install_out_of_memory_handler();
     init_environment("tellbox");
+    open_missing_standard_descriptors();
+    (void)signal(SIGCHLD, SIG_DFL); // if our parent ignored it, no child could be waited for
+    install_out_of_memory_handler();
     umask(022);
     int status = 0;
     if (argc < 2)

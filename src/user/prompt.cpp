@@ -4,27 +4,51 @@
 #include "user/command.h"
 #include "user/texts.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 constexpr int64_t MINUTE = 60;
 constexpr int64_t UNITS_MAX = 60; // minutes or seconds that a status can hold
 constexpr int SECONDS_BASE = 60;
 constexpr int UNMARKED_BASE = 192;
+constexpr int64_t UNMARKED_MINUTES_MAX = 20;
+constexpr int UNMARKED_BLIND = 213;
+constexpr int BLIND = 214;
+constexpr int64_t SOON_SECONDS = 1; // after a failure: the next prompt looks again
 
-int prompt_status(int64_t seconds, bool marked) {
+int prompt_status(int64_t seconds, prompt_memory memory) {
     const int64_t minutes = std::clamp<int64_t>((seconds + MINUTE - 1) / MINUTE, 1, UNITS_MAX);
-    if (!marked)
-        return static_cast<int>(UNMARKED_BASE + minutes);
-    if (seconds <= UNITS_MAX)
-        return static_cast<int>(SECONDS_BASE + std::max<int64_t>(seconds, 1));
-    return static_cast<int>(minutes);
+    switch (memory) {
+    case prompt_memory::none:
+        if (seconds <= UNITS_MAX)
+            return static_cast<int>(SECONDS_BASE + std::max<int64_t>(seconds, 1));
+        return static_cast<int>(minutes);
+    case prompt_memory::shown:
+        return static_cast<int>(UNMARKED_BASE + std::min(minutes, UNMARKED_MINUTES_MAX));
+    case prompt_memory::blind:
+        return BLIND;
+    case prompt_memory::shown_blind:
+        return UNMARKED_BLIND;
+    }
+    return BLIND;
 }
 
 // ---- The text -----------------------------------------------------------------------------
+
+// Returns the first `end` bytes of `text`, without the beginning of a character that ends later.
+static std::string_view whole_characters(std::string_view text, size_t end) {
+    while (end > 0 && end < text.size() && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80)
+        end--;
+    return text.substr(0, end);
+}
 
 // Returns the longest beginning of `text` that takes at most so many rows; at least one character.
 static std::string_view first_rows(std::string_view text, size_t rows, int columns) {
@@ -37,31 +61,61 @@ static std::string_view first_rows(std::string_view text, size_t rows, int colum
         else
             high = middle - 1;
     }
-    while (low > 0 && low < text.size() && (static_cast<unsigned char>(text[low]) & 0xc0) == 0x80)
-        low--;
-    return text.substr(0, low);
+    return whole_characters(text, low);
+}
+
+static std::string banner_of(const message_record &message) {
+    strbuf banner;
+    message_banner(message, &banner);
+    return std::string(banner.view());
+}
+
+// Returns the message with a title that leaves the headline at most so many rows.
+static message_record with_short_title(message_record message, size_t rows, int columns) {
+    message_record untitled = message;
+    untitled.title.clear();
+    untitled.text.clear();
+    const auto headline_rows = [&](std::string_view title) {
+        untitled.title = title;
+        const std::string banner = banner_of(untitled);
+        return rows_of(banner.substr(0, banner.find('\n')), columns);
+    };
+    if (headline_rows(message.title) <= rows)
+        return message;
+    const std::string_view title = message.title;
+    size_t low = 0;
+    size_t high = title.size();
+    while (low < high) { // a longer beginning never takes fewer rows
+        const size_t middle = low + (high - low + 1) / 2;
+        if (headline_rows(std::string(title.substr(0, middle)) + "…") <= rows)
+            low = middle;
+        else
+            high = middle - 1;
+    }
+    message.title = std::string(whole_characters(title, low)) + "…";
+    return message;
 }
 
 // Returns the message in its frame, cut to so many rows if necessary.
 static std::string framed(const waiting_message &waiting, size_t rows, int columns) {
-    strbuf whole;
-    message_banner(waiting.message, &whole);
-    if (rows_of(whole.view(), columns) <= rows)
-        return std::string(whole.view());
-    constexpr size_t OTHER_ROWS = 3; // the headline, what is left, the rule
-    message_record cut = waiting.message;
-    const size_t title_rows = rows_of(clean_line(cut.title), columns);
-    const size_t text_rows = rows > OTHER_ROWS + title_rows ? rows - OTHER_ROWS - title_rows : 1;
+    constexpr size_t HEADLINE_ROWS_MAX = 3;
+    const size_t headline_rows = std::clamp<size_t>(rows / 3, 1, HEADLINE_ROWS_MAX);
+    message_record cut = with_short_title(waiting.message, headline_rows, columns);
+    const std::string whole = banner_of(cut);
+    if (rows_of(whole, columns) <= rows)
+        return whole;
     const std::string note =
         xasprintf(_("… all of it with: tellbox show %lld"), static_cast<long long>(waiting.id));
-    cut.text = std::string(first_rows(cut.text, text_rows, columns));
-    cut.text = cut.text.substr(0, cut.text.find_last_not_of('\n') + 1) + "\n" + note;
-    strbuf banner;
-    message_banner(cut, &banner);
-    return std::string(banner.view());
+    std::string text = std::move(cut.text);
+    cut.text = note;
+    const size_t other_rows = rows_of(banner_of(cut), columns);
+    const size_t text_rows = rows > other_rows ? rows - other_rows : 1;
+    text = first_rows(text, text_rows, columns);
+    cut.text = text.substr(0, text.find_last_not_of('\n') + 1) + "\n" + note;
+    return banner_of(cut);
 }
 
-std::string prompt_text(const std::vector<waiting_message> &due, size_t others, int rows,
+std::string prompt_text(const std::vector<waiting_message> &due, bool has_more, int rows,
                         int columns, std::vector<int64_t> *shown) {
     const size_t budget = std::max<size_t>(static_cast<size_t>(rows) * 2 / 3, 1);
     std::string text;
@@ -70,22 +124,18 @@ std::string prompt_text(const std::vector<waiting_message> &due, size_t others, 
         const std::string answer = how_to_answer_sentence(message.id) + "\n";
         const size_t answer_rows = rows_of(answer, columns);
         const size_t room = budget > used + answer_rows ? budget - used - answer_rows : 1;
-        std::string one;
-        if (shown->empty()) {
-            one = framed(message, room, columns);
-        } else {
-            strbuf banner;
-            message_banner(message.message, &banner);
-            one = banner.view();
-            if (rows_of(one, columns) > room)
-                break;
-        }
+        const std::string one =
+            shown->empty() ? framed(message, room, columns) : banner_of(message.message);
+        if (!shown->empty() && rows_of(one, columns) > room)
+            break;
         text += one + answer;
         used += rows_of(one, columns) + answer_rows;
         shown->push_back(message.id);
     }
-    const size_t left = others + due.size() - shown->size();
-    if (left > 0)
+    const size_t left = due.size() - shown->size();
+    if (has_more)
+        text += _("More messages are waiting: tellbox\n");
+    else if (left > 0)
         text += xasprintf(left == 1 ? _("%zu more message is waiting: tellbox\n")
                                     : _("%zu more messages are waiting: tellbox\n"),
                           left);
@@ -96,78 +146,149 @@ std::string prompt_text(const std::vector<waiting_message> &due, size_t others, 
 
 namespace {
 
+// A look for a shell.
+struct prompt_look {
+    own_mailbox *box;
+    mailbox_lock lock;
+    int64_t remind;           // seconds
+    int64_t shell_showed = 0; // when the shell last showed what could not be marked; 0 for never
+    std::set<int64_t> handled = {}; // what cannot be marked: shown now, or silent
+};
+
 struct look_result {
-    size_t shown = 0;
-    bool marked = true;
-    int64_t next = 0; // when the next message is due, if known
+    bool has_shown = false;
+    bool has_tried_marks = false; // the folder of the marks has changed
+    bool is_all_marked = true;
+    int64_t next = 0; // when to look again
+};
+
+struct due_messages {
+    std::vector<waiting_message> first; // in the order of their numbers
+    bool has_more = false;
 };
 
 } // namespace
 
-// Finds the messages that are due now, at most `max`, in the order of their numbers; how many more
-// there are; and when the first of the others is due.
-static void find_due(const own_mailbox &box, int64_t at, int64_t remind, size_t max,
-                     std::vector<waiting_message> *due, size_t *others, int64_t *next) {
+static bool is_marked(const prompt_look &look, int64_t id, int64_t at) {
+    return answer_shown(look.box, id, channel::terminal, at, look.remind) == 0 || errno == ENOENT ||
+           errno == EALREADY;
+}
+
+// Whether the message stays silent because this shell has shown it, and it cannot be marked. A
+// message that is older than that and can be marked was shown and reminded of, or came back.
+static bool is_silent(prompt_look *look, int64_t id, int64_t at, look_result *result) {
+    struct stat status = {};
+    const int64_t back = look->shell_showed + look->remind;
+    // The time of the change is that of the delivery, and not for the user to set.
+    if (look->shell_showed == 0 || back <= at ||
+        fstatat(look->box->inbox.get(), std::to_string(id).c_str(), &status, AT_SYMLINK_NOFOLLOW) !=
+            0 ||
+        status.st_ctim.tv_sec >= look->shell_showed)
+        return false;
+    result->has_tried_marks = true;
+    if (is_marked(*look, id, at))
+        return false;
+    look->handled.insert(id);
+    result->next = std::min(result->next, back);
+    return true;
+}
+
+// Finds the messages that are due now, at most `max`, whether there are more, and when the first
+// of the others is due.
+static due_messages find_due(prompt_look *look, int64_t at, size_t max, look_result *result) {
+    due_messages due;
     std::vector<pending_message> pending;
-    if (inbox_pending(box, at, &pending) != 0)
-        return; // the next prompt looks again
+    if (inbox_pending(*look->box, at, &pending) != 0)
+        result->next = at + SOON_SECONDS;
     for (const pending_message &one : pending) {
-        const int64_t time = due_time(one.terminal, one.desktop, channel::terminal, at, remind);
+        const int64_t time =
+            due_time(one.terminal, one.desktop, channel::terminal, at, look->remind);
+        if (time != 0) {
+            result->next = std::min(result->next, time);
+            continue;
+        }
+        if (due.has_more || look->handled.contains(one.id))
+            continue;
         waiting_message message;
-        if (time != 0)
-            *next = std::min(*next, time);
-        else if (due->size() >= max)
-            ++*others;
-        else if (inbox_look(box, one.id, at, &message) == waiting_state::waiting)
-            due->push_back(std::move(message));
+        const waiting_state state = inbox_look(*look->box, one.id, at, &message);
+        if (state == waiting_state::failed)
+            result->next = at + SOON_SECONDS;
+        if (state != waiting_state::waiting || is_silent(look, one.id, at, result))
+            continue;
+        due.has_more = due.first.size() == max;
+        if (!due.has_more)
+            due.first.push_back(std::move(message));
     }
+    return due;
 }
 
-static bool print_whole(const std::string &text) {
-    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+// Prints the text. If the terminal does not take it at once, releases the lock: somebody may have
+// stopped it, for as long as they like.
+static bool print_whole(std::string_view text, mailbox_lock *lock) {
+    constexpr size_t PIECE_BYTES = 512;
+    while (!text.empty()) {
+        pollfd output = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+        if (poll(&output, 1, /*timeout=*/0) == 0)
+            lock->release();
+        const std::string_view piece = text.substr(0, PIECE_BYTES);
+        if (write_all(STDOUT_FILENO, piece.data(), piece.size()) != 0)
+            return false;
+        text.remove_prefix(piece.size());
+    }
+    return true;
 }
 
-static look_result look_once(own_mailbox *box, int64_t remind) {
+static look_result look_once(prompt_look *look) {
     look_result result;
     const int64_t at = now();
     const terminal_size size = output_size();
-    std::vector<waiting_message> due;
     std::vector<int64_t> shown;
-    size_t others = 0;
-    result.next = at + remind;
-    // Each takes four rows at least.
-    find_due(*box, at, remind, static_cast<size_t>(size.rows) / 4 + 1, &due, &others, &result.next);
-    if (due.empty())
+    result.next = at + look->remind;
+    const size_t max = static_cast<size_t>(size.rows) / 4 + 1; // each takes four rows at least
+    const due_messages due = find_due(look, at, max, &result);
+    if (due.first.empty())
         return result;
-    const std::string text = prompt_text(due, others, size.rows, size.columns, &shown);
-    if (!print_whole(text))
+    const std::string text = prompt_text(due.first, due.has_more, size.rows, size.columns, &shown);
+    if (!print_whole(text, &look->lock)) {
+        result.next = at + SOON_SECONDS;
         return result;
-    for (const int64_t id : shown)
-        if (answer_shown(box, id, channel::terminal, at, remind) != 0 && errno != ENOENT &&
-            errno != EALREADY)
-            result.marked = false;
-    result.shown = shown.size();
-    if (shown.size() < due.size() + others)
+    }
+    result.has_shown = true;
+    result.has_tried_marks = true;
+    for (const int64_t id : shown) {
+        if (is_marked(*look, id, at))
+            continue;
+        result.is_all_marked = false;
+        look->handled.insert(id);
+    }
+    if (due.has_more || shown.size() < due.first.size())
         result.next = at; // the next prompt continues
     return result;
+}
+
+static prompt_memory memory_of(bool is_touched, bool is_all_marked) {
+    if (is_touched)
+        return is_all_marked ? prompt_memory::none : prompt_memory::shown;
+    return is_all_marked ? prompt_memory::blind : prompt_memory::shown_blind;
 }
 
 // Shows what is due. Touches state/.prompt before each look: if the folders are older than that
 // file, a shell knows that nothing has changed since. Writing a mark changes a folder, so after
 // that it looks once more.
-static int look(own_mailbox *box) {
-    const int64_t remind = remind_seconds();
-    const mailbox_lock lock = mailbox_lock::take(*box);
-    bool marked = answer_touch_prompt(box) == 0;
-    look_result result = look_once(box, remind);
-    marked = marked && result.marked;
-    if (marked && result.shown > 0 && result.next > now()) {
-        (void)!answer_touch_prompt(box); // if it fails, the next prompt looks again
-        const look_result again = look_once(box, remind);
-        marked = again.marked;
-        result.next = again.next;
+static int look_for_shell(own_mailbox *box, int64_t shell_showed) {
+    prompt_look look = {.box = box,
+                        .lock = mailbox_lock::take(*box),
+                        .remind = remind_seconds(),
+                        .shell_showed = shell_showed};
+    bool is_touched = answer_touch_prompt(box) == 0;
+    look_result result = look_once(&look);
+    if (is_touched && result.has_tried_marks && result.next > now()) {
+        is_touched = answer_touch_prompt(box) == 0;
+        const look_result again = look_once(&look);
+        result.is_all_marked = result.is_all_marked && again.is_all_marked;
+        result.next = std::min(result.next, again.next);
     }
-    return prompt_status(marked ? result.next - now() : remind, marked);
+    return prompt_status(result.next - now(), memory_of(is_touched, result.is_all_marked));
 }
 
 static bool is_silenced() {
@@ -177,14 +298,36 @@ static bool is_silenced() {
            strcmp(terminal, "dumb") == 0 || (wish != nullptr && strcmp(wish, "off") == 0);
 }
 
-int cmd_prompt() {
+// Finds the name of the own mailbox. A hook knows it: to look accounts up can take long. The
+// mailbox must belong to the user in any case.
+static bool find_owner(const arguments &words, std::string *owner) {
+    if (words.empty())
+        return own_account(owner) == 0;
+    *owner = words[0];
+    return is_account_folder(*owner);
+}
+
+// The words are the name of the mailbox, and when the shell last showed what could not be marked.
+int cmd_prompt(const arguments &words) {
     own_mailbox box;
     std::string owner;
-    if (is_silenced() || own_account(&owner) != 0 ||
-        mailbox_open(owner, &box) != mailbox_look::found)
-        return prompt_status(MINUTE * UNITS_MAX, /*marked=*/true);
+    int64_t shell_showed = 0;
+    if (is_silenced())
+        return prompt_status(MINUTE * UNITS_MAX, prompt_memory::none);
+    if (words.size() > 1 && parse_id(words[1], &shell_showed) == 0)
+        return prompt_status(MINUTE, prompt_memory::blind);
+    const mailbox_look found =
+        find_owner(words, &owner) ? mailbox_open(owner, &box) : mailbox_look::failed;
+    switch (found) {
+    case mailbox_look::found:
+        break;
+    case mailbox_look::absent:
+        return prompt_status(MINUTE * UNITS_MAX, prompt_memory::none);
+    case mailbox_look::failed:
+        return prompt_status(MINUTE, prompt_memory::blind);
+    }
     answer_finish_interrupted(&box);
-    return look(&box);
+    return look_for_shell(&box, shell_showed);
 }
 
 int cmd_mailbox() {

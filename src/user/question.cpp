@@ -36,7 +36,7 @@ static void note_continued(int /*signal*/) {
 
 static int64_t monotonic_ms() {
     timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
+    (void)clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
     return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
 }
 
@@ -56,7 +56,7 @@ public:
     }
     ~question_signals() {
         for (size_t i = 0; i < SIGNALS.size(); i++)
-            sigaction(SIGNALS[i], &previous_[i], nullptr);
+            (void)sigaction(SIGNALS[i], &previous_[i], nullptr); // cannot fail: the signal exists
     }
     question_signals(const question_signals &) = delete;
     question_signals &operator=(const question_signals &) = delete;
@@ -70,10 +70,10 @@ private:
         action.sa_handler = number == SIGTSTP   ? request_stop
                             : number == SIGCONT ? note_continued
                                                 : request_abort;
-        sigemptyset(&action.sa_mask);
-        sigaction(number, nullptr, previous);
+        (void)sigemptyset(&action.sa_mask);         // cannot fail
+        (void)sigaction(number, nullptr, previous); // cannot fail: the signal exists
         if (previous->sa_handler != SIG_IGN)
-            sigaction(number, &action, nullptr);
+            (void)sigaction(number, &action, nullptr); // as above
     }
 
     std::array<struct sigaction, SIGNALS.size()> previous_ = {};
@@ -103,7 +103,7 @@ private:
     // A signal may come while the output drains: waiting again could block for ever.
     void set(const termios &attributes) const {
         if (works_ && tcsetattr(STDIN_FILENO, TCSAFLUSH, &attributes) != 0 && errno == EINTR)
-            tcsetattr(STDIN_FILENO, TCSANOW, &attributes);
+            (void)tcsetattr(STDIN_FILENO, TCSANOW, &attributes); // a terminal that is gone
     }
 
     termios saved_ = {};
@@ -123,10 +123,10 @@ static void stop_until_continued(const single_keys &terminal) {
     struct sigaction handler = {};
     struct sigaction stop = {};
     stop.sa_handler = SIG_DFL;
-    sigemptyset(&stop.sa_mask);
-    sigaction(SIGTSTP, &stop, &handler);
-    raise(SIGTSTP);
-    sigaction(SIGTSTP, &handler, nullptr);
+    (void)sigemptyset(&stop.sa_mask); // none of these can fail: the signal exists
+    (void)sigaction(SIGTSTP, &stop, &handler);
+    (void)raise(SIGTSTP);
+    (void)sigaction(SIGTSTP, &handler, nullptr);
 }
 
 // ---- Keys ---------------------------------------------------------------------------------

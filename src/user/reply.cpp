@@ -24,7 +24,7 @@ static bool is_answerable(const own_mailbox &box, int64_t id, bool expired_too) 
     case waiting_state::absent:
         break;
     case waiting_state::failed:
-        warn(_("message %lld cannot be read: %s"), static_cast<long long>(id), strerror(errno));
+        warn_unreadable(id, errno);
         return false;
     }
     if (answer_read(box, id).state != answer_state::none)
@@ -68,11 +68,8 @@ static int answer_the_one(own_mailbox *box, answer_function answer) {
     const waiting_message &one = waiting.front();
     if (one.terminal.kind != mark_kind::none || one.desktop.kind != mark_kind::none)
         return answer(box, one.id);
-    if (show_message(one.message, how_to_answer_sentence(one.id))) {
-        const mailbox_lock lock = mailbox_lock::take(*box);
-        // Without the mark the message can still be answered by its number.
-        (void)answer_shown(box, one.id, channel::terminal, now(), remind_seconds());
-    }
+    if (show_message(one.message, how_to_answer_sentence(one.id)))
+        note_shown(box, one.id);
     return 1;
 }
 

@@ -65,6 +65,16 @@ def test_a_message_that_was_never_shown_is_shown_and_not_answered(machine, comma
     assert result.stdout == (BANNER + "Hello\n" + RULE + "Answer with: tellbox   or: "
                              "tellbox read 12 · tellbox later 12\n")
     assert machine.answers() == {} and machine.events() == []
+    assert machine.files() == ["inbox/12"]  # nobody has seen it: it went to no terminal
+    assert machine.tellbox(command).status == 1
+    assert machine.answers() == {}
+
+
+@pytest.mark.parametrize("command", ["read", "later"])
+def test_a_message_that_was_shown_on_a_terminal_is_answered_by_the_next_command(machine, command):
+    machine.deliver(12)
+    assert machine.ask(command).wait_exit() == 1
+    assert machine.files() == ["inbox/12", "state/12.term"]
     assert machine.tellbox(command).status == 0
 
 
@@ -150,6 +160,22 @@ def test_an_answered_message_cannot_be_postponed(machine):
     machine.store.confirm("pat", 12, 1790000000)
     assert_refuses(machine.tellbox("later", "12"),
                    "message 12 was already confirmed on 21/09 14:13 (terminal)")
+
+
+def test_an_answer_that_cannot_be_read_is_told_as_such(machine):
+    machine.deliver(12)
+    machine.store.confirm("pat", 12, 1790000000)
+    machine.store.mailbox("pat", "acks", 12).chmod(0o000)
+    for command in ("read", "later"):
+        assert_refuses(machine.tellbox(command, "12"),
+                       "the answer to message 12 cannot be read: Permission denied")
+
+
+def test_a_message_that_cannot_be_read_is_named_and_not_taken_for_none(machine):
+    machine.deliver(12)
+    machine.store.mailbox("pat", "inbox", 12).chmod(0o000)
+    assert_refuses(machine.tellbox("read", "12"), "message 12 cannot be read: Permission denied")
+    assert_refuses(machine.tellbox("read"), "/var/lib/tellbox/users/pat: Permission denied")
 
 
 # ---- list and show --------------------------------------------------------------------------

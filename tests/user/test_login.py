@@ -54,6 +54,24 @@ def test_hushlogin_silences_such_a_login(installed):
     assert "Tellbox" not in terminal.frame()
 
 
+@pytest.mark.parametrize("options", ["-u", "-e", "-x", "-uexa", "-o posix", "-o noglob"])
+def test_a_login_shell_loads_the_hook_under_every_option(installed, options):
+    installed.deliver(7)
+    installed.write("/etc/profile.d/before.sh", f"set {options}\n")
+    shell = Shell(installed, "bash", "", argv=["bash", "-l"])
+    assert shown(7) in shell.greeting
+    assert "unbound" not in shell.greeting and "__tellbox_load" not in shell.greeting
+    assert "Starts the program" not in shell.greeting
+
+
+def test_a_restricted_shell_shows_messages_at_login_and_has_no_errors(installed):
+    installed.deliver(7)
+    shell = Shell(installed, "bash", "", argv=["bash", "-rl"])
+    assert shell.greeting == shown(7)
+    installed.deliver(8)
+    assert shell.run() == ""
+
+
 def test_a_login_shell_that_runs_a_command_prints_not_a_byte(installed):
     installed.deliver(7)
     installed.write_home("pat", ".bashrc", "")
@@ -242,6 +260,37 @@ def test_shells_follows_a_link_to_the_file(files):
     switch(files, "on")
     assert files.path("/etc/bash.bashrc").is_symlink()
     assert "tellbox" in files.path("/etc/real").read_text()
+
+
+@pytest.mark.parametrize("kind", ["pipe", "folder"])
+def test_shells_leaves_what_is_no_file(files, kind):
+    files.path("/etc/bash.bashrc").unlink()
+    if kind == "pipe":
+        os.mkfifo(files.path("/etc/bash.bashrc"))
+    else:
+        files.path("/etc/bash.bashrc").mkdir()
+    result = files.user_program("shells", "on", user=None, timeout=20)
+    assert (result.status, result.stderr) == (
+        1, "tellbox: /etc/bash.bashrc is not a regular file\n")
+
+
+def test_shells_says_where_it_looked_for_a_file_in_vain(files):
+    files.path("/etc/bash.bashrc").unlink()
+    files.path("/etc/zsh/zshrc").rename(files.path("/etc/zshrc"))
+    result = switch(files, "on")
+    assert (result.status, result.stderr, result.stdout) == (
+        0, "", "bash: has no file here (/etc/bash.bashrc or /etc/bashrc)\n"
+        "zsh: now on (/etc/zshrc)\n")
+
+
+def test_shells_at_once_write_one_block(files):
+    output = files.shell(f"for i in $(seq 30); do {PROGRAM} shells on & done; wait").stdout
+    assert output.count("bash: now on") == 1 and output.count("bash: already on") == 29
+    assert facts(files, "/etc/bash.bashrc")[3].count("# >>> tellbox >>>") == 1
+    output = files.shell(f"for i in $(seq 15); do {PROGRAM} shells on & {PROGRAM} shells off & "
+                         f"done; wait; {PROGRAM} shells off").stdout
+    assert "bash: " in output
+    assert facts(files, "/etc/bash.bashrc")[3] == BASHRC
 
 
 def test_shells_is_for_root_alone(files):

@@ -2,12 +2,13 @@
 
 import os
 import subprocess
+import termios
 import time
 
 import pytest
 from harness.waiting import wait_for
 from prerequisites import need_programs
-from recipient import PROGRAM
+from recipient import PROGRAM, TELLBOX
 from shells import LOAD, Shell, last_prompt
 
 MESSAGE = "── Tellbox · Message from the administrator · 21/09 14:13 ──\n"
@@ -191,7 +192,7 @@ def test_loading_it_twice_is_loading_it_once(machine, shell_name):
     machine.deliver(7)
     assert shell.run() == shown(7)
     if shell_name == "bash":
-        assert shell.run('echo "$PROMPT_COMMAND"').count("__tellbox_prompt") == 1
+        assert shell.run('echo "$PROMPT_COMMAND"').count("__tellbox_hook") == 1
     if shell_name == "zsh":
         assert shell.run('echo "$precmd_functions"').count("__tellbox_prompt") == 1
 
@@ -216,6 +217,10 @@ BASH_SETTINGS = {
 }
 
 
+# What would hide the rest of the test.
+UNSET = {"set -x": "set +x\n"}
+
+
 @pytest.mark.parametrize("setting", BASH_SETTINGS.values(), ids=BASH_SETTINGS)
 def test_bash_shows_the_message_under_every_option(machine, setting):
     machine.store.make_mailbox("pat")
@@ -226,6 +231,47 @@ def test_bash_shows_the_message_under_every_option(machine, setting):
     assert shell.run() == shown(7)
     assert shell.run() == ""
     assert shell.run('echo "$-$IFS$(shopt -p)"') == before
+
+
+@pytest.mark.parametrize("setting", BASH_SETTINGS.values(), ids=BASH_SETTINGS)
+def test_bash_loads_it_under_every_option(machine, setting):
+    machine.deliver(7)
+    shell = Shell(machine, "bash", f"{setting}\n{LOAD['bash']}{UNSET.get(setting, '')}")
+    assert shown(7) in shell.greeting
+    assert "bash: " not in shell.greeting
+    machine.deliver(8)
+    assert shown(8) in shell.run()
+
+
+@pytest.mark.parametrize("start", [["bash", "-ri"], ["bash", "-i"]], ids=["started", "set"])
+def test_a_restricted_bash_has_no_hook_and_no_errors(machine, start):
+    machine.store.make_mailbox("pat")
+    load = "set -r\n" + f". {machine.home_name('pat')}/hook\n".replace("/run/home/pat/", "")
+    machine.write_home("pat", "hook", machine.tellbox("hook", "bash").stdout)
+    shell = Shell(machine, "bash", LOAD["bash"] if start[1] == "-ri" else load, argv=start)
+    machine.deliver(7)
+    assert shell.run() == ""
+    assert "restricted" not in shell.greeting
+    assert "tellbox" not in shell.run("declare -p PROMPT_COMMAND 2>&1")
+
+
+@pytest.mark.parametrize("child", ["bash --norc", "bash --norc -r", "bash --norc -x",
+                                   "bash --norc -u", "bash --norc -o posix"])
+@pytest.mark.parametrize("export", ["export PROMPT_COMMAND=:\n{load}",
+                                    "{load}export PROMPT_COMMAND\n"], ids=["before", "behind"])
+def test_a_child_shell_that_inherits_prompt_command_is_silent(machine, child, export):
+    if child.endswith("-r") and export.startswith("{load}"):
+        pytest.skip("exported behind our back: a redirection is refused there")
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash", export.replace("{load}", LOAD["bash"]))
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+    shell.run("command_not_found_handle() { echo not found; }; "
+              "export -f command_not_found_handle; export PS1 PS4=+")
+    shell.run(f"exec {child}")
+    output = shell.run("true")
+    assert [line for line in output.splitlines() if not line.startswith("+")] == []
+    assert "__tellbox" not in output
 
 
 def test_bash_traces_nothing_of_it(machine):
@@ -326,6 +372,25 @@ def test_zsh_shows_the_message_under_every_option(machine, setting):
     assert shell.run("setopt") == before
 
 
+@pytest.mark.parametrize("setting", [*ZSH_SETTINGS.values(), "emulate sh", "emulate ksh",
+                                     "setopt ignore_braces ignore_close_braces"])
+def test_zsh_loads_it_under_every_option(machine, setting):
+    need_programs("zsh")
+    machine.deliver(7)
+    shell = Shell(machine, "zsh", f"{setting}\n{LOAD['zsh']}")
+    assert shell.greeting == shown(7)
+    machine.deliver(8)
+    assert shell.run() == shown(8)
+
+
+def test_a_restricted_zsh_has_no_errors(machine):
+    need_programs("zsh")
+    machine.deliver(7)
+    shell = Shell(machine, "zsh", argv=["zsh", "-ri"])
+    assert shell.greeting == ""
+    assert shell.run() == ""
+
+
 @pytest.mark.parametrize("startup", [
     "autoload -Uz add-zsh-hook\nother() { echo other $? }\nadd-zsh-hook precmd other\n{load}",
     "precmd_functions=(other)\nother() { echo other $? }\n{load}",
@@ -350,6 +415,18 @@ def test_zsh_traces_nothing_of_it(machine):
     output = shell.run("true")
     assert shown(9) in output
     assert "__tellbox" not in output.replace("+__tellbox_prompt", "+", 1)
+
+
+# ---- fish -----------------------------------------------------------------------------------
+
+def test_fish_without_its_newer_builtins_has_the_hook_too(machine):
+    need_programs("fish")
+    machine.store.make_mailbox("pat")
+    load = f"{TELLBOX} hook fish | string replace -a 'path mtime' 'path nosuch' | source\n"
+    shell = Shell(machine, "fish", load)
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+    assert shell.run() == ""
 
 
 # ---- Where it is silent ---------------------------------------------------------------------
@@ -436,12 +513,85 @@ def test_no_process_is_started_while_nothing_is_due(machine, shell_name, waiting
     assert last_prompt(machine) == before
 
 
+def make_older(machine, message_id, user="pat"):
+    """Lets the clock reach the second behind the message's delivery."""
+    path = machine.store.mailbox(user, "inbox", message_id)
+    wait_for(lambda: int(time.time()) > int(path.stat().st_ctime))
+
+
 def test_a_shell_that_cannot_mark_shows_a_message_once_all_the_same(machine, shell_name):
     machine.deliver(7)
-    state = machine.store.mailbox("pat", "state")
-    os.chown(state, 0, 0)
+    os.chown(machine.store.mailbox("pat", "state"), 0, 0)
+    make_older(machine, 7)
     shell = Shell(machine, shell_name)
     assert shown(7) in shell.greeting
     assert shell.run() == ""
     assert shell.run() == ""
     assert "state/7.term" not in machine.files()
+
+
+def test_a_mark_that_cannot_be_written_silences_no_other_message(machine, shell_name):
+    machine.deliver(7)
+    machine.store.mailbox("pat", "state", "7.term").mkdir()
+    os.chown(machine.store.mailbox("pat", "state", "7.term"), machine.uid("pat"), -1)
+    make_older(machine, 7)
+    shell = Shell(machine, shell_name)
+    assert shown(7) in shell.greeting
+    assert shell.run() == ""
+    machine.deliver(8)
+    assert shell.run() == shown(8)
+    assert shell.run() == ""
+    machine.store.mailbox("pat", "state", "8.term").unlink()  # reminded
+    assert shell.run() == shown(8)
+    assert machine.store.mailbox("pat", "state", "7.term").is_dir()
+
+
+def test_what_could_not_be_marked_comes_back_when_its_time_is_over(machine):
+    machine.deliver(7)
+    os.chown(machine.store.mailbox("pat", "state"), 0, 0)
+    make_older(machine, 7)
+    now = int(time.time())
+    status = {}
+    for ago in (0, 1800):  # the second must be behind the delivery
+        terminal = machine.on_terminal(PROGRAM, "prompt", "pat", str(now + 1 - ago))
+        status[ago] = (terminal.wait_exit(), "Hello" in terminal.frame())
+    assert status == {0: (214, False), 1800: (213, True)}
+
+
+def test_a_look_that_fails_is_made_again(machine, shell_name):
+    machine.deliver(7)
+    machine.store.mailbox("pat", "inbox", 7).chmod(0o000)
+    shell = Shell(machine, shell_name)
+    assert "Tellbox" not in shell.greeting
+    let_the_clock_go_on(machine)
+    os.chmod(machine.store.mailbox("pat", "inbox", 7), 0o644)  # changes no folder
+    wait_for(lambda: shell.run() == shown(7), limit_seconds=10)
+
+
+def test_an_expired_message_is_not_counted(machine):
+    for message_id in range(1, 30):
+        machine.deliver(message_id, expires=1790000001 if message_id > 3 else 0)
+    assert "waiting: tellbox" not in Shell(machine, "bash").greeting
+
+
+def test_a_prompt_looks_no_account_up(machine, shell_name):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, shell_name)
+    machine.write("/etc/passwd", "")
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+
+
+def test_a_stopped_terminal_holds_no_lock(machine):
+    machine.deliver(7)
+    terminal = machine.on_terminal("sh", "-c", f"read line; exec {PROGRAM} prompt pat 0")
+    tty = os.open(terminal.tty_name, os.O_RDWR | os.O_NOCTTY)
+    termios.tcflow(tty, termios.TCOOFF)
+    terminal.send("\n")
+    wait_for(lambda: machine.shell("pgrep -x tellbox-user", check=False).status == 0)
+    flock = "flock --timeout 20 /var/lib/tellbox/users/pat"
+    assert machine.shell(f"{flock} true", user="pat").status == 0
+    termios.tcflow(tty, termios.TCOON)
+    os.close(tty)
+    terminal.wait_status()
+    assert "state/7.term" in machine.files()

@@ -109,6 +109,42 @@ def test_a_withdrawn_message_goes_and_the_next_one_follows(machine):
     assert machine.files() == ["inbox/8", "state/8.term"]
 
 
+def test_a_mailbox_that_cannot_be_opened_for_a_while_is_not_taken_for_empty(machine):
+    machine.deliver(7)
+    terminal = machine.ask()
+    terminal.wait_for(QUESTION)
+    machine.store.mailbox("pat").chmod(0o000)
+    time.sleep(GUARD_SECONDS + 0.5)  # it looks once a second, and at every key
+    terminal.send("x")
+    machine.store.mailbox("pat").chmod(0o700)
+    time.sleep(0.1)
+    terminal.send("r")
+    assert terminal.wait_exit() == 0
+    assert machine.answers() == {7: "terminal"}
+    assert "withdrawn" not in terminal.frame()
+
+
+def test_a_mailbox_that_cannot_be_opened_any_more_is_told(machine):
+    machine.deliver(7)
+    machine.deliver(8)
+    terminal = asked(machine)
+    machine.store.mailbox("pat").chmod(0o000)
+    terminal.send("l")
+    assert terminal.wait_exit() == 1
+    assert "tellbox: /var/lib/tellbox/users/pat: Permission denied" in terminal.frame()
+
+
+def test_a_message_that_cannot_be_read_is_named_and_the_next_one_follows(machine):
+    machine.deliver(7)
+    machine.deliver(8, "Second\n")
+    machine.store.mailbox("pat", "inbox", 7).chmod(0o000)
+    terminal = asked(machine)
+    assert "tellbox: message 7 cannot be read: Permission denied" in terminal.frame()
+    assert "Second" in terminal.frame()
+    terminal.send("r")
+    assert terminal.wait_exit() == 1
+
+
 def test_a_message_confirmed_elsewhere_goes(machine):
     machine.deliver(7)
     terminal = machine.ask()

@@ -21,26 +21,31 @@ std::string lines_of(const std::string &word, int count) {
 
 // What a screen of 24 rows and 80 columns shows, and of which messages.
 std::string shown_text(const std::vector<waiting_message> &due, std::vector<int64_t> *shown,
-                       size_t others = 0, int columns = 80) {
-    return prompt_text(due, others, 24, columns, shown);
+                       bool has_more = false, int columns = 80) {
+    return prompt_text(due, has_more, 24, columns, shown);
 }
 
 // ---- The status ---------------------------------------------------------------------------
 
 TEST(PromptStatus, TellsSecondsOrMinutesAndNeverTooEarly) {
-    EXPECT_EQ(prompt_status(0, true), 61);
-    EXPECT_EQ(prompt_status(1, true), 61);
-    EXPECT_EQ(prompt_status(60, true), 120);
-    EXPECT_EQ(prompt_status(61, true), 2);
-    EXPECT_EQ(prompt_status(1800, true), 30);
-    EXPECT_EQ(prompt_status(1801, true), 31);
-    EXPECT_EQ(prompt_status(59'999'940, true), 60);
+    const auto status = [](int64_t seconds) { return prompt_status(seconds, prompt_memory::none); };
+    EXPECT_EQ(status(0), 61);
+    EXPECT_EQ(status(1), 61);
+    EXPECT_EQ(status(60), 120);
+    EXPECT_EQ(status(61), 2);
+    EXPECT_EQ(status(1800), 30);
+    EXPECT_EQ(status(1801), 31);
+    EXPECT_EQ(status(59'999'940), 60);
 }
 
-TEST(PromptStatus, TellsApartWhatCouldNotBeMarked) {
-    EXPECT_EQ(prompt_status(60, false), 193);
-    EXPECT_EQ(prompt_status(1800, false), 222);
-    EXPECT_EQ(prompt_status(1'000'000, false), 252);
+TEST(PromptStatus, TellsWhatTheShellMustRemember) {
+    EXPECT_EQ(prompt_status(60, prompt_memory::shown), 193);
+    EXPECT_EQ(prompt_status(1200, prompt_memory::shown), 212);
+    EXPECT_EQ(prompt_status(1'000'000, prompt_memory::shown), 212);
+    for (const int64_t seconds : {1, 60, 1'000'000}) {
+        EXPECT_EQ(prompt_status(seconds, prompt_memory::shown_blind), 213);
+        EXPECT_EQ(prompt_status(seconds, prompt_memory::blind), 214);
+    }
 }
 
 // ---- The text -----------------------------------------------------------------------------
@@ -83,7 +88,7 @@ TEST(PromptText, CutsBetweenCharacters) {
     for (int i = 0; i < 20'000; i++)
         text += "é";
     std::vector<int64_t> shown;
-    const std::string cut = shown_text({message_of(12, text)}, &shown, 0, 79);
+    const std::string cut = shown_text({message_of(12, text)}, &shown, false, 79);
     strbuf repaired;
     repair_utf8(cut, &repaired);
     EXPECT_EQ(cut, repaired.view());
@@ -91,19 +96,52 @@ TEST(PromptText, CutsBetweenCharacters) {
 
 TEST(PromptText, ShowsAsManyAsFitAndCountsTheOthers) {
     std::vector<int64_t> shown;
-    const std::string text = shown_text({message_of(1, "One\n"), message_of(2, "Two\n"),
-                                         message_of(3, lines_of("long ", 9)), message_of(4, "x\n")},
-                                        &shown, 5);
+    const std::vector<waiting_message> due = {message_of(1, "One\n"), message_of(2, "Two\n"),
+                                              message_of(3, lines_of("long ", 9)),
+                                              message_of(4, "x\n")};
+    EXPECT_THAT(shown_text(due, &shown),
+                testing::EndsWith(" · tellbox later 2\n2 more messages are waiting: tellbox\n"));
     EXPECT_THAT(shown, testing::ElementsAre(1, 2));
-    EXPECT_THAT(text, testing::EndsWith("7 more messages are waiting: tellbox\n"));
     shown.clear();
-    EXPECT_THAT(shown_text({message_of(1, "One\n")}, &shown, 1),
+    EXPECT_THAT(shown_text({due[0], due[1], due[2]}, &shown),
                 testing::EndsWith("\n1 more message is waiting: tellbox\n"));
+}
+
+TEST(PromptText, GivesNoNumberThatItDoesNotKnow) {
+    std::vector<int64_t> shown;
+    EXPECT_THAT(shown_text({message_of(1, "One\n")}, &shown, true),
+                testing::EndsWith("\nMore messages are waiting: tellbox\n"));
+}
+
+TEST(PromptText, CutsATitleThatTakesMoreThanThreeRows) {
+    std::vector<int64_t> shown;
+    waiting_message message = message_of(1, "One\n");
+    message.message.title = std::string(170, 't');
+    EXPECT_THAT(shown_text({message}, &shown), testing::HasSubstr(message.message.title + " · "));
+    shown.clear();
+    message.message.title = std::string(60'000, 't');
+    const std::string text = shown_text({message}, &shown);
+    EXPECT_THAT(text, testing::HasSubstr("t… · "));
+    EXPECT_EQ(rows_of(text, 80), 3U + 3U);
+    EXPECT_THAT(text, testing::HasSubstr("\nOne\n"));
+}
+
+TEST(PromptText, CutsATitleBetweenCharactersOnTheSmallestScreenToo) {
+    waiting_message message = message_of(1, lines_of("line ", 50));
+    for (int i = 0; i < 500; i++)
+        message.message.title += "é";
+    for (const int columns : {1, 2, 5, 20, 79}) {
+        std::vector<int64_t> shown;
+        const std::string text = prompt_text({message}, false, 5, columns, &shown);
+        strbuf repaired;
+        repair_utf8(text, &repaired);
+        EXPECT_EQ(text, repaired.view()) << columns;
+    }
 }
 
 TEST(PromptText, ShowsOneMessageOnTheSmallestScreen) {
     std::vector<int64_t> shown;
-    EXPECT_NE(prompt_text({message_of(1, "One\nTwo\n")}, 0, 1, 1, &shown), "");
+    EXPECT_NE(prompt_text({message_of(1, "One\nTwo\n")}, false, 1, 1, &shown), "");
     EXPECT_THAT(shown, testing::ElementsAre(1));
 }
 
