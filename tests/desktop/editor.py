@@ -1,9 +1,12 @@
 """A window in which somebody writes."""
 
+import time
+
 from processes import await_condition, end
 
 KEYS_PER_SECOND = 20
-BLANKS_AND_ENTERS = "type a word or two \\n" * 40  # half a minute of it
+# Blanks and Enters among words that all differ; a minute of it.
+BLANKS_AND_ENTERS = "".join(f"type {n} \n" for n in range(1000, 2200))
 
 
 class Editor:
@@ -30,6 +33,21 @@ class Editor:
         await_condition(lambda: self._typist.poll() is not None, "the typist ends", seconds=120)
         await_condition(lambda: self._typed.read_text().replace("\r", "\n") == self._text,
                         "every key in the editor")
+
+    def stop_typing(self):
+        """The typist goes. Every key until then has arrived here, in order. Returns how many."""
+        assert self._typist.poll() is None, "the typist is still at work"
+        self._typist.terminate()
+        self._typist.wait()
+        typed = await_condition(self._still_text, "no more keys arrive")
+        assert self._text.startswith(typed), "a key was lost"
+        return len(typed)
+
+    def _still_text(self):
+        before = self._typed.read_text()
+        time.sleep(0.2)
+        after = self._typed.read_text()
+        return after.replace("\r", "\n") if before == after else None
 
     def close(self):
         for process in (self._process, self._typist):

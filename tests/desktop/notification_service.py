@@ -8,6 +8,7 @@ standard input, a line each:
 
     act NUMBER KEY [TOKEN]     the user chooses an action
     close NUMBER REASON        the notification goes
+    leave                      it gives its name up, but stays on the bus
     reply                      in the mode "slow": answers the calls that wait
 
 MODE is one of
@@ -63,7 +64,7 @@ class Service:
         self.bus.add_filter(self.before_dispatch)
         node = Gio.DBusNodeInfo.new_for_xml(INTERFACE)
         self.bus.register_object(PATH, node.interfaces[0], self.called, None, None)
-        Gio.bus_own_name_on_connection(self.bus, NAME, Gio.BusNameOwnerFlags.REPLACE,
+        self.name = Gio.bus_own_name_on_connection(self.bus, NAME, Gio.BusNameOwnerFlags.REPLACE,
                                        lambda *_: tell(ready=True), lambda *_: sys.exit(1))
         GLib.io_add_watch(0, GLib.PRIORITY_DEFAULT, GLib.IO_IN | GLib.IO_HUP, self.commanded)
 
@@ -128,6 +129,8 @@ class Service:
         elif command == "close":
             self.signal("NotificationClosed",
                         GLib.Variant("(uu)", (int(words[0]), int(words[1]))))
+        elif command == "leave":
+            Gio.bus_unown_name(self.name)
         elif command == "reply":
             for call in self.waiting:
                 self.answer(call)

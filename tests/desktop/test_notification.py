@@ -236,12 +236,12 @@ def test_a_service_that_the_bus_cannot_start_keeps_no_window_away(recipient, age
         assert recipient.await_answer(message) == "desktop"
 
 
-def test_a_service_that_restarts_before_it_answers_is_asked_again(recipient, service, agent_on):
+def test_a_service_that_gives_way_before_it_answers_is_asked_no_more(recipient, service, agent_on):
     desktop = service("slow")
     agent_on()
     recipient.send()
     desktop.await_call("Notify")
-    desktop.close()
+    desktop.command("leave")
     service().await_notification()
 
 
