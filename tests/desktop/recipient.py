@@ -39,6 +39,7 @@ class Recipient:
             place.mkdir(parents=True)
         for program in ("tellbox-user", "tellbox-window"):
             (self.lib / program).symlink_to(programs / program)
+        (self.lib / "tellbox").symlink_to(programs / "tellbox-user")
         self._tbx = str(programs / "tbx")
         self.journal = Journal(self.run / "systemd" / "journal" / "socket")
         self._configuration = folder / "tellbox.conf"
@@ -84,6 +85,12 @@ class Recipient:
 
     def remove_window(self):
         (self.lib / "tellbox-window").unlink()
+
+    def start_tellbox(self, screen, *words, gate):
+        """Starts the command of the terminal; it waits until nobody locks the file `gate`."""
+        return screen.start(*IN_OWN_RUN, str(self.run), "flock", "--shared", str(gate),
+                            str(self.lib / "tellbox"), *map(str, words), env=self.environment,
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
 
     # ---- The mailbox ----------------------------------------------------------------------
 

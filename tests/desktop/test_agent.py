@@ -1,5 +1,6 @@
 """The agent opens a window for each message that is due, and writes down what the user answers."""
 
+import fcntl
 import os
 import pathlib
 import re
@@ -122,6 +123,26 @@ def test_whoever_types_while_ten_messages_come_confirms_none(recipient, screen, 
         agent.await_no_window()
     assert editor.stop_typing() > 10 * GUARD_SECONDS * KEYS_PER_SECOND / 2
     assert recipient.events() == []
+
+
+def test_of_two_hundred_answers_from_everywhere_at_once_one_counts(recipient, screen):
+    recipient.use_window('echo shown; flock --shared "$0" true; echo read')
+    window = recipient.lib / "tellbox-window"
+    agent = recipient.start_agent()
+    with window.open("rb") as gate:
+        fcntl.flock(gate, fcntl.LOCK_EX)
+        number = recipient.send()
+        recipient.await_mark(number, "shown")
+        others = [recipient.start_tellbox(screen, "read", number, gate=window)
+                  for _ in range(199)]
+        fcntl.flock(gate, fcntl.LOCK_UN)
+        told = [process.communicate(timeout=60)[0] for process in others]
+    assert {process.returncode for process in others} == {0}
+    agent.await_no_window()
+    channel = recipient.await_answer(number)
+    assert recipient.events() == [("CONFIRMED", number, channel)]
+    first = [text for text in told if "already" not in text]
+    assert len(first) == (1 if channel == "terminal" else 0), first
 
 
 # ---- What happens elsewhere ---------------------------------------------------------------

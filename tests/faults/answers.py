@@ -94,11 +94,18 @@ class AnswerBench:
         self.machine = Machine(binary)
         install_tracer(self.machine, binary)
         install_user_program(self.machine, binary.parent)
+        self.prepare()
         for log in (LOG, f"{LOG}.stopped"):
             self.machine.path(log).touch()
             self.machine.path(log).chmod(0o666)
         self.fresh()
-        self.calls = run_traced(self.machine, *case.command, **AS_USER).calls
+        self.calls = self.run_traced().calls
+
+    def prepare(self):
+        """What else the machine needs."""
+
+    def run_traced(self, fault=None):
+        return run_traced(self.machine, *self.case.command, fault=fault, **AS_USER)
 
     def close(self):
         self.machine.close()
@@ -127,7 +134,7 @@ class AnswerBench:
         tally = Tally(tried=1)
         try:
             before = self.fresh()
-            run = run_traced(self.machine, *self.case.command, fault=fault, **AS_USER)
+            run = self.run_traced(fault)
             judge = AnswerJudge(before, run, fault)
             if fault and not run.met(fault):
                 tally.missed = 1

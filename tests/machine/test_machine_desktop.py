@@ -4,16 +4,20 @@ comes up on a display in the user's session, and what the user answers reaches t
 import pathlib
 import re
 import shutil
+import time
 
 import pytest
 
-from displays import LATER, READ, WINDOW, Desktop, await_confirmed, confirmed_on, prepare_displays
+from displays import (GUARD_SECONDS, LATER, READ, WINDOW, Desktop, await_confirmed, confirmed_on,
+                      prepare_displays)
+from furnished import TOOLS
 from harness.waiting import PATIENCE_SECONDS, await_condition
 from prerequisites import skip
 from residents import AGENT
 
 HERE = pathlib.Path(__file__).resolve().parent
 PACKAGING = HERE.parents[1] / "packaging" / "desktop"
+TELLBOX = "/usr/local/bin/tellbox"
 UNIT = "/usr/local/lib/systemd/user/tellbox-agent.service"
 
 
@@ -26,6 +30,8 @@ def with_programs(booted):
         skip(f"needs {', '.join(missing) or 'tellbox-window'} (see tools/install-deps)")
     stand_in = booted.path(AGENT)
     kept = stand_in.with_name("stand-in")
+    command = booted.path(TELLBOX)
+    command.symlink_to(AGENT)
     stand_in.rename(kept)
     booted.install(booted.binary.with_name("tellbox-user"), AGENT.lstrip("/"))
     booted.install(window, WINDOW.lstrip("/"))
@@ -41,6 +47,7 @@ def with_programs(booted):
     shutil.rmtree(wants)
     booted.path(UNIT).unlink()
     booted.path(WINDOW).unlink()
+    command.unlink()
     kept.rename(stand_in)
 
 
@@ -128,6 +135,56 @@ def test_an_old_display_in_the_agent_is_not_used(machine, desktop):
     assert desktop.windows() == [] and len(other.agents()) == 1
 
 
+def test_who_logs_in_right_after_logging_out_has_an_agent(machine, desktop):
+    machine.send("--to", "pat", "hello")
+    desktop.await_window()
+    for number in (2, 3, 4):
+        desktop.log_out()  # its agent is about to end while the next one starts
+        desktop = Desktop(machine, "pat")
+        machine.send("--to", "pat", "once more", message_id=number)
+        desktop.await_window()
+        assert len(desktop.agents()) == 1
+
+
+def test_a_message_that_expires_while_its_window_is_open_goes(machine, desktop):
+    machine.send("--to", "pat", "--expires", "1m", "hello")
+    desktop.await_window()
+    inbox = machine.path("/var/lib/tellbox/users/pat/inbox/1")
+    soon = int(time.time()) + 2
+    text = re.sub("^expires: .*$", f"expires: {soon}", inbox.read_text(encoding="utf-8"),
+                  flags=re.MULTILINE)
+    machine.run("sh", "-c", 'printf %s "$0" >/var/lib/tellbox/users/pat/inbox/1', text, user="pat")
+    desktop.await_no_window()
+    assert machine.tbx("status", "1").stdout.count("confirmed") == 0
+
+
+def test_reading_at_the_prompt_closes_the_window(machine, desktop):
+    machine.send("--to", "pat", "hello")
+    desktop.await_window()
+    machine.run(TELLBOX, "read", "1", user="pat")
+    desktop.await_no_window()
+    assert confirmed_on(machine) == "terminal"
+
+
+@pytest.mark.parametrize("delay_ms", [0, 5, 20])
+def test_an_agent_that_is_killed_while_it_answers_loses_nothing(machine, desktop, delay_ms):
+    machine.send("--to", "pat", "hello")
+    desktop.await_window()
+    agent, = desktop.agents()
+    time.sleep(GUARD_SECONDS)
+    machine.run("sh", "-c", f"/usr/bin/python3 {TOOLS}/press.py '{READ}'; "
+                f"sleep {delay_ms / 1000}; kill -KILL {agent}", user="pat",
+                env=desktop.environment)
+    desktop.await_no_window()
+    machine.tbx("remind", "1")  # a new agent finishes what the other one began
+    if not confirmed_on(machine):
+        desktop.await_window()
+        desktop.press(READ)
+    assert await_confirmed(machine) == "desktop"
+    await_condition(lambda: "confirmed reading message 1 (desktop)" in
+                    machine.tbx("log", "1").stdout, PATIENCE_SECONDS, "the event")
+
+
 def test_an_agent_that_is_killed_is_replaced_and_no_answer_is_lost(machine, desktop):
     machine.send("--to", "pat", "hello")
     desktop.await_window()
@@ -169,12 +226,25 @@ def test_the_autostart_entry_starts_it_and_tells_the_display(machine, with_progr
     assert len(desktop.agents()) == 1
 
 
+def ends_by_itself(machine, user):
+    """Whether an agent that is started for a user has ended within a moment."""
+    runtime = f"/run/user/{machine.uid(user)}"
+    result = machine.run("timeout", "10", AGENT, "agent", user=user, check=False,
+                         env={"XDG_RUNTIME_DIR": runtime,
+                              "DBUS_SESSION_BUS_ADDRESS": f"unix:path={runtime}/bus"})
+    return result.returncode == 0
+
+
 def test_a_login_screen_has_no_agent(machine, with_programs):
     machine.open_session("pat", "x11", session_class="greeter")
     machine.send("--to", "pat", "hello")
-    await_condition(lambda: not machine.run("pgrep", "-u", "pat", "-xf", f"{AGENT} agent",
-                                            check=False).stdout, PATIENCE_SECONDS, "no agent")
+    assert ends_by_itself(machine, "pat")
     assert not machine.path(f"/run/user/{machine.uid('pat')}/tellbox-agent.ready").exists()
+
+
+def test_an_account_of_the_system_has_no_agent(machine, with_programs):
+    machine.open_session("games", "x11")
+    assert ends_by_itself(machine, "games")
 
 
 def test_the_unit_is_well_formed(machine, with_programs):
