@@ -121,7 +121,8 @@ MANUAL = {"packaging": "manual"}
 OTHERS = (
     (r"packaging/desktop", {"desktop": "installation", "machine": "machine_desktop machine_story"}),
     (r"packaging/", {"packaging": ALL, "machine": "machine_package machine_story"}),
-    (r"docs/manual/", MANUAL),
+    (r"docs/(manual|pictures)/", MANUAL),
+    (r"tools/(demo|install-deps|lib)", {"packaging": "demo"}),
     (r"tests/tui/expected/screens/", {"tui": "screen_captures"}),
     (r"tests/tui/expected/", {"tui": "manual guide"}),
     (r"tests/harness/pseudo_terminal", {"tui": "guide screen_list", "user": "question"}),
