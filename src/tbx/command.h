@@ -5,6 +5,8 @@
 #include "common/message.h"
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 // Parses the identifier from the command line, null when absent. Ends the process with "missing
 // message ID" or "no such message: %s".
@@ -25,6 +27,10 @@ constexpr int AUTHOR_BYTES = 64;
 // Parses "NUMBER" followed by m, h or d into seconds. Returns 1, or 0 when it is no duration. A
 // duration too large for 64 bits becomes INT64_MAX.
 [[nodiscard]] int parse_duration(const char *text, int64_t *seconds);
+
+// Return the text and the title of a message as `send` stores them.
+[[nodiscard]] std::string send_stored_text(std::string_view text);
+[[nodiscard]] std::string send_stored_title(std::string_view title);
 
 void cmd_send(int argc, char **argv); // the arguments after "send"
 void cmd_list();

@@ -180,19 +180,32 @@ static void read_text(send_request *request) {
 
 // ---- Checks -------------------------------------------------------------------------------
 
-static void clean_in_place(std::string *text) {
-    strbuf cleaned;
-    sanitize_text(text->data(), text->size(), &cleaned);
-    *text = cleaned.view();
+static std::string cleaned(std::string_view text) {
+    strbuf clean;
+    sanitize_text(text.data(), text.size(), &clean);
+    return std::string(clean.view());
+}
+
+// Without the final newline, which is added when the text is stored.
+static std::string cleaned_text(std::string_view text) {
+    return cleaned(text.substr(0, text.find_last_not_of('\n') + 1));
+}
+
+std::string send_stored_text(std::string_view text) {
+    return cleaned_text(text) + "\n";
+}
+
+std::string send_stored_title(std::string_view title) {
+    std::string stored = cleaned(title);
+    for (char &c : stored)
+        if (c == '\t' || c == '\n')
+            c = ' ';
+    return stored;
 }
 
 static void clean_request(send_request *request) {
-    request->text.erase(request->text.find_last_not_of('\n') + 1);
-    clean_in_place(&request->text);
-    clean_in_place(&request->title);
-    for (char &c : request->title)
-        if (c == '\t' || c == '\n')
-            c = ' ';
+    request->text = cleaned_text(request->text);
+    request->title = send_stored_title(request->title);
 }
 
 static void check_text(const std::string &text) {

@@ -125,9 +125,14 @@ def assert_left(tbx, name):
     take_kept_text(tbx)
 
 
+def kept_file(tbx):
+    """The file in which the interface says that it keeps the text."""
+    return Path(re.search(KEPT, tbx.frame())[1])
+
+
 def take_kept_text(tbx):
     """The text that the interface says it keeps; the file is removed."""
-    path = Path(re.search(KEPT, tbx.frame())[1])
+    path = kept_file(tbx)
     text = path.read_text(encoding="utf-8")
     assert path.stat().st_mode & 0o777 == 0o600
     path.unlink()

@@ -264,55 +264,87 @@ def test_text_of_65537_bytes_is_refused_by_the_sending(edited):
 
 
 @pytest.mark.parametrize("size", [131_072, 131_073, 5_000_000])
-def test_file_longer_than_131072_bytes_is_cut_there(edited, size):
+def test_file_longer_than_131072_bytes_is_cut_there_and_kept(form, editor, folder, size):
     line = "x" * 31 + "\n"
-    tbx, page = edited((line * (size // 32 + 1)).encode()[:size], BACK_TAB + CTRL_E)
+    content = (line * (size // 32 + 1)).encode()[:size]
+    (folder / "new").write_bytes(content)
+    script = 'echo "$file" > path; cat new > "$file"'
+    tbx, page, _ = form(env={"VISUAL": str(editor(script))})
+    tbx.send(BACK_TAB + CTRL_E)
     text = (line * 4096).removesuffix("\n")  # the newline at the cut is the last one
-    expect(tbx, replace(page, text=text, focus="Text", top=4086))
+    page = replace(page, text=text, focus="Text", top=4086)
+    if size > 131_072:
+        tbx.wait_for("What it left is kept in")
+        kept = kept_file(folder)
+        expect(tbx, page, kept_box(kept, is_cut=True))
+        reply(tbx, "x")
+        assert kept.read_bytes() == content
+        kept.unlink()
+    expect(tbx, page)
     assert " 131071 of 65536 bytes " in tbx.frame()
 
 
 # ---- What else may come back --------------------------------------------------------------
 
 
+def kept_file(folder):
+    """The file that the editor was given; the editor wrote its path to "path"."""
+    return Path((folder / "path").read_text().strip())
+
+
+def kept_box(path, *, is_cut=False):
+    said = ("The file is too long: only its beginning was taken." if is_cut else
+            "The text is as it was: the editor left no file that can be read.")
+    return message_box("Editor", said, f"What it left is kept in {path}.")
+
+
 @pytest.mark.parametrize("script", [
     'rm "$file"; ln -s other "$file"',
     'rm "$file"; ln -s /etc/passwd "$file"',
     'rm "$file"; mkfifo "$file"',
-    'rm "$file"',
+    'rm "$file"; mkdir "$file"',
     'ln "$file" link; echo other > "$file"',
     'mv "$file" moved; ln moved "$file"',
-], ids=["link", "link to a system file", "fifo", "gone", "hard link", "other name"])
-def test_only_a_plain_file_of_one_name_is_read_back(form, editor, folder, script):
+    f'echo other > "$file"; chown {NOBODY} "$file"',
+], ids=["link", "link to a system file", "fifo", "folder", "hard link", "other name", "not owned"])
+def test_only_a_plain_file_of_one_name_is_read_back(root, form, editor, folder, script):
+    del root  # there to be asked for
     (folder / "other").write_text("not what was edited\n")
     tbx, page, _ = form(env={"VISUAL": str(editor(f'echo "$file" > path\n{script}'))})
     page = replace(page, text="as it was", focus="Text")
     press(tbx, BACK_TAB + "as it was", page)
     tbx.send(CTRL_E)
-    tbx.wait_for(lambda: tbx.raw.count(ENTER_SCREEN) == 2)
-    expect(tbx, page)
-    assert not os.path.lexists((folder / "path").read_text().strip())
+    tbx.wait_for("What it left is kept in")
+    kept = kept_file(folder)
+    expect(tbx, page, kept_box(kept))
+    press(tbx, "x", page)
+    assert os.path.lexists(kept)
     assert (folder / "other").read_text() == "not what was edited\n"
+    kept.rmdir() if kept.is_dir() else kept.unlink()
 
 
-def test_folder_in_place_of_the_file_leaves_the_text(form, editor, folder):
-    script = 'rm "$file"; mkdir "$file"; echo "$file" > path'
-    tbx, page, _ = form(env={"VISUAL": str(editor(script))})
-    press(tbx, "x", replace(page, to="x"))
+def test_file_that_is_gone_leaves_the_text_and_is_told(form, editor):
+    tbx, page, _ = form(env={"VISUAL": str(editor('rm "$file"'))})
+    page = replace(page, text="as it was", focus="Text")
+    press(tbx, BACK_TAB + "as it was", page)
+    press(tbx, CTRL_E, replace(page, notice="The editor left no file."))
+    press(tbx, "x", replace(page, text="as it wasx"))
+
+
+def test_file_that_was_not_read_is_told_of_at_the_end_of_an_interface_that_is_ended(
+        form, editor, folder):
+    script = WAIT + 'echo "$file" > path; echo precious > "$file"; ln "$file" link'
+    tbx, _, _ = form(env={"VISUAL": str(editor(script))}, earlier=EARLIER)
     tbx.send(CTRL_E)
-    tbx.wait_for(lambda: tbx.raw.count(ENTER_SCREEN) == 2)
-    expect(tbx, replace(page, to="x"))
-    Path((folder / "path").read_text().strip()).rmdir()
-
-
-@pytest.mark.usefixtures("root")
-def test_file_of_somebody_else_is_not_read_back(form, editor):
-    tbx, page, _ = form(env={"VISUAL": str(editor(
-        f'echo other > "$file"; chown {NOBODY} "$file"'))})
-    press(tbx, "x", replace(page, to="x"))
-    tbx.send(CTRL_E)
-    tbx.wait_for(lambda: tbx.raw.count(ENTER_SCREEN) == 2)
-    expect(tbx, replace(page, to="x"))
+    tbx.wait_for("editor runs")
+    tbx.signal(signal.SIGTERM)
+    tbx.poll_for(lambda: not is_pending(tbx.pid, signal.SIGTERM))
+    tbx.send(ENTER)
+    assert tbx.wait_exit() == 0
+    kept = kept_file(folder)
+    assert f"tbx: what the editor left is kept in {kept}\r\n".encode() in tbx.raw
+    assert kept.read_text() == "precious\n"
+    kept.unlink()
 
 
 def test_file_that_the_editor_put_in_place_by_renaming_is_read_back(form, editor):

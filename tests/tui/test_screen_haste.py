@@ -2,7 +2,10 @@
 
 import fcntl
 import os
+import re
+import shutil
 import signal
+import stat
 import time
 from contextlib import contextmanager
 from dataclasses import replace
@@ -11,12 +14,13 @@ from pathlib import Path
 import pytest
 
 from frame_model import RED, Box, message_box, revoke_confirmation, search_box
+from harness import flaky_accounts
 from harness.pseudo_terminal import (
-    BACK_TAB, CTRL_C, CTRL_S, DOWN, EARLIER, ESCAPE, GUARD_SECONDS, HOME, LEFT, PASTE_ON, TAB,
-    assert_restored, pasted)
+    BACK_TAB, CTRL_C, CTRL_E, CTRL_S, DOWN, EARLIER, ENTER, ESCAPE, GUARD_SECONDS, HOME,
+    LEAVE_SCREEN, LEFT, PASTE_ON, TAB, assert_restored, pasted)
 from interface import (
-    assert_left, expect, frames_as_text, frames_drawn, press, press_in_vain, reply,
-    take_kept_text)
+    assert_left, expect, frames_as_text, frames_drawn, kept_file, press, press_in_vain,
+    reply, take_kept_text)
 from messages import Message
 
 NOTE = "Please restart the server, Kay"  # "r" asks before a revocation, the "y" would answer
@@ -278,9 +282,88 @@ def test_text_of_a_form_on_a_terminal_that_is_hung_up_is_kept(form, tmp_path):
     press(tbx, BACK_TAB + text, replace(page, text=text, focus="Text"))
     tbx.hang_up()
     assert tbx.wait_status() == 0
-    kept = [path for path in Path("/tmp").glob("tellbox-testo-*") if path.read_text(errors="replace") == text + "\n"]
+    kept = [path for path in Path("/tmp").glob("tellbox-testo-*") if holds(path, text + "\n")]
     assert len(kept) == 1
     kept[0].unlink()
+
+
+def holds(path, text):
+    """Whether this is a file with this text. Other tests leave and remove things beside it."""
+    try:
+        facts = path.lstat()
+        return (stat.S_ISREG(facts.st_mode) and facts.st_size == len(text)
+                and path.read_text() == text)
+    except FileNotFoundError:
+        return False
+
+
+def test_text_that_an_editor_wrote_is_kept_when_a_signal_comes_meanwhile(form, tmp_path):
+    editor = tmp_path / "editor"
+    editor.write_text('#!/bin/sh\necho "editor runs"; read -r line; echo edited > "$1"\n')
+    editor.chmod(0o755)
+    tbx, page, _ = form(env={"VISUAL": str(editor)}, earlier=EARLIER)
+    press(tbx, BACK_TAB + "old", replace(page, text="old", focus="Text"))
+    tbx.send(CTRL_E)
+    tbx.wait_for("editor runs")
+    tbx.signal(signal.SIGTERM)
+    tbx.send(ENTER)
+    assert tbx.wait_exit() == 0
+    assert take_kept_text(tbx) == "edited\n"
+
+
+@pytest.mark.usefixtures("root")
+def test_text_is_kept_for_who_called_sudo(form):
+    tbx, page, _ = form(env={"SUDO_USER": "nobody"}, earlier=EARLIER)
+    press(tbx, BACK_TAB + "text", replace(page, text="text", focus="Text"))
+    tbx.send(CTRL_C)
+    assert tbx.wait_exit() == 0
+    assert kept_file(tbx).stat().st_uid == 65534
+    assert take_kept_text(tbx) == "text\n"
+
+
+def on_read_only(*folders):
+    """The program's command line with nothing to be written in these folders."""
+    mounts = " && ".join(f"mount -t tmpfs -o ro tmpfs {folder}" for folder in folders)
+    # The program itself may lie below /tmp.
+    return ["unshare", "--mount", "sh", "-c", f'exec 3<"$0" && {mounts} && exec /proc/self/fd/3']
+
+
+@pytest.mark.usefixtures("root")
+def test_text_that_cannot_be_kept_is_said_to_be_lost(form, binary):
+    tbx, page, _ = form(argv=[*on_read_only("/tmp", "/var/tmp"), binary], earlier=EARLIER)
+    press(tbx, BACK_TAB + "text", replace(page, text="text", focus="Text"))
+    tbx.send(CTRL_C)
+    assert tbx.wait_exit() == 0
+    assert_restored(tbx, "tbx: the text of the new message could not be kept: /tmp: Read-only file system")
+
+
+@pytest.mark.usefixtures("root")
+def test_text_that_tmp_does_not_take_is_kept_in_var_tmp(form, binary):
+    tbx, page, _ = form(argv=[*on_read_only("/tmp"), binary], earlier=EARLIER)
+    press(tbx, BACK_TAB + "text", replace(page, text="text", focus="Text"))
+    tbx.send(CTRL_C)
+    assert tbx.wait_exit() == 0
+    kept = Path(re.search(rb"kept in (/var/tmp/tellbox-testo-\w{6})", tbx.raw)[1].decode())
+    assert kept.read_text() == "text\n"
+    kept.unlink()
+
+
+@pytest.mark.usefixtures("root")
+def test_text_is_kept_after_the_terminal_is_restored_whether_accounts_can_be_looked_up_or_not(
+        form, binary, tmp_path):
+    flaky_accounts.build(tmp_path)
+    hangs = tmp_path / "hangs"
+    (tmp_path / "nsswitch.conf").write_text("passwd: files flaky\n")
+    mounted = f'mount --bind {tmp_path}/nsswitch.conf /etc/nsswitch.conf && exec "$0"'
+    tbx, page, _ = form(argv=["unshare", "--mount", "sh", "-c", mounted, binary], earlier=EARLIER,
+                        env={"SUDO_USER": "dora", "LD_LIBRARY_PATH": str(tmp_path),
+                             "FLAKY_DOWN": str(hangs)})
+    press(tbx, BACK_TAB + "text", replace(page, text="text", focus="Text"))
+    os.mkfifo(hangs)  # nobody ever writes to it
+    tbx.signal(signal.SIGTERM)
+    assert tbx.wait_exit() == 0
+    assert_left(tbx, "form-filled-in")
+    assert tbx.raw.index(LEAVE_SCREEN) < tbx.raw.index(b"kept in")
 
 
 @pytest.mark.parametrize("keys", ["", "daemon\tTitle"])
@@ -305,6 +388,18 @@ def test_text_that_was_discarded_or_sent_is_not_kept(form):
 
 
 # ---- Sending again ------------------------------------------------------------------------
+
+
+def stopped_below(process):
+    """The stopped processes that come from this one."""
+    children = Path(f"/proc/{process}/task/{process}/children").read_text().split()
+    stopped = [int(child) for child in children if state_of(child) in "Tt"]
+    return stopped + [found for child in children for found in stopped_below(child)]
+
+
+def state_of(process):
+    return Path(f"/proc/{process}/stat").read_text().rpartition(")")[2].split()[0]
+
 
 ALREADY = ["Message 1 was already sent to 1 of 2 recipients; the others are",
            "tried again by themselves.", ""]
@@ -338,6 +433,98 @@ def test_review_on_a_wide_screen_says_it_in_one_line(form, store):
     tbx.send(CTRL_S)
     tbx.wait_for("│  Message 1 was already sent to 1 of 2 recipients; the others are tried again by "
                  "themselves.  │")
+
+
+@pytest.fixture
+def sent_to_some(form, store):
+    """A form whose message was sent to "bin" in vain and reached "daemon".
+
+    Returns the terminal, the page, and what reads the review.
+    """
+    tbx, page, _ = form(size=(120, 40))
+    store.create()
+    store.mailbox("bin").write_text("in the way")
+    tbx.send("bin,daemon" + BACK_TAB + "Hello" + CTRL_S)
+    tbx.wait_for("y  Confirm")
+    reply(tbx, "y")
+    tbx.wait_for("Message 1 delivered to 1 of 2 recipients.")
+    reply(tbx, "x")
+    tbx.wait_for(lambda: "any key to continue" not in tbx.frame())
+
+    def review():
+        tbx.send(CTRL_S)
+        tbx.wait_for("y  Confirm")
+        return tbx.frame()
+
+    return tbx, page, review
+
+
+def test_review_tells_of_every_message_that_earlier_tries_have_created(sent_to_some):
+    tbx, _, review = sent_to_some
+    review()
+    reply(tbx, "y")
+    tbx.wait_for("Message 2 delivered to 1 of 2 recipients.")
+    reply(tbx, "x")
+    tbx.wait_for(lambda: "any key to continue" not in tbx.frame())
+    shown = review()
+    for number in (1, 2):
+        assert f"Message {number} was already sent to 1 of 2 recipients; the others" in shown
+
+
+def test_review_tells_of_a_try_whose_text_was_changed_since(sent_to_some):
+    tbx, _, review = sent_to_some
+    tbx.send(" there")
+    assert "Message 1 was already sent to 1 of 2 recipients; the others" in review()
+
+
+def test_review_tells_of_a_message_that_another_command_has_completed(sent_to_some, store,
+                                                                      terminal):
+    _, _, review = sent_to_some
+    store.mailbox("bin").unlink()
+    other = terminal("list")
+    assert other.wait_exit() == 0
+    assert not store.sent(1, "incomplete").exists()
+    assert "│  Message 1 was already sent to 2 of 2 recipients.  " in review()
+
+
+def test_review_tells_of_a_message_that_was_revoked_since(sent_to_some, terminal):
+    _, _, review = sent_to_some
+    assert terminal("revoke", "1").wait_exit() == 0
+    assert "Message 1 was already sent to 1 of 2 recipients and has been revoked since." in review()
+
+
+def test_review_says_nothing_of_messages_of_others(sent_to_some, store):
+    _, _, review = sent_to_some
+    Message(2, "Hello\n", author="games", sent=("sys",)).put(store)
+    Message(3, "Something else\n", sent=("sys",)).put(store)
+    shown = review()
+    assert "Message 1 was already" in shown
+    assert "Message 2" not in shown and "Message 3" not in shown
+
+
+def test_review_says_nothing_of_a_message_that_is_gone(sent_to_some, store):
+    _, _, review = sent_to_some
+    shutil.rmtree(store.sent(1))
+    assert "already sent" not in review()
+
+
+@pytest.mark.usefixtures("strace")
+def test_review_tells_of_a_message_whose_sending_was_killed(form, store, binary):
+    log = store.sent(1, "delivery")
+    stop_at_second = ["strace", "-f", "-qq", "-o", "/dev/null", "-P", log, "-e", "trace=openat",
+                      "-e", "inject=openat:signal=SIGSTOP:when=2"]
+    tbx, _, _ = form(size=(120, 40), argv=[*stop_at_second, binary],
+                     env={"ASAN_OPTIONS": "detect_leaks=0"})
+    tbx.send("bin,daemon" + BACK_TAB + "Hello" + CTRL_S)
+    tbx.wait_for("y  Confirm")
+    reply(tbx, "y")
+    tbx.poll_for(lambda: stopped_below(tbx.pid))
+    os.kill(stopped_below(tbx.pid)[0], signal.SIGKILL)
+    tbx.wait_for("Interrupted.")
+    reply(tbx, "x")
+    tbx.wait_for(lambda: "any key to continue" not in tbx.frame())
+    tbx.send(CTRL_S)
+    tbx.wait_for("Message 1 was already sent to 1 of 2 recipients; the others")
 
 
 def test_review_says_nothing_of_a_try_that_created_no_message(form):

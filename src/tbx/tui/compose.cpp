@@ -2,18 +2,14 @@
 
 #include "tbx/command.h"
 #include "tbx/recipients.h"
-#include "tbx/sent.h"
-#include "tbx/status.h"
 #include "tbx/tui/compose_draw.h"
 #include "tbx/tui/compose_editor.h"
 #include "tbx/tui/compose_form.h"
+#include "tbx/tui/compose_tries.h"
 #include "tbx/tui/dialog.h"
 #include "tbx/tui/job.h"
 #include "tbx/tui/screen.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -86,54 +82,14 @@ static void run_send(std::vector<std::string> arguments) {
     cmd_send(static_cast<int>(arguments.size()), argv.data());
 }
 
-static std::vector<std::string> message_ids() {
-    strlist ids;
-    (void)sent_list_ids(&ids); // no store yet: no messages
-    return {ids.begin(), ids.end()};
-}
-
-// Returns the message that a send created before it failed or was interrupted: a new one of this
-// author that is marked incomplete. 0 for none.
-static int64_t message_left_incomplete(const std::vector<std::string> &ids_before) {
-    for (const std::string &text : message_ids()) {
-        int64_t id = 0;
-        message_summary summary;
-        const bool is_new =
-            std::find(ids_before.begin(), ids_before.end(), text) == ids_before.end();
-        if (!is_new || !parse_id(text, &id) || !sent_marker_exists(id, "incomplete"))
-            continue;
-        confirmation_cache cache(id);
-        if (message_summary_load(id, &cache, &summary) == lookup::found &&
-            summary.message.from == current_author())
-            return id;
-    }
-    return 0;
-}
-
 static void add_field(strlist *body, const char *label, const compose_field &field) {
     if (!field.value.empty())
         tui_add_line(body, "%s: %s", label, tui_blank_controls(field.value).c_str());
 }
 
-// Appends whom an earlier try reached, as far as it is known. Appends nothing about a message that
-// is gone or was cancelled.
-static void add_earlier_try(strlist *body, int64_t id) {
-    message_summary summary;
-    confirmation_cache cache(id);
-    if (id == 0 || message_summary_load(id, &cache, &summary) != lookup::found)
-        return;
-    const int reached = summary.confirmed + summary.delivered;
-    const std::string sentence = xasprintf(
-        "Message %lld was already sent to %d of %d recipients; the others are tried again by "
-        "themselves.",
-        static_cast<long long>(id), reached, reached + summary.sent);
-    tui_wrap(sentence, tui_box_max_cols(), body);
-    tui_add_line(body, "%s", "");
-}
-
 static bool review(const compose_form &form, tui_screen *page) {
     strlist body;
-    add_earlier_try(&body, form.message_id);
+    compose_tell_tries(form.tries, &body);
     tui_add_line(&body, "To: %s (%s)", tui_blank_controls(form.fields[COMPOSE_TO].value).c_str(),
                  form.preview.c_str());
     add_field(&body, "Title", form.fields[COMPOSE_TITLE]);
@@ -147,13 +103,13 @@ static bool compose_send(compose_form *form, tui_screen *page) {
     compose_recipient_preview(form, page);
     if (!review(*form, page))
         return false;
-    const std::vector<std::string> ids_before = message_ids();
+    compose_try attempt = compose_begin_try(*form);
     const job_result result = tui_run_in_box(
         page, "Send the message?", [form] { run_send(send_arguments(*form)); },
         compose_text_joined(form->text));
     const bool was_sent = result.status == 0;
-    if (const int64_t id = was_sent ? 0 : message_left_incomplete(ids_before))
-        form->message_id = id;
+    if (!was_sent)
+        form->tries.push_back(std::move(attempt));
     tui_message_box(page, was_sent ? "Message sent" : "Sending result", result);
     return was_sent;
 }
@@ -178,6 +134,31 @@ static void edit(compose_form *form, tui_screen *page, tui_key key, const char *
         compose_recipient_preview(form, page);
 }
 
+// Tells of a file that the editor left. If the interface is asked to end before it was seen, the
+// path is told at the end.
+static void tell_of_kept_file(compose_form *form, tui_screen *page, const edit_result &edited) {
+    strlist body;
+    tui_add_line(&body, "%s",
+                 edited.end == edit_end::cut
+                     ? "The file is too long: only its beginning was taken."
+                     : "The text is as it was: the editor left no file that can be read.");
+    tui_add_line(&body, "What it left is kept in %s.", edited.kept.c_str());
+    form->edited_path = edited.kept;
+    tui_tell(page, "Editor", body);
+    if (!quit_requested)
+        form->edited_path.clear();
+}
+
+static void open_editor(compose_form *form, tui_screen *page) {
+    const edit_result edited = compose_edit_external(form);
+    if (edited.end == edit_end::not_started)
+        form->notice = "No editor could be started.";
+    else if (edited.end == edit_end::no_file)
+        form->notice = "The editor left no file.";
+    else if (!edited.kept.empty())
+        tell_of_kept_file(form, page, edited);
+}
+
 enum class form_end { open, done, cut_short };
 
 static form_end press(compose_form *form, tui_screen *page, tui_key key, const char *character) {
@@ -189,10 +170,10 @@ static form_end press(compose_form *form, tui_screen *page, tui_key key, const c
         return may_discard(*form, page) ? form_end::done : form_end::open;
     if (key == KEY_CTRL_S)
         return compose_send(form, page) ? form_end::done : form_end::open;
-    if (key != KEY_CTRL_E)
+    if (key == KEY_CTRL_E)
+        open_editor(form, page);
+    else
         edit(form, page, key, character);
-    else if (!compose_edit_external(form))
-        form->notice = "No editor could be started.";
     return form_end::open;
 }
 
@@ -232,12 +213,18 @@ static form_end run_form(compose_form *form) {
     return end == form_end::open ? form_end::cut_short : end;
 }
 
-std::string compose_page() {
+compose_rest compose_page() {
     compose_form form;
-    if (run_form(&form) == form_end::done || !compose_has_text(form.text))
-        return "";
-    const std::string path = compose_keep_text(form.text);
-    if (path.empty())
-        return xasprintf("the text of the new message could not be kept: %s", strerror(errno));
-    return xasprintf("the text of the new message is kept in %s", path.c_str());
+    if (run_form(&form) == form_end::done)
+        return {};
+    return {compose_text_joined(form.text), form.edited_path};
+}
+
+std::vector<std::string> compose_keep(const compose_rest &rest) {
+    std::vector<std::string> said;
+    if (!rest.text.empty())
+        said.push_back(compose_keep_text(rest.text));
+    if (!rest.edited_path.empty())
+        said.push_back(xasprintf("what the editor left is kept in %s", rest.edited_path.c_str()));
+    return said;
 }

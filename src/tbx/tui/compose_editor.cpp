@@ -1,5 +1,6 @@
 #include "tbx/tui/compose_editor.h"
 
+#include "common/child.h"
 #include "common/core.h"
 #include "tbx/accounts.h"
 #include "tbx/tui/screen.h"
@@ -16,6 +17,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 
 static constexpr size_t EDITED_MAX_BYTES = 131'072; // longer texts are cut when read back
@@ -43,25 +45,31 @@ static bool find_calling_user(std::optional<resolved_user> *caller) {
     return found != lookup::failed;
 }
 
-static bool write_text(unique_fd *fd, const compose_text &text, edited_file *file) {
-    const std::string contents = compose_text_joined(text) + "\n";
-    if (write_all(fd->get(), contents.data(), contents.size()) != 0)
-        return false;
-    if (file->user && fchown(fd->get(), file->user->uid, file->user->gid) != 0)
-        return false; // the user could not edit it, and root must not
-    return fd->close() == 0;
+static bool write_text(unique_fd *fd, std::string_view contents) {
+    return write_all(fd->get(), contents.data(), contents.size()) == 0;
 }
 
-static bool create_file(const compose_text &text, edited_file *file) {
-    file->path = "/tmp/tellbox-testo-XXXXXX";
-    unique_fd fd(mkostemp(file->path.data(), O_CLOEXEC));
+// Creates a file for the text below `directory`, of mode 0600. Returns it open; empty, with errno,
+// when it could not be written whole.
+static unique_fd create_file(const char *directory, std::string_view text, std::string *path) {
+    *path = std::string(directory) + "/tellbox-testo-XXXXXX";
+    unique_fd fd(mkostemp(path->data(), O_CLOEXEC));
+    if (!fd || write_text(&fd, std::string(text) + "\n"))
+        return fd;
+    const int error = errno;
+    (void)unlink(path->c_str()); // a part must not be taken for the whole text
+    errno = error;
+    return {};
+}
+
+// The user could not edit the file of another, and root must not.
+static bool create_edited_file(const std::string &text, edited_file *file) {
+    unique_fd fd = create_file("/tmp", text, &file->path);
     if (!fd)
         return false;
-    if (write_text(&fd, text, file))
+    if ((!file->user || fchown(fd.get(), file->user->uid, file->user->gid) == 0) && fd.close() == 0)
         return true;
-    const int error = errno;
-    unlink(file->path.c_str()); // a part must not be taken for the whole text
-    errno = error;
+    (void)unlink(file->path.c_str()); // nothing but the form's text is in it
     return false;
 }
 
@@ -73,9 +81,9 @@ static bool is_users_own(const unique_fd &fd, const edited_file &file) {
            status.st_uid == owner;
 }
 
-// Reads at most EDITED_MAX_BYTES, whatever the file's size.
+// Reads at most EDITED_MAX_BYTES and one more, whatever the file's size.
 static bool read_beginning(const unique_fd &fd, std::string *contents) {
-    contents->resize(EDITED_MAX_BYTES);
+    contents->resize(EDITED_MAX_BYTES + 1);
     size_t length = 0;
     while (length < contents->size()) {
         const ssize_t got = read(fd.get(), contents->data() + length, contents->size() - length);
@@ -91,10 +99,14 @@ static bool read_beginning(const unique_fd &fd, std::string *contents) {
     return true;
 }
 
-static bool read_file_back(const edited_file &file, std::string *contents) {
+static edit_end read_file_back(const edited_file &file, std::string *contents) {
     const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     const unique_fd fd(open(file.path.c_str(), flags));
-    return fd && is_users_own(fd, file) && read_beginning(fd, contents);
+    if (!fd && errno == ENOENT)
+        return edit_end::no_file;
+    if (!fd || !is_users_own(fd, file) || !read_beginning(fd, contents))
+        return edit_end::not_read;
+    return contents->size() > EDITED_MAX_BYTES ? edit_end::cut : edit_end::taken;
 }
 
 // ---- The editor ---------------------------------------------------------------------------
@@ -183,28 +195,71 @@ static bool run_editor(const edited_file &file) {
     return editor > 0 && !could_not_start(await_editor(editor));
 }
 
-bool compose_edit_external(compose_form *form) {
+// Takes over what is in the file. Removes it if nothing more is in it.
+static edit_result take_over(const edited_file &file, bool has_run, compose_form *form) {
+    std::string contents;
+    const edit_end end = read_file_back(file, &contents);
+    const bool is_read = end == edit_end::taken || end == edit_end::cut;
+    // A shell that ran the editor may return the status of one that it could not start.
+    const std::string before = compose_text_joined(form->text) + "\n";
+    if (!has_run && is_read && contents == before.substr(0, EDITED_MAX_BYTES + 1)) {
+        (void)unlink(file.path.c_str()); // nothing but the form's text is in it
+        return {edit_end::not_started, ""};
+    }
+    if (is_read)
+        compose_set_text(&form->text, contents.substr(0, EDITED_MAX_BYTES));
+    if (end == edit_end::taken)
+        (void)unlink(file.path.c_str()); // the form has all of it; the user may have moved it away
+    const bool is_kept = end == edit_end::cut || end == edit_end::not_read;
+    return {end, is_kept ? file.path : ""};
+}
+
+edit_result compose_edit_external(compose_form *form) {
     edited_file file;
-    if (!find_calling_user(&file.user) || !create_file(form->text, &file))
-        return false;
+    if (!find_calling_user(&file.user) ||
+        !create_edited_file(compose_text_joined(form->text), &file))
+        return {edit_end::not_started, ""};
     tui_restore();
     const bool has_run = run_editor(file);
-    std::string contents;
-    if (read_file_back(file, &contents))
-        compose_set_text(&form->text, contents);
-    unlink(file.path.c_str()); // the user may have moved it away
+    edit_result result = take_over(file, has_run, form);
     tui_raw_mode();
     tui_update_size();
-    return has_run;
+    return result;
 }
 
 // ---- Keeping the text ---------------------------------------------------------------------
 
-std::string compose_keep_text(const compose_text &text) {
-    edited_file file;
-    (void)find_calling_user(&file.user); // if the user is unknown, root keeps the file
-    if (create_file(text, &file))
-        return file.path;
-    file.user.reset();
-    return create_file(text, &file) ? file.path : "";
+// The interface is about to end: a directory service that does not answer must not hold it up.
+static constexpr int LOOK_UP_MS = 200;
+
+// Gives the file to the user who called sudo. Best effort: root can read it in any case.
+static void give_to_calling_user(const unique_fd &fd) {
+    const pid_t child = fork();
+    if (child == 0) {
+        std::optional<resolved_user> user;
+        const bool is_known = find_calling_user(&user) && user;
+        _exit(is_known && fchown(fd.get(), user->uid, user->gid) == 0 ? 0 : 1);
+    }
+    if (child < 0)
+        return;
+    int status = 0;
+    const unique_fd pidfd = child_pidfd(child);
+    if (child_await(child, pidfd, LOOK_UP_MS, &status))
+        return;
+    (void)kill(child, SIGKILL); // cannot fail: a child stays ours until it is waited for
+    (void)child_await(child, pidfd, LOOK_UP_MS,
+                      &status); // if it hangs in a call, it is left behind
+}
+
+std::string compose_keep_text(std::string_view text) {
+    std::string path;
+    unique_fd fd = create_file("/tmp", text, &path);
+    const int error = errno; // of /tmp, which is to be mended
+    if (!fd)
+        fd = create_file("/var/tmp", text, &path);
+    if (!fd)
+        return xasprintf("the text of the new message could not be kept: /tmp: %s",
+                         strerror(error));
+    give_to_calling_user(fd);
+    return xasprintf("the text of the new message is kept in %s", path.c_str());
 }

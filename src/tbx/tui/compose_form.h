@@ -28,13 +28,21 @@ struct compose_text {
     int scroll = 0;                        // first column shown of the cursor's line
 };
 
+// A send that failed or was interrupted. It may have created a message all the same.
+struct compose_try {
+    std::vector<int64_t> ids_before; // of the messages there were, ascending
+    std::string title;               // as they would have been stored
+    std::string text;
+};
+
 struct compose_form {
     std::array<compose_field, COMPOSE_FIELDS> fields;
     compose_text text;
     int focus = COMPOSE_TO;
-    std::string preview;    // whom To reaches, or why nobody; may be styled; empty for none
-    std::string notice;     // shown beside the text's size until a key; empty for none
-    int64_t message_id = 0; // created by a send that did not reach everybody; 0 for none
+    std::string preview; // whom To reaches, or why nobody; may be styled; empty for none
+    std::string notice;  // shown beside the text's size until a key; empty for none
+    std::vector<compose_try> tries;
+    std::string edited_path; // of a file that the editor left and nobody was told of
 };
 
 // Applies an editing or moving key; every other key changes nothing.

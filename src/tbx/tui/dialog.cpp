@@ -309,11 +309,7 @@ job_result tui_run_in_box(tui_screen *page, const std::string &title, const tui_
     return tui_run_command(job, input, say_so);
 }
 
-void tui_message_box(tui_screen *page, const std::string &title, const job_result &result) {
-    strlist body;
-    tui_split_lines(tui_clean(result.output.view()), &body);
-    if (body.count == 0)
-        strlist_push_dup(&body, result.was_interrupted ? "Interrupted." : "Done.");
+void tui_tell(tui_screen *page, const std::string &title, const strlist &body) {
     dialog shown = over(page, title);
     shown.button_line = shown.footer = ANY_KEY;
     copy_lines(body, &shown.body);
@@ -321,6 +317,14 @@ void tui_message_box(tui_screen *page, const std::string &title, const job_resul
     tui_character character = {};
     while (!quit_requested && next_meant_key(&shown, character) == KEY_TIMEOUT) {
     }
+}
+
+void tui_message_box(tui_screen *page, const std::string &title, const job_result &result) {
+    strlist body;
+    tui_split_lines(tui_clean(result.output.view()), &body);
+    if (body.count == 0)
+        strlist_push_dup(&body, result.was_interrupted ? "Interrupted." : "Done.");
+    tui_tell(page, title, body);
 }
 
 void tui_run_and_tell(tui_screen *page, const std::string &title, const tui_job &job) {

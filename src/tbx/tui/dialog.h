@@ -33,6 +33,9 @@ void tui_show_lines(tui_screen *page, const std::string &title, const strlist &b
 [[nodiscard]] job_result tui_run_in_box(tui_screen *page, const std::string &title,
                                         const tui_job &job, std::string_view input);
 
+// Shows lines until a key is pressed that would answer a question.
+void tui_tell(tui_screen *page, const std::string &title, const strlist &body);
+
 // Shows the result of a command until a key is pressed: what it printed, or else "Done." or
 // "Interrupted.". Only a key that would answer a question closes it.
 void tui_message_box(tui_screen *page, const std::string &title, const job_result &result);

@@ -212,8 +212,8 @@ struct list_page {
     std::string search_text; // empty: no filter
     int selected = 0;
     int top = 0;
-    int tick_count = 0;   // idle ticks since the list was last read because of them
-    std::string farewell; // printed once the terminal is restored; empty for none
+    int tick_count = 0;  // idle ticks since the list was last read because of them
+    compose_rest unsent; // kept once the terminal is restored
 };
 
 static int row_count(const list_page &state) {
@@ -313,7 +313,7 @@ static bool press_letter(list_page *state, tui_screen *page, std::string_view le
     if (letter == "q" || letter == "Q")
         return false;
     if (letter == "n") {
-        state->farewell = compose_page();
+        state->unsent = compose_page();
         reload(state);
     } else if (letter == "r") {
         revoke_selected(state, page);
@@ -386,8 +386,8 @@ static bool screen_is_too_small() {
     return tui.screen_rows < TUI_MIN_ROWS || tui.screen_cols < TUI_MIN_COLS;
 }
 
-// Returns what is to be printed once the terminal is restored.
-static std::string run_list() {
+// Returns what a form has left.
+static compose_rest run_list() {
     list_page state;
     reload(&state);
     tui_screen page;
@@ -406,15 +406,16 @@ static std::string run_list() {
         if (!press(&state, &page, key, character))
             break;
     }
-    return state.farewell;
+    return state.unsent;
 }
 
 bool tui_run() {
     if (!tui_start())
         return false;
-    const std::string farewell = run_list();
+    const compose_rest unsent = run_list();
     tui_end();
-    if (!farewell.empty() && !tui_output_is_stuck(STDERR_FILENO))
-        warn("%s", farewell.c_str());
+    for (const std::string &line : compose_keep(unsent))
+        if (!tui_output_is_stuck(STDERR_FILENO))
+            warn("%s", line.c_str());
     return true;
 }

@@ -14,6 +14,10 @@ using testing::StartsWith;
 
 namespace {
 
+bool is_regular(const std::string &path) {
+    return std::filesystem::symlink_status(path).type() == std::filesystem::file_type::regular;
+}
+
 constexpr const char *NOBODY = "nobody"; // on every system, and able to run an editor
 
 // An editor that runs `script` in a shell, with the path of the text as $1.
@@ -36,13 +40,14 @@ struct edit_options {
     void (*prepare)() = [] {}; // runs in the child, right before
 };
 
-struct edit_result {
+struct edited {
     std::string text;   // that came back when "old\ntext" was edited
     std::string output; // what was written to the terminal
-    bool has_run;       // whether an editor could be started
+    edit_end end;
+    std::string kept; // what is in the file that was kept, which is removed
 };
 
-edit_result edit(const edit_options &options) {
+edited edit(const edit_options &options) {
     const scratch_directory results;
     const child_result child = run_in_child([&] {
         const environment_variable visual("VISUAL", options.visual);
@@ -52,16 +57,26 @@ edit_result edit(const edit_options &options) {
         compose_form form;
         form.text.lines = {"old", "text"};
         options.prepare();
-        const bool has_run = compose_edit_external(&form);
-        results.write("run", has_run ? "yes" : "no");
+        const edit_result result = compose_edit_external(&form);
+        results.write("end", std::to_string(static_cast<int>(result.end)));
         results.write("text", compose_text_joined(form.text));
+        results.write("kept", result.kept.empty() || !is_regular(result.kept)
+                                  ? result.kept
+                                  : read_file(result.kept));
+        if (!result.kept.empty())
+            std::filesystem::remove(result.kept);
     });
-    return {results.read("text"), child.out, results.read("run") == "yes"};
+    return {results.read("text"), child.out, static_cast<edit_end>(std::stoi(results.read("end"))),
+            results.read("kept")};
+}
+
+edited edit_by(const std::string &script, const char *sudo_user = nullptr) {
+    const scripted_editor editor(script);
+    return edit({.visual = editor.path().c_str(), .sudo_user = sudo_user});
 }
 
 std::string edited_by(const std::string &script, const char *sudo_user = nullptr) {
-    const scripted_editor editor(script);
-    return edit({.visual = editor.path().c_str(), .sudo_user = sudo_user}).text;
+    return edit_by(script, sudo_user).text;
 }
 
 // Which of the two keys' signals a process ignores, from its file in /proc.
@@ -85,7 +100,7 @@ std::string expect_unchanged_text(void (*limit)()) {
         limit();
         compose_form form;
         form.text.lines = {"old", "text"};
-        const bool has_run = compose_edit_external(&form);
+        const bool has_run = compose_edit_external(&form).end != edit_end::not_started;
         return !has_run && compose_text_joined(form.text) == UNCHANGED ? 10 : 20;
     });
     EXPECT_EQ(child.exit_status, 10);
@@ -148,7 +163,7 @@ TEST(ComposeEditor, IsNotStartedOnHalfAText) {
 
 TEST(ComposeEditor, WithoutProcessesLeavesTheText) {
     const scripted_editor editor("echo new >\"$1\"");
-    const edit_result result =
+    const edited result =
         edit({.visual = editor.path().c_str(), .prepare = [] { refuse_call(SYS_clone, EAGAIN); }});
     EXPECT_EQ(result.text, UNCHANGED);
 }
@@ -159,7 +174,7 @@ TEST(ComposeEditor, WithoutDescriptorsLeavesTheText) {
 
 TEST(ComposeEditor, WhoseStatusNobodyTellsIsWaitedFor) {
     const scripted_editor editor("echo new >\"$1\"");
-    const edit_result result =
+    const edited result =
         edit({.visual = editor.path().c_str(), .prepare = [] { signal(SIGCHLD, SIG_IGN); }});
     EXPECT_EQ(result.text, "new");
 }
@@ -181,7 +196,7 @@ TEST(ComposeEditor, IsNotStartedWhereItCannotBecomeThatUser) {
     for (void (*refuse)() :
          {+[] { refuse_call(SYS_setgroups, EPERM); }, +[] { refuse_call(SYS_setresgid, EAGAIN); },
           +[] { refuse_call(SYS_setresuid, EAGAIN); }}) {
-        const edit_result result =
+        const edited result =
             edit({.visual = editor.path().c_str(), .sudo_user = NOBODY, .prepare = refuse});
         EXPECT_EQ(result.text, UNCHANGED);
     }
@@ -190,12 +205,12 @@ TEST(ComposeEditor, IsNotStartedWhereItCannotBecomeThatUser) {
 TEST(ComposeEditor, DoesNotRunAsRootWhereTheFileCannotBeGivenAway) {
     SKIP_UNLESS_ROOT();
     const scripted_editor editor("id -un >\"$1\"");
-    const edit_result result =
+    const edited result =
         edit({.visual = editor.path().c_str(), .sudo_user = NOBODY, .prepare = [] {
                   refuse_call(SYS_fchown, EPERM);
               }});
     EXPECT_EQ(result.text, UNCHANGED);
-    EXPECT_FALSE(result.has_run);
+    EXPECT_EQ(result.end, edit_end::not_started);
 }
 
 TEST(ComposeEditor, RunsAsThisProcessWhenTheUserIsUnknown) {
@@ -207,8 +222,35 @@ TEST(ComposeEditor, RunsAsThisProcessWhenTheUserIsUnknown) {
 // ---- What comes back ----------------------------------------------------------------------
 
 TEST(ComposeEditor, IsCutAtItsLimit) {
-    EXPECT_EQ(edited_by("head -c 131071 /dev/zero | tr '\\0' x >\"$1\"; printf yz >>\"$1\""),
-              std::string(131'071, 'x') + "y");
+    const edited result =
+        edit_by("head -c 131071 /dev/zero | tr '\\0' x >\"$1\"; printf yz >>\"$1\"");
+    EXPECT_EQ(result.text, std::string(131'071, 'x') + "y");
+    EXPECT_EQ(result.end, edit_end::cut);
+    EXPECT_EQ(result.kept, std::string(131'071, 'x') + "yz");
+    const edited fits = edit_by("head -c 131072 /dev/zero | tr '\\0' x >\"$1\"");
+    EXPECT_EQ(fits.text, std::string(131'072, 'x'));
+    EXPECT_EQ(fits.end, edit_end::taken);
+}
+
+TEST(ComposeEditor, ThatCannotBeStartedLeavesTheTextToTheLastNewline) {
+    const child_result child = run_in_child([] {
+        const environment_variable visual("VISUAL", "/nowhere/editor");
+        compose_form form;
+        form.text.lines = {std::string(200'000, 'x'), "", ""};
+        const std::string before = compose_text_joined(form.text);
+        const edit_result result = compose_edit_external(&form);
+        return result.end == edit_end::not_started && result.kept.empty() &&
+                       compose_text_joined(form.text) == before
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
+}
+
+TEST(ComposeEditor, ThatEndsLikeOneThatIsMissingHasWrittenAllTheSame) {
+    const edited result = edit_by("echo new >\"$1\"; exit 127");
+    EXPECT_EQ(result.text, "new");
+    EXPECT_EQ(result.end, edit_end::taken);
 }
 
 TEST(ComposeEditor, AFileThatWasReplacedByAnotherOfTheUsersCounts) {
@@ -220,7 +262,9 @@ TEST(ComposeEditor, AnEmptyFileIsAnEmptyText) {
 }
 
 TEST(ComposeEditor, AFileThatIsGoneLeavesTheText) {
-    EXPECT_EQ(edited_by("rm \"$1\""), UNCHANGED);
+    const edited result = edit_by("rm \"$1\"");
+    EXPECT_EQ(result.text, UNCHANGED);
+    EXPECT_EQ(result.end, edit_end::no_file);
 }
 
 TEST(ComposeEditor, ALinkInItsPlaceIsNotFollowed) {
@@ -228,7 +272,10 @@ TEST(ComposeEditor, ALinkInItsPlaceIsNotFollowed) {
 }
 
 TEST(ComposeEditor, AFileWithASecondLinkLeavesTheText) {
-    EXPECT_EQ(edited_by("echo new >\"$1\"; ln \"$1\" \"$0.link\""), UNCHANGED);
+    const edited result = edit_by("echo new >\"$1\"; ln \"$1\" \"$0.link\"");
+    EXPECT_EQ(result.text, UNCHANGED);
+    EXPECT_EQ(result.end, edit_end::not_read);
+    EXPECT_EQ(result.kept, "new\n");
 }
 
 TEST(ComposeEditor, APipeInItsPlaceDoesNotBlock) {

@@ -16,11 +16,7 @@ using steps = std::vector<std::string>;
 // Runs a new form, in an empty store.
 child_result form_after(const steps &keys) {
     const scratch_state state;
-    return run_with_steps(keys, [] {
-        const std::string farewell = compose_page();
-        fprintf(stderr, "%s", farewell.c_str());
-        unlink(farewell.substr(farewell.rfind(' ') + 1).c_str()); // a text that was kept
-    });
+    return run_with_steps(keys, [] { fprintf(stderr, "%s", compose_page().text.c_str()); });
 }
 
 // The screen once these keys are typed, each step but the first at one more dialog.
@@ -63,7 +59,7 @@ TEST(ComposePage, IsLeftWithoutAQuestionWhileEmpty) {
     const typed_bytes typed("\033", /*stays_open=*/true);
     const child_result child = run_in_child([&] {
         tui.input.fd = typed.reader.get();
-        return compose_page().empty() ? 0 : 1; // or this waits for ever
+        return compose_page().text.empty() ? 0 : 1; // or this waits for ever
     });
     EXPECT_EQ(child.exit_status, 0);
     EXPECT_THAT(child.out, Not(HasSubstr("Discard")));
@@ -82,7 +78,7 @@ TEST(ComposePage, EndsWhenTheTerminalIsGone) {
 TEST(ComposePage, KeepsTheTextWhenTheTerminalIsGone) {
     const scratch_state state;
     const child_result child = run_with_keys("root\tTitle\t\tone\rtwo", [] {
-        const std::string farewell = compose_page();
+        const std::string farewell = compose_keep(compose_page()).at(0);
         const std::string path = farewell.substr(farewell.rfind(' ') + 1);
         struct stat status = {};
         stat(path.c_str(), &status);
@@ -138,7 +134,7 @@ TEST(ComposeSend, SendsTheFieldsAndTheText) {
     const scratch_state state;
     const std::string keys = std::string("root\tNotice\t2h\tHello\r\"there\"") + CTRL_S;
     const child_result child =
-        run_with_steps({keys, "y"}, [] { return compose_page().empty() ? 0 : 1; });
+        run_with_steps({keys, "y"}, [] { return compose_page().text.empty() ? 0 : 1; });
     EXPECT_EQ(child.exit_status, 0);
     EXPECT_THAT(last_frame(child.out), HasSubstr("┌─ Message sent ─"));
     EXPECT_THAT(last_frame(child.out), HasSubstr("│  Message 1 sent to 1 user. "));
