@@ -140,11 +140,36 @@ def take_kept_text(tbx):
 
 
 def is_stopped(tbx):
-    status = Path(f"/proc/{tbx.pid}/stat").read_text()
-    return status.rpartition(")")[2].split()[0] == "T"
+    return state_of(tbx.pid) == "T"
 
 
 def stop(tbx):
     """Types Ctrl+Z, and waits until the interface has left the screen and stopped."""
     tbx.send(CTRL_Z)
     tbx.poll_for(lambda: is_stopped(tbx) and not tbx.screen.alternate)
+
+
+def stopped_command(tbx):
+    """Waits until a process that the program has started is stopped, and returns its number.
+
+    A tracer stops it for a moment at every call: what stands still for several looks counts.
+    """
+    looks = []
+
+    def stands():
+        looks.append(stopped_below(tbx.pid))
+        return len(looks) > 3 and looks[-1] and looks[-1] == looks[-2] == looks[-3]
+
+    tbx.poll_for(stands)
+    return looks[-1][0]
+
+
+def stopped_below(process):
+    """The stopped processes that come from this one."""
+    children = Path(f"/proc/{process}/task/{process}/children").read_text().split()
+    stopped = [int(child) for child in children if state_of(child) in "Tt"]
+    return stopped + [found for child in children for found in stopped_below(child)]
+
+
+def state_of(process):
+    return Path(f"/proc/{process}/stat").read_text().rpartition(")")[2].split()[0]

@@ -1,17 +1,20 @@
 """The page of one message: its facts, its text, its recipients and its history."""
 
+import os
 import shutil
+import signal
 from dataclasses import replace
 
 import pytest
 
-from frame_model import SIZES, remind_confirmation, revoke_confirmation
+from frame_model import SIZES, Box, remind_confirmation, revoke_confirmation
 from harness.history import record
 from harness.pseudo_terminal import (
-    BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
-    PAGE_UP, RIGHT, TAB, UP)
+    BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT,
+    PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP)
 from interface import (
-    BROKEN_CHARACTERS, MEANINGLESS, clocks_shown, expect, frame_that_shows, press)
+    BROKEN_CHARACTERS, MEANINGLESS, clocks_shown, expect, frame_that_shows, frames_as_text,
+    frames_drawn, press, reply, stopped_command)
 from messages import DATE, FUTURE, MESSAGE_STATES, PAST, USERS, Message, people
 
 BUSY = Message(
@@ -187,6 +190,82 @@ def test_history_is_read_each_time_its_tab_is_opened(detail, journal):
     journal(*EVENTS)
     press(tbx, TAB, page)
     press(tbx, TAB, replace(page, history=HISTORY))
+
+
+# ---- History that takes its time ----------------------------------------------------------
+
+WORKING = Box("History", ["Working …"], "", "")
+
+
+@pytest.fixture
+def slow_history(detail, journal, strace):
+    """slow_history() opens the page of a message whose history stands still when it is read.
+
+    Returns the terminal, the page, the list behind it, and what gives the process that stands.
+    """
+    del strace  # there to be asked for
+
+    def open_page():
+        stop = ["strace", "-f", "-qq", "-o", "/dev/null", "-P", "/var/log/journal",
+                "-e", "trace=openat", "-e", "inject=openat:signal=SIGSTOP:when=1"]
+        tbx, page, behind = detail(Message(1), argv=[*stop, *journal(*EVENTS)],
+                                   env={"ASAN_OPTIONS": "detect_leaks=0"})
+        return tbx, page, behind, lambda: stopped_command(tbx)
+
+    return open_page
+
+
+def test_history_that_takes_its_time_is_said_to_be_at_work(slow_history):
+    tbx, page, _, standing = slow_history()
+    tbx.send(TAB)
+    tbx.wait_for("Working …")
+    os.kill(standing(), signal.SIGCONT)
+    expect(tbx, replace(page, history=HISTORY))
+
+
+def test_history_that_is_interrupted_says_so(slow_history):
+    tbx, page, _, standing = slow_history()
+    tbx.send(TAB)
+    tbx.wait_for("Working …")
+    os.kill(standing(), signal.SIGKILL)
+    expect(tbx, replace(page, history=["Interrupted."]))
+
+
+def test_keys_typed_while_the_history_is_read_are_taken_by_it(slow_history):
+    tbx, page, behind, standing = slow_history()
+    tbx.send(TAB)
+    tbx.wait_for("Working …")
+    tbx.send("r")
+    os.kill(standing(), signal.SIGCONT)
+    tbx.wait_for("y  Confirm")
+    reply(tbx, "n")
+    os.kill(standing(), signal.SIGCONT)
+    press(tbx, ESCAPE, behind)
+
+
+def test_history_that_is_read_again_by_itself_covers_the_page_with_no_box(slow_history):
+    tbx, page, _, standing = slow_history()
+    tbx.send(TAB)
+    os.kill(standing(), signal.SIGCONT)
+    expect(tbx, replace(page, history=HISTORY))
+    command = standing()  # read again by itself
+    tbx.wait_until_still(seconds=0.8)  # a box would have come
+    drawn = frames_drawn(tbx)
+    os.kill(command, signal.SIGKILL)
+    tbx.wait_for(lambda: frames_drawn(tbx) > drawn)
+    expect(tbx, replace(page, history=HISTORY))
+    opened = frame_that_shows(tbx, HISTORY[0])
+    assert not any("Working" in frame for frame in frames_as_text(tbx)[opened:])
+
+
+def test_ctrl_c_while_the_history_is_read_by_itself_ends_the_interface(slow_history):
+    tbx, page, _, standing = slow_history()
+    tbx.send(TAB)
+    os.kill(standing(), signal.SIGCONT)
+    expect(tbx, replace(page, history=HISTORY))
+    standing()
+    tbx.send(CTRL_C)
+    assert tbx.wait_exit() == 0
 
 
 def test_history_scrolls(detail, journal):

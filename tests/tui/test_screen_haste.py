@@ -20,7 +20,7 @@ from harness.pseudo_terminal import (
     LEAVE_SCREEN, LEFT, PASTE_ON, TAB, assert_restored, pasted)
 from interface import (
     assert_left, expect, frames_as_text, frames_drawn, kept_file, press, press_in_vain,
-    reply, take_kept_text)
+    reply, stopped_command, take_kept_text)
 from messages import Message
 
 NOTE = "Please restart the server, Kay"  # "r" asks before a revocation, the "y" would answer
@@ -334,7 +334,8 @@ def test_text_that_cannot_be_kept_is_said_to_be_lost(form, binary):
     press(tbx, BACK_TAB + "text", replace(page, text="text", focus="Text"))
     tbx.send(CTRL_C)
     assert tbx.wait_exit() == 0
-    assert_restored(tbx, "tbx: the text of the new message could not be kept: /tmp: Read-only file system")
+    assert_restored(tbx, "tbx: the text of the new message could not be kept: "
+                         "/tmp: Read-only file system")
 
 
 @pytest.mark.usefixtures("root")
@@ -388,18 +389,6 @@ def test_text_that_was_discarded_or_sent_is_not_kept(form):
 
 
 # ---- Sending again ------------------------------------------------------------------------
-
-
-def stopped_below(process):
-    """The stopped processes that come from this one."""
-    children = Path(f"/proc/{process}/task/{process}/children").read_text().split()
-    stopped = [int(child) for child in children if state_of(child) in "Tt"]
-    return stopped + [found for child in children for found in stopped_below(child)]
-
-
-def state_of(process):
-    return Path(f"/proc/{process}/stat").read_text().rpartition(")")[2].split()[0]
-
 
 ALREADY = ["Message 1 was already sent to 1 of 2 recipients; the others are",
            "tried again by themselves.", ""]
@@ -518,8 +507,7 @@ def test_review_tells_of_a_message_whose_sending_was_killed(form, store, binary)
     tbx.send("bin,daemon" + BACK_TAB + "Hello" + CTRL_S)
     tbx.wait_for("y  Confirm")
     reply(tbx, "y")
-    tbx.poll_for(lambda: stopped_below(tbx.pid))
-    os.kill(stopped_below(tbx.pid)[0], signal.SIGKILL)
+    os.kill(stopped_command(tbx), signal.SIGKILL)
     tbx.wait_for("Interrupted.")
     reply(tbx, "x")
     tbx.wait_for(lambda: "any key to continue" not in tbx.frame())

@@ -40,9 +40,13 @@ static struct sigaction action_of(void (*handler)(int), int flags) {
     return action;
 }
 
+static void change_action(int signal, const struct sigaction *action, struct sigaction *before) {
+    (void)sigaction(signal, action, before); // cannot fail: the signals exist
+}
+
 static void set_action(int signal, void (*handler)(int), int flags) {
     const struct sigaction action = action_of(handler, flags);
-    sigaction(signal, &action, nullptr);
+    change_action(signal, &action, nullptr);
 }
 
 // A shell without job control starts its programs with SIGTSTP ignored: then they must not stop.
@@ -60,7 +64,7 @@ using saved_actions = std::array<struct sigaction, HANDLED.size()>;
 static saved_actions install_handlers() {
     saved_actions before;
     for (size_t i = 0; i < HANDLED.size(); i++)
-        sigaction(HANDLED[i], nullptr, &before[i]);
+        change_action(HANDLED[i], nullptr, &before[i]);
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP})
         set_action(signal, request_quit, 0);
     if (!is_ignored(SIGTSTP))
@@ -72,18 +76,18 @@ static saved_actions install_handlers() {
 
 static void put_back(const saved_actions &before) {
     for (size_t i = 0; i < HANDLED.size(); i++)
-        sigaction(HANDLED[i], &before[i], nullptr);
+        change_action(HANDLED[i], &before[i], nullptr);
 }
 
-tui_signals_ignored::tui_signals_ignored() {
+tui_signals_ignored::tui_signals_ignored(signals which) : count_(which) {
     const struct sigaction ignore = action_of(SIG_IGN, 0);
-    for (size_t i = 0; i < SIGNALS.size(); i++)
-        sigaction(SIGNALS[i], &ignore, &previous_[i]);
+    for (size_t i = 0; i < count_; i++)
+        change_action(SIGNALS[i], &ignore, &previous_[i]);
 }
 
 tui_signals_ignored::~tui_signals_ignored() {
-    for (size_t i = 0; i < SIGNALS.size(); i++)
-        sigaction(SIGNALS[i], &previous_[i], nullptr);
+    for (size_t i = 0; i < count_; i++)
+        change_action(SIGNALS[i], &previous_[i], nullptr);
 }
 
 // ---- The terminal -------------------------------------------------------------------------
@@ -121,8 +125,8 @@ static bool write_to_terminal(std::string_view text) {
         if (!await_output())
             return false;
         const ssize_t written = write(output_fd(), text.data(), text.size());
-        if (written < 0 && errno != EINTR)
-            return false;
+        if (written < 0 && errno != EINTR && errno != EAGAIN)
+            return false; // EAGAIN: another program on the terminal has made it non-blocking
         if (written > 0)
             text.remove_prefix(static_cast<size_t>(written));
         if (quit_requested)
@@ -168,7 +172,8 @@ static void resume_output() {
 
 void tui_restore() {
     if (quit_requested && tui_output_is_stuck(output_fd()))
-        tcflush(tui.tty_fd.get(), TCOFLUSH); // or waiting for it to drain blocks for ever
+        // Or waiting for it to drain blocks for ever. Fails if the terminal is gone.
+        (void)tcflush(tui.tty_fd.get(), TCOFLUSH);
     (void)set_attributes(tui.saved_termios); // fails if the terminal is gone
     if (tui_output_is_stuck(output_fd())) {
         resume_output();
@@ -246,9 +251,9 @@ static void suspend() {
     tui_restore();
     struct sigaction handler = {};
     const struct sigaction stop = action_of(SIG_DFL, 0);
-    sigaction(SIGTSTP, &stop, &handler);
-    raise(SIGTSTP);
-    sigaction(SIGTSTP, &handler, nullptr);
+    change_action(SIGTSTP, &stop, &handler);
+    (void)raise(SIGTSTP); // cannot fail: the signal exists
+    change_action(SIGTSTP, &handler, nullptr);
     take_screen_again();
 }
 

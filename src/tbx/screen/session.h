@@ -31,7 +31,7 @@ struct tui_session {
     int screen_rows = 24;
     int screen_cols = 80;
     unsigned screen_changes = 0; // counts changes of the size and losses of the screen
-    bool is_torn = false;        // the last frame was not written whole: the interface must end
+    bool is_torn = false;        // the last frame was not written whole
     tui_input input;
 };
 extern tui_session tui;
@@ -76,23 +76,28 @@ void tui_drop_input();
 // shown; there this returns at once.
 void tui_await_shown();
 
-// Ignores the signals of Ctrl+C, Ctrl+\ and Ctrl+Z while another program runs for this process:
-// they reach every process on the terminal. Ignores SIGPIPE too, because that program may not read
-// its pipe.
+// Ignores signals while another program runs for this process.
 class tui_signals_ignored {
 public:
-    tui_signals_ignored();
+    enum signals {
+        pipe_only = 1,         // SIGPIPE: the program may not read its pipe
+        keys = 4,              // those of Ctrl+C, Ctrl+\ and Ctrl+Z too: they were meant for it
+        keys_and_continue = 5, // SIGCONT too: the program is continued with its process group
+    };
+    explicit tui_signals_ignored(signals which);
     ~tui_signals_ignored();
     tui_signals_ignored(const tui_signals_ignored &) = delete;
     tui_signals_ignored &operator=(const tui_signals_ignored &) = delete;
 
 private:
-    static constexpr std::array<int, 4> SIGNALS = {SIGINT, SIGQUIT, SIGTSTP, SIGPIPE};
+    static constexpr std::array<int, 5> SIGNALS = {SIGPIPE, SIGINT, SIGQUIT, SIGTSTP, SIGCONT};
     std::array<struct sigaction, SIGNALS.size()> previous_ = {};
+    size_t count_; // of those that are ignored, the first ones
 };
 
 // Whether typed keys wait to be read. Then they are all handled before the next frame is drawn.
 [[nodiscard]] bool tui_keys_wait();
 
-// Writes a frame. If it was not written whole, sets `is_torn`: the program must end.
+// Writes a frame, and sets `is_torn`. It is not written whole if the terminal is gone, or if it
+// takes nothing when the program is asked to end.
 void session_write(std::string_view frame);

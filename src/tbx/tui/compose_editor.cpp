@@ -112,12 +112,12 @@ static edit_end read_file_back(const edited_file &file, std::string *contents) {
 // ---- The editor ---------------------------------------------------------------------------
 
 // Sets the user's name and home directory: the editor reads its settings and writes its files
-// there.
-static void set_environment(const passwd &account) {
-    setenv("HOME", account.pw_dir, /*overwrite=*/1);
-    setenv("SHELL", account.pw_shell, /*overwrite=*/1);
-    setenv("USER", account.pw_name, /*overwrite=*/1);
-    setenv("LOGNAME", account.pw_name, /*overwrite=*/1);
+// there. Returns false when memory ran out.
+static bool set_environment(const passwd &account) {
+    return setenv("HOME", account.pw_dir, /*overwrite=*/1) == 0 &&
+           setenv("SHELL", account.pw_shell, /*overwrite=*/1) == 0 &&
+           setenv("USER", account.pw_name, /*overwrite=*/1) == 0 &&
+           setenv("LOGNAME", account.pw_name, /*overwrite=*/1) == 0;
 }
 
 // Becomes the user for good or ends the child.
@@ -143,13 +143,12 @@ static const char *chosen_editor() {
 // In the child. The shell splits the editor's words; the path stays one.
 [[noreturn]] static void exec_editor(const edited_file &file) {
     for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGPIPE})
-        signal(number, SIG_DFL);
-    closefrom(STDERR_FILENO + 1); // the user gets no descriptor of root's
+        (void)signal(number, SIG_DFL); // cannot fail: the signals exist
+    closefrom(STDERR_FILENO + 1);      // the user gets no descriptor of root's
     if (file.user) {
         const passwd *account = getpwnam(file.user->name.c_str());
-        if (account == nullptr)
+        if (account == nullptr || !set_environment(*account))
             _exit(CANNOT_BECOME_USER);
-        set_environment(*account);
         become(*file.user);
     }
     const char *path = file.path.c_str();
@@ -173,7 +172,7 @@ static int await_editor(pid_t editor) {
         } else if (!WIFSTOPPED(status)) {
             return status;
         } else if (WSTOPSIG(status) == SIGTSTP) {
-            kill(0, SIGCONT);
+            (void)kill(0, SIGCONT); // cannot fail: this process may signal itself
         }
     }
 }
@@ -187,8 +186,8 @@ static bool could_not_start(int wait_status) {
 
 // Returns false when no editor could be started; the file is as it was then.
 static bool run_editor(const edited_file &file) {
-    fflush(stdout);
-    const tui_signals_ignored ignored;
+    (void)fflush(stdout); // what stays buffered must only not be written twice
+    const tui_signals_ignored ignored(tui_signals_ignored::keys_and_continue);
     const pid_t editor = fork();
     if (editor == 0)
         exec_editor(file);

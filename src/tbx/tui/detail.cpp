@@ -26,6 +26,7 @@ struct detail_page {
     detail_tab tab = detail_tab::recipients;
     int scroll = 0; // first entry of the tab that is shown
     bool needs_reload = true;
+    bool is_idle = false; // nobody asked for that reload
     int tick_count = 0;
     std::string loaded_at;
     unsigned changes_seen = tui.screen_changes; // the text is wrapped for the present size
@@ -54,25 +55,38 @@ static void load_recipients(detail_page *state, confirmation_cache *cache) {
     state->recipients = std::move(lines);
 }
 
-// Loads what the history command prints, without its heading.
-static void load_history(detail_page *state, tui_screen *page) {
+// Runs the history command. A reload that nobody asked for covers the page with no box.
+static job_result run_history(int64_t id, tui_screen *page, bool is_idle) {
+    const tui_job history = [id_text = std::to_string(id)] { cmd_log(id_text.c_str()); };
+    return is_idle ? tui_run_command(history, /*input=*/{}, /*waiting=*/{})
+                   : tui_run_in_box(page, "History", history, /*input=*/{});
+}
+
+// Loads what the history command prints, without its heading; the message of a failure too.
+static void load_history(detail_page *state, tui_screen *page, bool is_idle) {
+    const job_result result = run_history(state->id, page, is_idle);
+    if (result.was_interrupted && is_idle)
+        return; // stays as it was; the next reload tries again
     strlist lines;
-    if (state->tab == detail_tab::history) {
-        const std::string id = std::to_string(state->id);
-        const job_result result = // the message of a failure is shown too
-            tui_run_in_box(page, "History", [&id] { cmd_log(id.c_str()); }, /*input=*/{});
-        const std::string text = tui_clean(result.output.view());
-        const size_t heading_end = text.find('\n');
-        if (heading_end != std::string::npos)
-            tui_split_lines(std::string_view(text).substr(heading_end + 1), &lines);
-    }
+    const std::string text = tui_clean(result.output.view());
+    const size_t heading_end = text.find('\n');
+    if (heading_end != std::string::npos)
+        tui_split_lines(std::string_view(text).substr(heading_end + 1), &lines);
+    if (result.was_interrupted)
+        strlist_push_dup(&lines, "Interrupted.");
     state->history_lines = std::move(lines);
-    state->has_history = state->tab == detail_tab::history;
+    state->has_history = true;
+}
+
+static void forget_history(detail_page *state) {
+    strlist_free(&state->history_lines);
+    state->has_history = false;
 }
 
 // Returns false when the message is gone.
 static bool load(detail_page *state, tui_screen *page) {
     state->needs_reload = false;
+    const bool is_idle = std::exchange(state->is_idle, false);
     user_times_renew();
     confirmation_cache cache(state->id);
     message_summary summary;
@@ -88,7 +102,8 @@ static bool load(detail_page *state, tui_screen *page) {
     load_recipients(state, &cache);
     tui_clean_message(&state->summary.message);
     wrap_text(state);
-    load_history(state, page);
+    if (state->tab == detail_tab::history)
+        load_history(state, page, is_idle);
     return true;
 }
 
@@ -241,13 +256,13 @@ static void build(const detail_page &state, tui_screen *page) {
 static constexpr int IDLE_TICKS_MAX = 5; // as on the list
 
 static void idle_tick(detail_page *state) {
-    if (state->changes_seen != tui.screen_changes)
-        state->needs_reload = true;
-    if (++state->tick_count <= IDLE_TICKS_MAX)
+    const bool has_changed = state->changes_seen != tui.screen_changes;
+    const bool is_time = ++state->tick_count > IDLE_TICKS_MAX;
+    state->needs_reload = state->is_idle = has_changed || is_time;
+    if (!is_time)
         return;
     state->tick_count = 0;
     state->loaded_at = tui_clock();
-    state->needs_reload = true;
 }
 
 static void switch_tab(detail_page *state) {
@@ -255,6 +270,7 @@ static void switch_tab(detail_page *state) {
         state->tab == detail_tab::recipients ? detail_tab::history : detail_tab::recipients;
     state->scroll = 0;
     state->needs_reload = true;
+    forget_history(state);
 }
 
 static void remind(detail_page *state, tui_screen *page) {

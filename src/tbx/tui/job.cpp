@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 
@@ -19,8 +20,8 @@ static constexpr int CANNOT_START = 127; // exit status of a child without its d
 // interface waits for it and could not continue it.
 static void set_signals() {
     for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE, SIGCONT})
-        signal(number, SIG_DFL);
-    signal(SIGTSTP, SIG_IGN);
+        (void)signal(number, SIG_DFL); // cannot fail: the signals exist
+    (void)signal(SIGTSTP, SIG_IGN);
 }
 
 [[noreturn]] static void run_child(const tui_job &job, const unique_fd &in, const unique_fd &out) {
@@ -31,20 +32,22 @@ static void set_signals() {
         _exit(CANNOT_START);
     user_times_forget(); // a command is a run of its own
     job();
-    fflush(stdout);
-    fflush(stderr);
+    (void)fflush(stdout); // if the interface does not read any more, nobody does
+    (void)fflush(stderr);
     _exit(0);
 }
 
 // ---- The parent's side --------------------------------------------------------------------
 
 static constexpr int SLOW_AFTER_MS = 500; // without a result: the user is told to wait
-static constexpr int LOOK_AGAIN_MS = 200; // for a request to end just before a wait
+static constexpr int LOOK_AGAIN_MS = 100; // a request to end may come just before a wait
 
 // If the interface is asked to end: how long the command may take to end by itself, and how long
-// after each signal. Together less than a second.
-static constexpr int GRACE_MS = 300;
-static constexpr int DYING_MS = 200;
+// after each of the two signals.
+static constexpr int GRACE_MS = 250;
+static constexpr int DYING_MS = 150;
+static_assert(LOOK_AGAIN_MS + GRACE_MS + 2 * DYING_MS < 750,
+              "the interface ends within a second, and still restores the terminal");
 
 static constexpr int NOT_REAPED = -1; // no wait status has this value
 
@@ -58,7 +61,7 @@ struct started_job {
 static int remaining_wait(int64_t started_ms, const std::function<void()> &waiting) {
     const int64_t slow_in_ms = started_ms + SLOW_AFTER_MS - child_clock_ms();
     if (slow_in_ms > 0)
-        return static_cast<int>(slow_in_ms);
+        return static_cast<int>(std::min<int64_t>(slow_in_ms, LOOK_AGAIN_MS));
     if (waiting)
         waiting();
     return LOOK_AGAIN_MS;
@@ -89,7 +92,7 @@ static void attend_the_end(started_job *job, int *status) {
     if (child_await(job->child, job->pidfd, /*timeout_ms=*/0, status))
         return;
     for (const int number : {SIGTERM, SIGKILL}) {
-        kill(job->child, number); // cannot fail: a child stays ours until it is waited for
+        (void)kill(job->child, number); // cannot fail: a child stays ours until it is waited for
         if (child_await(job->child, job->pidfd, DYING_MS, status))
             return;
     }
@@ -121,8 +124,9 @@ job_result tui_run_command(const tui_job &job, std::string_view input,
     child_pipe from_child;
     if (!child_pipe_open(&to_child) || !child_pipe_open(&from_child))
         return result;
-    fflush(stdout);
-    const tui_signals_ignored ignored; // before the fork, so that no key is missed
+    (void)fflush(stdout);              // what stays buffered must only not be written twice
+    const tui_signals_ignored ignored( // before the fork, so that no key is missed
+        waiting ? tui_signals_ignored::keys : tui_signals_ignored::pipe_only);
     started_job started;
     started.child = fork();
     if (started.child < 0)

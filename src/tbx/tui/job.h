@@ -19,7 +19,8 @@ struct job_result {
 };
 
 // Runs `job` with `input` on its standard input. Output beyond JOB_OUTPUT_MAX_BYTES is dropped.
-//   waiting  called after half a second without a result, and repeatedly from then on; may be empty
+//   waiting  called after half a second without a result, and repeatedly from then on. Empty for a
+//            command that the user has not asked for: then Ctrl+C means the interface too
 // If the interface is asked to end, the child gets a moment to end by itself, then SIGTERM, then
 // SIGKILL.
 [[nodiscard]] job_result tui_run_command(const tui_job &job, std::string_view input,

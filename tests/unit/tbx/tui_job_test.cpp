@@ -289,7 +289,16 @@ TEST(TuiJob, CtrlCEndsItAndCtrlZDoesNotStopIt) {
 }
 
 TEST(TuiJob, TheInterfaceIgnoresBothKeysMeanwhile) {
-    EXPECT_EQ(run(print_parents_signals, "").output, "11");
+    const auto seen = [](const std::function<void()> &waiting) {
+        const job_result result =
+            tui_run_command([] { print_parents_signals(nullptr); }, {}, waiting);
+        return std::string(result.output.view());
+    };
+    EXPECT_EQ(seen([] {}), "11");
+}
+
+TEST(TuiJob, NobodyAskedForLeavesBothKeysToTheInterface) {
+    EXPECT_EQ(run(print_parents_signals, "").output, "00");
 }
 
 // ---- Asked to end meanwhile ---------------------------------------------------------------
