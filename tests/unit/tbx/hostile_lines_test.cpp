@@ -60,7 +60,7 @@ std::string own_name() {
 std::vector<std::string> lines_of_pairs() {
     static constexpr size_t LINE_BYTES = 36;
     std::vector<std::string> lines;
-    for (int first = 0; first < BYTES; first++) {
+    for (const int first : first_bytes()) {
         lines.emplace_back();
         for (int second = 0; second < BYTES; second++) {
             const std::string pair = pair_of(first, second);

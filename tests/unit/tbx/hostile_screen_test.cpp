@@ -66,7 +66,7 @@ INSTANTIATE_TEST_SUITE_P(WithAndWithoutColour, HostileScreen, testing::Bool());
 
 TEST_P(HostileScreen, EveryPairIsHarmlessInTheRowsOfTheList) {
     screen_size(120, BYTES + 7);
-    for (int first = 0; first < BYTES; first++) {
+    for (const int first : first_bytes()) {
         message_list list;
         for (int second = 0; second < BYTES; second++)
             list.rows.push_back(row_of(pair_of(first, second), pair_of(first, second)));
@@ -78,7 +78,7 @@ TEST_P(HostileScreen, EveryPairIsHarmlessInTheRowsOfTheList) {
 
 TEST_P(HostileScreen, EveryPairIsHarmlessThatBeginsInTheTitleAndEndsInTheText) {
     screen_size(80, BYTES + 7);
-    for (int first = 0; first < BYTES; first++) {
+    for (const int first : first_bytes()) {
         message_list list;
         for (int second = 0; second < BYTES; second++) {
             const std::string pair = pair_of(first, second);
@@ -122,7 +122,7 @@ TEST_P(HostileScreen, EveryPairIsHarmlessInTheTextThatIsSearched) {
 // What a command printed, and the title of a message.
 TEST_P(HostileScreen, EveryPairIsHarmlessInABox) {
     screen_size(100, BYTES + 9);
-    for (int first = 0; first < BYTES; first++) {
+    for (const int first : first_bytes()) {
         strlist body;
         std::string title;
         for (int second = 0; second < BYTES; second++) {
@@ -142,7 +142,7 @@ TEST_P(HostileScreen, EveryPairIsHarmlessInABox) {
 // An editor can bring back any bytes.
 TEST_P(HostileScreen, EveryPairIsHarmlessInTheTextOfTheForm) {
     screen_size(80, BYTES + 16);
-    for (int first = 0; first < BYTES; first++) {
+    for (const int first : first_bytes()) {
         std::string text;
         for (int second = 0; second < BYTES; second++)
             text += pair_of(first, second) + "\n";

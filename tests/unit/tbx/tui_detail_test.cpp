@@ -4,8 +4,6 @@
 
 #include <gmock/gmock.h>
 
-#include <thread>
-
 using testing::HasSubstr;
 using testing::Not;
 
@@ -188,14 +186,13 @@ TEST(DetailView, AMessageThatGoesWhileShownIsLeftAtTheNextReload) {
     const child_result child = run_in_child([&] {
         const typed_bytes typed("", /*stays_open=*/true);
         tui.input.fd = typed.reader.get();
-        std::thread purger([&] {
+        const bystander purger([&] {
             while (lseek(STDOUT_FILENO, 0, SEEK_CUR) == 0)
                 usleep(1000); // until the view is shown, which nothing tells
             std::filesystem::remove(state.path("sent/7/recipients"));
             typed.type("\t");
         });
         detail_view(7); // or this waits for ever
-        purger.join();
     });
     EXPECT_EQ(child.exit_status, 0);
     EXPECT_THAT(last_frame(child.out), HasSubstr("Message 7"));

@@ -8,11 +8,12 @@
 #include "tbx/tui/text.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 // The tests read keys without having started a session. A question takes an answer at once.
@@ -103,6 +104,30 @@ template <typename Body> child_result run_with_keys(std::string_view keys, Body 
     return dialogs;
 }
 
+// Runs `body` in a process of its own as long as this object lives: somebody who acts while the
+// interface runs. A thread could hold a lock of the allocator at the moment when the interface
+// forks; its child would wait for that lock for ever.
+class bystander {
+public:
+    template <typename Body> explicit bystander(Body &&body) : pid_(fork()) {
+        if (pid_ < 0)
+            throw_errno("fork");
+        if (pid_ == 0) {
+            body();
+            _exit(0);
+        }
+    }
+    bystander(const bystander &) = delete;
+    bystander &operator=(const bystander &) = delete;
+    ~bystander() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+
+private:
+    pid_t pid_;
+};
+
 // The same in steps: each but the first is typed when one more dialog stands on the screen.
 template <typename Body>
 child_result run_with_steps(const std::vector<std::string> &steps, Body &&body) {
@@ -110,27 +135,15 @@ child_result run_with_steps(const std::vector<std::string> &steps, Body &&body) 
         typed_bytes typed(steps.front(), /*stays_open=*/true);
         tui.input = {};
         tui.input.fd = typed.reader.get();
-        std::thread typist([&] {
+        const bystander typist([&] {
             for (size_t step = 1; step < steps.size(); step++) {
                 while (dialogs_written() < step)
                     usleep(1000);
                 typed.type(steps[step]);
             }
-            typed.writer.reset();
         });
-        const auto done = [&] {
-            typist.join();
-            fflush(nullptr);
-        };
-        if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
-            body();
-            done();
-            return 0;
-        } else {
-            const int status = body();
-            done();
-            return status;
-        }
+        typed.writer.reset(); // the last one ends with the typist
+        return body();
     });
 }
 
