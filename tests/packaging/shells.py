@@ -82,7 +82,9 @@ def zsh(env, completions=None, enter=()):
 
 
 def fish(env, completions=None, enter=()):
-    return Shell([*enter, "fish", "-i"], {**env, **data_folders(completions)}, [
+    # Without this folder fish reads every manual page of the machine at its first start.
+    start = "mkdir -p ~/.local/share/fish/generated_completions; exec fish -i"
+    return Shell([*enter, "sh", "-c", start], {**env, **data_folders(completions)}, [
         "set -g fish_greeting; set -g fish_autosuggestion_enabled 0",
         "bind \\cg 'echo \"«\"(commandline)\"»\"'",
         "bind \\cl 'echo; complete -C (commandline) | string replace -r \"\\t.*\" \"\"'",

@@ -15,6 +15,9 @@ from harness.user_program import (
 
 QUESTION = "I have read it [r]   Later [l]   Quit [q]"
 GUARD_SECONDS = 0.7
+# Where the last is missing, fish reads every manual page of the machine at its first start.
+FISH_COMPLETIONS = [".local", ".local/share", ".local/share/fish",
+                    ".local/share/fish/generated_completions"]
 
 ESCAPES = re.compile(rb"\x1b\[[0-9;?>=]*[ -/]*[@-~]|\x1b\][^\x07\x1b]*(\x07|\x1b\\)|\x1b[=>()78kM][B0]?")
 
@@ -56,12 +59,19 @@ class UserMachine(Machine):
             if user != "root" and not home.is_dir():
                 home.mkdir(parents=True)
                 os.chown(home, uid, uid)
+                for folder in FISH_COMPLETIONS:
+                    self._make_own_folder(home / folder, uid)
         self.write("/etc/passwd", "".join(
             f"{name}:x:{uid}:{gid}:{name}:{self.home_name(name)}:{shell}\n"
             for name, (uid, gid, shell) in self._users.items()))
         self.write("/etc/group", "".join(
             f"{name}:x:{gid}:{','.join(members)}\n"
             for name, (gid, members) in self._groups.items()))
+
+    @staticmethod
+    def _make_own_folder(path, uid):
+        path.mkdir()
+        os.chown(path, uid, uid)
 
     def write_home(self, user, name, text):
         path = self.home(user) / name

@@ -196,7 +196,7 @@ TEST(TuiDropInput, OfATerminalThatIsGoneEnds) {
 TEST(TuiSignals, AreIgnoredForAsLongAsTheObjectLives) {
     const child_result child = run_in_child([] {
         {
-            const tui_signals_ignored ignored;
+            const tui_signals_ignored ignored(tui_signals_ignored::keys);
             raise(SIGINT);
             raise(SIGTSTP);
             puts("ignored");
