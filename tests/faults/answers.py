@@ -6,6 +6,7 @@ once the command was repeated.
 """
 
 import os
+import pty
 import re
 import shutil
 import time
@@ -15,7 +16,7 @@ from dataclasses import dataclass
 
 from harness.machine import Machine
 from harness.store import message_file, tree
-from harness.user_program import TELLBOX, deliver, install_user_program
+from harness.user_program import PROGRAM, TELLBOX, deliver, install_user_program
 from rules import require
 from tracing import KILLED, LOG, StoppedRun, install_tracer, run_traced
 from trials import PROBLEMS, Tally
@@ -26,6 +27,7 @@ COPY = message_file(ID)
 ANSWER = re.compile(rb"\d{10} (terminal|desktop)\n")
 MARKS = {b"shown\n", b"postponed\n"}
 AS_USER = {"program": TELLBOX, "user": USER}
+BANNER = "── Tellbox · "
 TEMPORARY = re.compile(r"(acks/\.7|state/\.7\.(term|gui))(\.\d+-\d+)?\.tmp")
 
 
@@ -72,16 +74,30 @@ class AnswerCase:
     command: tuple
     furnish: Callable
 
+    @property
+    def is_prompt(self):
+        """Whether a shell's hook runs it, which reads its exit status."""
+        return self.command[0] == "prompt"
+
+    @property
+    def needs_terminal(self):
+        return self.command[0] in ("prompt", "show")
+
     def __str__(self):
         return f"{' '.join(self.command)}, {self.furnish.__name__.replace('_', ' ')}"
 
 
-CASES = [AnswerCase(*case) for case in (
+EVERY_DAY = [AnswerCase(*case) for case in (
     (("read", "7"), waiting), (("read", "7"), waiting_without_folders), (("read", "7"), answered),
     (("read", "7"), left_by_a_kill), (("read", "7"), shown_lately), (("read",), shown_lately),
     (("later", "7"), waiting), (("later", "7"), shown_lately), (("later", "7"), shown_long_ago),
     (("later", "7"), waiting_without_folders),
-    (("read",), waiting), (("read",), shown_long_ago), (("list",), left_by_a_kill))]
+    (("read",), waiting), (("read",), shown_long_ago), (("list",), left_by_a_kill),
+    (("show", "7"), waiting), (("prompt", USER, "0"), waiting),
+    (("prompt", USER, "0"), left_by_a_kill), (("prompt", USER, "0"), shown_lately))]
+CASES = EVERY_DAY + [AnswerCase(*case) for case in (
+    (("prompt", USER, "0"), waiting_without_folders), (("prompt", USER, "0"), shown_long_ago),
+    (("show", "7"), shown_long_ago), (("read",), left_by_a_kill), (("later",), shown_lately))]
 
 
 # ---- The bench ----------------------------------------------------------------------------
@@ -98,6 +114,8 @@ class AnswerBench:
         for log in (LOG, f"{LOG}.stopped"):
             self.machine.path(log).touch()
             self.machine.path(log).chmod(0o666)
+        self._master, self._slave = pty.openpty()
+        os.set_blocking(self._master, False)
         self.fresh()
         self.calls = self.run_traced().calls
 
@@ -105,10 +123,35 @@ class AnswerBench:
         """What else the machine needs."""
 
     def run_traced(self, fault=None):
-        return run_traced(self.machine, *self.case.command, fault=fault, **AS_USER)
+        return run_traced(self.machine, *self.case.command, fault=fault, **self.options())
 
     def close(self):
+        os.close(self._master)
+        os.close(self._slave)
         self.machine.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def options(self):
+        """How the case's command is run."""
+        if not self.case.needs_terminal:
+            return AS_USER
+        program = PROGRAM if self.case.is_prompt else TELLBOX
+        return {**AS_USER, "program": program, "stdout": self._slave, "env": {"TERM": "xterm"}}
+
+    def on_screen(self):
+        """What came to the terminal since the last call."""
+        text = b""
+        try:
+            while chunk := os.read(self._master, 65536):
+                text += chunk
+        except BlockingIOError:
+            pass  # that is all
+        return text.decode("utf-8", "replace")
 
     def fresh(self):
         """The mailbox anew; what it began with."""
@@ -134,8 +177,10 @@ class AnswerBench:
         tally = Tally(tried=1)
         try:
             before = self.fresh()
+            self.on_screen()
             run = self.run_traced(fault)
             judge = AnswerJudge(before, run, fault)
+            judge.check_shown(self.case, self.files(), self.on_screen())
             if fault and not run.met(fault):
                 tally.missed = 1
             at_once, told = self.files(), self.events()
@@ -186,10 +231,35 @@ class AnswerJudge:
         copies = {f"inbox/{ID}", f"read/{ID}"} & files.keys()
         require(len(copies) == 1, f"copies: {copies}")
 
+    def check_shown(self, case, files, screen):
+        """What a terminal saw, what was marked, and when a shell looks again."""
+        status = self._run.status
+        is_killed = status == KILLED and self._kills
+        if not case.is_prompt:
+            require(status in (0, 1) or is_killed, f"{self._run.result}")
+        if not case.needs_terminal:
+            return
+        name = f"state/{ID}.term"
+        is_shown = BANNER in screen
+        is_new = name in files and files[name] != self._before.get(name)
+        require(is_shown or not is_new, "marked, and nobody has seen it")
+        if is_killed or not case.is_prompt:
+            return
+        require(1 <= status <= 120 or 193 <= status <= 214, f"{self._run.result}")
+        if is_shown and name not in files:
+            require(193 <= status <= 213, f"a shell would show it again at once: {status}")
+        if not is_shown and self._is_due:
+            require(status in (1, 214) or 61 <= status <= 120, f"nothing seen, and {status}")
+
+    @property
+    def _is_due(self):
+        name = f"state/{ID}.term"
+        is_marked = name in self._before and self._before[name][1] == b"shown\n"
+        return f"acks/{ID}" not in self._before and not is_marked
+
     def check_at_once(self, files, events):
         run = self._run
         self.check_shape(files)
-        require(run.status in (0, 1) or (run.status == KILLED and self._kills), f"{run.result}")
         lines = run.stderr.splitlines()
         whole = all(call.succeeded for call in run.calls if call.path in ("stdout", "stderr"))
         require(not whole or all(line.startswith("tellbox: ") for line in lines), run.stderr)
@@ -227,10 +297,13 @@ class AnswerJudge:
 
 # ---- Two at once --------------------------------------------------------------------------
 
-OTHERS = {"read": ("read", "7"), "later": ("later", "7"), "revoke": None, "remind": None,
-          "purge": None, "recovery": None}
+OTHERS = {"read": ("read", "7"), "later": ("later", "7"),
+          "revoke": ("revoke", "7"), "remind": ("remind", "7"), "purge": ("purge", "1d"),
+          "recovery": ("list",)}
+OF_USER = ("read", "later")
 FIRST = {"read": AnswerCase(("read", "7"), waiting), "later": AnswerCase(("later", "7"), waiting),
-         "tidying": AnswerCase(("list",), left_by_a_kill)}
+         "tidying": AnswerCase(("list",), left_by_a_kill),
+         "prompt": AnswerCase(("prompt", USER, "0"), waiting)}
 
 
 def stops(calls):
@@ -238,18 +311,21 @@ def stops(calls):
     return [call for call in calls if call.succeeded and (call.changes or call.name == "flock")]
 
 
-def run_administrator(machine, verb):
-    """What the administrator's command does in the mailbox, without any lock."""
-    box = machine.store.mailbox(USER)
-    names = {"revoke": ("inbox/7", "state/7.term", "state/7.gui"),
-             "remind": ("state/7.term", "state/7.gui"),
-             "purge": ("inbox/7", "read/7", "acks/7", "state/7.term", "state/7.gui")}
-    if verb == "recovery":
-        if not (box / "read/7").exists() and not (box / "acks/7").exists():
-            deliver(machine, ID)
-        return
-    for name in names[verb]:
-        (box / name).unlink(missing_ok=True)
+def make_sent(machine, second):
+    """The administrator's side of the message, as far as the second command needs it."""
+    is_sending = second == "recovery"
+    machine.store.make_message(ID, to=(USER,), markers=("incomplete",) if is_sending else (),
+                               delivered=() if is_sending else ((USER, 1790000000, 0),))
+
+
+def run_second(bench, second):
+    """Runs the second command to its end, as its own user; returns its Result."""
+    if second in OF_USER:
+        return bench.run(*OTHERS[second])
+    result = bench.machine.run(*OTHERS[second])
+    may_fail = second == "remind"  # of a mailbox without the message's recipient: all confirmed
+    require(result.status == 0 or may_fail, f"{second}: {result}")
+    return None
 
 
 def try_together(bench, second, call):
@@ -257,17 +333,15 @@ def try_together(bench, second, call):
     tally = Tally(tried=1)
     try:
         before = bench.fresh()
-        stopped = StoppedRun(bench.machine, call, *bench.case.command, **AS_USER)
+        make_sent(bench.machine, second)
+        stopped = StoppedRun(bench.machine, call, *bench.case.command, **bench.options())
         if not stopped.has_stopped:
             tally.missed = 1
             return tally
-        other = None
-        if OTHERS[second]:
-            other = bench.run(*OTHERS[second])
-        else:
-            run_administrator(bench.machine, second)
+        other = run_second(bench, second)
         first = stopped.go_on()
-        check_together(bench, before, second, [run for run in (first.result, other) if run])
+        runs = [run for run in (None if bench.case.is_prompt else first.result, other) if run]
+        check_together(bench, before, second, runs)
         tally.outcomes["done"] += 1
     except PROBLEMS as problem:
         tally.failed.append((f"{bench.case}, stopped before {call}, meanwhile {second}",
@@ -286,6 +360,9 @@ def check_together(bench, before, second, runs):
     require(events["POSTPONED"] == postponed, f"{events}: {runs}")
     new = 0 if f"acks/{ID}" in before and f"inbox/{ID}" not in before else 1
     require(events["CONFIRMED"] <= new, f"{events}: {runs}")
+    if second != "purge":
+        status = bench.machine.run("status", str(ID)).stdout
+        require(("confirmed on" in status) == (f"acks/{ID}" in files), status)
     if second in ("revoke", "purge"):
         require(f"inbox/{ID}" not in files, f"withdrawn, and there is {sorted(files)}")
         require(events["CONFIRMED"] >= confirmed, f"{events}: {runs}")

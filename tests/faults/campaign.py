@@ -5,6 +5,7 @@ import signal
 from collections import Counter
 from dataclasses import dataclass, field
 
+import answers
 from cases import CASES
 from together import PAIRS, stops, try_pair
 from trials import Bench, Tally, failures, kills, without_repeats
@@ -37,6 +38,9 @@ class Task:
 
 def points_of(kind, name):
     """The points of a case or pair, as an undisturbed run has its calls."""
+    if kind in ANSWERS:
+        with answers.AnswerBench(_binary, _answer_case(kind, name)) as bench:
+            return list(ANSWERS[kind](bench.calls))
     case = _pair(name).case if kind == "together" else CASES[name]
     with Bench(_binary, case) as bench:
         if kind == "together":
@@ -50,8 +54,20 @@ def _pair(name):
     return next(pair for pair in PAIRS if str(pair) == name)
 
 
+ANSWERS = {"answer-kill": kills, "answer-error": failures, "answer-together": answers.stops}
+ANSWER_CASES = {str(case): case for case in answers.CASES}
+ANSWER_PAIRS = {f"{first}, meanwhile {second}": (first, second)
+                for first in answers.FIRST for second in answers.OTHERS}
+
+
+def _answer_case(kind, name):
+    return answers.FIRST[ANSWER_PAIRS[name][0]] if kind == "answer-together" else \
+        ANSWER_CASES[name]
+
+
 def names_of(kind):
-    return {"kill": CASES, "error": CASES, "twice": TWICE,
+    return {"answer-kill": ANSWER_CASES, "answer-error": ANSWER_CASES,
+            "answer-together": ANSWER_PAIRS, "kill": CASES, "error": CASES, "twice": TWICE,
             "together": list(map(str, PAIRS))}[kind]
 
 
@@ -61,6 +77,10 @@ KINDS = {
     "twice": "Killed, and the next command killed at every call of its own",
     "together": "Standing still before every call that changes something, while another command "
                 "runs",
+    "answer-kill": "A recipient's command, killed at every call that changes something",
+    "answer-error": "A recipient's command, every call failing with every error that it can have",
+    "answer-together": "A recipient's command, standing still before every call that changes "
+                       "something, while another command runs",
 }
 
 
@@ -72,7 +92,21 @@ def tasks_of(kind, name):
             for start in range(0, len(points), size)]
 
 
+def run_answer_task(task):
+    total = Tally()
+    with answers.AnswerBench(_binary, _answer_case(task.kind, task.name)) as bench:
+        for point in task.points:
+            if task.kind == "answer-together":
+                second = ANSWER_PAIRS[task.name][1]
+                total.add(answers.try_together(bench, second, point))
+            else:
+                total.add(bench.try_fault(point))
+    return task, total
+
+
 def run_task(task):
+    if task.kind in ANSWERS:
+        return run_answer_task(task)
     total = Tally()
     case = _pair(task.name).case if task.kind == "together" else CASES[task.name]
     seen = set()

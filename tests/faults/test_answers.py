@@ -1,7 +1,7 @@
 """The recipients' answers: killed, refused and held up at every call."""
 
 import pytest
-from answers import CASES, FIRST, OTHERS, AnswerBench, stops, try_together
+from answers import EVERY_DAY, FIRST, OF_USER, OTHERS, AnswerBench, stops, try_together
 from short_form import chosen_failures
 from trials import Tally, kills
 
@@ -20,7 +20,7 @@ def new_answer_bench(binary):
         bench.close()
 
 
-@pytest.mark.parametrize("case", CASES, ids=str)
+@pytest.mark.parametrize("case", EVERY_DAY, ids=str)
 def test_no_answer_is_lost_or_made_up_wherever_the_command_is_killed(new_answer_bench, case):
     bench = new_answer_bench(case)
     tally = bench.try_fault()
@@ -30,7 +30,7 @@ def test_no_answer_is_lost_or_made_up_wherever_the_command_is_killed(new_answer_
     assert tally.tried > 1
 
 
-@pytest.mark.parametrize("case", CASES, ids=str)
+@pytest.mark.parametrize("case", EVERY_DAY, ids=str)
 def test_no_answer_is_lost_or_made_up_whichever_call_fails(new_answer_bench, case):
     bench = new_answer_bench(case)
     tally = Tally()
@@ -45,7 +45,7 @@ def test_no_answer_is_lost_or_made_up_whichever_call_fails(new_answer_bench, cas
 def test_whoever_answers_or_withdraws_meanwhile_does_no_harm(new_answer_bench, first, second):
     bench = new_answer_bench(FIRST[first])
     points = stops(bench.calls)
-    if OTHERS[second]:  # each waits for the lock of the one that stands still
+    if second in OF_USER:  # each waits for the lock of the one that stands still
         points = points[::max(len(points) // 3, 1)]
     tally = Tally()
     for point in points:
