@@ -118,7 +118,7 @@ static int read_entry(const unique_fd &folder, const std::string &name, size_t m
     }
     // Most files are much smaller than the limit. One byte more shows that nothing follows.
     constexpr size_t GROWTH_BYTES = 4096;
-    size_t room = static_cast<size_t>(std::min<uintmax_t>(status->st_size, max)) + 1;
+    size_t room = static_cast<size_t>(std::min(status->st_size, static_cast<off_t>(max))) + 1;
     for (; text->len < max; room = GROWTH_BYTES) {
         const size_t wanted = std::min(room, max - text->len);
         strbuf_reserve(text, wanted);

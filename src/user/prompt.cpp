@@ -101,7 +101,7 @@ static std::string framed(const waiting_message &waiting, size_t rows, int colum
     constexpr size_t HEADLINE_ROWS_MAX = 3;
     const size_t headline_rows = std::clamp<size_t>(rows / 3, 1, HEADLINE_ROWS_MAX);
     message_record cut = with_short_title(waiting.message, headline_rows, columns);
-    const std::string whole = banner_of(cut);
+    std::string whole = banner_of(cut);
     if (rows_of(whole, columns) <= rows)
         return whole;
     const std::string note =
