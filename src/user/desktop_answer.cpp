@@ -57,7 +57,7 @@ static answer_outcome record(const std::string &owner, int64_t id, desktop_answe
 }
 
 answer_outcome record_answer(const std::string &owner, int64_t id, desktop_answer given) {
-    const answer_outcome outcome = record(owner, id, given);
+    answer_outcome outcome = record(owner, id, given);
     if (outcome.what == kind::failed)
         warn(_("the answer to message %lld could not be saved: %s"), static_cast<long long>(id),
              outcome.reason.c_str());

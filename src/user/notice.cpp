@@ -41,13 +41,11 @@ notice make_notice(const message_record &message, bool has_window) {
         return made;
     }
     const std::string whole = with_title(message, text);
-    const bool is_whole = text_character_count(whole.c_str()) <= WHOLE_TEXT_MAX_CHARACTERS;
-    const std::string answer = _("Answer in a terminal with: tellbox");
-    made.body = first_characters(whole, WHOLE_TEXT_MAX_CHARACTERS) + "\n" + answer;
-    if (is_whole) {
-        made.drawn_body = whole;
+    // Some services say that they draw actions and draw none: the text always tells how to answer.
+    made.body = first_characters(whole, WHOLE_TEXT_MAX_CHARACTERS) + "\n" +
+                _("Answer in a terminal with: tellbox");
+    if (text_character_count(whole.c_str()) <= WHOLE_TEXT_MAX_CHARACTERS)
         made.drawn_actions.emplace_back("read", _("I have read it"));
-    }
     made.drawn_actions.emplace_back("later", _("Later"));
     made.answers = {"read", "later"};
     return made;

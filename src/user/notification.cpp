@@ -214,13 +214,12 @@ static int append_actions(sd_bus_message *call, int64_t id, const action_list &a
 }
 
 // Makes a call of Notify; empty if that fails.
-static unique_bus_message new_notify(sd_bus *bus, const notice &shown, const std::string &body,
-                                     const action_list &actions, uint8_t urgency,
-                                     int32_t timeout_ms) {
+static unique_bus_message new_notify(sd_bus *bus, const notice &shown, const action_list &actions,
+                                     uint8_t urgency, int32_t timeout_ms) {
     unique_bus_message call = new_call(bus, SERVICE, SERVICE_PATH, SERVICE, "Notify");
     if (!call ||
         sd_bus_message_append(call.get(), "susss", "Tellbox", NO_NUMBER, "dialog-information",
-                              shown.summary.c_str(), notification_escape(body).c_str()) < 0 ||
+                              shown.summary.c_str(), notification_escape(shown.body).c_str()) < 0 ||
         append_actions(call.get(), shown.id, actions) < 0 ||
         sd_bus_message_append(call.get(), "a{sv}i", 1, "urgency", "y", urgency, timeout_ms) < 0)
         return nullptr;
@@ -234,10 +233,8 @@ void notifier::notify(bool draws_actions) {
     offered_.clear();
     for (const auto &[name, label] : actions)
         offered_.push_back(name);
-    const std::string &body =
-        draws_actions && wanted_.drawn_body ? *wanted_.drawn_body : wanted_.body;
     const unique_bus_message call =
-        new_notify(bus_, wanted_, body, actions, URGENCY_CRITICAL, NEVER_EXPIRES);
+        new_notify(bus_, wanted_, actions, URGENCY_CRITICAL, NEVER_EXPIRES);
     if (!call || !send_call(bus_, &call_, call.get(), on_notified, this, NOTIFY_KEPT_MS))
         call_.reset();
 }
@@ -245,8 +242,7 @@ void notifier::notify(bool draws_actions) {
 void notifier::say(const notice &news) {
     if (bus_ == nullptr)
         return;
-    const unique_bus_message call =
-        new_notify(bus_, news, news.body, {}, URGENCY_NORMAL, SERVICE_S_OWN_TIME);
+    const unique_bus_message call = new_notify(bus_, news, {}, URGENCY_NORMAL, SERVICE_S_OWN_TIME);
     if (call && sd_bus_message_set_expect_reply(call.get(), 0) >= 0)
         (void)sd_bus_send(bus_, call.get(), nullptr); // only the notification is lost
 }

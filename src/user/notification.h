@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,9 +25,8 @@ struct notice {
     // Names of actions and their labels, for every service; the message's number is added to the
     // names before they are sent.
     std::vector<std::pair<std::string, std::string>> actions;
-    // More actions, and another text, for a service that reports that it shows actions.
+    // More actions, for a service that reports that it shows actions.
     std::vector<std::pair<std::string, std::string>> drawn_actions;
-    std::optional<std::string> drawn_body;
     // Names of those of them that answer: they count only after the guard's time.
     std::vector<std::string> answers;
 };

@@ -31,18 +31,13 @@ TEST(Notice, LeadsToTheWindow) {
 
 TEST(Notice, WithoutAWindowAsksOnlyIfTheTextIsWhole) {
     const notice whole = make_notice(message(std::string(400, 'x')), /*has_window=*/false);
-    EXPECT_EQ(whole.drawn_body, std::string(400, 'x'));
+    EXPECT_EQ(whole.body, std::string(400, 'x') + "\nAnswer in a terminal with: tellbox");
     EXPECT_THAT(whole.answers, ElementsAre("read", "later"));
     EXPECT_THAT(whole.drawn_actions,
                 ElementsAre(Pair("read", "I have read it"), Pair("later", "Later")));
     const notice cut = make_notice(message(std::string(401, 'x')), /*has_window=*/false);
-    EXPECT_EQ(cut.drawn_body, std::nullopt);
     EXPECT_THAT(cut.drawn_actions, ElementsAre(Pair("later", "Later")));
     EXPECT_EQ(cut.body, std::string(400, 'x') + "…\nAnswer in a terminal with: tellbox");
-}
-
-TEST(Notice, OfAnEmptyMessageThatCanBeAnsweredNamesNoOtherWay) {
-    EXPECT_EQ(make_notice(message(""), /*has_window=*/false).drawn_body, "");
 }
 
 TEST(Notice, CountsTheTitleAsPartOfTheText) {
