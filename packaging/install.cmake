@@ -61,6 +61,33 @@ make_user_file(_tellbox zsh)
 make_user_file(tellbox.fish fish)
 make_user_file(tellbox.sh profile)
 make_user_file(hook.fish fish-hook)
+
+# The words of the recipients' programs in other languages: a catalogue and a manual page for each
+# po/LANGUAGE.po. They lie as they are installed, so that the manual page is made with them.
+find_program(MSGFMT msgfmt REQUIRED)
+set(CATALOGUES ${PACKAGING_OUT}/catalogues)
+file(GLOB translations CONFIGURE_DEPENDS po/*.po)
+set(languages)
+foreach(translation IN LISTS translations)
+  get_filename_component(language ${translation} NAME_WE)
+  list(APPEND languages ${language})
+  set(catalogue ${CATALOGUES}/share/locale/${language}/LC_MESSAGES/tellbox-user.mo)
+  set(page ${CATALOGUES}/share/man/${language}/man1/tellbox.1)
+  get_filename_component(catalogue_folder ${catalogue} DIRECTORY)
+  get_filename_component(page_folder ${page} DIRECTORY)
+  file(MAKE_DIRECTORY ${catalogue_folder} ${page_folder})
+  add_custom_command(OUTPUT ${catalogue}
+    COMMAND ${MSGFMT} --check --output-file=${catalogue} ${translation}
+    DEPENDS ${translation}
+    COMMENT "Writing the catalogue of ${language}" VERBATIM)
+  add_custom_command(OUTPUT ${page}
+    COMMAND ${CMAKE_COMMAND} -E env TBX_TEST=1 TBX_LIB=${CATALOGUES}/lib/tellbox LC_ALL=C.UTF-8
+            LANGUAGE=${language} $<TARGET_FILE:tellbox-user-files> man ${RELEASE_DATE} > ${page}
+    DEPENDS tellbox-user-files ${catalogue}
+    COMMENT "Writing the manual page in ${language}" VERBATIM)
+  list(APPEND user_files_made ${catalogue} ${page})
+endforeach()
+
 add_custom_target(user_files ALL DEPENDS ${user_files_made})
 
 # ---- Installing and uninstalling ------------------------------------------------------------
@@ -93,6 +120,13 @@ install_folders(tellbox-user bin lib/tellbox lib/systemd/user/graphical-session.
   share/man/man1 share/bash-completion/completions share/zsh/site-functions)
 install(TARGETS tellbox-user RUNTIME DESTINATION lib/tellbox ${USER_SIDE})
 install(FILES ${USER_FILES}/tellbox.1 DESTINATION share/man/man1 ${USER_SIDE})
+foreach(language IN LISTS languages)
+  install_folders(tellbox-user share/locale/${language}/LC_MESSAGES share/man/${language}/man1)
+  install(FILES ${CATALOGUES}/share/locale/${language}/LC_MESSAGES/tellbox-user.mo
+    DESTINATION share/locale/${language}/LC_MESSAGES ${USER_SIDE})
+  install(FILES ${CATALOGUES}/share/man/${language}/man1/tellbox.1
+    DESTINATION share/man/${language}/man1 ${USER_SIDE})
+endforeach()
 install(FILES ${USER_FILES}/tellbox.bash RENAME tellbox
   DESTINATION share/bash-completion/completions ${USER_SIDE})
 install(FILES ${USER_FILES}/_tellbox DESTINATION share/zsh/site-functions ${USER_SIDE})

@@ -9,8 +9,8 @@
 static void print_page(const char *date) {
     printf(".TH TBX 1 %s \"tbx " TBX_VERSION "\" \"tbx manual\"\n", date);
     printf(".nh\n.ad l\n");
-    roff_print_name(MANUAL_NAME_LINE);
-    roff_print_synopsis(GUIDE_SYNOPSIS);
+    roff_print_name("NAME", MANUAL_NAME_LINE);
+    roff_print_synopsis("SYNOPSIS", GUIDE_SYNOPSIS);
     roff_print_section("DESCRIPTION");
     roff_print_text(GUIDE_DESCRIPTION);
     roff_print_table("COMMANDS", GUIDE_COMMANDS);

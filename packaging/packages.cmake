@@ -104,10 +104,15 @@ set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
   /etc /etc/profile.d /etc/xdg /etc/xdg/autostart /usr/local /usr/local/bin /usr/local/lib
   /usr/local/lib/systemd /usr/local/lib/systemd/user /usr/local/share
   /usr/local/share/bash-completion /usr/local/share/bash-completion/completions
-  /usr/local/share/doc /usr/local/share/fish /usr/local/share/fish/vendor_completions.d
+  /usr/local/share/doc /usr/local/share/locale /usr/local/share/fish /usr/local/share/fish/vendor_completions.d
   /usr/local/share/man /usr/local/share/man/man1 /usr/local/share/zsh
   /usr/local/share/zsh/site-functions /usr/share /usr/share/fish
   /usr/share/fish/vendor_completions.d /usr/share/fish/vendor_conf.d)
+foreach(language IN LISTS languages)
+  list(APPEND CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
+    /usr/local/share/locale/${language} /usr/local/share/locale/${language}/LC_MESSAGES
+    /usr/local/share/man/${language} /usr/local/share/man/${language}/man1)
+endforeach()
 # CPack knows no weak dependency but "Suggests".
 set(CPACK_RPM_SPEC_MORE_DEFINE
   "%define _buildhost localhost

@@ -80,7 +80,7 @@ void roff_print_text(std::string_view text) {
 }
 
 void roff_print_section(const char *name) {
-    printf(".SH %s\n", name);
+    printf(".SH %s\n", roff_text(name).c_str());
 }
 
 void roff_print_table(const char *section, std::span<const char *const> items) {
@@ -95,16 +95,16 @@ void roff_print_table(const char *section, std::span<const char *const> items) {
 }
 
 // man(1) and whatis(1) find the page by this form of the line.
-void roff_print_name(std::string_view line) {
+void roff_print_name(const char *heading, std::string_view line) {
     const size_t separator = line.find(NAME_SEPARATOR);
     const std::string_view purpose = line.substr(separator + NAME_SEPARATOR.size());
-    roff_print_section("NAME");
+    roff_print_section(heading);
     printf("%s \\-\n", roff_text(line.substr(0, separator)).c_str());
     roff_print_text(purpose);
 }
 
-void roff_print_synopsis(std::span<const char *const> lines) {
-    roff_print_section("SYNOPSIS");
+void roff_print_synopsis(const char *heading, std::span<const char *const> lines) {
+    roff_print_section(heading);
     const char *line_break = "";
     for (const std::string_view line : lines) {
         const size_t word = std::min(line.find(' '), line.size());

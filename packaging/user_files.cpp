@@ -2,11 +2,13 @@
 //
 //   tellbox-user-files KIND [DATE]
 //
-//   man DATE           the manual page of tellbox
+//   man DATE           the manual page of tellbox, in the language of the environment
 //   bash, zsh, fish    the completions
 //   profile            /etc/profile.d/tellbox.sh
 //   fish-hook          the hook in fish's vendor folder
+#include "common/environment.h"
 #include "common/style.h"
+#include "common/texts.h"
 #include "roff.h"
 #include "user/help.h"
 #include "user/shell.h"
@@ -17,20 +19,30 @@
 
 static constexpr const char *PROGRAM = "/usr/local/lib/tellbox/tellbox-user";
 
+static std::vector<const char *> translated(help_table items) {
+    std::vector<const char *> texts;
+    texts.reserve(items.size());
+    for (const char *item : items)
+        texts.push_back(_(item));
+    return texts;
+}
+
+// In the language of the environment, as the program itself.
 static void print_man_page(const char *date) {
-    printf(".TH TELLBOX 1 %s \"tellbox " TBX_VERSION "\" \"tellbox manual\"\n", date);
+    printf(".TH TELLBOX 1 %s \"tellbox " TBX_VERSION "\" \"%s\"\n", date,
+           roff_text(_("tellbox manual")).c_str());
     printf(".nh\n.ad l\n");
-    roff_print_name(HELP_NAME_LINE);
-    roff_print_synopsis(HELP_SYNOPSIS);
-    roff_print_section("DESCRIPTION");
-    roff_print_text(HELP_DESCRIPTION);
-    roff_print_table("COMMANDS", HELP_COMMANDS);
-    roff_print_table("AT THE PROMPT", HELP_PROMPT);
-    roff_print_table("FILES", HELP_FILES);
-    roff_print_table("ENVIRONMENT", HELP_ENVIRONMENT);
-    roff_print_table("EXIT STATUS", HELP_EXIT_STATUS);
-    roff_print_section("SEE ALSO");
-    roff_print_text(HELP_SEE_ALSO);
+    roff_print_name(_("NAME"), _(HELP_NAME_LINE));
+    roff_print_synopsis(_("SYNOPSIS"), HELP_SYNOPSIS);
+    roff_print_section(_("DESCRIPTION"));
+    roff_print_text(_(HELP_DESCRIPTION));
+    roff_print_table(_("COMMANDS"), translated(HELP_COMMANDS));
+    roff_print_table(_("AT THE PROMPT"), translated(HELP_PROMPT));
+    roff_print_table(_("FILES"), translated(HELP_FILES));
+    roff_print_table(_("ENVIRONMENT"), translated(HELP_ENVIRONMENT));
+    roff_print_table(_("EXIT STATUS"), translated(HELP_EXIT_STATUS));
+    roff_print_section(_("SEE ALSO"));
+    roff_print_text(_(HELP_SEE_ALSO));
 }
 
 // ---- Completions --------------------------------------------------------------------------
@@ -164,6 +176,8 @@ static bool print_kind(const char *name) {
 }
 
 int main(int argc, char **argv) {
+    init_environment("tellbox-user-files");
+    init_texts();
     if (argc == 3 && strcmp(argv[1], "man") == 0) {
         print_man_page(argv[2]);
     } else if (argc != 2 || !print_kind(argv[1])) {

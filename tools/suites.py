@@ -32,6 +32,7 @@ ROOMS = {
     "common/event": {"cli": "send_events log revoke remind recovery_run"},
     "common/message": {"cli": "send_text send_store list status log_forged hostile_texts"},
     "common/pager": {"cli": "dispatch", "tui": "manual descriptors"},
+    "common/texts": {"packaging": "translations"},
     "common/style": {"cli": "status list log", "tui": "manual guide screen_detail"},
     "tbx/accounts": {"cli": "failing_lookups flaky_accounts send_recipients storable_names status "
                             "purge recovery_run"},
@@ -123,6 +124,7 @@ OTHERS = (
     (r"packaging/desktop", {"desktop": "installation", "machine": "machine_desktop machine_story"}),
     (r"packaging/", {"packaging": ALL, "machine": "machine_package machine_story"}),
     (r"docs/(manual|pictures)/", MANUAL),
+    (r"(po/|tools/po)", {"packaging": "translations", "machine": "machine_story"}),
     (r"tools/(demo|install-deps|lib)", {"packaging": "demo"}),
     (r"tests/tui/expected/screens/", {"tui": "screen_captures"}),
     (r"tests/tui/expected/", {"tui": "manual guide"}),

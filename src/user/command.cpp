@@ -83,7 +83,8 @@ std::string how_to_answer_sentence(int64_t id) {
 
 std::string remind_period(int64_t seconds) {
     const int64_t minutes = seconds / 60;
-    return minutes == 1 ? _("1 minute") : xasprintf(_("%lld minutes"), printable(minutes));
+    return xasprintf(plural("%lld minute", "%lld minutes", static_cast<unsigned long>(minutes)),
+                     printable(minutes));
 }
 
 void print_nothing_waits() {

@@ -8,15 +8,16 @@
 #include <cstdlib>
 #include <cstring>
 
-const char *const HELP_NAME_LINE = "tellbox — reads and confirms the messages of the administrator";
+const char *const HELP_NAME_LINE =
+    N_("tellbox — reads and confirms the messages of the administrator");
 
-const char *const HELP_DESCRIPTION =
+const char *const HELP_DESCRIPTION = N_(
     "Messages of the administrator wait in your mailbox until you say that you have read them. "
     "They come at the prompt of your shells and in a window on your desktop, and come back after "
-    "a while (30 minutes, if the administrator sets nothing else) until you do.";
+    "a while (30 minutes, if the administrator sets nothing else) until you do.");
 
 const char *const HELP_SEE_ALSO =
-    "tbx(1), and the user manual in /usr/local/share/doc/tellbox/User Manual.html";
+    N_("tbx(1), and the user manual in /usr/local/share/doc/tellbox/User Manual.html");
 
 static constexpr const char *SYNOPSIS[] = {
     "tellbox",
@@ -29,45 +30,45 @@ static constexpr const char *SYNOPSIS[] = {
 };
 
 static constexpr const char *COMMANDS[] = {
-    "(no command)¦Asks about each waiting message in turn: r for «I have read it», l for "
-    "«Later», q to quit. Without a terminal, the list.",
-    "list¦Your messages, the newest last, with what has become of each.",
-    "show ID¦One message, whole.",
-    "read [ID...]¦«I have read it». Without ID the one message that is waiting, if you have "
-    "seen it.",
-    "later [ID...]¦«Later»: the message comes back. Without ID the one message that is waiting, "
-    "if you have seen it.",
-    "hook SHELL¦What a shell evaluates to show messages at its prompt: bash, zsh or fish.",
-    "version, --version¦Shows the Tellbox version.",
-    "help, --help, -h¦Shows this help.",
+    N_("(no command)¦Asks about each waiting message in turn: r for «I have read it», l for "
+       "«Later», q to quit. Without a terminal, the list."),
+    N_("list¦Your messages, the newest last, with what has become of each."),
+    N_("show ID¦One message, whole."),
+    N_("read [ID...]¦«I have read it». Without ID the one message that is waiting, if you have "
+       "seen it."),
+    N_("later [ID...]¦«Later»: the message comes back. Without ID the one message that is waiting, "
+       "if you have seen it."),
+    N_("hook SHELL¦What a shell evaluates to show messages at its prompt: bash, zsh or fish."),
+    N_("version, --version¦Shows the Tellbox version."),
+    N_("help, --help, -h¦Shows this help."),
 };
 
 static constexpr const char *PROMPT[] = {
-    "bash, in ~/.bashrc¦eval \"$(tellbox hook bash)\"",
-    "zsh, in ~/.zshrc¦eval \"$(tellbox hook zsh)\"",
-    "fish, in ~/.config/fish/config.fish¦tellbox hook fish | source",
-    "every shell of the machine¦Login shells and fish load it by themselves, bash and zsh once "
-    "root "
-    "has run: /usr/local/lib/tellbox/tellbox-user shells on",
+    N_("bash, in ~/.bashrc¦eval \"$(tellbox hook bash)\""),
+    N_("zsh, in ~/.zshrc¦eval \"$(tellbox hook zsh)\""),
+    N_("fish, in ~/.config/fish/config.fish¦tellbox hook fish | source"),
+    N_("every shell of the machine¦Login shells and fish load it by themselves, bash and zsh once "
+       "root "
+       "has run: /usr/local/lib/tellbox/tellbox-user shells on"),
 };
 
 static constexpr const char *FILES[] = {
-    "/var/lib/tellbox/users/USER/¦Your mailbox.",
-    "/etc/tellbox/tellbox.conf¦Configuration: minutes before a message comes back.",
-    "/etc/profile.d/tellbox.sh¦Loads the hook in login shells.",
-    "~/.hushlogin¦If it exists, shells without a hook show nothing at login.",
+    N_("/var/lib/tellbox/users/USER/¦Your mailbox."),
+    N_("/etc/tellbox/tellbox.conf¦Configuration: minutes before a message comes back."),
+    N_("/etc/profile.d/tellbox.sh¦Loads the hook in login shells."),
+    N_("~/.hushlogin¦If it exists, shells without a hook show nothing at login."),
 };
 
 static constexpr const char *ENVIRONMENT[] = {
-    "TELLBOX_PROMPT¦If set to off, nothing is shown at the prompt.",
-    "PAGER¦Pager for messages that are longer than the screen (default: less).",
-    "NO_COLOR¦If set, disables colours.",
+    N_("TELLBOX_PROMPT¦If set to off, nothing is shown at the prompt."),
+    N_("PAGER¦Pager for messages that are longer than the screen (default: less)."),
+    N_("NO_COLOR¦If set, disables colours."),
 };
 
 static constexpr const char *EXIT_STATUS[] = {
-    "0¦Completed successfully.",
-    "1¦Error: the error message, starting with «tellbox:», says which. Or nothing was waiting "
-    "for «read» and «later».",
+    N_("0¦Completed successfully."),
+    N_("1¦Error: the error message, starting with «tellbox:», says which. Or nothing was waiting "
+       "for «read» and «later»."),
 };
 
 const help_table HELP_SYNOPSIS = SYNOPSIS;

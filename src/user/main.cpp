@@ -95,6 +95,7 @@ int main(int argc, char **argv) {
     open_missing_standard_descriptors();
     (void)signal(SIGCHLD, SIG_DFL); // if our parent ignored it, no child could be waited for
     install_out_of_memory_handler();
+    init_texts();
     umask(022);
     int status = 0;
     if (argc < 2)

@@ -3,6 +3,8 @@
 // Standard input: "N of M\n" and the message's file text. Standard output: "shown\n" at the first
 // frame, then "read\n" or "later\n", and status 0. Any other end is no answer.
 #include "common/core.h"
+#include "common/environment.h"
+#include "common/texts.h"
 #include "window/content.h"
 #include "window/window.h"
 
@@ -59,7 +61,8 @@ static void tell(int answers, const char *word) {
 }
 
 int main() {
-    set_program_name("tellbox-window");
+    init_environment("tellbox-window");
+    init_texts();
     (void)signal(SIGPIPE, SIG_IGN); // cannot fail: the signal exists
     install_out_of_memory_handler();
     window_content content;

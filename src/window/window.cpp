@@ -24,7 +24,7 @@ constexpr int WINDOW_LINES = 20;           // of its height
 constexpr int TITLE_LINES = 4;             // of a very long title; the rest can be scrolled to
 constexpr int SENDER_MAX_CHARACTERS = 256; // longer than any account name
 constexpr int DESCRIPTION_MAX_CHARACTERS = 4000;
-constexpr char HEADING[] = "Message from the administrator";
+constexpr const char *HEADING = N_("Message from the administrator");
 
 static int64_t now_ms() {
     return g_get_monotonic_time() / 1000;
@@ -53,9 +53,9 @@ message_window::message_window(const window_content &content, report tell)
 }
 
 static std::string window_title(const window_content &content) {
-    std::string title = HEADING;
+    std::string title = _(HEADING);
     if (content.total > 1)
-        title += " · " + std::to_string(content.place) + " of " + std::to_string(content.total);
+        title += " · " + xasprintf(_("%zu of %zu"), content.place, content.total);
     return title;
 }
 
@@ -110,13 +110,13 @@ static void show_in_label(Gtk::Label *label, const std::string &text) {
 }
 
 void message_window::build_header(const window_content &content) {
-    show_in_label(&title_, content.title.empty() ? HEADING : content.title);
+    show_in_label(&title_, content.title.empty() ? _(HEADING) : content.title);
     title_.add_css_class("title-2");
     title_scroll_.set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
     title_scroll_.set_propagate_natural_height();
     title_scroll_.set_max_content_height(line_height(this) * TITLE_LINES);
     title_scroll_.set_child(title_);
-    set_accessible_name(GTK_WIDGET(title_scroll_.gobj()), "Title");
+    set_accessible_name(GTK_WIDGET(title_scroll_.gobj()), _("Title"));
     const auto adjustment = title_scroll_.get_vadjustment();
     adjustment->signal_changed().connect([this, adjustment = adjustment.get()] {
         // The title can get the focus only if there is something to scroll.
@@ -124,7 +124,7 @@ void message_window::build_header(const window_content &content) {
     });
     title_scroll_.set_can_focus(false);
     const Glib::ustring sender = Glib::ustring(content.from).substr(0, SENDER_MAX_CHARACTERS);
-    show_in_label(&from_, "From " + sender + " · " + content.date);
+    show_in_label(&from_, xasprintf(_("From %s · %s"), sender.c_str(), content.date.c_str()));
     header_.set_margin(SPACING);
     header_.set_spacing(SPACING / 2);
     header_.append(title_scroll_);
@@ -158,7 +158,7 @@ void message_window::build_text(const std::string &text) {
     text_.set_right_margin(SPACING);
     text_.set_top_margin(SPACING / 2);
     text_.set_bottom_margin(SPACING / 2);
-    set_accessible_name(GTK_WIDGET(text_.gobj()), "Message");
+    set_accessible_name(GTK_WIDGET(text_.gobj()), _("Message"));
     set_accessible_description(GTK_WIDGET(text_.gobj()),
                                Glib::ustring(text).substr(0, DESCRIPTION_MAX_CHARACTERS).c_str());
     text_scroll_.set_policy(Gtk::PolicyType::NEVER, Gtk::PolicyType::AUTOMATIC);
@@ -167,11 +167,11 @@ void message_window::build_text(const std::string &text) {
     text_scroll_.set_margin_start(SPACING);
     text_scroll_.set_margin_end(SPACING);
     text_scroll_.set_child(text_);
-    set_accessible_name(GTK_WIDGET(text_scroll_.gobj()), "Text of the message");
+    set_accessible_name(GTK_WIDGET(text_scroll_.gobj()), _("Text of the message"));
 }
 
 void message_window::build_buttons(const std::string &expires) {
-    show_in_label(&expires_, "Expires on " + expires);
+    show_in_label(&expires_, xasprintf(_("Expires on %s"), expires.c_str()));
     expires_.set_visible(!expires.empty());
     later_.signal_clicked().connect([this] { answer("later"); });
     read_.signal_clicked().connect([this] { answer("read"); });

@@ -1,6 +1,7 @@
 // The dialog: one message and two answers.
 #pragma once
 
+#include "common/texts.h"
 #include "window/content.h"
 #include "window/guard.h"
 
@@ -54,6 +55,6 @@ private:
     Gtk::Box footer_{Gtk::Orientation::VERTICAL};
     Gtk::Label expires_;
     Gtk::Box buttons_{Gtk::Orientation::HORIZONTAL};
-    Gtk::Button later_{"Later"};
-    Gtk::Button read_{"I have read it"};
+    Gtk::Button later_{_("Later")};
+    Gtk::Button read_{_("I have read it")};
 };

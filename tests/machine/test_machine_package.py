@@ -76,7 +76,7 @@ def test_removing_keeps_messages_and_configuration_and_says_so(packaged):
 def test_removing_takes_everything_else_away(packaged):
     listed = packaged.run("dpkg", "-L", *PACKAGES).stdout.split("\n")
     files = {name for name in listed if name and not packaged.path(name).is_dir()}
-    assert len(files) == 20
+    assert len(files) == 22
     dpkg(packaged, "-r", *PACKAGES)
     assert {name for name in files if packaged.path(name).exists()} == {CONFIGURATION, PROFILE,
                                                                         AUTOSTART}

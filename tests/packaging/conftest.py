@@ -70,7 +70,7 @@ def building_elsewhere(request, tmp_path_factory):
     source.mkdir()
     for name in ("CMakeLists.txt", "CMakePresets.json", "CHANGELOG.md"):
         shutil.copyfile(REPOSITORY / name, source / name)
-    for name in ("src", "packaging", "docs"):
+    for name in ("src", "packaging", "docs", "po"):
         shutil.copytree(REPOSITORY / name, source / name, copy_function=shutil.copyfile)
     with open(folder / "log", "w", encoding="utf-8") as log:
         build = subprocess.Popen(["sh", "-ec", BUILD_ELSEWHERE, "sh", source, folder / "built",

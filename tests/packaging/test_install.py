@@ -28,6 +28,8 @@ PARTS = {
         "/usr/local/lib/systemd/user/tellbox-agent.service": 0o644,
         "/usr/local/lib/tellbox/tellbox-user": 0o755,
         "/usr/local/share/bash-completion/completions/tellbox": 0o644,
+        "/usr/local/share/locale/es/LC_MESSAGES/tellbox-user.mo": 0o644,
+        "/usr/local/share/man/es/man1/tellbox.1": 0o644,
         "/usr/local/share/man/man1/tellbox.1": 0o644,
         "/usr/local/share/zsh/site-functions/_tellbox": 0o644,
         "/usr/share/fish/vendor_completions.d/tellbox.fish": 0o644,
