@@ -12,6 +12,7 @@ if [[ $- == *i* && $- != *r* ]] && ! shopt -q restricted_shell &&
         if [[ -z $__tellbox_mailbox ]]; then
             __tellbox_next=$(($1 + 60)) __tellbox_looked=$1 __tellbox_silent=1
             __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || return 0
+            __tellbox_silent=0
         fi
         [[ -d $__tellbox_mailbox/inbox ]] || return 0
         @ENVIRONMENT@"$__tellbox_program" prompt "${__tellbox_mailbox##*/}" "$__tellbox_shown" </dev/null
@@ -90,6 +91,7 @@ if [[ -o interactive && ! -o restricted ]]; then
         if [[ -z $__tellbox_mailbox ]]; then
             __tellbox_next=$(($1 + 60)) __tellbox_looked=$1 __tellbox_silent=1
             __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || return 0
+            __tellbox_silent=0
         fi
         [[ -d $__tellbox_mailbox/inbox ]] || return 0
         @ENVIRONMENT@"$__tellbox_program" prompt "${__tellbox_mailbox##*/}" "$__tellbox_shown" </dev/null
