@@ -136,8 +136,8 @@ std::string prompt_text(const std::vector<waiting_message> &due, bool has_more, 
     if (has_more)
         text += _("More messages are waiting: tellbox\n");
     else if (left > 0)
-        text += xasprintf(left == 1 ? _("%zu more message is waiting: tellbox\n")
-                                    : _("%zu more messages are waiting: tellbox\n"),
+        text += xasprintf(plural("%zu more message is waiting: tellbox\n",
+                                 "%zu more messages are waiting: tellbox\n", left),
                           left);
     return text;
 }

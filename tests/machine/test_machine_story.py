@@ -3,6 +3,7 @@ asked about at a prompt and in a window, confirmed, and the administrator sees w
 
 import html
 import re
+import time
 
 import pytest
 
@@ -34,13 +35,26 @@ def with_displays(packaged):
     return packaged
 
 
-def shell_of(machine, user, command):
+def shell_of(machine, user, command, **env):
     """A terminal on which the user has just logged in and has an interactive shell."""
     machine.path(f"/home/{user}/.zshrc").touch()  # or zsh would ask what to put into it
-    terminal = machine.log_in(user, command=f"cd; exec {command}", env={"TERM": "xterm"})
+    terminal = machine.log_in(user, command=f"cd; exec {command}", env={"TERM": "xterm", **env})
     terminal.type(b"printf 'rea%s\\n' dy\r")
     terminal.await_seen("ready")
     return terminal
+
+
+def answer_alone(terminal, letter):
+    """Presses a key at the question: in its first moment it takes none, and never one of many."""
+    pressed = []
+
+    def is_taken():
+        if not pressed or time.monotonic() - pressed[-1] > 1:
+            terminal.type(letter)
+            pressed.append(time.monotonic())
+        return "confirmado" in terminal.screen()
+
+    await_condition(is_taken, PATIENCE_SECONDS, "the answer")
 
 
 def history(machine, number=1):
@@ -118,6 +132,44 @@ def test_a_package_that_goes_takes_its_agents_with_it(with_displays):
     await_condition(lambda: not desktop.agents(), PATIENCE_SECONDS, "the end of the agent")
     desktop.await_no_window()
     assert "delivered" in machine.tbx("status", "1").stdout
+
+
+# ---- In the user's language -------------------------------------------------------------------
+
+SPANISH = {"LANG": "C.UTF-8", "LANGUAGE": "es"}
+
+
+def test_a_spanish_prompt_is_answered_and_the_administrator_reads_english(packaged):
+    machine = packaged
+    pat = shell_of(machine, "pat", "bash -l", **SPANISH)
+    machine.send("--to", "pat", "hello")
+    pat.type(b"\r")
+    pat.await_seen("Responda con: tellbox")
+    pat.type(b"tellbox\r")
+    pat.await_seen("Lo he leído [r]   Más tarde [l]   Salir [q]")
+    answer_alone(pat, b"r")
+    pat.await_seen("Mensaje 1 confirmado.")
+    assert await_confirmed(machine) == "terminal"
+    await_condition(lambda: "user pat: confirmed reading message 1 (terminal)" in history(machine),
+                    PATIENCE_SECONDS, "the event")
+
+
+def test_a_spanish_window_is_answered(with_displays):
+    machine = with_displays
+    desktop = Desktop(machine, "pat")
+    desktop.systemctl("set-environment", *(f"{name}={value}" for name, value in SPANISH.items()))
+    machine.send("--to", "pat", "hello")
+    await_condition(lambda: desktop.run("xdotool", "search", "--onlyvisible", "--name",
+                                        "Mensaje del administrador").stdout,
+                    PATIENCE_SECONDS, "the window")
+    desktop.press("Lo he leído")
+    assert await_confirmed(machine) == "desktop"
+
+
+def test_the_manual_page_is_found_in_spanish(packaged):
+    page = packaged.run("man", "tellbox", user="pat",
+                        env={**SPANISH, "MANPAGER": "cat", "MANWIDTH": "80"})
+    assert "NOMBRE" in page.stdout and "lee y confirma los mensajes" in page.stdout
 
 
 # ---- The manual's list: nobody confirms -------------------------------------------------------
