@@ -97,7 +97,7 @@ void fuzz_one(std::string_view input) {
             continue; // no key gives a control
         const std::string before = compose_text_joined(form.text);
         if (byte == 'V')
-            compose_paste(&form, pasted_by(presses));
+            (void)compose_paste(&form, pasted_by(presses));
         else
             compose_press(&form, key, key == KEY_CHAR ? character_of(byte, is_broken) : "");
         check_form(form, is_broken);

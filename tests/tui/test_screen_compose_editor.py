@@ -449,6 +449,8 @@ def test_ctrl_z_at_the_editor_does_not_leave_it_stopped(form, editor):
     tbx.send(CTRL_Z)
     tbx.wait_for("goes on")
     press(tbx, ENTER, replace(page, text="saved"))
+    press(tbx, "x", replace(page, to="x", text="saved"))
+    assert tbx.raw.count(ENTER_SCREEN) == 2  # only the editor was continued
 
 
 def test_size_that_changed_behind_the_editor_is_taken_on_return(form, editor):

@@ -19,7 +19,7 @@ from harness.pseudo_terminal import (
     BACK_TAB, CTRL_C, CTRL_E, CTRL_S, DOWN, EARLIER, ENTER, ESCAPE, GUARD_SECONDS, HOME,
     LEAVE_SCREEN, LEFT, PASTE_ON, TAB, assert_restored, pasted)
 from interface import (
-    assert_left, expect, frames_as_text, frames_drawn, kept_file, press, press_in_vain,
+    assert_left, expect, frames_as_text, frames_drawn, is_stopped, kept_file, press, press_in_vain,
     reply, stopped_command, take_kept_text)
 from messages import Message
 
@@ -185,10 +185,39 @@ def test_tab_that_is_pasted_is_sent_as_a_tab(form, store):
     assert store.sent(1, "msg").read_text().endswith("\n\none\ttwo\nthree\n")
 
 
+CUT = "The paste was cut: 1000 bytes at most."
+
+
 def test_field_takes_of_a_paste_as_much_as_if_it_were_typed(form):
     tbx, page, _ = form()
     value = "x" * 998 + "€"
-    press(tbx, pasted("x" * 998 + "€é"), replace(page, to=value, scroll=999 - 54))
+    press(tbx, pasted("x" * 998 + "€é"), replace(page, to=value, scroll=999 - 54, notice=CUT))
+    press(tbx, LEFT, replace(page, to=value, scroll=999 - 54, at=998))
+
+
+def test_slow_paste_that_a_field_cuts_is_told_once_it_has_ended(form):
+    tbx, page, _ = form()
+    for piece in [pasted("x" * 1001).removesuffix("\x1b[201~"), "\x1b[201~"]:
+        press(tbx, piece, replace(page, to="x" * 1000, scroll=1000 - 54, notice=CUT))
+
+
+def test_paste_goes_on_after_a_signal_to_continue(form):
+    tbx, page, _ = form()
+    begin, end = pasted("a\tb|\tc").split("|")
+    press(tbx, begin, replace(page, to="a b"))
+    drawn = frames_drawn(tbx)
+    tbx.signal(signal.SIGCONT)
+    tbx.wait_for(lambda: tbx.raw.count(PASTE_ON) == 2 and frames_drawn(tbx) > drawn)
+    press(tbx, end, replace(page, to="a b c"))
+
+
+def test_what_was_typed_before_a_signal_to_continue_is_not_lost(interface):
+    tbx, page = interface([Message(number) for number in (1, 2, 3)])
+    tbx.signal(signal.SIGSTOP)
+    tbx.poll_for(lambda: is_stopped(tbx))
+    tbx.send(DOWN * 2)
+    tbx.signal(signal.SIGCONT)
+    expect(tbx, replace(page, selected=2))
 
 
 def test_pasted_text_goes_into_a_prompt_in_one_line(interface):

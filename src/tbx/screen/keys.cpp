@@ -100,6 +100,10 @@ static constexpr size_t PASTE_MAX_BYTES = 1'048'576; // a longer one is several 
 // If the end of a paste was lost, it ends after so many waits: otherwise all keys would be part of
 // it.
 static constexpr int SILENT_WAITS_MAX = 10;
+// A line may stall in the middle of a paste. After so many waits a key that is typed ends it, but
+// not more bytes together than a key has.
+static constexpr int SILENT_WAITS_BEFORE_KEY = 2;
+static constexpr size_t KEY_MAX_BYTES = 8;
 
 // Returns how many bytes at the end of `text` are an incomplete character.
 static size_t unfinished_bytes(std::string_view text) {
@@ -147,7 +151,33 @@ static tui_key pause_paste(tui_input *input) {
     return KEY_TIMEOUT;
 }
 
-static tui_key read_paste(tui_input *input, int timeout_ms) {
+// Whether `text` ends in more of the ending sequence than a key that is typed has in common with
+// it.
+static bool ends_in_part_of_end(std::string_view text) {
+    static constexpr size_t SHARED_BYTES = 2; // Esc [ begins many keys
+    for (size_t bytes = SHARED_BYTES + 1; bytes < PASTE_ENDS.size(); bytes++)
+        if (text.ends_with(PASTE_ENDS.substr(0, bytes)))
+            return true;
+    return false;
+}
+
+// Whether what has just arrived after a silence is a key that was typed: few bytes, and alone.
+static bool is_typed_key(const tui_input &input, const key_rules &rules) {
+    const std::string_view arrived(reinterpret_cast<const char *>(input.bytes.data()), input.end);
+    const std::string text = input.paste + std::string(arrived);
+    pollfd watched = {.fd = input.fd, .events = POLLIN, .revents = 0};
+    return arrived.size() <= KEY_MAX_BYTES && text.find(PASTE_ENDS) == std::string::npos &&
+           !ends_in_part_of_end(text) && poll(&watched, 1, rules.sequence_wait_ms) == 0;
+}
+
+static tui_key read_paste(tui_input *input, const key_rules &rules, int timeout_ms) {
+    if (input->silent_waits >= SILENT_WAITS_BEFORE_KEY && !tui_input_waits(*input)) {
+        const int code = fill(input, timeout_ms);
+        if (code == TUI_BYTE_TIMEOUT)
+            return pause_paste(input);
+        if (code == 0 && is_typed_key(*input, rules))
+            return end_paste(input, 0); // the key is the next one
+    }
     while (input->paste.size() < PASTE_MAX_BYTES) {
         const int byte = tui_read_byte(input, timeout_ms);
         if (byte == TUI_BYTE_TIMEOUT)
@@ -232,7 +262,7 @@ static tui_key read_sequence(tui_input *input, const key_rules &rules, int intro
         return KEY_NONE;
     if (rules.has_paste && parameters == PASTE_BEGINS) {
         input->is_pasting = true;
-        return read_paste(input, rules.wait_ms);
+        return read_paste(input, rules, rules.wait_ms);
     }
     return parameters.size() == 1 || rules.last_digit_counts ? numbered_key(parameters.back())
                                                              : KEY_NONE;
@@ -282,7 +312,7 @@ tui_key tui_read_key(tui_input *input, const key_rules &rules, int timeout_ms,
                      tui_character &character) {
     memset(character, 0, sizeof character);
     if (input->is_pasting)
-        return read_paste(input, timeout_ms);
+        return read_paste(input, rules, timeout_ms);
     const int byte = tui_read_byte(input, timeout_ms);
     if (byte == TUI_BYTE_TIMEOUT)
         return KEY_TIMEOUT;

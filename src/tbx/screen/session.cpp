@@ -135,30 +135,31 @@ static bool write_to_terminal(std::string_view text) {
     return true;
 }
 
-static bool set_attributes(const termios &attributes) {
-    if (tcsetattr(tui.tty_fd.get(), TCSAFLUSH, &attributes) == 0)
+// `when` is that of tcsetattr(): with TCSAFLUSH what was typed is dropped.
+static bool set_attributes(const termios &attributes, int when) {
+    if (tcsetattr(tui.tty_fd.get(), when, &attributes) == 0)
         return true;
     // A signal came while the output drained: waiting again could block for ever.
     return errno == EINTR && tcsetattr(tui.tty_fd.get(), TCSANOW, &attributes) == 0;
 }
 
-static bool set_raw_attributes() {
+static bool set_raw_attributes(int when = TCSAFLUSH) {
     termios raw = tui.saved_termios;
     raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     raw.c_iflag &= ~tui.rules->input_flags_off;
     raw.c_cc[VMIN] = 1;
     raw.c_cc[VTIME] = 0;
-    return set_attributes(raw);
+    return set_attributes(raw, when);
 }
 
 static void enter_screen() {
-    tui_input_clear(&tui.input);
     (void)write_to_terminal(tui.rules->enter); // the next key reports a terminal that is gone
     tui.screen_changes++;
 }
 
 void tui_raw_mode() {
     (void)set_raw_attributes(); // the next key reports it
+    tui_input_clear(&tui.input);
     enter_screen();
 }
 
@@ -174,7 +175,7 @@ void tui_restore() {
     if (quit_requested && tui_output_is_stuck(output_fd()))
         // Or waiting for it to drain blocks for ever. Fails if the terminal is gone.
         (void)tcflush(tui.tty_fd.get(), TCOFLUSH);
-    (void)set_attributes(tui.saved_termios); // fails if the terminal is gone
+    (void)set_attributes(tui.saved_termios, TCSAFLUSH); // fails if the terminal is gone
     if (tui_output_is_stuck(output_fd())) {
         resume_output();
         if (quit_requested && tui_output_is_stuck(output_fd()))
@@ -226,6 +227,7 @@ bool session_start(const session_rules &rules) {
         tui.tty_fd.reset();
         return false;
     }
+    tui_input_clear(&tui.input);
     enter_screen();
     return true;
 }
@@ -238,9 +240,12 @@ void tui_end() {
 
 // ---- Waiting for a key --------------------------------------------------------------------
 
+// After a stop from outside, if there was one: others may have changed the terminal. What was typed
+// or pasted is for this program all the same.
 static void take_screen_again() {
     continued = 0;
-    tui_raw_mode();
+    (void)set_raw_attributes(TCSADRAIN); // the next key reports it
+    enter_screen();
     tui_update_size();
 }
 
@@ -254,7 +259,9 @@ static void suspend() {
     change_action(SIGTSTP, &stop, &handler);
     (void)raise(SIGTSTP); // cannot fail: the signal exists
     change_action(SIGTSTP, &handler, nullptr);
-    take_screen_again();
+    continued = 0;
+    tui_raw_mode();
+    tui_update_size();
 }
 
 tui_key tui_next_key(tui_character &character) {
@@ -263,7 +270,7 @@ tui_key tui_next_key(tui_character &character) {
     if (suspend_requested)
         suspend();
     else if (continued)
-        take_screen_again(); // stopped from outside: others may have changed the terminal
+        take_screen_again();
     else if (key == KEY_TIMEOUT)
         tui_update_size();
     return key;

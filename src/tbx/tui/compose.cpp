@@ -126,10 +126,10 @@ static bool may_discard(const compose_form &form, tui_screen *page) {
 
 static void edit(compose_form *form, tui_screen *page, tui_key key, const char *character) {
     const int focus_before = form->focus;
-    if (key == KEY_PASTE)
-        compose_paste(form, tui.input.pasted);
-    else
+    if (key != KEY_PASTE)
         compose_press(form, key, character);
+    else if (!compose_paste(form, tui.input.pasted))
+        form->notice = xasprintf("The paste was cut: %d bytes at most.", COMPOSE_FIELD_MAX_BYTES);
     if (focus_before == COMPOSE_TO && form->focus != COMPOSE_TO)
         compose_recipient_preview(form, page);
 }
@@ -162,7 +162,8 @@ static void open_editor(compose_form *form, tui_screen *page) {
 enum class form_end { open, done, cut_short };
 
 static form_end press(compose_form *form, tui_screen *page, tui_key key, const char *character) {
-    if (key != KEY_TIMEOUT)
+    const bool is_end_of_paste = key == KEY_PASTE && tui.input.pasted.empty();
+    if (key != KEY_TIMEOUT && !is_end_of_paste)
         form->notice.clear();
     if (key == KEY_ERROR)
         return form_end::cut_short; // there is no user any more

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <iterator>
 
-static constexpr size_t FIELD_MAX_BYTES = 1000; // a value of this length takes no more characters
+static constexpr size_t FIELD_MAX_BYTES = COMPOSE_FIELD_MAX_BYTES;
 static constexpr int FOCUS_COUNT = 4;
 
 // ---- Moving between the fields ------------------------------------------------------------
@@ -212,10 +212,11 @@ static void press_in_text(compose_form *form, tui_key key, std::string_view char
 
 // ---- Pasting ------------------------------------------------------------------------------
 
-static void paste_into_field(compose_field *field, std::string_view line) {
-    if (field->value.size() < FIELD_MAX_BYTES)
-        insert_at(&field->value, &field->cursor,
-                  tui_beginning(line, FIELD_MAX_BYTES - field->value.size()));
+static bool paste_into_field(compose_field *field, std::string_view line) {
+    const size_t room = FIELD_MAX_BYTES - std::min(FIELD_MAX_BYTES, field->value.size());
+    const std::string_view taken = tui_beginning(line, room);
+    insert_at(&field->value, &field->cursor, taken);
+    return taken.size() == line.size();
 }
 
 // Inserts the lines between the first and the last pasted one together: inserting them one by one
@@ -244,11 +245,12 @@ static void paste_into_text(compose_text *text, std::string_view pasted) {
                        std::make_move_iterator(lines.end()));
 }
 
-void compose_paste(compose_form *form, std::string_view pasted) {
-    if (form->focus == COMPOSE_TEXT)
-        paste_into_text(&form->text, tui_clean_paste(pasted));
-    else
-        paste_into_field(&form->fields[static_cast<size_t>(form->focus)], tui_on_one_line(pasted));
+bool compose_paste(compose_form *form, std::string_view pasted) {
+    if (form->focus != COMPOSE_TEXT)
+        return paste_into_field(&form->fields[static_cast<size_t>(form->focus)],
+                                tui_on_one_line(pasted));
+    paste_into_text(&form->text, tui_clean_paste(pasted));
+    return true;
 }
 
 // ---- The form -----------------------------------------------------------------------------

@@ -12,7 +12,8 @@
 #include <vector>
 
 enum compose_focus { COMPOSE_TO = 0, COMPOSE_TITLE = 1, COMPOSE_EXPIRES = 2, COMPOSE_TEXT = 3 };
-constexpr size_t COMPOSE_FIELDS = 3; // the fields of one line
+constexpr size_t COMPOSE_FIELDS = 3;          // the fields of one line
+constexpr int COMPOSE_FIELD_MAX_BYTES = 1000; // a value of this length takes no more characters
 
 struct compose_field {
     std::string value;
@@ -49,8 +50,8 @@ struct compose_form {
 void compose_press(compose_form *form, tui_key key, std::string_view character);
 
 // Inserts pasted text at the cursor: as lines into the text, as one line into a field. A field
-// takes as much as it would if it were typed.
-void compose_paste(compose_form *form, std::string_view pasted);
+// takes as much as it would if it were typed; returns false if that is not all.
+[[nodiscard]] bool compose_paste(compose_form *form, std::string_view pasted);
 
 // Whether nothing has been written.
 [[nodiscard]] bool compose_is_empty(const compose_form &form);

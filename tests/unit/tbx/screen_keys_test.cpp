@@ -295,6 +295,53 @@ TEST(TuiPaste, WhoseEndIsLostIsOverAfterALongSilence) {
     EXPECT_EQ(tui_read_key(&input, RULES, 0, character), KEY_CHAR);
 }
 
+// Reads from a paste that has been silent for a second, of which `before` and then `after` arrived.
+static std::vector<std::string> keys_after_silence(const std::string &before,
+                                                   const std::vector<std::string> &after) {
+    const typed_bytes typed(BEGIN + before, /*stays_open=*/true);
+    tui_input input;
+    input.fd = typed.reader.get();
+    std::vector<std::string> keys;
+    const auto read_all = [&] {
+        tui_character character = {};
+        tui_key key = KEY_NONE;
+        for (int silences = 0; silences < 3;) {
+            key = tui_read_key(&input, RULES, /*timeout_ms=*/0, character);
+            silences += key == KEY_TIMEOUT ? 1 : 0;
+            if (key != KEY_TIMEOUT)
+                keys.push_back(key == KEY_PASTE  ? "[" + input.pasted + "]"
+                               : key == KEY_CHAR ? character
+                                                 : std::to_string(key));
+        }
+    };
+    read_all();
+    for (const std::string &bytes : after) {
+        typed.type(bytes);
+        read_all();
+    }
+    return keys;
+}
+
+TEST(TuiPaste, WhoseEndIsLostEndsWithTheNextKeyThatIsTyped) {
+    const std::string down = std::to_string(KEY_DOWN);
+    EXPECT_THAT(keys_after_silence("half", {"y"}), ElementsAre("[half]", "[]", "y"));
+    EXPECT_THAT(keys_after_silence("half", {"\033[B", "é"}),
+                ElementsAre("[half]", "[]", down, "é"));
+    EXPECT_THAT(keys_after_silence("half", {"\033"}),
+                ElementsAre("[half]", "[]", std::to_string(KEY_ESC)));
+    EXPECT_THAT(keys_after_silence("half\r", {"y"}), ElementsAre("[half]", "[\r]", "y"));
+}
+
+TEST(TuiPaste, ThatStallsGoesOn) {
+    EXPECT_THAT(keys_after_silence("half", {" and the other half" + END}),
+                ElementsAre("[half]", "[ and the other half]"));
+    EXPECT_THAT(keys_after_silence("half", {"y" + END, "x"}), ElementsAre("[half]", "[y]", "x"));
+    EXPECT_THAT(keys_after_silence("half", {END, "x"}), ElementsAre("[half]", "[]", "x"));
+    EXPECT_THAT(keys_after_silence("half\033[20", {"1~", "x"}), ElementsAre("[half]", "[]", "x"));
+    EXPECT_THAT(keys_after_silence("half", {"\033[20", "1~", "x"}),
+                ElementsAre("[half]", "[]", "x"));
+}
+
 TEST(TuiPaste, OfGreatLengthIsHandedOverInPieces) {
     const std::string text(300'000, 't');
     typed_bytes typed("", /*stays_open=*/true);
