@@ -277,6 +277,8 @@ class ListPage:
         return lines + [self._legend()]
 
     def _row(self, message, width, is_selected):
+        if not self.is_wide:  # a long identifier takes columns of the message
+            width = max(width - max(len(str(message.id)) - 4, 0), 10)
         confirmed, delivered, sent = message.counts
         marks = [GREY(f"[{word}] ") for word, on in
                  [("revoked", message.is_revoked), ("expired", message.is_expired)] if on]
@@ -292,9 +294,9 @@ class ListPage:
 
     @staticmethod
     def _short_recipients(message):
-        """Five columns are left, less one for each digit of an identifier beyond the third."""
+        """Five columns are left, or four behind an identifier of more than three digits."""
         confirmed, total = message.counts[0], sum(message.counts)
-        room = 5 - max(len(str(message.id)) - 3, 0)
+        room = 5 if len(str(message.id)) <= 3 else 4
         texts = (f"{confirmed}/{total}", f"{confirmed * 100 // max(total, 1)}%")
         return next((text for text in texts if len(text) <= room), "")
 

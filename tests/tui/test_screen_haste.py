@@ -293,6 +293,68 @@ def test_command_that_ctrl_c_ends_is_told_as_interrupted(revoking):
     press(tbx, CTRL_C, page, message_box("Revoke message 1?", "Interrupted."))
 
 
+@pytest.fixture
+def standing_form(form, strace, binary):
+    """standing_form(path) opens a form whose commands stand still once they open this file.
+
+    Returns the terminal and the page.
+    """
+    del strace  # there to be asked for
+
+    def open_form(path, when=1):
+        tbx, page, _ = form(argv=[
+            "strace", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e", "trace=openat",
+            "-e", f"inject=openat:signal=SIGSTOP:when={when}", binary],
+            env={"ASAN_OPTIONS": "detect_leaks=0"})
+        return tbx, page
+
+    return open_form
+
+
+GROUPS = "/etc/group"  # is read for a group among the recipients
+
+
+def test_preview_that_takes_its_time_says_so(standing_form):
+    tbx, page = standing_form(GROUPS)
+    page = replace(page, to="@daemon", focus="Title", preview="Working …")
+    press(tbx, "@daemon" + TAB, page)
+    tbx.resize(110, 30)
+    expect(tbx, replace(page, size=(110, 30)))
+    os.kill(stopped_command(tbx), signal.SIGCONT)
+    expect(tbx, replace(page, size=(110, 30), preview="1 recipient"))
+
+
+def test_preview_that_is_interrupted_says_so(standing_form):
+    tbx, page = standing_form(GROUPS)
+    page = replace(page, to="@daemon", focus="Title")
+    press(tbx, "@daemon" + TAB, replace(page, preview="Working …"))
+    os.kill(stopped_command(tbx), signal.SIGKILL)
+    expect(tbx, replace(page, preview=RED("Interrupted.")))
+    press(tbx, "T", replace(page, title="T", preview=RED("Interrupted.")))
+
+
+def test_keys_typed_while_the_preview_is_made_go_into_the_next_field(standing_form):
+    tbx, page = standing_form(GROUPS)
+    page = replace(page, to="@daemon", focus="Title")
+    press(tbx, "@daemon" + TAB, replace(page, preview="Working …"))
+    tbx.send("Title")
+    os.kill(stopped_command(tbx), signal.SIGCONT)
+    expect(tbx, replace(page, title="Title", preview="1 recipient"))
+
+
+def test_send_that_is_interrupted_before_it_created_anything_says_so(standing_form, store):
+    store.create()
+    tbx, page = standing_form(store.top / "sent" / ".seq.lock")
+    page = replace(page, to="daemon", text="Hello", focus="Text", preview="1 recipient")
+    press(tbx, "daemon" + BACK_TAB + "Hello", page)
+    press(tbx, CTRL_S, page, page.review("1 recipient"))
+    reply(tbx, "y")
+    os.kill(stopped_command(tbx), signal.SIGKILL)
+    expect(tbx, page, message_box("Sending result", "Interrupted."))
+    press(tbx, "x", page)
+    press(tbx, CTRL_S, page, page.review("1 recipient"))
+
+
 # ---- Text that would be lost --------------------------------------------------------------
 
 

@@ -80,6 +80,12 @@ def test_recipients_are_spelled_out_from_110_columns_on(interface, columns, reci
     assert re.search(r"░  (.*?) *│", tbx.rows()[2])[1] == recipients
 
 
+def test_message_with_a_long_identifier_makes_room_for_its_recipients(interface):
+    tbx, _ = interface([with_counts(9999, 10, 0, 0), with_counts(12345, 10, 0, 0)])
+    assert re.search(r"█{12}  (.*?) *│", tbx.rows()[2])[1] == "100%"
+    assert [row.index("█" * 12) for row in tbx.rows()[2:4]] == [60, 60]
+
+
 @pytest.mark.parametrize("counts, recipients", [
     ((2, 0, 0), "all confirmed (2)"),
     ((2, 1, 0), "2 confirmed · 1 delivered"),

@@ -112,6 +112,15 @@ static void render_heading(strlist *lines) {
     push_line(lines, line);
 }
 
+// Returns the columns for the message in its row. A long identifier moves everything behind it:
+// from five digits on the message makes room, or "100%" would not fit.
+static int message_cols(const message_summary &row) {
+    static constexpr int ID_ROOM_COLS = 4;
+    const int id_cols = tui_columns(std::to_string(row.message.id));
+    const int excess = is_wide() ? 0 : std::max(id_cols - ID_ROOM_COLS, 0);
+    return std::max(message_cols() - excess, MESSAGE_MIN_COLS);
+}
+
 static void append_message(strbuf *line, const message_summary &row) {
     strbuf text;
     if (row.revoked)
@@ -123,16 +132,17 @@ static void append_message(strbuf *line, const message_summary &row) {
                       tui_style.reset);
     const std::string_view first_line = row.message.text;
     strbuf_append_view(&text, first_line.substr(0, first_line.find('\n')));
-    tui_fit(line, text.view(), message_cols());
+    tui_fit(line, text.view(), message_cols(row));
 }
 
 // Returns how many have confirmed, in the columns that the line leaves. A number is never cut: that
 // would be another number.
 static std::string short_recipients(const message_summary &row, int columns) {
-    const int64_t total = std::max<int64_t>(int64_t{row.confirmed} + row.delivered + row.sent, 1);
+    const int64_t total = int64_t{row.confirmed} + row.delivered + row.sent;
     std::string text = xasprintf("%d/%lld", row.confirmed, static_cast<long long>(total));
     if (tui_columns(text) > columns)
-        text = xasprintf("%lld%%", static_cast<long long>(row.confirmed * 100LL / total));
+        text = xasprintf(
+            "%lld%%", static_cast<long long>(row.confirmed * 100LL / std::max<int64_t>(total, 1)));
     return tui_columns(text) <= columns ? text : "";
 }
 

@@ -170,7 +170,9 @@ TEST(ListRow, ShowsAPercentageWhereTheNumbersWouldBeCut) {
     EXPECT_EQ(recipients(1, 3000, 3000), "100%");
     EXPECT_EQ(recipients(1234, 10, 20), "50%"); // a long identifier leaves four columns
     EXPECT_EQ(recipients(12345, 10, 20), "50%");
-    EXPECT_EQ(recipients(12345, 20, 20), ""); // and this three
+    EXPECT_EQ(recipients(12345, 20, 20), "100%"); // the message makes room
+    EXPECT_EQ(recipients(123456789, 20, 20), "100%");
+    EXPECT_EQ(recipients(1, 0, 0), "0/0");
 }
 
 TEST(ListRow, MessageColumnTakesWhatTheOthersLeave) {
