@@ -6,7 +6,7 @@ clears up."""
 from dataclasses import dataclass, field
 
 from . import journal
-from .interface import InterfaceCase
+from .interface import PASTES, InterfaceCase, PasteCase
 from .machine import FLOOR_STATE, PROGRAMS, STATE, Terminals, user_name
 from .measure import compare
 from .stores import FIRST_DATE, TEXT, Shape, mounted
@@ -159,6 +159,18 @@ def reading_confirmed(machine):
             yield status_case(axis, size, shape, ", confirmed")
 
 
+PASTE_SIZES = (1000, 10_000, 60_000)
+
+
+def pasting(machine):
+    """What a pasted character costs: the same, however many there are."""
+    with mounted(machine, Shape(1, 1, 1)):
+        for pasted in PASTES:
+            for marked in (True, False):
+                for size in PASTE_SIZES:
+                    yield PasteCase(size, pasted, marked)
+
+
 # ---- Changing -----------------------------------------------------------------------------
 
 RECIPIENT_SIZES = (10, 100, 1000)
@@ -230,4 +242,5 @@ def log(machine):
     journal.clear()
 
 
-GROUPS = (start, send, terminals, reading, reading_confirmed, revoke, remind, recovery, purge, log)
+GROUPS = (start, send, terminals, reading, reading_confirmed, pasting, revoke, remind, recovery,
+          purge, log)

@@ -12,6 +12,7 @@ CASE_HEADINGS = ("case", "grows", "tbx ms", "floor ms", "ratio", "CPU ratio", "g
                  "floor's", "peak MiB", "of")
 INTERFACE_HEADINGS = ("messages", "first frame ms", "list ms", "ratio", "key ms", "reload ms",
                       "bytes a frame")
+PASTE_HEADINGS = ("characters", "ms", "ns each", "pasted of")
 WALL_HEADINGS = ("terminals", "tbx ms", "wall ms")
 
 
@@ -73,15 +74,22 @@ def interface_row(screen):
             milliseconds(screen["reload_seconds"]), str(screen["frame_bytes"]))
 
 
+def paste_row(paste):
+    return (f"{paste['size']:,}", milliseconds(paste["seconds"]),
+            f"{paste['seconds'] * 1e9 / paste['size']:.0f}", paste["what"])
+
+
 def tables(results):
     """Each table as its headings and its rows."""
     cases = cases_by_axis(results)
     beside_wall = [case for case in cases if "wall" in case]
+    pastes = [result for result in results if result["name"] == "paste"]
     screens = [result for result in results if result["name"] == "interface"]
     return [(headings, rows) for headings, rows in (
         (CASE_HEADINGS, list(map(case_row, cases))),
         (WALL_HEADINGS, list(map(wall_row, beside_wall))),
-        (INTERFACE_HEADINGS, list(map(interface_row, screens)))) if rows]
+        (INTERFACE_HEADINGS, list(map(interface_row, screens))),
+        (PASTE_HEADINGS, list(map(paste_row, pastes)))) if rows]
 
 
 # ---- Text ---------------------------------------------------------------------------------
@@ -90,7 +98,7 @@ def plain(headings, rows):
     """A table as lines of text: words to the left, figures to the right."""
     headings = [heading.upper() for heading in headings]
     widths = [max(map(len, column)) for column in zip(headings, *rows)]
-    words = [heading in ("CASE", "GROWS", "OF") for heading in headings]
+    words = [heading in ("CASE", "GROWS", "OF", "PASTED OF") for heading in headings]
     return "\n".join("  ".join(cell.ljust(width) if word else cell.rjust(width)
                                for cell, width, word in zip(cells, widths, words)).rstrip()
                      for cells in (headings, *rows))
