@@ -14,6 +14,7 @@ same stores. Each round checks that
 """
 
 import argparse
+import fcntl
 import os
 import random
 import re
@@ -28,9 +29,9 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent), str(HERE.parent / "tui")]
 
 from harness.pseudo_terminal import (  # noqa: E402
-    BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, FRAME_ENDS,
-    HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, Terminal, pasted)
-from interface import BROKEN_CHARACTERS, MEANINGLESS  # noqa: E402
+    BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, DELETE, DOWN, END, ENTER, ESCAPE,
+    FRAME_ENDS, GUARD_SECONDS, HOME, LEAVE_SCREEN, LEFT, LFLAG, PAGE_DOWN, PAGE_UP, RIGHT, TAB, UP, Terminal, pasted)
+from interface import BROKEN_CHARACTERS, MEANINGLESS, is_stopped  # noqa: E402
 from messages import USERS, Store  # noqa: E402
 from terminal_bytes import assert_harmless, assert_whole_frames  # noqa: E402
 
@@ -40,22 +41,22 @@ FOUND_BY_SANITIZER = 99  # an exit status that the program never has
 
 # ---- What is typed ------------------------------------------------------------------------
 
-# Not Ctrl+Z: nobody would continue the program.
 KEYS = [UP, DOWN, RIGHT, LEFT, HOME, END, PAGE_UP, PAGE_DOWN, ENTER, TAB, BACK_TAB, BACKSPACE,
-        DELETE, CTRL_E, CTRL_S]
+        DELETE, CTRL_E, CTRL_S, CTRL_Z]
 LETTERS = list("nrmp/?yY" + "abc@, 09")
 WORDS = ["all", "daemon", "daemon,bin", "@daemon", "nosuch", "30m", "1d", "tomorrow", "90d", "0m",
          "é€😀", "\u0301", "Hello world ", "x" * 70, "再起動", "👩‍💻❤️🇩🇪", "\u200b\u1161"]
 SCREEN_SIZES = [(80, 20), (80, 24), (109, 30), (110, 25), (200, 50), (81, 21)]
 SMALL_SIZES = [(79, 24), (80, 19), (20, 6), (5, 5), (4, 4), (1, 1)]
 PAUSE_SECONDS = 0.06  # longer than the keys of one sequence are waited for
+TAKEN_SECONDS = GUARD_SECONDS + 0.05  # then a question takes a key
 
 
 def some_keys(draw):
     """What is typed in one go."""
     kinds = [lambda: draw.choice(KEYS), lambda: draw.choice(LETTERS), lambda: draw.choice(WORDS),
              lambda: draw.choice(MEANINGLESS), lambda: draw.choice(BROKEN_CHARACTERS),
-             lambda: bytes(byte for byte in draw.randbytes(4) if byte not in b"\x03\x1a\x1c"),
+             lambda: bytes(byte for byte in draw.randbytes(4) if byte not in b"\x03\x1c"),
              lambda: pasted("".join(draw.choices([*WORDS, "\r\n", "\t", "y", "\x1b[A"], k=9)))]
     weights = [10, 10, 4, 3, 1, 1, 1]
     keys = b""
@@ -135,6 +136,21 @@ def without_echo(attributes):
     attributes[LFLAG] &= ~termios.ECHO
 
 
+def kill(process, number):
+    try:
+        os.kill(process, number)
+    except ProcessLookupError:
+        pass  # it has ended
+
+
+def children_of(process):
+    try:
+        return [int(child) for child in
+                Path(f"/proc/{process}/task/{process}/children").read_text().split()]
+    except FileNotFoundError:
+        return []  # it has ended
+
+
 class Round:
     def __init__(self, draw, binary, folder):
         self.draw = draw
@@ -159,8 +175,20 @@ class Round:
         if self.has_ended():
             return
         self.tbx.send(keys)
-        self.tbx.poll_for(lambda: self.has_ended() or self.tbx.unread() == 0)
+        self.tbx.poll_for(self.has_taken_all)
         self.keys += len(keys)
+
+    def has_taken_all(self):
+        """Continues the program, too, when a Ctrl+Z has stopped it, as its shell would."""
+        if self.has_ended():
+            return True
+        try:
+            if is_stopped(self.tbx):
+                self.tbx.signal(signal.SIGCONT)
+                return False
+        except (FileNotFoundError, ProcessLookupError):
+            return False  # it has just ended
+        return self.tbx.unread() == 0
 
     def change_something(self):
         what = self.draw.random()
@@ -173,11 +201,52 @@ class Round:
         elif what < 0.25:
             put_message(self.draw, self.store, next(self.numbers))
 
+    def disturb_a_command(self):
+        """Has a command wait for a lock that is held here, and does something to it meanwhile."""
+        self.leave_pages()
+        held = [os.open(path / "lock", os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600)
+                for path in (self.folder / "var" / "sent").glob("[0-9]*")]
+        for lock in held:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+        self.type(HOME + DOWN * self.draw.randrange(3) + self.draw.choice(["r", "m", "\rr"]))
+        time.sleep(TAKEN_SECONDS)
+        if not self.has_ended():
+            self.tbx.send("y")  # is not waited for: the command may leave what follows unread
+            time.sleep(self.draw.choice([0, PAUSE_SECONDS, 0.6]))
+            self.disturb(self.draw.choice(["keys", "size", SIGKILL, SIGTERM, CTRL_C, CTRL_Z, "end"]))
+        for lock in held:
+            os.close(lock)
+
+    def disturb(self, how):
+        if how == "keys":
+            self.tbx.send(some_keys(self.draw))
+        elif how == "size":
+            self.sizes.add((100, 30))
+            self.tbx.resize(100, 30)
+        elif how == "end":
+            kill(self.tbx.pid, SIGTERM)
+            self.tbx.wait_status()
+        elif isinstance(how, str):
+            self.tbx.send(how)
+        else:
+            for child in children_of(self.tbx.pid):
+                kill(child, how)
+
+    def leave_pages(self):
+        """Goes back to the list. In a form, Esc asks, and y means yes."""
+        for _ in range(3):
+            self.type(ESCAPE)
+            time.sleep(TAKEN_SECONDS)
+            self.type("y")
+            time.sleep(PAUSE_SECONDS)
+
     def run(self):
         self.tbx.wait_for(lambda: FRAME_ENDS in self.tbx.raw or self.has_ended())
         for _ in range(self.draw.randrange(1, 25)):
             self.type(some_keys(self.draw))
             self.change_something()
+        if self.draw.random() < 0.3:
+            self.disturb_a_command()
         self.end()
         self.check()
 
@@ -194,9 +263,11 @@ class Round:
     def quit(self):
         """Leaves whatever is open. In a form, Esc asks, and y means yes."""
         for _ in range(10):
-            for keys in (ESCAPE, "y", "q"):
-                self.type(keys)
-                time.sleep(PAUSE_SECONDS)  # or the next key would belong to the Esc
+            for keys, seconds in ((ESCAPE, TAKEN_SECONDS), ("y", PAUSE_SECONDS),
+                                  ("q", PAUSE_SECONDS)):
+                if not self.has_ended():
+                    self.type(keys)
+                    time.sleep(seconds)  # or the next key would belong to the Esc
 
     def check(self):
         status = self.tbx.wait_exit()
@@ -212,7 +283,7 @@ class Round:
         assert_whole_frames(self.tbx.raw, self.sizes)
 
 
-SIGTERM, SIGHUP = signal.SIGTERM, signal.SIGHUP
+SIGTERM, SIGHUP, SIGKILL = signal.SIGTERM, signal.SIGHUP, signal.SIGKILL
 
 # ---- All rounds ---------------------------------------------------------------------------
 
