@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -109,7 +110,7 @@ template <typename Body> child_result run_with_keys(std::string_view keys, Body 
 // forks; its child would wait for that lock for ever.
 class bystander {
 public:
-    template <typename Body> explicit bystander(Body &&body) : pid_(fork()) {
+    explicit bystander(const std::function<void()> &body) : pid_(fork()) {
         if (pid_ < 0)
             throw_errno("fork");
         if (pid_ == 0) {
