@@ -1,11 +1,12 @@
 #!/usr/bin/python3
-"""What the hooks cost at a prompt, beside a bare prompt and the shell's own mail check.
+"""What the hooks cost at a prompt, beside a bare prompt and the shell's own mail check; and what
+`tellbox list` and one look cost in a mailbox with 10,000 messages.
 
 usage: bench/prompt.py [--tree BUILD] [--prompts N] [SHELL...]
 
 Each shell runs on a terminal of its own, in test mode on a mailbox of its own. All of its variants take
 turns, N prompts each: the time from Enter to the next prompt. Printed are the median of each, and what
-it is above the bare prompt. Needs no root.
+it is above the bare prompt. tools/bench runs this too. Needs no root.
 """
 
 import argparse
@@ -16,6 +17,7 @@ import select
 import shutil
 import signal
 import statistics
+import subprocess
 import tempfile
 import time
 from pathlib import Path
@@ -31,6 +33,8 @@ MAIL_CHECK = {"bash": "MAILPATH={mail}\nMAILCHECK=0\n", "zsh": "mailpath=({mail}
 START = {"bash": ["bash", "--noprofile", "--rcfile", "{rc}", "-i"], "zsh": ["zsh", "-i"],
          "fish": ["fish", "-i"]}
 WAITING = (0, 1, 1000)  # messages that wait and are not due
+MANY = 10_000
+RUNS = 7
 
 
 class Variant:
@@ -70,13 +74,14 @@ class Variant:
         os.waitpid(self._pid, 0)
 
 
-def make_mailbox(state, waiting, due=False):
+def make_mailbox(state, waiting, due=False, header=""):
     """The own mailbox with so many messages, which were shown just now unless they are due."""
     box = state / "users" / pwd.getpwuid(os.geteuid()).pw_name
     for folder in ("inbox", "read", "acks", "state"):
         (box / folder).mkdir(parents=True)
     for number in range(1, waiting + 1):
-        (box / f"inbox/{number}").write_text("date: 1790000000\n\nHello\n", encoding="ascii")
+        (box / f"inbox/{number}").write_text(f"date: 1790000000\n{header}\nHello\n",
+                                               encoding="ascii")
         if not due:
             (box / f"state/{number}.term").write_text("shown\n", encoding="ascii")
     for folder in ("inbox", "state"):
@@ -119,6 +124,40 @@ def due_times(shell, tree, scratch, count):
     return variant
 
 
+def median_run(command, env):
+    """Seconds of one run on a terminal, whatever its exit status says."""
+    times = []
+    for _ in range(RUNS):
+        master, slave = pty.openpty()
+        began = time.perf_counter()
+        program = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL, stdout=slave)
+        os.close(slave)
+        while program.poll() is None or select.select([master], [], [], 0)[0]:
+            if select.select([master], [], [], 0.01)[0]:
+                try:
+                    os.read(master, 65536)
+                except OSError:
+                    break  # the last one that had it open has ended
+        program.wait()
+        times.append(time.perf_counter() - began)
+        os.close(master)
+    return statistics.median(times)
+
+
+def measure_many(tree, scratch):
+    """One run in mailboxes with many messages."""
+    name = pwd.getpwuid(os.geteuid()).pw_name
+    look = ["prompt", name, "0"]
+    for what, command, options in (
+            ("list", ["list"], {}), ("look, none due", look, {}),
+            ("look, all expired", look, {"due": True, "header": "expires: 1790000001\n"})):
+        state = scratch / f"many-{what}"
+        make_mailbox(state, MANY, **options)
+        env = {"TERM": "xterm", "TBX_TEST": "1", "TBX_VAR": str(state)}
+        seconds = median_run([tree / "tellbox-user", *command], env)
+        print(f"{MANY:,} messages: {what:20} {seconds * 1000:8.1f} ms")
+
+
 def measure(shell, tree, count, scratch):
     variants = list(variants_of(shell, tree, scratch))
     for _ in range(count + 2):
@@ -143,6 +182,8 @@ def main():
     for shell in options.shells or [name for name in PROMPTS if shutil.which(name)]:
         with tempfile.TemporaryDirectory() as scratch:
             measure(shell, options.tree.resolve(), options.prompts, Path(scratch))
+    with tempfile.TemporaryDirectory() as scratch:
+        measure_many(options.tree.resolve(), Path(scratch))
 
 
 main()
