@@ -34,9 +34,9 @@ static int64_t now_ms() {
 // events with the low bits of the same clock; a stamp that cannot be right counts as now.
 static int64_t moment_of(guint32 stamp) {
     constexpr guint32 OLDEST_MS = 60'000;
-    const int64_t now = now_ms();
-    const guint32 age = static_cast<guint32>(now) - stamp;
-    return stamp != 0 && age <= OLDEST_MS ? now - age : now;
+    const int64_t present = now_ms();
+    const guint32 age = static_cast<guint32>(present) - stamp;
+    return stamp != 0 && age <= OLDEST_MS ? present - age : present;
 }
 
 // ---- What is on it ------------------------------------------------------------------------
