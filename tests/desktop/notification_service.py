@@ -8,6 +8,7 @@ standard input, a line each:
 
     act NUMBER KEY [TOKEN]     the user chooses an action
     close NUMBER REASON        the notification goes
+    tell                       says when everything before was sent
     leave                      it gives its name up, but stays on the bus
     reply                      in the mode "slow": answers the calls that wait
 
@@ -129,6 +130,9 @@ class Service:
         elif command == "close":
             self.signal("NotificationClosed",
                         GLib.Variant("(uu)", (int(words[0]), int(words[1]))))
+        elif command == "tell":
+            self.bus.flush_sync(None)
+            tell(told=True)
         elif command == "leave":
             Gio.bus_unown_name(self.name)
         elif command == "reply":

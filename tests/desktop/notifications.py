@@ -45,6 +45,10 @@ class Service:
         arguments = self.await_call("Notify")
         return self.next()["number"], arguments
 
+    def await_told(self, name):
+        while name not in self.next():
+            pass
+
     def is_left_alone(self, seconds=0.5):
         """Whether it is asked nothing for a while."""
         try:

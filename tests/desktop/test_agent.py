@@ -113,7 +113,7 @@ def test_an_answer_that_cannot_be_written_is_reported(recipient):
 
 def test_whoever_types_while_ten_messages_come_confirms_none(recipient, screen, editor):
     agent = recipient.start_agent()
-    editor.type_on()
+    editor.type_until_stopped()
     for _ in range(10):
         number = recipient.send("Press Enter to go on.")
         recipient.await_mark(number, "shown")

@@ -2,6 +2,7 @@
 be."""
 
 import pathlib
+import signal
 import subprocess
 import time
 
@@ -112,12 +113,15 @@ def test_a_token_is_for_the_message_that_was_asked_for_only(recipient, service, 
                          "echo shown; while :; do sleep 0.1; done")
     desktop = service()
     first, second = recipient.send("first"), recipient.send("second")
-    agent_on()
+    agent = agent_on()
     number, _ = desktop.await_notification()
     recipient.await_mark(first, "shown")
+    agent.signal(signal.SIGSTOP)  # it learns both at once
     desktop.command("act", number, f"show:{first}", "a-token")
-    time.sleep(0.1)  # the window takes half a second to go
+    desktop.command("tell")
+    desktop.await_told("told")
     recipient.file("acks", first).write_text("1 terminal\n")
+    agent.signal(signal.SIGCONT)
     recipient.await_mark(second, "shown")
     assert (recipient.lib / "tellbox-window.tokens").read_text() == "<>\n<>\n"
 
@@ -323,21 +327,36 @@ def test_without_a_window_the_notification_can_be_answered(recipient, no_window,
     assert recipient.await_answer(message) == "desktop"
 
 
+def answer_at_once(recipient, desktop, action):
+    """A message whose notification was answered before the guard's time was over. On a busy machine
+    this takes a few tries."""
+    for _ in range(20):
+        began = time.monotonic()
+        message = recipient.send()
+        number, _ = desktop.await_notification()
+        desktop.command("act", number, f"{action}:{message}")
+        desktop.command("tell")
+        desktop.await_told("told")
+        if time.monotonic() < began + GUARD_SECONDS:
+            return message, number
+        recipient.file("inbox", message).unlink(missing_ok=True)
+    raise AssertionError("this machine is too slow to answer at once")
+
+
 @pytest.mark.parametrize("action", ["read", "later"])
 def test_an_answer_to_what_has_just_appeared_does_not_count(recipient, no_window, service,
                                                             agent_on, action):
     desktop = service()
     agent_on()
-    message = recipient.send()
-    number, _ = desktop.await_notification()
-    desktop.command("act", number, f"{action}:{message}")
+    message, number = answer_at_once(recipient, desktop, action)
     again, _ = desktop.await_notification()  # services close what was answered
     assert again != number
-    assert recipient.events() == []
+    assert all(about != message for _, about, _ in recipient.events())
     outlast_guard()
     desktop.command("act", again, f"{action}:{message}")
-    await_condition(lambda: [event for event, *_ in recipient.events()] == [
-        {"read": "CONFIRMED", "later": "POSTPONED"}[action]], "the answer counts now")
+    event = {"read": "CONFIRMED", "later": "POSTPONED"}[action]
+    await_condition(lambda: (event, message, "desktop") in recipient.events(),
+                    "the answer counts now")
 
 
 def test_an_answer_that_was_not_offered_does_not_count(recipient, no_window, service, agent_on):
