@@ -34,6 +34,8 @@ constexpr uint64_t LOOK_INTERVAL_MS = 20;
 constexpr uint64_t LOOK_IDLE_FACTOR = 4;
 // A user who asked for a message longer ago does something else by now.
 constexpr uint64_t ASKED_FOR_VALID_MS = 10'000;
+// A message is shown anew at most once in this time.
+constexpr uint64_t SHOW_INTERVAL_MS = 1000;
 
 // Time that passes while the machine sleeps too: then reminders and expiries are due.
 static uint64_t now_ms() {
@@ -119,9 +121,10 @@ private:
     bool mark_stands_ = false; // its mark "shown"
     bool only_notice_ = false; // there is no window program
     asked_message asked_;
-    std::string token_;        // for the window that is being opened
-    bool window_hung_ = false; // the last window; maybe it waited for the bus
-    bool is_closing_ = false;  // the window closes: the message must not be shown any more
+    uint64_t shown_again_ms_ = 0; // when the user asked last
+    std::string token_;           // for the window that is being opened
+    bool window_hung_ = false;    // the last window; maybe it waited for the bus
+    bool is_closing_ = false;     // the window closes: the message must not be shown any more
     bool is_finishing_ = false;
 };
 
@@ -463,6 +466,9 @@ void agent::notice_gone(int64_t id) {
 
 void agent::action_chosen(int64_t id, const std::string &action, const std::string &token) {
     if (action == "show") {
+        if (now_ms() - shown_again_ms_ < SHOW_INTERVAL_MS)
+            return; // a double click
+        shown_again_ms_ = now_ms();
         asked_ = {id, now_ms(), token};
         is_closing_ = true; // it is shown again at once
         window_.close();

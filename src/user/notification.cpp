@@ -13,6 +13,7 @@ constexpr uint8_t URGENCY_NORMAL = 1;
 constexpr int32_t NEVER_EXPIRES = 0;
 constexpr int32_t SERVICE_S_OWN_TIME = -1;
 constexpr uint32_t NO_NUMBER = 0;
+constexpr int EARLY_ANSWERS_MAX = 3; // of one notification; more come from no person
 constexpr size_t TOKEN_MAX_BYTES = 4096;
 
 std::string notification_escape(const std::string &text) {
@@ -143,6 +144,7 @@ void notifier::tell_if_gone(int64_t id) const {
 
 void notifier::put_up(notice wanted) {
     wanted_ = std::move(wanted);
+    early_answers_ = 0;
     tried_id_ = 0;
     go_on();
 }
@@ -331,8 +333,10 @@ void notifier::action_invoked(const std::string &name) {
         return;
     const bool is_answer = std::ranges::find(wanted_.answers, name) != wanted_.answers.end();
     if (is_answer && monotonic_ms() - standing_since_ms_ < NOTICE_GUARD_MS) {
-        tried_id_ = 0; // services close what was answered: it is put up again
-        go_on();
+        if (++early_answers_ <= EARLY_ANSWERS_MAX) {
+            tried_id_ = 0; // services close what was answered: it is put up again
+            go_on();
+        }
         return;
     }
     tell_.chosen(standing_id_, name, token);

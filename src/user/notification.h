@@ -94,6 +94,7 @@ private:
     int64_t standing_id_ = 0; // the message of `number_`
     uint32_t number_ = 0;     // of the notification that is shown; 0 for none
     uint64_t standing_since_ms_ = 0;
+    int early_answers_ = 0;            // to the wanted notification, within the guard's time
     std::vector<std::string> offered_; // names of the actions of the last call
     std::string token_;                // of the activation that comes before an action
 };

@@ -17,6 +17,7 @@ MODE is one of
     strict      everything as it should be
     plain       it draws no actions, and says so
     drops       it closes what it is given at once, as expired
+    eager       it says at once that the user has chosen the first action
     errors      every call fails
     mute        no call is answered
     slow        Notify is answered when `reply` comes
@@ -61,6 +62,7 @@ def tell(**what):
 class Service:
     def __init__(self, mode):
         self.mode, self.last, self.waiting, self.commands = mode, 0, [], b""
+        self.first_action = None
         self.bus = Gio.bus_get_sync(Gio.BusType.SESSION)
         self.bus.add_filter(self.before_dispatch)
         node = Gio.DBusNodeInfo.new_for_xml(INTERFACE)
@@ -95,6 +97,7 @@ class Service:
         elif method == "Notify" and self.mode == "slow":
             self.waiting.append(call)
         elif method == "Notify":
+            self.first_action = values[5][0] if values[5] else ""
             self.answer(call)
         elif method == "CloseNotification":
             call.return_value(None)
@@ -107,6 +110,8 @@ class Service:
         number = 0 if self.mode == "zero" else self.last
         call.return_value(GLib.Variant("(u)", (number,)))
         tell(number=number)
+        if self.mode == "eager":
+            self.signal("ActionInvoked", GLib.Variant("(us)", (number, self.first_action)))
         if self.mode == "drops":
             self.signal("NotificationClosed", GLib.Variant("(uu)", (number, 1)))
 

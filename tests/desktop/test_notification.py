@@ -211,7 +211,8 @@ def test_a_signal_of_somebody_else_is_not_believed(recipient, service, agent_on,
     assert (recipient.folder / "opened").read_text() == "x\n"
 
 
-@pytest.mark.parametrize("mode", ["plain", "drops", "errors", "mute", "slow", "nonsense", "zero"])
+@pytest.mark.parametrize("mode", ["plain", "drops", "eager", "errors", "mute", "slow", "nonsense",
+                                  "zero"])
 def test_no_service_keeps_the_window_away(recipient, service, agent_on, mode):
     recipient.use_window("echo shown; sleep 0.2; echo read")
     service(mode)
@@ -357,6 +358,31 @@ def test_an_answer_to_what_has_just_appeared_does_not_count(recipient, no_window
     event = {"read": "CONFIRMED", "later": "POSTPONED"}[action]
     await_condition(lambda: (event, message, "desktop") in recipient.events(),
                     "the answer counts now")
+
+
+def test_a_service_that_answers_by_itself_confirms_nothing_and_is_left_alone(
+        recipient, no_window, service, agent_on):
+    desktop = service("eager")
+    agent_on()
+    message = recipient.send()
+    for _ in range(4):
+        desktop.await_notification()
+    assert desktop.is_left_alone()
+    assert recipient.is_unanswered(message) and recipient.events() == []
+
+
+def test_a_service_that_asks_for_the_window_all_the_time_gets_it_now_and_then(
+        recipient, service, agent_on):
+    recipient.use_window(f"echo x >>{recipient.folder}/opened; echo shown; exec sleep 60")
+    desktop = service()
+    agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    for _ in range(30):
+        desktop.command("act", number, f"show:{message}")
+        time.sleep(0.05)
+    assert 2 <= len((recipient.folder / "opened").read_text().splitlines()) <= 5
 
 
 def test_an_answer_that_was_not_offered_does_not_count(recipient, no_window, service, agent_on):
