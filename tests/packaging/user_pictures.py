@@ -18,7 +18,7 @@ from harness.user_program import deliver, install_user_program
 DESKTOP = manual.REPOSITORY / "tests" / "desktop"
 PICTURES = manual.REPOSITORY / "docs" / "pictures"
 
-TITLE = "Maintenance tonight"
+TITLE = "Restart tonight"
 TEXT = "The machine restarts at 22:00.\nPlease save your work.\n"
 NOTIFICATION_SERVICE = Path("/usr/share/dbus-1/services/org.xfce.xfce4-notifyd.Notifications.service")
 SMALLEST_DIFFERENCE = 48  # of a colour, in 255 parts; less is another way to smooth an edge
