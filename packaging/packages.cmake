@@ -109,6 +109,9 @@ set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
   /usr/local/share/zsh/site-functions /usr/share /usr/share/fish
   /usr/share/fish/vendor_completions.d /usr/share/fish/vendor_conf.d)
 foreach(language IN LISTS languages)
+  list(APPEND CPACK_RPM_TELLBOX-USER_USER_FILELIST
+    "%lang(${language}) /usr/local/share/locale/${language}/LC_MESSAGES/tellbox-user.mo"
+    "%lang(${language}) /usr/local/share/man/${language}/man1/tellbox.1")
   list(APPEND CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
     /usr/local/share/locale/${language} /usr/local/share/locale/${language}/LC_MESSAGES
     /usr/local/share/man/${language} /usr/local/share/man/${language}/man1)
