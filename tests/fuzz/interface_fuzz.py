@@ -46,6 +46,7 @@ KEYS = [UP, DOWN, RIGHT, LEFT, HOME, END, PAGE_UP, PAGE_DOWN, ENTER, TAB, BACK_T
 LETTERS = list("nrmp/?yY" + "abc@, 09")
 WORDS = ["all", "daemon", "daemon,bin", "@daemon", "nosuch", "30m", "1d", "tomorrow", "90d", "0m",
          "é€😀", "\u0301", "Hello world ", "x" * 70, "再起動", "👩‍💻❤️🇩🇪", "\u200b\u1161"]
+CTRL_Q = "\x11"
 SCREEN_SIZES = [(80, 20), (80, 24), (109, 30), (110, 25), (200, 50), (81, 21)]
 SMALL_SIZES = [(79, 24), (80, 19), (20, 6), (5, 5), (4, 4), (1, 1)]
 PAUSE_SECONDS = 0.06  # longer than the keys of one sequence are waited for
@@ -131,9 +132,11 @@ def environment(draw, folder):
             "UBSAN_OPTIONS": options, "LSAN_OPTIONS": f"exitcode={FOUND_BY_SANITIZER}", **colours}
 
 
-def without_echo(attributes):
-    """The terminal itself would show what is typed while an editor has it."""
+def with_nothing_of_its_own(attributes):
+    """The terminal itself would show what is typed while an editor has it, and would throw a part of
+    a frame away when Ctrl+C or Ctrl+Z comes."""
     attributes[LFLAG] &= ~termios.ECHO
+    attributes[LFLAG] |= termios.NOFLSH
 
 
 def kill(process, number):
@@ -165,7 +168,7 @@ class Round:
         self.keys = 0
         self.ended_by = "not asked to end"
         self.tbx = Terminal([binary], columns, rows, env=environment(draw, folder),
-                            attributes=without_echo)
+                            attributes=with_nothing_of_its_own)
 
     def has_ended(self):
         return self.tbx._status is not None  # the end is no failure here
@@ -178,17 +181,25 @@ class Round:
         self.tbx.poll_for(self.has_taken_all)
         self.keys += len(keys)
 
-    def has_taken_all(self):
-        """Continues the program, too, when a Ctrl+Z has stopped it, as its shell would."""
-        if self.has_ended():
-            return True
+    def goes_on(self):
+        """Continues the program when a Ctrl+Z has stopped it, as its shell would.
+
+        Returns whether it was running.
+        """
         try:
-            if is_stopped(self.tbx):
-                self.tbx.signal(signal.SIGCONT)
-                return False
+            if not is_stopped(self.tbx):
+                return True
+            self.tbx.signal(signal.SIGCONT)
         except (FileNotFoundError, ProcessLookupError):
-            return False  # it has just ended
-        return self.tbx.unread() == 0
+            pass  # it has just ended
+        return False
+
+    def has_taken_all(self):
+        return self.has_ended() or self.goes_on() and self.tbx.unread() == 0
+
+    def goes_on_and_has_ended(self):
+        self.goes_on()
+        return self.has_ended()
 
     def change_something(self):
         what = self.draw.random()
@@ -225,7 +236,7 @@ class Round:
             self.tbx.resize(100, 30)
         elif how == "end":
             kill(self.tbx.pid, SIGTERM)
-            self.tbx.wait_status()
+            self.tbx.poll_for(self.goes_on_and_has_ended)
         elif isinstance(how, str):
             self.tbx.send(how)
         else:
@@ -256,7 +267,8 @@ class Round:
         if how == "quit":
             self.quit()
         elif how == "interrupt":
-            self.tbx.send_until(CTRL_C, self.has_ended)  # while an editor runs, it is not heard
+            # While an editor runs, it is not heard.
+            self.tbx.send_until(CTRL_C, self.goes_on_and_has_ended)
         elif not self.has_ended():
             self.tbx.signal(how)
 
@@ -270,6 +282,8 @@ class Round:
                     time.sleep(seconds)  # or the next key would belong to the Esc
 
     def check(self):
+        self.tbx.poll_for(self.goes_on_and_has_ended)
+        self.tbx.send(CTRL_Q)  # a Ctrl+S that was not read holds up what is written afterwards
         status = self.tbx.wait_exit()
         for kept in re.findall(rb"kept in (/tmp/tellbox-testo-\w{6})", self.tbx.raw):
             Path(kept.decode()).unlink(missing_ok=True)
