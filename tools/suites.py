@@ -24,6 +24,7 @@ GUIDE = {"cli": "dispatch", "tui": "manual guide", "packaging": "man_page comple
 
 # What besides unit tests shows a mistake in a room of src/ (the path without its suffix), by suite.
 ROOMS = {
+    "common/characters": {"cli": "list", "tui": "screen_text screen_wide"},
     "common/child": {"tui": "screen_haste screen_send screen_signals"},
     "common/core": {
         "cli": "send_durability send_store send_text list status failing_lookups log_files",

@@ -9,13 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <ctime>
-
-int64_t child_clock_ms() {
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
-}
+#include <climits>
 
 // ---- Pipes --------------------------------------------------------------------------------
 
@@ -52,6 +46,8 @@ static void keep(child_exchange *traffic, std::string_view printed) {
 static bool drain(child_exchange *traffic) {
     std::array<char, 16384> chunk;
     const ssize_t got = read(traffic->from_child.get(), chunk.data(), chunk.size());
+    if (got < 0 && errno != EINTR)
+        traffic->error = errno;
     if (got <= 0)
         return got < 0 && errno == EINTR;
     keep(traffic, {chunk.data(), static_cast<size_t>(got)});
@@ -73,8 +69,12 @@ exchange_state child_exchange_step(child_exchange *traffic, int timeout_ms, int 
     const int ready = poll(watched, 3, timeout_ms);
     if (ready == 0)
         return exchange_state::timed_out;
-    if (ready < 0)
-        return errno == EINTR ? exchange_state::open : exchange_state::ended;
+    if (ready < 0 && errno == EINTR)
+        return exchange_state::open;
+    if (ready < 0) {
+        traffic->error = errno;
+        return exchange_state::ended;
+    }
     if (watched[1].revents != 0)
         feed(traffic);
     if (watched[0].revents != 0 && !drain(traffic))
@@ -91,21 +91,23 @@ unique_fd child_pidfd(pid_t child) {
     return unique_fd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
 }
 
-// Sleeps until the child ends, at most LOOK_AGAIN_MS. Without a pidfd poll() watches nothing and
-// only sleeps.
+// Sleeps until the child ends. Without a pidfd poll() watches nothing and returns after a moment,
+// so that the child is looked at again.
 static void sleep_until_end(const unique_fd &pidfd, int64_t remaining_ms) {
     static constexpr int64_t LOOK_AGAIN_MS = 10;
     pollfd watched = {.fd = pidfd.get(), .events = POLLIN, .revents = 0};
-    poll(&watched, 1, static_cast<int>(std::min(remaining_ms, LOOK_AGAIN_MS)));
+    const int64_t longest_ms = pidfd ? INT_MAX : LOOK_AGAIN_MS;
+    const int wait_ms = static_cast<int>(std::min(remaining_ms, longest_ms));
+    (void)poll(&watched, 1, wait_ms); // however it ends, the caller looks at the child again
 }
 
 bool child_await(pid_t child, const unique_fd &pidfd, int timeout_ms, int *status) {
-    const int64_t deadline_ms = child_clock_ms() + timeout_ms;
+    const int64_t deadline_ms = monotonic_ms() + timeout_ms;
     while (true) {
         const pid_t ended = waitpid(child, status, WNOHANG);
         if (ended != 0 && !(ended < 0 && errno == EINTR))
             return true;
-        const int64_t remaining_ms = deadline_ms - child_clock_ms();
+        const int64_t remaining_ms = deadline_ms - monotonic_ms();
         if (remaining_ms <= 0)
             return false;
         sleep_until_end(pidfd, remaining_ms);

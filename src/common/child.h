@@ -8,9 +8,6 @@
 
 #include <string_view>
 
-// The monotonic clock, in milliseconds.
-[[nodiscard]] int64_t child_clock_ms();
-
 struct child_pipe {
     unique_fd read_end;
     unique_fd write_end;
@@ -27,6 +24,7 @@ struct child_exchange {
     std::string_view input;  // what is still to be written
     strbuf *output;          // null: what the child prints is read and dropped
     size_t output_max_bytes; // of `output`; anything after that is read and dropped
+    int error = 0;           // errno, when the output could not be read to EOF
 };
 
 enum class exchange_state {

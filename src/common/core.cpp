@@ -16,7 +16,7 @@ void unique_fd::reset(int fd) {
     if (old < 0)
         return;
     const int saved = errno;
-    ::close(old); // errors matter only where close() is called
+    (void)::close(old); // errors matter only where close() is called
     errno = saved;
 }
 
@@ -33,7 +33,7 @@ void set_program_name(const char *name) {
 }
 
 static void __attribute__((format(printf, 1, 0))) report(const char *format, va_list arguments) {
-    fflush(stdout); // earlier output is shown before the diagnostic
+    (void)fflush(stdout); // earlier output is shown before the diagnostic
     fprintf(stderr, "%s: ", program_name);
     vfprintf(stderr, format, arguments);
     fputc('\n', stderr);
@@ -402,12 +402,12 @@ static int write_new_file(const char *path, const void *data, size_t len, mode_t
 static int write_and_rename(const char *path, const void *data, size_t len, mode_t mode,
                             int (*rename_to)(const char *, const char *)) {
     const std::string temporary = xasprintf("%s.tmp", path);
-    unlink(temporary.c_str()); // left by an interrupted run; usually there is none
+    (void)unlink(temporary.c_str()); // left by an interrupted run; usually there is none
     if (write_new_file(temporary.c_str(), data, len, mode) == 0 &&
         rename_to(temporary.c_str(), path) == 0)
         return 0;
     const int saved = errno;
-    unlink(temporary.c_str()); // may never have been created
+    (void)unlink(temporary.c_str()); // may never have been created
     errno = saved;
     return -1;
 }
@@ -509,8 +509,14 @@ int list_numeric_entries(const char *dir, strlist *l) {
 // Not time(): it can be a tick behind the clock that other programs have just read.
 time_t now() {
     timespec clock = {};
-    clock_gettime(CLOCK_REALTIME, &clock); // cannot fail: the clock exists
+    (void)clock_gettime(CLOCK_REALTIME, &clock); // cannot fail: the clock exists
     return clock.tv_sec;
+}
+
+int64_t monotonic_ms() {
+    timespec clock = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &clock); // cannot fail: the clock exists
+    return int64_t{clock.tv_sec} * 1000 + clock.tv_nsec / 1'000'000;
 }
 
 void format_time_short(int64_t t, char out[SHORT_TIME_BYTES]) {

@@ -285,7 +285,8 @@ constexpr int64_t ID_MAX = 999'999'999'999'999'999;
 
 // ---- Time ---------------------------------------------------------------------------------
 
-[[nodiscard]] time_t now(); // seconds since the epoch
+[[nodiscard]] time_t now();           // seconds since the epoch
+[[nodiscard]] int64_t monotonic_ms(); // milliseconds on the monotonic clock
 
 constexpr size_t SHORT_TIME_BYTES = 32;
 // Writes `t` as local time, "%d/%m %H:%M", or "?" when it cannot be shown.

@@ -44,9 +44,9 @@ class signals_left_to_pager {
 public:
     signals_left_to_pager() = default;
     ~signals_left_to_pager() {
-        signal(SIGPIPE, pipe_);
-        signal(SIGINT, interrupt_);
-        signal(SIGQUIT, quit_);
+        (void)signal(SIGPIPE, pipe_); // cannot fail: they were set before
+        (void)signal(SIGINT, interrupt_);
+        (void)signal(SIGQUIT, quit_);
     }
     signals_left_to_pager(const signals_left_to_pager &) = delete;
     signals_left_to_pager &operator=(const signals_left_to_pager &) = delete;
@@ -59,8 +59,8 @@ private:
 
 bool pager_show(const std::string &command, const std::function<void(FILE *)> &print) {
     // The text is UTF-8, even if sudo or a console has left the locale at "C".
-    setenv("LESSCHARSET", "utf-8", /*overwrite=*/0);
-    fflush(stdout);
+    (void)setenv("LESSCHARSET", "utf-8", /*overwrite=*/0); // without it less shows what it can
+    (void)fflush(stdout); // an error is reported at the end of the run
     FILE *pager = popen(command.c_str(), "we");
     if (!pager)
         return false;

@@ -1,5 +1,7 @@
 #include "common/style.h"
 
+#include "common/characters.h"
+
 #include <algorithm>
 #include <string_view>
 
@@ -30,12 +32,7 @@ void styles_set(bool enabled) {
 // ---- Measuring ----------------------------------------------------------------------------
 
 static bool begins_character(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
-}
-
-static bool is_ascii_letter(char byte) {
-    const int upper = static_cast<unsigned char>(byte) & ~0x20;
-    return upper >= 'A' && upper <= 'Z';
+    return !is_continuation_byte(byte);
 }
 
 static size_t character_count(std::string_view text) {
@@ -44,22 +41,6 @@ static size_t character_count(std::string_view text) {
 
 size_t text_character_count(const char *text) {
     return character_count(text);
-}
-
-size_t text_display_width(const char *text) {
-    size_t columns = 0;
-    for (const char *at = text; *at; at++) {
-        if (at[0] == '\033' && at[1] == '[') {
-            at += 2;
-            while (*at && !is_ascii_letter(*at))
-                at++;
-            if (!*at)
-                return columns;
-        } else if (begins_character(*at)) {
-            columns++;
-        }
-    }
-    return columns;
 }
 
 // Returns the longest beginning of `text` with at most `count` characters, all of them whole.

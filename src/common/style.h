@@ -24,9 +24,6 @@ extern int style_columns;
 // Switches every style on, or to the empty string.
 void styles_set(bool enabled);
 
-// Returns the columns that UTF-8 `text` takes on the screen; escape sequences take none.
-[[nodiscard]] size_t text_display_width(const char *text);
-
 // Returns the number of UTF-8 characters in `text`; those of escape sequences count too.
 [[nodiscard]] size_t text_character_count(const char *text);
 

@@ -162,7 +162,7 @@ static void print_heading(int64_t id, const message_record &message) {
     strbuf headline;
     message_headline(message, &headline);
     printf("Message %lld · %s\n", static_cast<long long>(id), headline.data);
-    fflush(stdout);
+    (void)fflush(stdout); // an error is reported at the end of the run
 }
 
 void cmd_log(const char *id_text) {

@@ -82,7 +82,7 @@ static bool parse_date(const char *value, int64_t *seconds) {
         return false;
     unique_fd read_end(fds[0]);
     unique_fd write_end(fds[1]);
-    fflush(stdout);
+    (void)fflush(stdout); // an error is reported at the end of the run
     const pid_t child = fork();
     if (child < 0)
         return false;

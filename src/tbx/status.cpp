@@ -1,5 +1,6 @@
 #include "tbx/status.h"
 
+#include "common/characters.h"
 #include "tbx/command.h"
 
 #include <cerrno>
@@ -76,8 +77,13 @@ lookup message_summary_load(int64_t id, confirmation_cache *cache, message_summa
     return load_saved_summary(id, cache, summary);
 }
 
-std::string message_marks(const message_summary &summary) {
-    return std::string(summary.revoked ? "[revoked] " : "") + (summary.expired ? "[expired] " : "");
+std::string message_marks(const message_summary &summary, const char *style, const char *reset) {
+    std::string marks;
+    if (summary.revoked)
+        marks += xasprintf("%s[revoked] %s", style, reset);
+    if (summary.expired)
+        marks += xasprintf("%s[expired] %s", style, reset);
+    return marks;
 }
 
 static void append_count(strbuf *out, int count, const char *word, bool *is_first) {
@@ -101,10 +107,6 @@ void summary_text(const message_summary &summary, strbuf *out) {
 // ---- list ---------------------------------------------------------------------------------
 
 constexpr size_t TEXT_COLUMNS = 40;
-
-static bool is_continuation_byte(char c) {
-    return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
-}
 
 // Appends at most TEXT_COLUMNS characters of `text`, padded with blanks to that width.
 static void append_text_column(strbuf *out, std::string_view text) {

@@ -21,8 +21,9 @@ struct message_summary {
 };
 
 // Returns the marks before the text of a message in listings: "[revoked] ", "[expired] ", both or
-// none.
-[[nodiscard]] std::string message_marks(const message_summary &summary);
+// none, each between two style strings.
+[[nodiscard]] std::string message_marks(const message_summary &summary, const char *style = "",
+                                        const char *reset = "");
 
 // Loads the summary of message `id`. Returns `absent` for a message that is marked failed, was not
 // saved or has no recipients, `failed` with errno when something could not be read.

@@ -18,7 +18,7 @@
 
 constexpr const char *PSEUDO_TERMINALS = "/dev/pts";
 constexpr const char *CONSOLE_PREFIX = "tty";
-constexpr time_t WRITE_PATIENCE_SECONDS = 2;
+constexpr int64_t WRITE_PATIENCE_MS = 2000;
 constexpr int WRITE_POLL_MILLISECONDS = 100;
 constexpr size_t WAITING_TERMINALS_MAX = 256;
 
@@ -134,17 +134,11 @@ void terminal_banner_build(const message_record &message, strbuf *out) {
 
 // ---- Writing ------------------------------------------------------------------------------
 
-static time_t monotonic_seconds() {
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
-    return time.tv_sec;
-}
-
 // A terminal on which not everything has been written yet.
 struct pending_output {
     unique_fd terminal;
     std::string_view rest;
-    time_t start; // of writing to the user's terminals: one time limit for all
+    int64_t start_ms; // of writing to the user's terminals: one time limit for all
 };
 
 enum class output_state { whole, waiting, given_up };
@@ -157,7 +151,7 @@ static output_state write_some(pending_output *pending) {
         const bool is_full = count == 0 || (count < 0 && (errno == EAGAIN || errno == EINTR));
         if (count > 0)
             pending->rest.remove_prefix(static_cast<size_t>(count));
-        else if (is_full && monotonic_seconds() - pending->start <= WRITE_PATIENCE_SECONDS)
+        else if (is_full && monotonic_ms() - pending->start_ms <= WRITE_PATIENCE_MS)
             return output_state::waiting;
         else
             return output_state::given_up;
@@ -208,7 +202,7 @@ static unique_fd open_terminal(const char *path, uint32_t uid) {
 
 int terminals_write(const strlist &paths, uint32_t uid, std::string_view text) {
     int whole = 0;
-    const time_t start = monotonic_seconds();
+    const int64_t start_ms = monotonic_ms();
     std::vector<pending_output> waiting;
     for (const char *path : paths) {
         unique_fd terminal = open_terminal(path, uid);
@@ -219,7 +213,7 @@ int terminals_write(const strlist &paths, uint32_t uid, std::string_view text) {
             terminal = open_terminal(path, uid);
         if (!terminal)
             continue;
-        pending_output pending = {std::move(terminal), text, start};
+        pending_output pending = {std::move(terminal), text, start_ms};
         const output_state state = write_some(&pending);
         if (state == output_state::whole)
             whole++;

@@ -1,10 +1,11 @@
 #include "tbx/user_child.h"
 
+#include "common/child.h"
 #include "common/environment.h"
 
 #include <fcntl.h>
 #include <grp.h>
-#include <poll.h>
+#include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -16,7 +17,6 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
 #include <optional>
 #include <unordered_map>
 
@@ -38,12 +38,6 @@ static std::unordered_map<std::string, user_run, string_hash, std::equal_to<>> u
 
 static user_run &run_of(const resolved_user &user) {
     return user_runs[user.name];
-}
-
-int64_t monotonic_ms() {
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
-    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
 }
 
 user_timer::user_timer(const resolved_user &user)
@@ -79,38 +73,15 @@ void user_times_forget() {
 
 // ---- Waiting ------------------------------------------------------------------------------
 
-constexpr int REAP_INTERVAL_MS = 10; // where the system has no pidfd
 constexpr int KILL_PATIENCE_MS = 2000;
 constexpr int NOT_REAPED = -1; // no wait status has this value
-constexpr int POLL_LIMIT_MS = 1000;
-
-// Returns a descriptor that becomes readable when `child` ends; empty if the system has no pidfds.
-static unique_fd open_pidfd(pid_t child) {
-    return unique_fd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-}
-
-// Sleeps until the child ends. Without a pidfd poll() watches nothing and returns after a moment,
-// so that the child is looked at again.
-static void await_exit(const unique_fd &pidfd, int64_t remaining_ms) {
-    pollfd watched = {.fd = pidfd.get(), .events = POLLIN, .revents = 0};
-    const int64_t longest_ms = pidfd ? INT_MAX : REAP_INTERVAL_MS;
-    const int wait_ms = static_cast<int>(std::min(remaining_ms, longest_ms));
-    (void)poll(&watched, 1, wait_ms); // however it ends, the caller looks at the child again
-}
+constexpr int64_t POLL_LIMIT_MS = 1000;
 
 // Waits for the child until the deadline. Returns false only if it is still running then. If
 // there is no such child, returns true and leaves `status` unchanged.
 static bool await_child(pid_t child, int64_t deadline_ms, int *status) {
-    const unique_fd pidfd = open_pidfd(child);
-    while (true) {
-        const pid_t ended = waitpid(child, status, WNOHANG);
-        if (ended != 0 && !(ended < 0 && errno == EINTR))
-            return true;
-        const int64_t remaining_ms = deadline_ms - monotonic_ms();
-        if (remaining_ms <= 0)
-            return false;
-        await_exit(pidfd, remaining_ms);
-    }
+    const int64_t left_ms = std::clamp<int64_t>(deadline_ms - monotonic_ms(), 0, INT_MAX);
+    return child_await(child, child_pidfd(child), static_cast<int>(left_ms), status);
 }
 
 // Kills the child and waits for it. A child that hangs in a user's file system may not even end by
@@ -132,20 +103,6 @@ int reap_child(pid_t child, int64_t deadline_ms, int *status) {
 
 // ---- The child's side ---------------------------------------------------------------------
 
-struct pipe_ends {
-    unique_fd read_end;
-    unique_fd write_end;
-};
-
-static bool open_pipe(pipe_ends *ends) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        return false;
-    ends->read_end.reset(fds[0]);
-    ends->write_end.reset(fds[1]);
-    return true;
-}
-
 // What a child does, and as whom.
 struct child_task {
     const resolved_user *user; // null: as this process
@@ -166,7 +123,7 @@ void drop_descriptors_or_exit(int failure_status) {
 // pipe; standard error /dev/null, so that nothing of the user's reaches root's terminal. Every
 // other descriptor is closed, above all the message's lock: a user who stops their child must not
 // hold it.
-static void redirect_standard_descriptors(const pipe_ends &input, const pipe_ends &output) {
+static void redirect_standard_descriptors(const child_pipe &input, const child_pipe &output) {
     const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
     const int in = input.read_end ? input.read_end.get() : null.get();
     if (!null || dup2(in, STDIN_FILENO) < 0 || dup2(output.write_end.get(), STDOUT_FILENO) < 0 ||
@@ -175,18 +132,30 @@ static void redirect_standard_descriptors(const pipe_ends &input, const pipe_end
     closefrom(STDERR_FILENO + 1);
 }
 
+static int drop_capabilities() {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    return static_cast<int>(syscall(SYS_capset, &header, none));
+}
+
 // Becomes `user` for good or ends the child: nothing runs between two identities.
+//
+// The user must not look into this copy of root's memory. If fs.suid_dumpable is 1, the user could
+// do so from setresuid() to PR_SET_DUMPABLE: until then the process keeps its capabilities, so that
+// the user may not trace it, and blocks signals, so that none makes it dump core.
 static void become_user(const resolved_user &user, const std::vector<gid_t> &groups) {
-    if (setgroups(groups.size(), groups.data()) != 0 ||
+    sigset_t all;
+    sigset_t previous;
+    (void)sigfillset(&all); // cannot fail
+    if (sigprocmask(SIG_SETMASK, &all, &previous) != 0 || prctl(PR_SET_KEEPCAPS, 1) != 0 ||
+        setgroups(groups.size(), groups.data()) != 0 ||
         setresgid(user.gid, user.gid, user.gid) != 0 ||
-        setresuid(user.uid, user.uid, user.uid) != 0)
+        setresuid(user.uid, user.uid, user.uid) != 0 || prctl(PR_SET_DUMPABLE, 0) != 0 ||
+        drop_capabilities() != 0 || prctl(PR_SET_KEEPCAPS, 0) != 0 ||
+        sigprocmask(SIG_SETMASK, &previous, nullptr) != 0)
         _exit(CHILD_FAILED);
     if (getuid() != user.uid || geteuid() != user.uid || getegid() != user.gid || setuid(0) == 0)
         _exit(CHILD_FAILED); // if root can be regained, the drop has failed
-    // The user must not look into this copy of root's memory, whatever the system's setting for
-    // processes that change their user.
-    if (prctl(PR_SET_DUMPABLE, 0) != 0)
-        _exit(CHILD_FAILED);
 }
 
 // Makes the kernel kill this child when the parent ends: nobody else would end it, and it must not
@@ -197,8 +166,8 @@ static void die_with_parent(pid_t parent) {
         _exit(CHILD_FAILED);
 }
 
-[[noreturn]] static void run_child(const child_task &task, pid_t parent, pipe_ends *input,
-                                   pipe_ends *output) {
+[[noreturn]] static void run_child(const child_task &task, pid_t parent, child_pipe *input,
+                                   child_pipe *output) {
     die_as_child();
     input->write_end.reset();
     output->read_end.reset();
@@ -221,7 +190,7 @@ static void die_with_parent(pid_t parent) {
 class sigpipe_ignored {
 public:
     sigpipe_ignored() : previous_(signal(SIGPIPE, SIG_IGN)) {}
-    ~sigpipe_ignored() { signal(SIGPIPE, previous_); }
+    ~sigpipe_ignored() { (void)signal(SIGPIPE, previous_); } // cannot fail: it was set before
     sigpipe_ignored(const sigpipe_ignored &) = delete;
     sigpipe_ignored &operator=(const sigpipe_ignored &) = delete;
 
@@ -229,66 +198,15 @@ private:
     void (*previous_)(int);
 };
 
-// The input and output of a child.
-struct child_traffic {
-    unique_fd to_child; // non-blocking; empty once everything is written
-    unique_fd from_child;
-    std::string_view input;
-    strbuf *output;
-    size_t output_limit;
-    int error = 0; // set when the output could not be read to EOF
-};
-
-// Writes as much as the pipe takes. Closes it when everything is written or nobody reads it.
-static void feed_child(child_traffic *traffic, short events) {
-    if ((events & POLLOUT) == 0) {
-        traffic->to_child.reset();
-        return;
-    }
-    const ssize_t written =
-        write(traffic->to_child.get(), traffic->input.data(), traffic->input.size());
-    if (written < 0 && (errno == EINTR || errno == EAGAIN))
-        return;
-    if (written > 0)
-        traffic->input.remove_prefix(static_cast<size_t>(written));
-    if (written <= 0 || traffic->input.empty())
-        traffic->to_child.reset();
-}
-
-// Reads once. Returns false at EOF, or on an error, which is kept in `error`.
-static bool drain_child(child_traffic *traffic) {
-    char chunk[8192];
-    const ssize_t got = read(traffic->from_child.get(), chunk, sizeof chunk);
-    if (got < 0 && errno != EINTR)
-        traffic->error = errno;
-    if (got <= 0)
-        return got < 0 && errno == EINTR;
-    if (traffic->output == nullptr || traffic->output->len >= traffic->output_limit)
-        return true; // read all the same, so that the child never blocks on a full pipe
-    const size_t room = traffic->output_limit - traffic->output->len;
-    strbuf_append(traffic->output, chunk, std::min(static_cast<size_t>(got), room));
-    return true;
-}
-
 // Feeds and drains the child until EOF of its output. Returns false when the deadline came first.
-static bool exchange_until(child_traffic *traffic, int64_t deadline_ms) {
+static bool exchange_until(child_exchange *traffic, int64_t deadline_ms) {
     while (true) {
-        const int64_t remaining_ms = deadline_ms - monotonic_ms();
-        if (remaining_ms < 1)
+        const int64_t left_ms = std::min(deadline_ms - monotonic_ms(), POLL_LIMIT_MS);
+        if (left_ms < 1)
             return false;
-        // poll() ignores negative descriptors.
-        struct pollfd watched[] = {{traffic->from_child.get(), POLLIN, 0},
-                                   {traffic->to_child.get(), POLLOUT, 0}};
-        if (poll(watched, 2, static_cast<int>(std::min<int64_t>(remaining_ms, POLL_LIMIT_MS))) <
-            0) {
-            if (errno == EINTR)
-                continue;
-            traffic->error = errno;
-            return true;
-        }
-        if (watched[1].revents != 0)
-            feed_child(traffic, watched[1].revents);
-        if (watched[0].revents != 0 && !drain_child(traffic))
+        const exchange_state state =
+            child_exchange_step(traffic, static_cast<int>(left_ms), /*pidfd=*/-1);
+        if (state == exchange_state::ended)
             return true;
     }
 }
@@ -303,7 +221,7 @@ static child_end result_of(int wait_status) {
 }
 
 // Feeds, drains and waits for a started child.
-static child_end attend_child(pid_t child, child_traffic *traffic, int64_t deadline_ms) {
+static child_end attend_child(pid_t child, child_exchange *traffic, int64_t deadline_ms) {
     const bool in_time = exchange_until(traffic, deadline_ms);
     traffic->to_child.reset();
     traffic->from_child.reset();
@@ -326,9 +244,9 @@ static bool set_nonblocking(const unique_fd &fd) {
 static child_end run_task(const child_task &task, const std::string_view *input, strbuf *output,
                           size_t output_limit, int64_t deadline_ms) {
     constexpr child_end NOT_STARTED = {child_outcome::failed, -1};
-    pipe_ends to_child;
-    pipe_ends from_child;
-    if ((input != nullptr && !open_pipe(&to_child)) || !open_pipe(&from_child))
+    child_pipe to_child;
+    child_pipe from_child;
+    if ((input != nullptr && !child_pipe_open(&to_child)) || !child_pipe_open(&from_child))
         return NOT_STARTED;
     if (input != nullptr && !set_nonblocking(to_child.write_end))
         return NOT_STARTED;
@@ -344,8 +262,8 @@ static child_end run_task(const child_task &task, const std::string_view *input,
     const sigpipe_ignored guard;
     to_child.read_end.reset();
     from_child.write_end.reset();
-    child_traffic traffic = {std::move(to_child.write_end), std::move(from_child.read_end),
-                             input != nullptr ? *input : std::string_view(), output, output_limit};
+    child_exchange traffic = {std::move(to_child.write_end), std::move(from_child.read_end),
+                              input != nullptr ? *input : std::string_view(), output, output_limit};
     if (traffic.input.empty())
         traffic.to_child.reset();
     return attend_child(child, &traffic, deadline_ms);

@@ -77,9 +77,6 @@ void user_times_forget();
 
 // ---- Waiting ------------------------------------------------------------------------------
 
-// The monotonic clock, in milliseconds.
-[[nodiscard]] int64_t monotonic_ms();
-
 // Waits for `child` until `deadline_ms` on the monotonic clock, and notices its end at once. A
 // child that is still running then is killed and waited for. Returns 0 with the wait status in
 // `status`, or -1 when it had to be killed or could not be waited for.

@@ -21,12 +21,6 @@ constexpr int REPLACE_TRIES = 5;
 
 // ---- The mailbox lock ---------------------------------------------------------------------
 
-static int64_t monotonic_ms() {
-    timespec time = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
-    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
-}
-
 static void sleep_ms(long milliseconds) {
     const timespec time = {0, milliseconds * 1'000'000};
     (void)nanosleep(&time, nullptr); // a signal shortens it: the caller checks the clock

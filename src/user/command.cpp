@@ -1,5 +1,6 @@
 #include "user/command.h"
 
+#include "common/characters.h"
 #include "common/pager.h"
 #include "user/texts.h"
 
@@ -200,10 +201,6 @@ bool is_on_terminal() {
     return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
 }
 
-static bool is_continuation(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
-}
-
 // Columns of the character that begins with `lead`. Everything from U+0800 on counts as wide: too
 // many rows are better than too few.
 static size_t columns_of(char lead, size_t column) {
@@ -221,7 +218,7 @@ size_t rows_of(std::string_view text, int columns) {
         if (byte == '\n') {
             rows++;
             column = 0;
-        } else if (!is_continuation(byte)) {
+        } else if (!is_continuation_byte(byte)) {
             const size_t wide = columns_of(byte, column);
             if (column + wide > width) {
                 rows++;

@@ -36,7 +36,7 @@ constexpr uint64_t USEC_PER_MSEC = 1000;
 // The time of a clock in milliseconds.
 [[nodiscard]] inline uint64_t clock_ms(clockid_t clock) {
     timespec time = {};
-    clock_gettime(clock, &time); // cannot fail: the clock exists
+    (void)clock_gettime(clock, &time); // cannot fail: the clock exists
     return static_cast<uint64_t>(time.tv_sec) * 1000 +
            static_cast<uint64_t>(time.tv_nsec) / 1'000'000;
 }

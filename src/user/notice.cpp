@@ -1,16 +1,13 @@
 #include "user/notice.h"
 
+#include "common/characters.h"
 #include "common/style.h"
 #include "user/texts.h"
-
-static bool is_continuation(char c) {
-    return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
-}
 
 std::string first_characters(const std::string &text, size_t max) {
     size_t characters = 0;
     for (size_t at = 0; at < text.size(); at++) {
-        if (is_continuation(text[at]))
+        if (is_continuation_byte(text[at]))
             continue;
         if (characters == max)
             return text.substr(0, at) + "…";

@@ -31,10 +31,6 @@ std::string notification_escape(const std::string &text) {
     return escaped;
 }
 
-static uint64_t monotonic_ms() {
-    return clock_ms(CLOCK_MONOTONIC);
-}
-
 static sd_bus_slot **slot_of(unique_slot *slot, sd_bus_slot **place) {
     slot->reset();
     *place = nullptr;

@@ -15,7 +15,7 @@ constexpr uint64_t BUS_ANSWER_LIMIT_MS = 3000;
 constexpr uint64_t NOTIFY_KEPT_MS = 600'000;
 
 // An answer that comes sooner was not meant for what has just appeared.
-constexpr uint64_t NOTICE_GUARD_MS = 700;
+constexpr int64_t NOTICE_GUARD_MS = 700;
 
 // What a notification says of one message.
 struct notice {
@@ -93,7 +93,7 @@ private:
     int64_t called_id_ = 0;   // the message of the call that is under way
     int64_t standing_id_ = 0; // the message of `number_`
     uint32_t number_ = 0;     // of the notification that is shown; 0 for none
-    uint64_t standing_since_ms_ = 0;
+    int64_t standing_since_ms_ = 0;
     int early_answers_ = 0;            // to the wanted notification, within the guard's time
     std::vector<std::string> offered_; // names of the actions of the last call
     std::string token_;                // of the activation that comes before an action

@@ -1,5 +1,6 @@
 #include "user/prompt.h"
 
+#include "common/characters.h"
 #include "user/answer.h"
 #include "user/command.h"
 #include "user/texts.h"
@@ -45,7 +46,7 @@ int prompt_status(int64_t seconds, prompt_memory memory) {
 
 // Returns the first `end` bytes of `text`, without the beginning of a character that ends later.
 static std::string_view whole_characters(std::string_view text, size_t end) {
-    while (end > 0 && end < text.size() && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80)
+    while (end > 0 && end < text.size() && is_continuation_byte(text[end]))
         end--;
     return text.substr(0, end);
 }

@@ -34,12 +34,6 @@ static void note_continued(int /*signal*/) {
 }
 }
 
-static int64_t monotonic_ms() {
-    timespec time = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &time); // cannot fail: the clock exists
-    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
-}
-
 // ---- Signals ------------------------------------------------------------------------------
 
 namespace {

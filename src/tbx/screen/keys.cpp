@@ -1,5 +1,7 @@
 #include "tbx/screen/keys.h"
 
+#include "common/characters.h"
+
 #include <poll.h>
 #include <unistd.h>
 
@@ -62,29 +64,17 @@ static void put_back(tui_input *input) {
 
 // ---- Text ---------------------------------------------------------------------------------
 
-static bool is_continuation(int byte) {
-    return byte >= 0 && (byte & 0xc0) == 0x80;
-}
-
-static int continuation_bytes(int lead) {
-    if (lead >= 0xf0)
-        return 3;
-    if (lead >= 0xe0)
-        return 2;
-    return lead >= 0xc0 ? 1 : 0;
-}
-
 // Reads the rest of the character that begins with `lead`. A byte that cannot belong to it is the
 // next key: a broken character must neither swallow an escape nor contain one.
 static void read_character(tui_input *input, const key_rules &rules, int lead,
                            tui_character &character) {
     character[0] = static_cast<char>(lead);
-    const int expected = continuation_bytes(lead);
-    for (int i = 1; i <= expected; i++) {
+    const size_t announced = announced_bytes(character[0]);
+    for (size_t i = 1; i < announced; i++) {
         const int byte = tui_read_byte(input, rules.sequence_wait_ms);
         if (byte < 0)
             return;
-        if (!is_continuation(byte)) {
+        if (!is_continuation_byte(static_cast<char>(byte))) {
             put_back(input);
             return;
         }
@@ -109,12 +99,11 @@ static constexpr size_t KEY_MAX_BYTES = 8;
 static size_t unfinished_bytes(std::string_view text) {
     size_t bytes = 1;
     while (bytes < std::min<size_t>(text.size(), 4) &&
-           is_continuation(static_cast<unsigned char>(text[text.size() - bytes])))
+           is_continuation_byte(text[text.size() - bytes]))
         bytes++;
     if (bytes > text.size())
         return 0;
-    const auto lead = static_cast<unsigned char>(text[text.size() - bytes]);
-    return static_cast<size_t>(continuation_bytes(lead)) >= bytes ? bytes : 0;
+    return announced_bytes(text[text.size() - bytes]) > bytes ? bytes : 0;
 }
 
 // Returns how many bytes at the end of `paste` may belong to what follows: to the sequence that

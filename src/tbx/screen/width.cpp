@@ -1,5 +1,7 @@
 #include "tbx/screen/width.h"
 
+#include "common/characters.h"
+
 #include <algorithm>
 #include <clocale>
 #include <cwchar>
@@ -7,27 +9,12 @@
 
 // ---- Characters ---------------------------------------------------------------------------
 
-bool tui_is_continuation(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
-}
-
-// Returns the length that the first byte of a character announces. tui_decode() finds first bytes
-// that are invalid.
-static size_t announced_bytes(char first) {
-    const auto lead = static_cast<unsigned char>(first);
-    if (lead >= 0xf0)
-        return 4;
-    if (lead >= 0xe0)
-        return 3;
-    return lead >= 0xc0 ? 2 : 1;
-}
-
 // Returns the length of the character at the start of `text`: its first byte and the continuation
 // bytes that belong to it. A single continuation byte counts as a character.
 static size_t character_bytes(std::string_view text) {
     const size_t limit = std::min(announced_bytes(text.front()), text.size());
     size_t bytes = 1;
-    while (bytes < limit && tui_is_continuation(text[bytes]))
+    while (bytes < limit && is_continuation_byte(text[bytes]))
         bytes++;
     return bytes;
 }
@@ -118,7 +105,7 @@ static int cluster_columns(int before, uint32_t base, uint32_t next) {
 }
 
 tui_cluster tui_next_cluster(std::string_view text) {
-    if (tui_is_continuation(text.front()))
+    if (is_continuation_byte(text.front()))
         return {.bytes = 1, .shown_bytes = 1, .columns = 0, .is_plain = true};
     const tui_decoded base = tui_decode(text);
     tui_cluster cluster = {base.bytes, base.bytes, character_columns(base.code)};
@@ -143,10 +130,6 @@ tui_cluster tui_next_cluster(std::string_view text) {
 }
 
 // ---- Rows ---------------------------------------------------------------------------------
-
-static bool is_ascii_letter(char byte) {
-    return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
-}
 
 size_t tui_sequence_bytes(std::string_view text) {
     if (text.size() < 2 || text[0] != '\033' || text[1] != '[')

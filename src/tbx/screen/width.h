@@ -26,8 +26,6 @@ struct tui_decoded {
 constexpr uint32_t TUI_INVALID = UINT32_MAX;
 [[nodiscard]] tui_decoded tui_decode(std::string_view text);
 
-[[nodiscard]] bool tui_is_continuation(char byte);
-
 // ---- Rows ---------------------------------------------------------------------------------
 
 // Returns the length of the style sequence at the start of `text`, or 0. One without its final

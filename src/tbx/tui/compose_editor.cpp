@@ -235,6 +235,7 @@ static constexpr int LOOK_UP_MS = 200;
 static void give_to_calling_user(const unique_fd &fd) {
     const pid_t child = fork();
     if (child == 0) {
+        die_as_child();
         std::optional<resolved_user> user;
         const bool is_known = find_calling_user(&user) && user;
         _exit(is_known && fchown(fd.get(), user->uid, user->gid) == 0 ? 0 : 1);

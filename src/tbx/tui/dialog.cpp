@@ -159,7 +159,7 @@ static bool draw_dialog(dialog *shown) {
 static constexpr int STRAY_KEY_MS = 200;
 
 static void guard(dialog *shown, int ms) {
-    shown->guarded_until_ms = std::max(shown->guarded_until_ms, child_clock_ms() + ms);
+    shown->guarded_until_ms = std::max(shown->guarded_until_ms, monotonic_ms() + ms);
 }
 
 static void ignore_key(dialog *shown) {
@@ -181,7 +181,7 @@ static tui_key next_meant_key(dialog *shown, tui_character &character) {
     const tui_key key = tui_next_key(character);
     if (key == KEY_TIMEOUT || key == KEY_ERROR)
         return key;
-    if (key != KEY_PASTE && child_clock_ms() >= shown->guarded_until_ms && !tui_more_follows())
+    if (key != KEY_PASTE && monotonic_ms() >= shown->guarded_until_ms && !tui_more_follows())
         return key;
     ignore_key(shown);
     return KEY_TIMEOUT;

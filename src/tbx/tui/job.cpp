@@ -59,7 +59,7 @@ struct started_job {
 
 // Calls `waiting` when it is time to. Returns how long to wait now.
 static int remaining_wait(int64_t started_ms, const std::function<void()> &waiting) {
-    const int64_t slow_in_ms = started_ms + SLOW_AFTER_MS - child_clock_ms();
+    const int64_t slow_in_ms = started_ms + SLOW_AFTER_MS - monotonic_ms();
     if (slow_in_ms > 0)
         return static_cast<int>(std::min<int64_t>(slow_in_ms, LOOK_AGAIN_MS));
     if (waiting)
@@ -74,7 +74,7 @@ static bool is_to_end() {
 
 // Feeds and drains the child until EOF of its output, or until the interface must end.
 static void attend(started_job *job, const std::function<void()> &waiting) {
-    const int64_t started_ms = child_clock_ms();
+    const int64_t started_ms = monotonic_ms();
     auto state = exchange_state::open;
     while (state != exchange_state::ended && !is_to_end()) {
         const int wait_ms = remaining_wait(started_ms, waiting);
@@ -84,10 +84,10 @@ static void attend(started_job *job, const std::function<void()> &waiting) {
 
 // Feeds and drains the child for a moment, so that it can end by itself, then ends it.
 static void attend_the_end(started_job *job, int *status) {
-    const int64_t deadline_ms = child_clock_ms() + GRACE_MS;
+    const int64_t deadline_ms = monotonic_ms() + GRACE_MS;
     auto state = exchange_state::open;
     for (int64_t left_ms = GRACE_MS; left_ms > 0 && state != exchange_state::ended;
-         left_ms = deadline_ms - child_clock_ms())
+         left_ms = deadline_ms - monotonic_ms())
         state = child_exchange_step(&job->traffic, static_cast<int>(left_ms), job->pidfd.get());
     if (child_await(job->child, job->pidfd, /*timeout_ms=*/0, status))
         return;

@@ -123,10 +123,7 @@ static int message_cols(const message_summary &row) {
 
 static void append_message(strbuf *line, const message_summary &row) {
     strbuf text;
-    if (row.revoked)
-        strbuf_printf(&text, "%s[revoked] %s", tui_style.grey, tui_style.reset);
-    if (row.expired)
-        strbuf_printf(&text, "%s[expired] %s", tui_style.grey, tui_style.reset);
+    strbuf_append_view(&text, message_marks(row, tui_style.grey, tui_style.reset));
     if (!row.message.title.empty())
         strbuf_printf(&text, "%s%s%s · ", tui_style.bold, row.message.title.c_str(),
                       tui_style.reset);

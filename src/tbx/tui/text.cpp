@@ -1,5 +1,6 @@
 #include "tbx/tui/text.h"
 
+#include "common/characters.h"
 #include "common/message.h"
 #include "tbx/screen/width.h"
 
@@ -34,10 +35,6 @@ static constexpr const char *REPLACEMENT = "\xef\xbf\xbd"; // U+FFFD
 
 static bool is_control(char byte) {
     return static_cast<unsigned char>(byte) < ' ' || byte == 0x7f;
-}
-
-static bool is_ascii_letter(char byte) {
-    return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
 }
 
 static bool is_c1_control(uint32_t code) {
@@ -77,7 +74,7 @@ int tui_columns(std::string_view text) {
 size_t tui_next_character(std::string_view text, size_t at) {
     if (at < text.size())
         at++;
-    while (at < text.size() && tui_is_continuation(text[at]))
+    while (at < text.size() && is_continuation_byte(text[at]))
         at++;
     return at;
 }
@@ -85,7 +82,7 @@ size_t tui_next_character(std::string_view text, size_t at) {
 size_t tui_previous_character(std::string_view text, size_t at) {
     if (at > 0)
         at--;
-    while (at > 0 && tui_is_continuation(text[at]))
+    while (at > 0 && is_continuation_byte(text[at]))
         at--;
     return at;
 }
@@ -127,7 +124,7 @@ std::string_view tui_window(std::string_view text, int first, int columns) {
 
 std::string_view tui_beginning(std::string_view text, size_t limit) {
     size_t end = std::min(limit, text.size());
-    while (end > 0 && end < text.size() && tui_is_continuation(text[end]))
+    while (end > 0 && end < text.size() && is_continuation_byte(text[end]))
         end++;
     return text.substr(0, end);
 }
@@ -142,7 +139,7 @@ int tui_cut(strbuf *out, std::string_view text, int width) {
         if (bytes > 0) {
             if (is_ascii_letter(text[bytes - 1]))
                 strbuf_append(out, text.data(), bytes);
-        } else if (tui_is_continuation(text.front())) {
+        } else if (is_continuation_byte(text.front())) {
             bytes = 1; // belongs to no character and takes no column
         } else if (columns >= width) {
             break;

@@ -3,6 +3,7 @@
 #include "tbx/guide/manual.h"
 #include "tbx/guide/texts.h"
 
+#include "hostile.h"
 #include "support.h"
 
 #include <gmock/gmock.h>
@@ -250,7 +251,7 @@ TEST(GuideFrame, HasRowsExactlyAsWideAsTheTerminal) {
         for (size_t tab = 0; tab < GUIDE_TABS; tab++) {
             guide_view view = {.rows = 12, .columns = columns, .tab = tab, .scroll = {}};
             for (const std::string &row : drawn(&view))
-                EXPECT_LE(text_display_width(row.c_str()), static_cast<size_t>(columns)) << row;
+                EXPECT_LE(columns_of(without_styles(row)), static_cast<size_t>(columns)) << row;
         }
 }
 

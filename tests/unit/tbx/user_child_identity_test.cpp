@@ -23,6 +23,20 @@ namespace {
 int group_lookups = 0;
 bool groups_fail = false;
 bool dumpable_fails = false;
+std::string protection; // when the child made itself not dumpable
+
+// A line of /proc/self/status, without its name.
+std::string status_line(const std::string &name) {
+    const std::string status = read_file("/proc/self/status");
+    const size_t start = status.find(name + ":\t") + name.size() + 2;
+    return status.substr(start, status.find('\n', start) - start);
+}
+
+// What keeps others from this process: the capabilities that it could use, the signals it blocks.
+std::string protection_now() {
+    return status_line("Uid").substr(0, 4) + " caps " + status_line("CapPrm") + " blocks " +
+           status_line("SigBlk");
+}
 
 } // namespace
 
@@ -48,6 +62,8 @@ int prctl(int option, ...) {
         errno = EPERM;
         return -1;
     }
+    if (option == PR_SET_DUMPABLE)
+        protection = protection_now();
     return static_cast<int>(syscall(SYS_prctl, option, values[0], values[1], values[2], values[3]));
 }
 }
@@ -288,6 +304,34 @@ TEST(RunAsUserForReal, UserMayNotLookIntoTheChild) {
         return run([](void *) { return prctl(PR_GET_DUMPABLE, 0, 0, 0, 0) == 0 ? 10 : 20; }).result;
     });
     EXPECT_EQ(child.exit_status, 10) << child.err;
+}
+
+// With fs.suid_dumpable 1 the system alone would let the user trace it, or make it dump core.
+TEST(RunAsUserForReal, UserMayNotLookIntoTheChildWhileItBecomesTheUser) {
+    SKIP_UNLESS_ROOT();
+    const std::string root_caps = status_line("CapPrm");
+    const real_state state;
+    const child_result child = run_for_real(state, machine_of_pat_and_sam(), [] {
+        const auto print = [](void *) {
+            printf("%s", protection.c_str());
+            return 0;
+        };
+        fputs(run(print, nullptr, {}, SIZE_MAX, LONG_SECONDS, PAT).output.c_str(), stdout);
+    });
+    EXPECT_EQ(child.out, "1001 caps " + root_caps + " blocks fffffffe7ffbfeff"); // all it can
+}
+
+TEST(RunAsUserForReal, ChildHasNoCapabilitiesAndBlocksNothing) {
+    SKIP_UNLESS_ROOT();
+    const real_state state;
+    const child_result child = run_for_real(state, machine_of_pat_and_sam(), [] {
+        const auto print = [](void *) {
+            printf("%s", protection_now().c_str());
+            return 0;
+        };
+        fputs(run(print, nullptr, {}, SIZE_MAX, LONG_SECONDS, PAT).output.c_str(), stdout);
+    });
+    EXPECT_EQ(child.out, "1001 caps 0000000000000000 blocks 0000000000000000");
 }
 
 TEST(RunAsUserForReal, ChildThatOthersCouldLookIntoRunsNothing) {
