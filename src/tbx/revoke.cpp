@@ -42,15 +42,23 @@ static int sync_marks(int64_t id) {
     return fsync_path(sent_message_dir(id).c_str());
 }
 
-// Marks the message as revoked for good and records it, once. If the mark cannot be synced it is
-// removed, so that a revocation that is reported as failed can be repeated.
+// Removes a mark that could not be synced, so that a revocation that is reported as failed can be
+// repeated. If another run has withdrawn the copies, which removes "revoking", the mark stays.
+static void take_mark_back(int64_t id) {
+    const message_lock lock = sent_lock(id, /*nonblocking=*/false);
+    if (lock.state == lock_state::taken && sent_marker_exists(id, "revoking"))
+        (void)unlink(sent_path(id, "revoked").c_str()); // if it stays, the message is revoked
+}
+
+// Marks the message as revoked for good and records it, once.
 static void mark_revoked(int64_t id) {
     if (!write_mark_or_die(id))
         return;
+    const bool has_copies = sent_marker_exists(id, "revoking");
     if (sync_marks(id) != 0) {
         const int error = errno;
-        (void)unlink(
-            sent_path(id, "revoked").c_str()); // if it stays, the message is revoked after all
+        if (has_copies)
+            take_mark_back(id);
         die_of_path(sent_message_dir(id), error);
     }
     event_log("REVOKED", id, /*user=*/nullptr, /*channel=*/nullptr, /*details=*/nullptr,
@@ -76,6 +84,9 @@ void cmd_revoke(const char *id_text) {
         const int error = errno;
         die_of_path(sent_message_dir(id), error);
     }
+    // Another run may have written the mark and taken it back. After a purge both are gone.
+    if (sent_marker_exists(id, "revoking") && !has_marker_or_die(id, "revoked"))
+        die_of_path(sent_path(id, "revoked"), ENOENT);
     if (!sent_finish_revoking(id))
         die("message %lld revoked, but some copies could not be removed from the mailboxes: the "
             "next tbx command will retry",

@@ -207,11 +207,7 @@ def test_root_never_receives_a_copy(machine):
 
 
 def test_an_account_that_is_gone_when_its_turn_comes_is_not_reached(machine):
-    gate = machine.gate("after-alex")
-    machine.stand_in("systemd-run", gate.body)
-    machine.add_session("c1", "alex", kind="wayland")
-    process = machine.start("send", "--to", "alex,pat", "hello")
-    gate.wait()
+    process, gate = machine.send_held_at("alex", "--to", "alex,pat", "hello")
     machine.remove_user("pat")
     gate.open()
     assert tuple(process.wait()) == (

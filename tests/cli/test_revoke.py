@@ -282,6 +282,15 @@ def test_marks_that_cannot_be_put_on_the_disk_leave_a_message_to_be_revoked_agai
     assert box.journal.events() == [("REVOKED", "", "")]
 
 
+def test_the_mark_is_taken_back_under_the_lock(box, strace):
+    make_delivered(box, "pat")
+    traced = box.trace("fsync,flock,unlink", "revoke", "7", inject=["fsync:error=EIO:when=2"])
+    behind_the_failure = [(name, arguments.rstrip('"').rpartition("/")[2])
+                          for name, arguments, _ in traced.calls[-2:]]
+    assert behind_the_failure[0][0] == "flock"
+    assert behind_the_failure[1] == ("unlink", "revoked")
+
+
 def test_a_lock_that_cannot_be_taken_is_an_error_behind_the_marks(box):
     make_delivered(box, "pat")
     box.store.sent(7, "lock").mkdir()

@@ -19,11 +19,7 @@ class Midway:
 
     def __init__(self, machine):
         self.machine = machine
-        self._gate = machine.gate("after-alex")
-        machine.stand_in("systemd-run", self._gate.body)
-        machine.add_session("c1", "alex", kind="wayland")
-        self.process = machine.start("send", "--to", "alex,pat,sam", "hello")
-        self._gate.wait()
+        self.process, self._gate = machine.send_held_at("alex", "--to", "alex,pat,sam", "hello")
 
     def revoke_by_hand(self):
         path = self.machine.store.sent(1, "revoked")
@@ -107,11 +103,7 @@ def test_a_revocation_being_prepared_does_not_stop_the_delivery(midway):
 
 
 def test_a_revocation_after_the_last_recipient_is_reported_too(machine):
-    gate = machine.gate("at-pat")
-    machine.stand_in("systemd-run", gate.body)
-    machine.add_session("c1", "pat", kind="wayland")
-    process = machine.start("send", "--to", "pat", "hello")
-    gate.wait()
+    process, gate = machine.send_held_at("pat", "--to", "pat", "hello")
     machine.store.write_private(machine.store.sent(1, "revoked"), b"1790000000\n")
     gate.open()
     assert process.wait().stdout == "Message 1 revoked while sending: delivery stopped.\n"
@@ -119,11 +111,7 @@ def test_a_revocation_after_the_last_recipient_is_reported_too(machine):
 
 def test_failures_before_a_revocation_are_still_reported(machine):
     machine.add_group("mixed", 2000, ["aaron", "alex", "pat"])  # aaron has no account
-    gate = machine.gate("after-alex")
-    machine.stand_in("systemd-run", gate.body)
-    machine.add_session("c1", "alex", kind="wayland")
-    process = machine.start("send", "--to", "@mixed", "hello")
-    gate.wait()
+    process, gate = machine.send_held_at("alex", "--to", "@mixed", "hello")
     machine.store.write_private(machine.store.sent(1, "revoked"), b"1790000000\n")
     gate.open()
     assert tuple(process.wait()) == (

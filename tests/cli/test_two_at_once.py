@@ -34,20 +34,10 @@ def has_no_trace_of_message_7(machine):
                    for path in machine.store.tree() for part in path.split("/"))
 
 
-def send_held_at(machine, user, *arguments):
-    """Starts a send that waits in the start of the user's desktop agent."""
-    machine.add_session("c1", user, kind="wayland")
-    gate = machine.gate(f"agent-of-{user}")
-    machine.stand_in("systemd-run", gate.body)
-    send = machine.start("send", *arguments)
-    gate.wait()
-    return send, gate
-
-
 # A revoke during a send.
 
 def test_a_revoke_during_a_send_stops_the_delivery(machine):
-    send, gate = send_held_at(machine, "pat", "--to", "alex,pat,sam", "Hello")
+    send, gate = machine.send_held_at("pat", "--to", "alex,pat,sam", "Hello")
     revoke = machine.start("revoke", "1")
     wait_for(lambda: "REVOKED" in [record.event for record in machine.journal.records()])
     assert machine.store.mailbox("alex", "inbox", 1).exists()
@@ -68,7 +58,7 @@ def test_a_revoke_during_a_send_stops_the_delivery(machine):
 
 
 def test_a_revoke_behind_the_last_recipient_takes_back_every_copy(machine):
-    send, gate = send_held_at(machine, "sam", "--to", "pat,sam", "Hello")
+    send, gate = machine.send_held_at("sam", "--to", "pat,sam", "Hello")
     revoke = machine.start("revoke", "1")
     wait_for(machine.store.sent(1, "revoked").exists)
     gate.open()
@@ -81,7 +71,7 @@ def test_a_revoke_behind_the_last_recipient_takes_back_every_copy(machine):
 def test_a_send_that_fails_and_is_revoked_meanwhile_delivers_nothing_later(machine):
     machine.store.create()
     machine.store.mailbox("alex").touch()  # no directory: alex cannot get the copy
-    send, gate = send_held_at(machine, "pat", "--to", "alex,pat,sam", "Hello")
+    send, gate = machine.send_held_at("pat", "--to", "alex,pat,sam", "Hello")
     revoke = machine.start("revoke", "1")
     wait_for(machine.store.sent(1, "revoked").exists)
     gate.open()
@@ -96,7 +86,7 @@ def test_a_send_that_fails_and_is_revoked_meanwhile_delivers_nothing_later(machi
 
 
 def test_the_recovery_leaves_a_revocation_that_waits_for_a_send_alone(machine):
-    send, gate = send_held_at(machine, "pat", "--to", "pat", "Hello")
+    send, gate = machine.send_held_at("pat", "--to", "pat", "Hello")
     revoke = machine.start("revoke", "1")
     wait_for(machine.store.sent(1, "revoked").exists)
     assert tuple(machine.run("list"))[1:] == ("", 0)
@@ -109,7 +99,7 @@ def test_the_recovery_leaves_a_revocation_that_waits_for_a_send_alone(machine):
 
 
 def test_a_revoke_killed_while_it_waits_for_a_send_is_finished_by_the_next_command(machine):
-    send, gate = send_held_at(machine, "pat", "--to", "alex,pat,sam", "Hello")
+    send, gate = machine.send_held_at("pat", "--to", "alex,pat,sam", "Hello")
     revoke = machine.start("revoke", "1")
     wait_for(lambda: "REVOKED" in [record.event for record in machine.journal.records()])
     revoke.send_signal(signal.SIGKILL)
@@ -126,7 +116,7 @@ def test_a_revoke_killed_while_it_waits_for_a_send_is_finished_by_the_next_comma
 # A purge during a send and during a recovery.
 
 def test_a_purge_during_a_send_leaves_the_message_alone(machine):
-    send, gate = send_held_at(machine, "pat", "--to", "pat,sam", "Hello")
+    send, gate = machine.send_held_at("pat", "--to", "pat,sam", "Hello")
     sent = parse_message_file(machine.store.sent(1, "msg").read_bytes())
     wait_until_after(int(sent["date"]))
     before = machine.store.tree()
@@ -255,6 +245,28 @@ def test_a_revoke_that_runs_whole_within_another_and_the_other_both_succeed(mach
     assert machine.journal.events() == [("REVOKED", "", "")]
 
 
+FAILING_SYNC = ["-e", "trace=renameat2,fsync", "-e", "inject=fsync:error=EIO:when=2"]
+
+
+def test_a_revoke_whose_marks_cannot_be_synced_leaves_another_s_revocation_alone(machine, strace):
+    make_delivered(machine, "pat")
+    first = Stopped(machine, Call("renameat2"), "revoke", "7", also=FAILING_SYNC)
+    assert tuple(machine.run("revoke", "7")) == REVOKED
+    assert first.go_on().wait().stderr == (
+        f"tbx: {machine.state_name}/sent/7: Input/output error\n")
+    assert machine.store.sent(7, "revoked").exists()
+    assert not machine.store.mailbox("pat", "inbox", 7).exists()
+
+
+def test_a_revoke_whose_mark_another_has_taken_back_withdraws_nothing(machine, strace):
+    make_delivered(machine, "pat")
+    revoke = Stopped(machine, Call("flock", stored(machine, "lock")), "revoke", "7")
+    machine.store.sent(7, "revoked").unlink()
+    assert tuple(revoke.go_on().wait()) == (
+        "", f"tbx: {machine.state_name}/sent/7/revoked: No such file or directory\n", 1)
+    assert machine.store.mailbox("pat", "inbox", 7).exists()
+
+
 def test_the_second_revoke_waits_for_the_lock_of_the_first(machine, strace):
     make_delivered(machine, "pat", "sam")
     first = Stopped(machine, Call("flock", stored(machine, "lock")), "revoke", "7")
@@ -338,7 +350,7 @@ def test_two_sends_take_their_identifiers_one_after_the_other(machine, strace):
 
 
 def test_a_send_does_not_wait_for_another_that_is_delivering(machine):
-    first, gate = send_held_at(machine, "pat", "--to", "pat", "one")
+    first, gate = machine.send_held_at("pat", "--to", "pat", "one")
     second = machine.run("send", "--to", "sam", "two")
     assert tuple(second) == ("Message 2 sent to 1 user.\n", "", 0)
     assert first.is_running() and machine.store.sent(1, "incomplete").exists()

@@ -236,6 +236,18 @@ class Machine:
         self._started.append(Process(self, child, data))
         return self._started[-1]
 
+    def send_held_at(self, user, *arguments):
+        """Starts a send that waits in the start of the user's desktop agent until the gate opens.
+
+        Returns the Process and the Gate.
+        """
+        self.add_session("c1", user, kind="wayland")
+        gate = self.gate(f"agent-of-{user}")
+        self.stand_in("systemd-run", gate.body)
+        send = self.start("send", *arguments)
+        gate.wait()
+        return send, gate
+
     def start_on_terminal(self, terminal, *arguments, **options):
         """Starts tbx as a login shell would: the terminal is its controlling terminal."""
         return self.start(*arguments, stdin=terminal.slave, stdout=terminal.slave,

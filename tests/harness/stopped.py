@@ -46,13 +46,16 @@ def run_failing(machine, call, error, *arguments):
 
 
 class Stopped:
-    """A run that stands still right behind one of its calls until `go_on`."""
+    """A run that stands still right behind one of its calls until `go_on`.
 
-    def __init__(self, machine, call, *arguments):
+    also    further options of strace, such as another call to fail
+    """
+
+    def __init__(self, machine, call, *arguments, also=()):
         log = f"/run/stopped.{next(_numbers)}"
         self._machine, self._log = machine, machine.path(log)
         self._process = machine.start(
-            *arguments, wrap=strace(log, "-e", "signal=SIGSTOP", *call.options("STOP")),
+            *arguments, wrap=strace(log, "-e", "signal=SIGSTOP", *call.options("STOP"), *also),
             env=without_leak_check(machine))
         self._pid = wait_for(self._stopped_process)
 
