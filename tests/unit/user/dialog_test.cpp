@@ -140,5 +140,5 @@ TEST_F(DialogTest, KillsAWindowThatIgnoresTheRequest) {
 }
 
 TEST_F(DialogTest, KillsAWindowThatHasClosedItsOutput) {
-    EXPECT_EQ(end_of("echo shown; exec >&-; sleep 60"), dialog_end::unanswered);
+    EXPECT_EQ(end_of("echo shown; exec >&-; exec sleep 60"), dialog_end::unanswered);
 }
