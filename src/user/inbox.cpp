@@ -267,12 +267,19 @@ static bool tells_of_no_message(int error) {
            error == EFBIG || error == ENXIO;
 }
 
+lookup message_look_up(const unique_fd &folder, int64_t id, message_record *message) {
+    if (message_read(folder, id, message) == 0)
+        return lookup::found;
+    return tells_of_no_message(errno) ? lookup::absent : lookup::failed;
+}
+
 waiting_state inbox_look(const own_mailbox &box, int64_t id, int64_t now,
                          waiting_message *message) {
     *message = {};
     message->id = id;
-    if (message_read(box.inbox, id, &message->message) != 0)
-        return tells_of_no_message(errno) ? waiting_state::absent : waiting_state::failed;
+    const lookup found = message_look_up(box.inbox, id, &message->message);
+    if (found != lookup::found)
+        return found == lookup::absent ? waiting_state::absent : waiting_state::failed;
     message->terminal = mark_read(box, id, channel::terminal, now);
     message->desktop = mark_read(box, id, channel::desktop, now);
     const lookup answer = answer_look_up(box, id);

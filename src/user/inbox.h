@@ -110,6 +110,9 @@ struct pending_message {
 // 0, or -1 with errno: ENOENT, EINVAL or ELOOP for what is no message, EFBIG.
 [[nodiscard]] int message_read(const unique_fd &folder, int64_t id, message_record *message);
 
+// The same; what is no message is absent. If it failed, errno says why.
+[[nodiscard]] lookup message_look_up(const unique_fd &folder, int64_t id, message_record *message);
+
 enum class waiting_state { waiting, answered, expired, absent, failed };
 
 // Looks at one message. `message` is filled unless the result is absent or failed (with errno).

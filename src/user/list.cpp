@@ -91,8 +91,8 @@ struct listed_message {
     std::string state;
 };
 
-// Fills `listed` with a message in the inbox. Returns false for what is no message.
-static bool list_inbox_message(const own_mailbox &box, int64_t id, listed_message *listed) {
+// Fills `listed` with a message in the inbox. What is no message is absent; warns if it failed.
+static lookup list_inbox_message(const own_mailbox &box, int64_t id, listed_message *listed) {
     waiting_message message;
     switch (inbox_look(box, id, now(), &message)) {
     case waiting_state::waiting:
@@ -105,22 +105,30 @@ static bool list_inbox_message(const own_mailbox &box, int64_t id, listed_messag
         listed->state = answered_text(box, id);
         break;
     case waiting_state::absent:
-        return false;
+        return lookup::absent;
     case waiting_state::failed:
         warn_unreadable(id, errno);
-        return false;
+        return lookup::failed;
     }
     listed->id = id;
     listed->message = std::move(message.message);
-    return true;
+    return lookup::found;
 }
 
-static bool list_read_message(const own_mailbox &box, int64_t id, listed_message *listed) {
-    if (message_read(box.read, id, &listed->message) != 0)
-        return false;
+// The same with a message that was read.
+static lookup list_read_message(const own_mailbox &box, int64_t id, listed_message *listed) {
+    const lookup found = message_look_up(box.read, id, &listed->message);
+    if (found == lookup::failed)
+        warn_unreadable(id, errno);
     listed->id = id;
     listed->state = answered_text(box, id);
-    return true;
+    return found;
+}
+
+// The same, wherever it is.
+static lookup list_message(const own_mailbox &box, int64_t id, listed_message *listed) {
+    const lookup found = list_inbox_message(box, id, listed);
+    return found == lookup::absent ? list_read_message(box, id, listed) : found;
 }
 
 static std::vector<int64_t> ids_or_die(const own_mailbox &box, const unique_fd &folder) {
@@ -144,40 +152,37 @@ int cmd_list() {
     std::vector<int64_t> ids;
     std::ranges::set_union(in_inbox, in_read, std::back_inserter(ids));
     bool is_first = true;
+    bool has_failed = false;
     for (const int64_t id : ids) {
         listed_message listed;
-        if (!list_inbox_message(box, id, &listed) && !list_read_message(box, id, &listed))
+        const lookup found = list_message(box, id, &listed);
+        has_failed = has_failed || found == lookup::failed;
+        if (found != lookup::found)
             continue;
         print_message(listed, is_first);
         is_first = false;
     }
-    if (is_first)
+    if (is_first && !has_failed)
         print_nothing_waits();
-    return 0;
+    return has_failed ? 1 : 0;
 }
 
 // ---- show ---------------------------------------------------------------------------------
 
 static int show_one(own_mailbox *box, int64_t id) {
     waiting_message message;
-    const waiting_state state = inbox_look(*box, id, now(), &message);
-    if (state == waiting_state::failed) {
-        warn_unreadable(id, errno);
+    const bool waits = inbox_look(*box, id, now(), &message) == waiting_state::waiting;
+    listed_message listed;
+    switch (list_message(*box, id, &listed)) {
+    case lookup::found:
+        break;
+    case lookup::absent:
+        warn_no_such_message(id);
+        return 1;
+    case lookup::failed:
         return 1;
     }
-    if (state == waiting_state::absent) {
-        listed_message read;
-        if (!list_read_message(*box, id, &read)) {
-            warn_no_such_message(id);
-            return 1;
-        }
-        return show_message(read.message, read.state) ? 0 : 1;
-    }
-    listed_message listed;
-    (void)list_inbox_message(*box, id, &listed);
-    const bool waits = state == waiting_state::waiting;
-    const std::string footer = waits ? how_to_answer_sentence(id) : listed.state;
-    if (!show_message(message.message, footer))
+    if (!show_message(listed.message, waits ? how_to_answer_sentence(id) : listed.state))
         return 1;
     if (waits)
         note_shown(box, id);

@@ -178,6 +178,18 @@ def test_a_message_that_cannot_be_read_is_named_and_not_taken_for_none(machine):
     assert_refuses(machine.tellbox("read"), "/var/lib/tellbox/users/pat: Permission denied")
 
 
+def test_list_and_show_name_what_cannot_be_read(machine):
+    machine.deliver(12)
+    machine.store.write_as("pat", ("read", 13), b"date: 5\n\nx\n")
+    for place in (("inbox", 12), ("read", 13)):
+        machine.store.mailbox("pat", *place).chmod(0o000)
+    assert_refuses(machine.tellbox("list"), "message 12 cannot be read: Permission denied",
+                   "message 13 cannot be read: Permission denied")
+    for number in (12, 13):
+        assert_refuses(machine.tellbox("show", str(number)),
+                       f"message {number} cannot be read: Permission denied")
+
+
 # ---- list and show --------------------------------------------------------------------------
 
 def test_list_says_what_has_become_of_each_message(machine):
