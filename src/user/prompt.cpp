@@ -180,8 +180,9 @@ static bool is_marked(const prompt_look &look, int64_t id, int64_t at) {
 static bool is_silent(prompt_look *look, int64_t id, int64_t at, look_result *result) {
     struct stat status = {};
     const int64_t back = look->shell_showed + look->remind;
+    const bool is_over = back <= at || look->shell_showed > at; // or the clock was set back
     // The time of the change is that of the delivery, and not for the user to set.
-    if (look->shell_showed == 0 || back <= at ||
+    if (look->shell_showed == 0 || is_over ||
         fstatat(look->box->inbox.get(), std::to_string(id).c_str(), &status, AT_SYMLINK_NOFOLLOW) !=
             0 ||
         status.st_ctim.tv_sec >= look->shell_showed)
