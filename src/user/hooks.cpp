@@ -112,8 +112,9 @@ if [[ -o interactive && ! -o restricted ]]; then
     __tellbox_check() {
         emulate -L zsh
         setopt no_xtrace no_unset no_err_exit no_err_return no_all_export no_global_export no_warn_create_global
-        local __tellbox_state=$__tellbox_mailbox/state __tellbox_now
-        __tellbox_now=${(%):-%D{%s}}
+        # In a variable: "emulate sh -c" reads braces within braces in another way.
+        local __tellbox_state=$__tellbox_mailbox/state __tellbox_now='%D{%s}'
+        __tellbox_now=${(%)__tellbox_now}
         if ((__tellbox_now >= __tellbox_next || __tellbox_now < __tellbox_looked)); then
             __tellbox_look $__tellbox_now
         elif ((__tellbox_silent == 0)) &&

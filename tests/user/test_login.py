@@ -64,6 +64,19 @@ def test_a_login_shell_loads_the_hook_under_every_option(installed, options):
     assert "Starts the program" not in shell.greeting
 
 
+@pytest.mark.parametrize("how", ["emulate sh -c '. /etc/profile'", ". /etc/profile",
+                                 "setopt no_unset err_exit; . /etc/profile"])
+def test_a_login_zsh_that_reads_the_profile_has_the_hook(installed, how):
+    need_programs("zsh")
+    installed.deliver(7)
+    installed.path("/etc/zsh").mkdir()
+    installed.write("/etc/zsh/zprofile", f"{how}\n")
+    shell = Shell(installed, "zsh", "", argv=["zsh", "-l"])
+    assert shell.greeting == shown(7)
+    installed.deliver(8)
+    assert shell.run() == shown(8)
+
+
 def test_a_restricted_shell_shows_messages_at_login_and_has_no_errors(installed):
     installed.deliver(7)
     shell = Shell(installed, "bash", "", argv=["bash", "-rl"])

@@ -384,6 +384,17 @@ def test_zsh_loads_it_under_every_option(machine, setting):
     assert shell.run() == shown(8)
 
 
+@pytest.mark.parametrize("emulation", ["sh", "ksh", "csh"])
+def test_zsh_loads_it_in_the_emulation_of_another_shell(machine, emulation):
+    need_programs("zsh")
+    machine.store.make_mailbox("pat")
+    machine.write_home("pat", "hook", machine.tellbox("hook", "zsh").stdout)
+    shell = Shell(machine, "zsh", f"emulate {emulation} -c '. ~/hook'\n")
+    assert shell.run() == ""
+    machine.deliver(7)
+    assert shell.run() == shown(7)
+
+
 def test_a_restricted_zsh_has_no_errors(machine):
     need_programs("zsh")
     machine.deliver(7)
