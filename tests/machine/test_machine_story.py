@@ -134,6 +134,35 @@ def test_a_package_that_goes_takes_its_agents_with_it(with_displays):
     assert "delivered" in machine.tbx("status", "1").stdout
 
 
+# What a hostile recipient makes of the own mailbox, to harm whoever looks into it.
+TRAPS = """cd /var/lib/tellbox/users/mal
+mkfifo inbox/5 acks/1 state/1.term
+ln -s /etc/shadow inbox/6
+truncate -s 1T inbox/7
+mkdir inbox/8 state/1.gui
+ln -s /home/pat read/1
+touch -d 2099-01-01 state/.prompt inbox
+"""
+
+
+def test_a_hostile_recipient_harms_neither_the_administrator_nor_another_recipient(with_displays):
+    machine = with_displays
+    machine.send("--to", "mal", "first")
+    machine.run("sh", "-ec", TRAPS, user="mal")
+    Desktop(machine, "mal")  # with an agent, once there is a message
+    desktop = Desktop(machine, "pat")
+    machine.send("--to", "mal,pat", "second", recipients=2, message_id=2)
+    desktop.await_window()
+    desktop.press(READ)
+    assert await_confirmed(machine, 2) == "desktop"
+    assert re.search(r"^mal +delivered", machine.tbx("status", "2").stdout, re.MULTILINE)
+    assert "root:" not in machine.run("tellbox", "list", user="mal", check=False).stdout
+    mal = shell_of(machine, "mal", "bash -l")
+    mal.type(b"tellbox read 2\r")
+    mal.await_seen("Message 2 confirmed.")
+    assert "all confirmed (2)" in machine.tbx("list").stdout
+
+
 # ---- In the user's language -------------------------------------------------------------------
 
 SPANISH = {"LANG": "C.UTF-8", "LANGUAGE": "es"}
