@@ -7,6 +7,7 @@ import subprocess
 
 import pytest
 from conftest import REPOSITORY, install, manifests, run
+from prerequisites import need_root
 
 # Every file of each part, with its mode; None for a link.
 PARTS = {
@@ -177,3 +178,20 @@ def test_uninstalling_twice_does_no_harm(tree, place):
     uninstall(tree, place)
     uninstall(tree, place)
     assert below(place) == {}
+
+
+UNINSTALL_ALONE = """mount -t tmpfs tmpfs /usr/local
+mkdir -p /usr/local/lib/tellbox
+printf '#!/bin/sh\\necho "$@" >>%s/called\\n' "$1" >/usr/local/lib/tellbox/tellbox-user
+chmod +x /usr/local/lib/tellbox/tellbox-user
+echo /usr/local/lib/tellbox/tellbox-user >"$1/install_manifest_tellbox-user.txt"
+cmake -D TREE="$1" -D TELLBOX_CONFIGURATION=/dev/null -P "$2"
+test ! -e /usr/local/lib/tellbox
+"""
+
+
+def test_uninstalling_takes_the_hook_out_of_the_shells(tmp_path):
+    need_root("a /usr/local of the test's own")
+    run("unshare", "--mount", "--propagation", "private", "sh", "-ec", UNINSTALL_ALONE, "sh", tmp_path,
+        REPOSITORY / "packaging" / "uninstall.cmake")
+    assert (tmp_path / "called").read_text() == "shells off\n"
