@@ -8,7 +8,9 @@ from harness.pseudo_terminal import FRAME_BEGINS, FRAME_ENDS, LEAVE_SCREEN, PAST
 ANCHORED = re.compile(r"\x1b\[([0-9]+)G((?:(?!\x1b\[[0-9]+G).)*)")
 SEQUENCE = re.compile(r"\x1b\[(?:[0-9;]*m|K|\?7[hl])")
 OWN_SEQUENCES = re.compile(rb"\x1b\[(?:[0-9;]*m|H|J|K|[0-9]+G|\?7[hl]|[0-9]+;[0-9]+H|\?25[hl]|\?1049[hl]|\?2004[hl])")
-TORN_SEQUENCE = re.compile(rb"\x1b(?:\[[0-9;?]*)?(?=" + re.escape(PASTE_OFF + LEAVE_SCREEN) + rb")")
+# Behind a torn frame wrapping is switched on before the screen is left.
+TORN_SEQUENCE = re.compile(rb"\x1b(?:\[[0-9;?]*)?(?=(?:\x1b\[\?7h)?"
+                           + re.escape(PASTE_OFF + LEAVE_SCREEN) + rb")")
 
 
 def without_torn_frames(raw):
