@@ -257,7 +257,7 @@ static void suspend() {
     struct sigaction handler = {};
     const struct sigaction stop = action_of(SIG_DFL, 0);
     change_action(SIGTSTP, &stop, &handler);
-    (void)raise(SIGTSTP); // cannot fail: the signal exists
+    (void)kill(getpid(), SIGTSTP); // cannot fail: this process may signal itself
     change_action(SIGTSTP, &handler, nullptr);
     continued = 0;
     tui_raw_mode();
