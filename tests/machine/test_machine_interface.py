@@ -243,8 +243,11 @@ def test_an_editor_that_leaves_a_link_brings_nothing_of_root_s_back(machine, ins
     terminal.type(CTRL_E)
     await_condition(lambda: terminal.shown().count(b"\x1b[?1049h") == 2, PATIENCE_SECONDS,
                     "the interface after the editor")
+    terminal.await_seen("What it left is kept in /tmp/tellbox-testo-")
+    reply(terminal, ENTER)
     terminal.await_seen("my own words")
     assert b"the secret of root" not in terminal.shown()
+    machine.run("sh", "-c", "rm /tmp/tellbox-testo-*")
 
 
 # ---- Ends ---------------------------------------------------------------------------------
