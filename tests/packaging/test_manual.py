@@ -204,6 +204,15 @@ def test_every_image_shows_what_a_user_sees_on_the_desktop(binary, tmp_path):
             f"{tmp_path}/{name}.png: look at it, and run docs/manual/refresh if it is right")
 
 
+@pytest.mark.parametrize("box, alike", [((30, 118, 31, 135), True), ((223, 274, 288, 307), False)],
+                         ids=["cursor", "button"])
+def test_a_missing_button_is_noticed_in_an_image_and_a_cursor_is_not(box, alike):
+    from PIL import ImageDraw
+    image = user_pictures.kept_image("window")
+    ImageDraw.Draw(image).rectangle(box, fill=(246, 245, 244))
+    assert user_pictures.is_alike(user_pictures.PICTURES / "window.png", image) == alike
+
+
 def test_the_page_holds_the_images_as_they_are_kept():
     for name in user_pictures.LABELS:
         assert kept_picture(name) == user_pictures.in_page(name)

@@ -22,7 +22,7 @@ TITLE = "Restart tonight"
 TEXT = "The machine restarts at 22:00.\nPlease save your work.\n"
 NOTIFICATION_SERVICE = Path("/usr/share/dbus-1/services/org.xfce.xfce4-notifyd.Notifications.service")
 SMALLEST_DIFFERENCE = 48  # of a colour, in 255 parts; less is another way to smooth an edge
-DIFFERENT_PIXELS = 0.02  # the share that may differ: a cursor, a letter of another version
+DIFFERENT_PIXELS = 0.0005  # the share that may differ: cursors, which blink
 
 RC = """PS1='pat@alpha:~$ '
 bind 'set enable-bracketed-paste off'
@@ -246,7 +246,7 @@ def in_page(name):
 
 
 def is_alike(path, image):
-    """Whether the file shows the same as an image, but for a letter or a cursor."""
+    """Whether the file shows the same as an image, but for a cursor."""
     from PIL import ImageChops
     if not path.exists():
         return False
