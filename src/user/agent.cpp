@@ -232,6 +232,7 @@ void agent::look() {
         finish();
         return;
     }
+    ready_file_restore();
     load_config(&settings_);
     look_in(static_cast<uint64_t>(settings_.agent_poll) * MSEC_PER_SEC);
     connect_bus();

@@ -57,6 +57,12 @@ int ready_file_write() {
     return write_file_atomic(ready_path().c_str(), number.data(), number.size(), READY_MODE);
 }
 
+void ready_file_restore() {
+    struct stat status = {};
+    if (lstat(ready_path().c_str(), &status) != 0 && errno == ENOENT)
+        (void)ready_file_write(); // tried again at the next look
+}
+
 // Whether the readiness file names this process.
 static bool is_ready(pid_t pid) {
     strbuf text;

@@ -26,6 +26,8 @@ enum class instance_state {
 
 // Writes the readiness file, which names this process. Returns 0, or -1 with errno.
 [[nodiscard]] int ready_file_write();
+// Writes it again if it is missing: without it, `tbx` would start agents that wait in vain.
+void ready_file_restore();
 // Removes it if it still names this process. From then on `tbx` starts another agent, which waits
 // for the lock: whoever does not serve the user any more removes it first.
 void ready_file_remove();

@@ -110,6 +110,13 @@ def test_the_readiness_file_goes_with_the_agent(recipient):
     assert not recipient.ready_file.exists()
 
 
+def test_a_readiness_file_that_somebody_removed_comes_back(recipient):
+    agent = recipient.start_agent()
+    recipient.ready_file.unlink()
+    recipient.wake()
+    agent.await_ready()
+
+
 def test_the_readiness_file_of_another_agent_stays(recipient):
     agent = recipient.start_agent()
     recipient.ready_file.write_text("12345\n")
