@@ -64,6 +64,15 @@ def test_a_login_shell_loads_the_hook_under_every_option(installed, options):
     assert "Starts the program" not in shell.greeting
 
 
+def test_a_login_bash_that_is_called_sh_has_the_hook(installed):
+    installed.deliver(7)
+    installed.write_home("pat", ".profile", PROMPT["bash"])
+    shell = Shell(installed, "bash", "", argv=["bash", "-c", "exec -a sh bash -l"])
+    assert shown(7) in shell.greeting
+    installed.deliver(8)
+    assert shell.run() == shown(8)
+
+
 @pytest.mark.parametrize("how", ["emulate sh -c '. /etc/profile'", ". /etc/profile",
                                  "setopt no_unset err_exit; . /etc/profile"])
 def test_a_login_zsh_that_reads_the_profile_has_the_hook(installed, how):
