@@ -6,6 +6,7 @@ import re
 import shutil
 import signal
 import stat
+import subprocess
 import time
 from contextlib import contextmanager
 from dataclasses import replace
@@ -124,6 +125,25 @@ def test_key_that_is_no_answer_guards_a_question_from_those_behind_it(interface,
     reply(tbx, "a")
     time.sleep(0.05)
     tbx.send("y")
+    tbx.wait_until_it_slept(GUARD_SECONDS)
+    expect(tbx, page, revoke_confirmation(message))
+    press(tbx, "y", page, message_box("Revoke message 1?", "Message 1 revoked."))
+
+
+def test_question_takes_no_answer_that_was_typed_before_the_line_has_sent_it(
+        interface, store, tmp_path):
+    library = tmp_path / "busy_line.so"
+    subprocess.run([flaky_accounts.COMPILER, "-shared", "-fPIC", "-o", library,
+                    Path(flaky_accounts.__file__).with_name("busy_line.c")], check=True)
+    busy = tmp_path / "busy"
+    message = Message(1)
+    tbx, page = interface([message], env={
+        "LD_PRELOAD": str(library), "BUSY_LINE": str(busy),
+        "ASAN_OPTIONS": "verify_asan_link_order=0:" + os.environ.get("ASAN_OPTIONS", "")})
+    busy.touch()
+    press(tbx, "r", page, revoke_confirmation(message))
+    reply(tbx, "y")
+    busy.unlink()
     tbx.wait_until_it_slept(GUARD_SECONDS)
     expect(tbx, page, revoke_confirmation(message))
     press(tbx, "y", page, message_box("Revoke message 1?", "Message 1 revoked."))
