@@ -229,6 +229,8 @@ def as_png(image):
 LABELS = {
     "window": "The window of a message on the desktop, with the buttons Later and I have read it",
     "notification": "A notification with the title and the first words of a message",
+    # Taken by tests/desktop/full_session.py, by hand: it needs a whole desktop.
+    "desktop": "A whole desktop with the window of a message and its notification",
 }
 
 
