@@ -156,6 +156,25 @@ TEST(Waiting, IsAskedOfOneMessageAsOfAll) {
     EXPECT_EQ(pending[0].desktop.kind, mark_kind::postponed);
 }
 
+TEST(Waiting, IsNotKnownIfAFolderCannotBeRead) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(3);
+    constexpr int NOT_OPEN = 1'000'000;
+    std::vector<pending_message> pending;
+    std::vector<waiting_message> waiting;
+    waiting_message message;
+    own_mailbox box = mailbox.open();
+    box.acks.reset(NOT_OPEN);
+    EXPECT_EQ(inbox_pending(box, now(), &pending), -1);
+    EXPECT_EQ(inbox_waiting(box, now(), &waiting), -1);
+    EXPECT_EQ(inbox_look(box, 3, now(), &message), waiting_state::failed);
+    box = mailbox.open();
+    box.inbox.reset(NOT_OPEN);
+    EXPECT_EQ(inbox_pending(box, now(), &pending), -1);
+    EXPECT_EQ(inbox_waiting(box, now(), &waiting), -1);
+    EXPECT_EQ(inbox_look(box, 3, now(), &message), waiting_state::failed);
+}
+
 // ---- Answers ------------------------------------------------------------------------------
 
 TEST(Answer, IsTheFirstLineOfItsFile) {
