@@ -174,6 +174,27 @@ TEST(Confirm, KeepsAnAnswerThatAnotherProgramHasRecordedAndMoved) {
               "confirmed\nacks/7 read/7\n");
 }
 
+TEST(Confirm, HoldsTheAnswerUntilItIsRecorded) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  static const heard_mailbox *shared;
+                  static int error_of_another;
+                  shared = &mailbox;
+                  error_of_another = 0;
+                  own_mailbox box = mailbox.open();
+                  trap_call(SYS_fsync, [](long) -> long {
+                      const unique_fd other(::open(shared->file("acks/7").c_str(), O_RDWR));
+                      if (other && shared->has("inbox/7") &&
+                          flock(other.get(), LOCK_EX | LOCK_NB) != 0)
+                          error_of_another = errno;
+                      return 0;
+                  });
+                  print_line(name_of(answer_confirm(&box, 7, channel::terminal).result));
+                  print_line(strerror(error_of_another));
+              }),
+              "confirmed\nResource temporarily unavailable\n");
+}
+
 TEST(Confirm, RemovesTheAnswerToAMessageThatIsWithdrawnMeanwhile) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
@@ -461,6 +482,44 @@ TEST(Marks, AreNotMadeWhereAFolderStands) {
     EXPECT_EQ(mark_shown(mailbox, now()), -1);
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(mailbox.files(), "inbox/7 state/7.term/inside");
+}
+
+TEST(Shown, ReplacesAnOldMarkWhereFilesCannotBeExchanged) {
+    SKIP_UNLESS_ROOT();
+    for (const int error : {EINVAL, ENOSYS, EIO}) {
+        static int refused;
+        refused = error;
+        EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                      mailbox.put("state/7.term", "postponed\n");
+                      mailbox.age("state/7.term", -HALF_AN_HOUR);
+                      refuse_call(SYS_renameat2, static_cast<uint32_t>(refused));
+                      const int result = mark_shown(mailbox, now());
+                      printf("%d %s %s", result, mailbox.files().c_str(),
+                             mailbox.text("state/7.term").c_str());
+                  }),
+                  error == EIO ? "-1 inbox/7 state/7.term postponed\n"
+                               : "0 inbox/7 state/7.term shown\n");
+    }
+}
+
+TEST(Marks, GoWithAMessageThatIsWithdrawnMeanwhile) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  static const heard_mailbox *shared;
+                  shared = &mailbox;
+                  own_mailbox box = mailbox.open();
+                  trap_call(SYS_utimensat, [](long) -> long {
+                      unlink(shared->file("inbox/7").c_str());
+                      return 0;
+                  });
+                  if (answer_shown(&box, 7, channel::terminal, now(), HALF_AN_HOUR) != 0)
+                      print_line(strerror(errno));
+                  mailbox.put_message(7);
+                  if (answer_postpone(&box, 7, channel::terminal) != 0)
+                      print_line(strerror(errno));
+                  printf("%s%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "No such file or directory\nNo such file or directory\n");
 }
 
 TEST(Shown, LeavesAFolderThatComesMeanwhile) {
