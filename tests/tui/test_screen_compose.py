@@ -60,19 +60,11 @@ def test_hint_of_a_field_can_be_read_at_80_columns(form, hint):
 # ---- From field to field ------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("start, key, target", [
-    ("To", TAB, "Title"), ("Title", TAB, "Expires"), ("Expires", TAB, "Text"), ("Text", TAB, "To"),
-    ("To", BACK_TAB, "Text"), ("Text", BACK_TAB, "Expires"), ("Expires", BACK_TAB, "Title"),
-    ("Title", BACK_TAB, "To"), ("Title", "\x1bOZ", "To"),
-    ("To", DOWN, "Title"), ("Title", DOWN, "Expires"), ("Expires", DOWN, "Text"),
-    ("To", ENTER, "Title"), ("Title", ENTER, "Expires"), ("Expires", "\n", "Text"),
-    ("To", UP, "To"), ("Title", UP, "To"), ("Expires", UP, "Title"), ("Text", UP, "Expires"),
-    ("Text", DOWN, "Text"),
-])
-def test_key_goes_to_another_field(form, start, key, target):
+def test_keys_go_from_field_to_field(form):
     tbx, page, _ = form()
-    press(tbx, to(start), replace(page, focus=start))
-    press(tbx, key + "x", replace(page, **{target.lower(): "x"}, focus=target))
+    for key, target in [(TAB, "Title"), (DOWN, "Expires"), (ENTER, "Text"), (TAB, "To"),
+                        (BACK_TAB, "Text"), (BACK_TAB, "Expires"), (UP, "Title"), (UP, "To")]:
+        press(tbx, key, replace(page, focus=target))
 
 
 @pytest.mark.parametrize("back", [UP, BACK_TAB, TAB * 3])
@@ -92,47 +84,11 @@ def test_text_is_entered_where_it_was_left(form):
 
 # ---- Editing a field ----------------------------------------------------------------------
 
-GOTHIC = "\U00010348"  # one column, four bytes
-
-EDITS = [
-    ("abc", "abc", 3),
-    ("abc" + LEFT + "X", "abXc", 3),
-    ("abc" + LEFT * 9 + "X", "Xabc", 1),
-    ("abc" + LEFT + RIGHT * 9 + "X", "abcX", 4),
-    ("abc" + HOME + "X", "Xabc", 1),
-    ("abc\x1b[1~X", "Xabc", 1),
-    ("abc" + HOME + END + "X", "abcX", 4),
-    ("abc" + BACKSPACE, "ab", 2),
-    ("abc\x08", "ab", 2),
-    ("abc" + LEFT + BACKSPACE, "ac", 1),
-    ("abc" + HOME + BACKSPACE, "abc", 0),
-    ("abc" + DELETE, "abc", 3),
-    ("abc" + LEFT + DELETE, "ab", 2),
-    ("abc" + HOME + DELETE, "bc", 0),
-    (BACKSPACE + DELETE + LEFT + RIGHT + HOME + END, "", 0),
-    ("aéЖ€", "aéЖ€", 4),
-    ("aéЖ€" + LEFT + LEFT + "X", "aéXЖ€", 3),
-    ("aéЖ€" + LEFT + BACKSPACE, "aé€", 2),
-    ("aéЖ€" + HOME + RIGHT + DELETE, "aЖ€", 1),
-    ("aéЖ€" + BACKSPACE * 3, "a", 1),
-    (GOTHIC + "b" + LEFT + LEFT + RIGHT + "X", GOTHIC + "Xb", 2),
-    (GOTHIC + BACKSPACE, "", 0),
-    ("a b", "a b", 3),
-    ("q?/nrmp", "q?/nrmp", 7),
-]
-
-
-@pytest.mark.parametrize("keys, value, cursor", EDITS)
-@pytest.mark.parametrize("field", ["To", "Title", "Expires"])
-def test_field_is_edited(form, field, keys, value, cursor):
+@pytest.mark.parametrize("focus", FOCI)
+def test_field_is_edited(form, focus):
     tbx, page, _ = form()
-    press(tbx, to(field) + keys, replace(page, **{field.lower(): value}, focus=field, at=cursor))
-
-
-@pytest.mark.parametrize("keys, value, cursor", EDITS)
-def test_line_of_the_text_is_edited_like_a_field(form, keys, value, cursor):
-    tbx, page, _ = form()
-    press(tbx, to("Text") + keys, replace(page, text=value, focus="Text", at=(0, cursor)))
+    keys = "aéЖ€" + LEFT + BACKSPACE + HOME + DELETE + END + "X"
+    press(tbx, to(focus) + keys, replace(page, **{focus.lower(): "é€X"}, focus=focus))
 
 
 @pytest.mark.parametrize("focus", FOCI)
@@ -191,13 +147,7 @@ def test_last_character_of_a_field_may_end_beyond_1000_bytes(form):
 
 @pytest.mark.parametrize("keys, cursor, scroll", [
     ("", 60, 6),
-    (LEFT, 59, 6),
-    (LEFT * 54, 6, 6),
     (LEFT * 55, 5, 5),
-    (HOME, 0, 0),
-    (HOME + RIGHT * 54, 54, 0),
-    (HOME + RIGHT * 55, 55, 1),
-    (HOME + END, 60, 6),
 ])
 @pytest.mark.parametrize("focus", ["Title", "Text"])
 def test_long_value_scrolls_with_the_cursor(form, focus, keys, cursor, scroll):
@@ -215,32 +165,11 @@ def test_value_of_the_width_of_its_place_does_not_scroll(form):
 
 # ---- Editing the text ---------------------------------------------------------------------
 
-TEXT_EDITS = [
-    ("one\rtwo", "one\ntwo", (1, 3)),
-    ("one\ntwo", "one\ntwo", (1, 3)),
-    ("onetwo" + LEFT * 3 + ENTER, "one\ntwo", (1, 0)),
-    ("one" + HOME + ENTER, "\none", (1, 0)),
-    (ENTER * 3, "\n\n\n", (3, 0)),
-    ("one\rtwo" + HOME + BACKSPACE, "onetwo", (0, 3)),
-    ("one\r\rtwo" + HOME + BACKSPACE, "one\ntwo", (1, 0)),
-    ("one\rtwo" + UP + HOME + BACKSPACE, "one\ntwo", (0, 0)),
+@pytest.mark.parametrize("keys, text, place", [
     ("one\rtwo" + UP + DELETE, "onetwo", (0, 3)),
-    ("one\rtwo" + DELETE, "one\ntwo", (1, 3)),
-    ("one\rtwo" + HOME + LEFT + "X", "oneX\ntwo", (0, 4)),
-    ("one\rtwo" + UP + RIGHT + "X", "one\nXtwo", (1, 1)),
-    ("one\rtwo" + UP + HOME + LEFT, "one\ntwo", (0, 0)),
-    ("one\rtwo" + RIGHT, "one\ntwo", (1, 3)),
-    ("one\rtwo" + UP + HOME + "X", "Xone\ntwo", (0, 1)),
-    ("one\rtwo" + UP + HOME + END + "X", "oneX\ntwo", (0, 4)),
-    ("one\rtwo" + UP * 1 + DOWN * 3, "one\ntwo", (1, 3)),
-    ("one\rlonger" + UP + "X", "oneX\nlonger", (0, 4)),
     ("longer\rone" + UP + "X", "lonXger\none", (0, 4)),
-    ("ЖЖЖ\rabc" + UP + LEFT + DOWN + "X", "ЖЖЖ\nabXc", (1, 3)),
     ("aé\rЖb" + HOME + BACKSPACE + BACKSPACE, "aЖb", (0, 1)),
-]
-
-
-@pytest.mark.parametrize("keys, text, place", TEXT_EDITS)
+])
 def test_text_is_edited(form, keys, text, place):
     tbx, page, _ = form()
     press(tbx, to("Text") + keys, replace(page, text=text, focus="Text", at=place))

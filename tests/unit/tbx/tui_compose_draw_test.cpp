@@ -131,8 +131,11 @@ TEST(ComposePage, ScrollsOnlyWhenTheCursorLeavesTheView) {
     compose_form form;
     fill_field(&form, COMPOSE_TO, std::string(70, 'x'));
     lines_of(&form);
-    form.fields[COMPOSE_TO].cursor = 60;
-    EXPECT_EQ(cursor_of(&form), (std::pair{2, 14 + 60 - 16}));
+    for (const auto &[cursor, scroll] :
+         {std::pair{60, 16}, {16, 16}, {15, 15}, {69, 15}, {70, 16}}) {
+        form.fields[COMPOSE_TO].cursor = static_cast<size_t>(cursor);
+        EXPECT_EQ(cursor_of(&form), (std::pair{2, 14 + cursor - scroll})) << cursor;
+    }
 }
 
 TEST(ComposePage, AValueCannotDriveTheTerminal) {

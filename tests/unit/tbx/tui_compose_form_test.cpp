@@ -63,6 +63,11 @@ int focus_after(int focus, const char *key) {
 TEST(ComposeField, TakesCharactersAtTheCursor) {
     EXPECT_EQ(to_after({"aé€"}), "aé€|");
     EXPECT_EQ(to_after({"ab", LEFT, "é"}), "aé|b");
+    EXPECT_EQ(to_after({"ab", HOME, "q?/nrmp "}), "q?/nrmp |ab");
+    EXPECT_EQ(to_after({"\U00010348"
+                        "b",
+                        LEFT, LEFT, RIGHT, "X"}),
+              "\U00010348X|b");
 }
 
 TEST(ComposeField, TheCursorMovesByWholeCharacters) {
@@ -80,6 +85,8 @@ TEST(ComposeField, DeletesWholeCharacters) {
     EXPECT_EQ(to_after({"aé€", HOME, "\x7f"}), "|aé€");
     EXPECT_EQ(to_after({"aé€", HOME, RIGHT, DELETE}), "a|€");
     EXPECT_EQ(to_after({"aé€", DELETE}), "aé€|");
+    EXPECT_EQ(to_after({"a\U00010348", "\x7f"}), "a|");
+    EXPECT_EQ(to_after({"\x7f", DELETE, LEFT, RIGHT, HOME, END}), "|");
 }
 
 TEST(ComposeField, TakesACharacterWhileShorterThan1000Bytes) {
@@ -88,19 +95,29 @@ TEST(ComposeField, TakesACharacterWhileShorterThan1000Bytes) {
 }
 
 TEST(ComposeField, ArrowsAndEnterGoToTheNextOne) {
-    EXPECT_EQ(focus_after(COMPOSE_TO, DOWN), COMPOSE_TITLE);
-    EXPECT_EQ(focus_after(COMPOSE_TITLE, "\r"), COMPOSE_EXPIRES);
-    EXPECT_EQ(focus_after(COMPOSE_EXPIRES, DOWN), COMPOSE_TEXT);
+    for (const char *key : {DOWN, "\r", "\n"}) {
+        EXPECT_EQ(focus_after(COMPOSE_TO, key), COMPOSE_TITLE);
+        EXPECT_EQ(focus_after(COMPOSE_TITLE, key), COMPOSE_EXPIRES);
+        EXPECT_EQ(focus_after(COMPOSE_EXPIRES, key), COMPOSE_TEXT);
+        EXPECT_EQ(focus_after(COMPOSE_TEXT, key), COMPOSE_TEXT);
+    }
+    EXPECT_EQ(focus_after(COMPOSE_TEXT, UP), COMPOSE_EXPIRES);
     EXPECT_EQ(focus_after(COMPOSE_EXPIRES, UP), COMPOSE_TITLE);
+    EXPECT_EQ(focus_after(COMPOSE_TITLE, UP), COMPOSE_TO);
     EXPECT_EQ(focus_after(COMPOSE_TO, UP), COMPOSE_TO);
 }
 
 TEST(ComposeField, TabGoesAround) {
     EXPECT_EQ(focus_after(COMPOSE_TO, "\t"), COMPOSE_TITLE);
+    EXPECT_EQ(focus_after(COMPOSE_TITLE, "\t"), COMPOSE_EXPIRES);
     EXPECT_EQ(focus_after(COMPOSE_EXPIRES, "\t"), COMPOSE_TEXT);
     EXPECT_EQ(focus_after(COMPOSE_TEXT, "\t"), COMPOSE_TO);
-    EXPECT_EQ(focus_after(COMPOSE_TO, BACK_TAB), COMPOSE_TEXT);
-    EXPECT_EQ(focus_after(COMPOSE_TEXT, BACK_TAB), COMPOSE_EXPIRES);
+    for (const char *key : {BACK_TAB, "\033OZ"}) {
+        EXPECT_EQ(focus_after(COMPOSE_TO, key), COMPOSE_TEXT);
+        EXPECT_EQ(focus_after(COMPOSE_TEXT, key), COMPOSE_EXPIRES);
+        EXPECT_EQ(focus_after(COMPOSE_EXPIRES, key), COMPOSE_TITLE);
+        EXPECT_EQ(focus_after(COMPOSE_TITLE, key), COMPOSE_TO);
+    }
 }
 
 TEST(ComposeField, IsEnteredAtItsEnd) {
@@ -125,6 +142,10 @@ TEST(ComposeText, EnterSplitsTheLine) {
 TEST(ComposeText, BackspaceDeletesOrJoinsToTheLineAbove) {
     EXPECT_EQ(text_after({"é", "\x7f"}), "|");
     EXPECT_EQ(text_after({"ab\rcd", HOME, "\x7f"}), "ab|cd");
+    EXPECT_EQ(text_after({"ab\r\rcd", HOME, "\x7f"}), "ab/|cd");
+    EXPECT_EQ(text_after({"aé\rb", HOME, "\x7f", "\x7f"}), "a|b");
+    EXPECT_EQ(text_after({"ab\rcd", UP, HOME, "\x7f"}), "|ab/cd");
+    EXPECT_EQ(text_after({"a\U00010348", "\x7f"}), "a|");
     EXPECT_EQ(text_after({"\x7f"}), "|");
 }
 
@@ -132,6 +153,7 @@ TEST(ComposeText, DeleteDeletesOrJoinsTheNextLine) {
     EXPECT_EQ(text_after({"é€", HOME, DELETE}), "|€");
     EXPECT_EQ(text_after({"ab\rcd", UP, DELETE}), "ab|cd");
     EXPECT_EQ(text_after({"ab", DELETE}), "ab|");
+    EXPECT_EQ(text_after({"ab\rcd", DELETE}), "ab/cd|");
 }
 
 TEST(ComposeText, TheCursorGoesOnAtTheNextLine) {
@@ -149,6 +171,7 @@ TEST(ComposeText, HomeAndEndStayInTheLine) {
 TEST(ComposeText, UpAndDownKeepTheColumn) {
     EXPECT_EQ(text_after({"äöü\rabc", LEFT, UP}), "äö|ü/abc");
     EXPECT_EQ(text_after({"a\rbcd", UP}), "a|/bcd");
+    EXPECT_EQ(text_after({"abcd\rab", UP}), "ab|cd/ab");
     EXPECT_EQ(text_after({"ab\rc", UP, DOWN}), "ab/c|");
     EXPECT_EQ(text_after({"ab\rc", DOWN}), "ab/c|");
 }
