@@ -164,6 +164,7 @@ TEST(TuiBox, LeavesThePageItselfAsItWas) {
 
 TEST(TuiPrompt, GivesWhatIsTyped) {
     EXPECT_EQ(prompted("abc\r"), "abc");
+    EXPECT_EQ(prompted("qnyr/? \n"), "qnyr/? ");
     EXPECT_EQ(prompted("\r"), "");
 }
 
@@ -178,6 +179,8 @@ TEST(TuiPrompt, EscAndTheEndOfInputCancel) {
 
 TEST(TuiPrompt, BackspaceRemovesAWholeCharacter) {
     EXPECT_EQ(prompted("aé€\x7f\r"), "aé");
+    EXPECT_EQ(prompted("a\U00010348\x7f\r"), "a");
+    EXPECT_EQ(prompted("ab\x08\r"), "a");
     EXPECT_EQ(prompted("aé\x7f\x7f\x7f\x7f\r"), "");
 }
 
@@ -190,7 +193,9 @@ TEST(TuiPrompt, TakesTwoHundredBytes) {
 }
 
 TEST(TuiPrompt, TakesALastCharacterOfSeveralBytesWhole) {
-    EXPECT_EQ(prompted(std::string(199, 'x') + "€y\r"), std::string(199, 'x') + "€");
+    EXPECT_EQ(prompted(xs(199) + "€y\r"), xs(199) + "€");
+    EXPECT_EQ(prompted(xs(198) + "éé\r"), xs(198) + "é");
+    EXPECT_EQ(prompted(xs(205) + "\x7féz\r"), xs(199) + "é");
 }
 
 TEST(TuiPrompt, ShowsItsValueAndAMarkForTheCursor) {
@@ -203,10 +208,15 @@ TEST(TuiPrompt, ShowsItsValueAndAMarkForTheCursor) {
 }
 
 TEST(TuiPrompt, ShowsTheEndOfALongValue) {
-    const std::string value = std::string(100, 'x') + "end";
-    const std::string frame = shown(
-        [&](tui_screen *page) { static_cast<void>(tui_prompt(page, "Search", "Show:", value)); });
-    EXPECT_THAT(frame, HasSubstr("│  [ " + std::string(58, 'x') + "end_ ]  │"));
+    const auto frame = [](const std::string &value) {
+        return shown([&](tui_screen *page) {
+            static_cast<void>(tui_prompt(page, "Search", "Show:", value));
+        });
+    };
+    EXPECT_THAT(frame(xs(100) + "end"), HasSubstr("│  [ " + xs(58) + "end_ ]  │"));
+    EXPECT_THAT(frame("b" + xs(57) + "end"), HasSubstr("│  [ b" + xs(57) + "end_ ]  │"));
+    EXPECT_THAT(frame("b" + xs(58) + "end"), HasSubstr("│  [ " + xs(58) + "end_ ]  │"));
+    EXPECT_THAT(frame("bé" + xs(57) + "end"), HasSubstr("│  [ é" + xs(57) + "end_ ]  │"));
 }
 
 // ---- Confirmation -------------------------------------------------------------------------
