@@ -58,21 +58,9 @@ def test_facts_and_title_too_long_for_the_terminal_are_cut(detail):
 
 @pytest.mark.parametrize("text, lines", [
     ("", []),
-    ("one\n", ["one"]),
-    ("one\n\nthree\n", ["one", "", "three"]),
-    ("1\n2\n3\n4\n5\n6\n", ["1", "2", "3", "4", "5", "6"]),
-    ("1\n2\n3\n4\n5\n6\n7\n", ["1", "2", "3", "4", "5", "…"]),
-    ("1\n2\n3\n4\n5\n\n\n", ["1", "2", "3", "4", "5", "…"]),
-    ("x" * 72, ["x" * 72]),
-    ("x" * 73, ["x" * 72, "x"]),
-    ("x" * 70 + " yy", ["x" * 70, "yy"]),
-    ("x" * 72 + " y", ["x" * 72, "y"]),
-    ("x" * 69 + " yy z", ["x" * 69 + " yy", "z"]),
-    (" " + "x" * 72, [" " + "x" * 71, "x"]),
-    ("é" * 73, ["é" * 72, "é"]),
-    ("Жж " * 25, ["Жж " * 23 + "Жж", "Жж "]),
+    ("Жж " * 25 + "\n\n" + "é" * 73, ["Жж " * 23 + "Жж", "Жж ", "", "é" * 72, "é"]),
     ("word " * 90, [("word " * 14).rstrip()] * 5 + ["…"]),
-], ids=range(15))
+], ids=["none", "some", "too much"])
 def test_text_is_wrapped_and_cut_to_six_lines(detail, text, lines):
     tbx, _, _ = detail(Message(1, text))
     shown = [row[5:-2].rstrip() for row in tbx.rows()[2:] if row.startswith("│  │ ")]
@@ -105,21 +93,10 @@ def test_state_of_a_recipient_tells_terminals_and_channel(terminal, store):
 
 
 @pytest.mark.parametrize("keys, scroll", [
-    ([UP], 0),
-    ([DOWN], 1),
-    (["\x1bOB"], 1),
-    ([DOWN, DOWN, UP], 1),
-    ([DOWN, DOWN, "\x1bOA"], 1),
-    ([DOWN] * 16, 16),
-    ([DOWN] * 17, 16),
-    ([DOWN] * 40 + [UP], 15),
-    ([PAGE_DOWN], 14),
-    ([PAGE_DOWN, PAGE_DOWN], 16),
-    ([PAGE_DOWN, PAGE_DOWN, UP], 15),
-    ([PAGE_DOWN, PAGE_DOWN, PAGE_UP], 2),
-    ([PAGE_DOWN, PAGE_UP], 0),
-    ([DOWN, PAGE_UP], 0),
     ([UP, UP, DOWN], 1),
+    ([DOWN] * 40 + [UP], 15),
+    ([PAGE_DOWN, PAGE_DOWN, PAGE_UP], 2),
+    ([DOWN, PAGE_UP], 0),
 ])
 def test_key_scrolls_within_the_recipients(detail, keys, scroll):
     tbx, page, _ = detail(CROWDED)

@@ -99,6 +99,8 @@ TEST(DetailView, OfSevenLinesShowsFive) {
     EXPECT_THAT(frame, HasSubstr("│  │ line 5 "));
     EXPECT_THAT(frame, Not(HasSubstr("line 6")));
     EXPECT_THAT(frame, HasSubstr("│  │ … "));
+    EXPECT_THAT(view_of_text(numbered_lines(5) + "\n\n"), HasSubstr("│  │ line 5 "));
+    EXPECT_THAT(view_of_text(numbered_lines(5) + "\n\n"), HasSubstr("│  │ … "));
 }
 
 TEST(DetailView, WrapsTheTextToTheScreen) {
@@ -130,8 +132,16 @@ TEST(DetailView, DoesNotScrollPastEitherEnd) {
     const scratch_state state;
     const scratch_screen screen(80, 20);
     add_message_for(state, 30);
-    EXPECT_THAT(view_after("\033[A"), HasSubstr("STATE" + std::string(57, ' ') + "│\n│  user0 "));
+    const auto begins_with = [](const std::string &user) {
+        return HasSubstr("STATE" + std::string(57, ' ') + "│\n│  " + user + " ");
+    };
+    EXPECT_THAT(view_after("\033[A"), begins_with("user0"));
+    EXPECT_THAT(view_after("\033[A\033[A\033[B"), begins_with("user1"));
+    EXPECT_THAT(view_after("\033[B\033[5~"), begins_with("user0"));
     EXPECT_THAT(view_after("\033[6~\033[6~\033[6~"), HasSubstr("│  user29 "));
+    EXPECT_THAT(view_after("\033[6~\033[6~\033[6~"), begins_with("user20"));
+    EXPECT_THAT(view_after("\033[6~\033[6~\033[6~\033[A"), begins_with("user19"));
+    EXPECT_THAT(view_after("\033[6~\033[6~\033[6~\033[5~"), begins_with("user10"));
 }
 
 TEST(DetailView, CutsALongUserName) {
