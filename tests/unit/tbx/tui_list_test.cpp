@@ -220,7 +220,17 @@ TEST(ListLoad, SearchesTextAndTitleWithoutRegardToCase) {
     add_message(state, 4, "Other", "text\n");
     EXPECT_THAT(loaded_ids("backup"), ElementsAre(2, 1));
     EXPECT_THAT(loaded_ids("bacKUP r"), ElementsAre(2));
+    EXPECT_THAT(loaded_ids("backup "), ElementsAre(2));
     EXPECT_THAT(loaded_ids("nothing"), IsEmpty());
+    EXPECT_THAT(loaded_ids("no title"), IsEmpty());
+}
+
+TEST(ListLoad, SearchKnowsTheCaseOfLettersBeyondAsciiApart) {
+    const scratch_state state;
+    add_message(state, 6, "", "one\nÜbung\n");
+    EXPECT_THAT(loaded_ids("Übung"), ElementsAre(6));
+    EXPECT_THAT(loaded_ids("BUNG"), ElementsAre(6));
+    EXPECT_THAT(loaded_ids("übung"), IsEmpty());
 }
 
 TEST(ListLoad, ReadsConfirmationsAfresh) {
