@@ -200,7 +200,7 @@ TEST(ParseDuration, CountsMinutesHoursAndDays) {
 
 TEST(ParseDuration, WantsANumberAndOneUnit) {
     for (const char *text : {"", "d", "90", "90D", "90s", "90w", "-1d", "+1d", "1.5h", " 1d", "1d ",
-                             "1 d", "dd", "1dd", "1000000000000000000d"})
+                             "1 d", "dd", "1dd", "d1", "0x5d", "1d\n", "1000000000000000000d"})
         EXPECT_EQ(duration(text), -1) << text;
 }
 
@@ -209,6 +209,8 @@ TEST(ParseDuration, TooLargeForTheClockIsTheLargest) {
     EXPECT_EQ(duration("999999999999999999h"), INT64_MAX);
     EXPECT_EQ(duration("106751991167300d"), 106'751'991'167'300 * 86'400); // the last that fits
     EXPECT_EQ(duration("106751991167301d"), INT64_MAX);
+    EXPECT_EQ(duration("153722867280912930m"), 153'722'867'280'912'930 * 60);
+    EXPECT_EQ(duration("153722867280912931m"), INT64_MAX);
 }
 
 TEST(ParseDuration, RefusedTextLeavesTheSecondsAlone) {
