@@ -38,6 +38,7 @@ std::string told(const char *event, const inputs &in = {}) {
 TEST(EventSentence, SentNamesAuthorAndRecipients) {
     EXPECT_EQ(told("SENT", {.details = "pat sam", .author = "root"}),
               "message 7 sent by root to: pat sam");
+    EXPECT_EQ(told("SENT"), "message 7 sent by  to: ");
 }
 
 TEST(EventSentence, DeliveredCountsTheTerminals) {
@@ -74,6 +75,8 @@ TEST(EventSentence, DeletedNamesTheAgeLimit) {
 TEST(EventSentence, RemindedCountsTheRecipients) {
     EXPECT_EQ(told("REMINDED", {.details = "1", .author = "root"}),
               "message 7: 1 recipient reminded by root");
+    EXPECT_EQ(told("REMINDED", {.details = "0", .author = "root"}),
+              "message 7: 0 recipients reminded by root");
     EXPECT_EQ(told("REMINDED", {.details = "3", .author = "root"}),
               "message 7: 3 recipients reminded by root");
 }
@@ -113,7 +116,7 @@ TEST(EventSentence, ConfirmationFailedWithoutDetailsIsAnUnknownError) {
 }
 
 TEST(EventSentence, NameIsComparedExactly) {
-    for (const char *name : {"FOO", "", "sent", "SENT ", "SEN", "DELIVERED_"})
+    for (const char *name : {"FOO", "", "sent", "SENT ", "SEN", "REVOKE", "DELIVERED_"})
         EXPECT_EQ(told(name), "unknown") << name;
 }
 
