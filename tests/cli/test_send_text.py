@@ -8,19 +8,7 @@ import pytest
 from harness.outcome import assert_refused, assert_sent
 from harness.store import message_file
 
-INPUT_MAX_BYTES = 64 << 20
 FILE_MAX_BYTES = 73728
-
-
-def sparse_file(box, length, **pieces):
-    """A file of NUL bytes, which no text keeps, with a few real bytes at given offsets."""
-    path = box.path("/run/sparse")
-    with open(path, "wb") as file:
-        file.truncate(length)
-        for content, offset in pieces.items():
-            file.seek(offset)
-            file.write(content.encode())
-    return path
 
 
 def test_a_missing_text_file_is_named(box):
@@ -49,24 +37,6 @@ def test_a_device_as_text_file_is_refused(box):
     assert_refused(box, "/dev/zero: Invalid argument", "send", "--to", "pat", "--file", "/dev/zero")
 
 
-def test_a_text_file_of_64_mib_is_read_to_its_last_byte(box):
-    sparse_file(box, INPUT_MAX_BYTES, first=0, last=INPUT_MAX_BYTES - 4)
-    message = assert_sent(box, "--to", "pat", "--file", "/run/sparse")
-    assert message["text"] == "firstlast\n"
-
-
-def test_a_text_file_of_one_byte_more_than_64_mib_is_refused(box):
-    sparse_file(box, INPUT_MAX_BYTES + 1, first=0)
-    assert_refused(box, "/run/sparse: File too large",
-                   "send", "--to", "pat", "--file", "/run/sparse")
-
-
-def test_of_standard_input_the_first_64_mib_count(box):
-    with open(sparse_file(box, INPUT_MAX_BYTES + 100, hi=INPUT_MAX_BYTES - 2, lost=INPUT_MAX_BYTES),
-              "rb") as source:
-        assert assert_sent(box, "--to", "pat", stdin=source.fileno())["text"] == "hi\n"
-
-
 def test_a_standard_input_that_cannot_be_read_is_an_empty_text(box):
     with_folder = os.open(box.path("/run"), os.O_RDONLY)
     assert_refused(box, "empty message", "send", "--to", "pat", stdin=with_folder)
@@ -79,13 +49,8 @@ def test_a_closed_standard_input_is_an_empty_text(box):
 
 
 @pytest.mark.parametrize("given,stored", [
-    (b"hello\n", "hello\n"), (b"hello\n\n\n", "hello\n"), (b"hello", "hello\n"),
-    (b"\n\nhello", "\n\nhello\n"), (b"hello \n", "hello \n"), (b"a\r\nb\r\n", "a\nb\n"),
-    (b"a\tb", "a\tb\n"), (b"a\x00b", "ab\n"), (b"a\x7fb\x08c", "abc\n"),
-    (b"a\x1b[1;31mb\x1b[0m", "ab\n"), (b"x\x1b]0;t\x07y", "xy\n"), (b"x\x1b]0;t", "x]0;t\n"),
-    (b"a\x1b[1;3\nmb", "a[1;3\nmb\n"), (b"\xc2\x85a\xc2\x9b31mb", "a31mb\n"),
-    ("é\u00a0".encode(), "é\u00a0\n"), (b"\xc2\xc2\x85\x85a", "a\n"),
-    (b"\xff\xfea", "\udcff\udcfea\n"), ("日本\n".encode(), "日本\n")])
+    (b"hello\n\n\n", "hello\n"), (b"\n\nhello", "\n\nhello\n"), (b"hello \n", "hello \n"),
+    (b"a\r\nb\x00\tc\x1b[1;3\nmd\xc2\x9b31m\xff", "a\nb\tc[1;3\nmd31m\udcff\n")])
 def test_the_text_is_cleaned_of_what_drives_a_terminal(box, given, stored):
     assert assert_sent(box, "--to", "pat", input=given)["text"] == stored
 
@@ -105,9 +70,7 @@ def test_a_no_break_space_is_text(box):
 
 
 @pytest.mark.parametrize("given,stored", [
-    ("plain", "plain"), ("a\tb\nc", "a b c"), ("\n", " "), ("a\nid: 9", "a id: 9"),
-    ("\x1b[31mred\x1b[0m", "red"), ("a\rb", "ab"), ("é: ü", "é: ü"), ("\x1b[0m", ""),
-    ("trailing\n", "trailing ")])
+    ("a\tb\nid: 9\n", "a b id: 9 "), ("\x1b[31mé: ü\x1b[0m\r", "é: ü"), ("\x1b[0m", "")])
 def test_the_title_is_cleaned_and_put_on_one_line(box, given, stored):
     message = assert_sent(box, "--to", "pat", "--title", given, "hello")
     assert (message["title"], message["id"], message["text"]) == (stored, "1", "hello\n")
