@@ -63,29 +63,9 @@ def test_every_character_takes_one_column_of_the_form(form):
 # ---- Hostile text in the store ------------------------------------------------------------
 
 HOSTILE = [  # as it stands in a file, and what is shown of it
-    (b"a\x1b[31mb", "ab"),
-    (b"a\x1b[2Jb\x1b[1;1Hc", "abc"),
-    (b"a\x1b]0;title\x07b", "ab"),
-    (b"a\x1b]0;never ended", "a]0;never ended"),
-    (b"a\x1b[?1049lb", "ab"),
-    (b"a\x1b", "a"),
-    (b"a\x1b[", "a["),
-    (b"a\x1bcb", "acb"),
-    (b"a\rb", "ab"),
-    (b"a\x08\x08b\x07", "ab"),
-    (b"a\x7fb", "ab"),
-    (b"a\x00b", "ab"),
-    (b"a\tb", "a b"),
-    (b"a\xc2\x9b31mb", "a31mb"),
-    (b"a\xc2\x85b", "ab"),
-    (b"a\xffb", "a\ufffdb"),
-    (b"a\xe2\x82b", "a\ufffdb"),
-    (b"a\xc3", "a\ufffd"),
-    (b"a\xc0\xafb", "a\ufffdb"),
-    (b"a\xed\xa0\x80b", "a\ufffdb"),
-    (b"a\xf4\x90\x80\x80b", "a\ufffdb"),
-    (b"a\xf8\x88\x80\x80\x80b", "a\ufffdb"),
-    (b"a\x80b", "ab"),
+    (b"a\x1b[2Jb\x1b]0;title\x07c\x1b]0;never ended", "abc]0;never ended"),
+    (b"a\rb\x7f\tc\x00d\xc2\x9b31m", "ab cd31m"),
+    (b"a\xffb\xe2\x82c\x80d\xed\xa0\x80e\xc3", "a\ufffdb\ufffdcd\ufffde\ufffd"),
 ]
 
 
@@ -101,18 +81,6 @@ def test_hostile_text_is_shown_without_what_acts_on_a_terminal(terminal, store, 
     press(tbx, "r", page, revoke_confirmation(message))
     press(tbx, "n", page)
     press(tbx, ENTER, DetailPage(tbx.size, message))
-    assert_safe(tbx)
-
-
-@pytest.mark.parametrize("raw", [raw for raw, _ in HOSTILE])
-def test_hostile_confirmation_of_a_user_is_made_harmless(terminal, store, raw):
-    store.make_message(1, to=("daemon",), delivered=[("daemon", DATE, 0)])
-    store.write_as("daemon", ("acks", 1), b"%d %s\n" % (DATE + 60, raw))
-    tbx = terminal()
-    tbx.wait_for("updated at")
-    tbx.send(ENTER)
-    tbx.wait_for("Message 1")
-    assert "daemon        confirmed on 21/09 14:14 (" in tbx.frame()
     assert_safe(tbx)
 
 
@@ -142,12 +110,7 @@ def test_hostile_events_are_made_harmless(terminal, store, journal):
 
 TYPED = [  # as typed, and what is shown of it
     ("a\u009bb".encode(), "a b"),
-    ("a\u0085b".encode(), "a b"),
-    (b"a\xffb", "a\ufffdb"),
-    (b"a\xc0\xafb", "a\ufffdb"),
-    (b"a\xed\xa0\x80b", "a\ufffdb"),
-    (b"a\xf4\x90\x80\x80b", "a\ufffdb"),
-    (b"a\xe2\x82b", "a\ufffdb"),
+    (b"a\xffb\xc0\xafc\xe2\x82d", "a\ufffdb\ufffdc\ufffdd"),
 ]
 
 

@@ -145,8 +145,8 @@ TEST(TuiFit, DrawsEveryControlCharacterOfTwoBytesAsOneBlank) {
 }
 
 TEST(TuiFit, DrawsABrokenCharacterAsOneColumn) {
-    for (const char *broken :
-         {"\xc3", "\xe2\x82", "\xff", "\xc0\x80", "\xed\xa0\x80", "\xf5\x80\x80\x80"})
+    for (const char *broken : {"\xc3", "\xe2\x82", "\xff", "\xc0\x80", "\xc0\xaf", "\xed\xa0\x80",
+                               "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xf8\x88\x80\x80\x80"})
         EXPECT_EQ(fitted(std::string("a") + broken + "b", 4), "a\xef\xbf\xbd"
                                                               "b ");
 }
