@@ -29,14 +29,9 @@ def recipients(box, to):
 
 
 @pytest.mark.parametrize("to,expected", [
-    ("pat", ["pat"]), ("pat,pat", ["pat"]), ("sam,pat", ["pat", "sam"]), (",pat,", ["pat"]),
-    ("pat,,sam", ["pat", "sam"]), ("@staff", ["alex", "crew", "pat"]),
-    ("@staff,pat", ["alex", "crew", "pat"]), ("sam,@staff", ["alex", "crew", "pat", "sam"]),
-    ("@system", ["backup", "daemon"]), ("root", ["root"]), ("daemon", ["daemon"]),
-    ("all", ["alex", "crew", "kim", "pat", "sam"]), ("@pat", ["pat"]),
-    ("all,root", ["alex", "crew", "kim", "pat", "root", "sam"]),
-    ("@empty,pat", ["pat"]), ("online,pat", ["pat"]), ("all,@staff,pat,sam",
-                                                       ["alex", "crew", "kim", "pat", "sam"])])
+    ("sam,,@staff", ["alex", "crew", "pat", "sam"]), ("@system", ["backup", "daemon"]),
+    ("@pat", ["pat"]), ("@empty,online,pat", ["pat"]),
+    ("all,root,pat", ["alex", "crew", "kim", "pat", "root", "sam"])])
 def test_items_become_names_each_once_and_sorted(town, to, expected):
     assert recipients(town, to) == expected
 
@@ -50,19 +45,13 @@ def test_names_are_sorted_by_their_bytes(box):
 
 
 @pytest.mark.parametrize("to,message", [
-    ("nosuch", "no such user: nosuch"), ("pat,nosuch,sam", "no such user: nosuch"),
-    ("@nosuch", "no such group: nosuch"), ("pat,@nosuch", "no such group: nosuch"),
-    ("@", "no such group: "), ("nosuch,@nosuch", "no such user: nosuch"),
-    ("@nosuch,nosuch", "no such group: nosuch"), ("ALL", "no such user: ALL"),
-    ("Online", "no such user: Online"), ("pat, sam", "no such user:  sam"),
-    (" pat", "no such user:  pat"), ("pat;sam", "no such user: pat;sam"),
-    ("@@staff", "no such group: @staff"), ("1001", "no such user: 1001"),
+    ("pat,nosuch,@nosuch", "no such user: nosuch"), ("@nosuch,nosuch", "no such group: nosuch"),
     ("../pat", "no such user: ../pat"), ("pat\n", "no such user: pat\n")])
 def test_an_item_without_account_or_group_is_refused(town, to, message):
     assert_refused(town, message, "send", "--to", to, "hello")
 
 
-@pytest.mark.parametrize("to", [",", ",,,", "@empty", "online", "@empty,online"])
+@pytest.mark.parametrize("to", [",,,", "@empty,online"])
 def test_nobody_at_all_is_refused(town, to):
     assert_refused(town, "no recipients", "send", "--to", to, "hello")
 
@@ -114,16 +103,14 @@ def test_a_user_without_login_shell_can_be_named(box):
     assert recipients(box, "robot") == ["robot"]
 
 
-@pytest.mark.parametrize("state", ["active", "online", "closing", None])
-@pytest.mark.parametrize("kind", ["tty", "x11", "wayland", "unspecified", None])
+@pytest.mark.parametrize("kind, state", [("wayland", "active"), (None, None)])
 def test_a_user_with_a_session_is_online_whatever_its_type_and_state(box, kind, state):
     box.add_session("c1", "pat", kind=kind, state=state)
     assert recipients(box, "online") == ["pat"]
 
 
-@pytest.mark.parametrize("session_class", ["greeter", "lock-screen", "background", "manager", None])
-def test_a_session_of_another_class_does_not_count(box, session_class):
-    box.add_session("c1", "pat", session_class=session_class)
+def test_a_session_of_another_class_does_not_count(box):
+    box.add_session("c1", "pat", session_class="manager")
     assert_refused(box, "no recipients", "send", "--to", "online", "hello")
 
 

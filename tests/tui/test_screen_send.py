@@ -28,15 +28,9 @@ def stored(store, message_id=1):
 
 
 @pytest.mark.parametrize("to, preview", [
-    ("daemon", "1 recipient"),
-    ("daemon,bin", "2 recipients"),
     ("bin,daemon,bin", "2 recipients"),
-    ("@daemon", "1 recipient"),
     (",", "0 recipients"),
-    ("nosuch", RED("tbx: no such user: nosuch")),
     ("daemon,nosuch,neither", RED("tbx: no such user: nosuch")),
-    ("@nosuch", RED("tbx: no such group: nosuch")),
-    ("daemon, bin", RED("tbx: no such user:  bin")),
 ])
 @pytest.mark.parametrize("colour", [True, False])
 def test_preview_tells_whom_to_reaches(form, to, preview, colour):
@@ -196,16 +190,10 @@ def test_every_recipient_gets_a_copy(form, store):
 
 @pytest.mark.parametrize("fields, preview, error", [
     ({"to": "daemon"}, "1 recipient", "empty message"),
-    ({"to": "daemon", "text": "\n \n"}, "1 recipient", "empty message"),
     ({"text": "Hello"}, None, "missing value for --to"),
-    ({"to": ",", "text": "Hello"}, "0 recipients", "no recipients"),
-    ({"to": "nosuch", "title": "T", "text": "Hello\nyou"}, RED("tbx: no such user: nosuch"),
-     "no such user: nosuch"),
-    ({"to": "bin", "expires": "0m", "text": "Hello"}, "1 recipient",
-     "the expiry is already in the past"),
-    ({"to": "bin", "expires": "when the cows come home", "text": "Hello"}, "1 recipient",
-     "invalid expiry: when the cows come home"),
-], ids=["no text", "blank text", "no recipient", "nobody", "unknown user", "past", "no date"])
+    ({"to": "bin", "expires": "when the cows come home", "title": "T", "text": "Hello\nyou"},
+     "1 recipient", "invalid expiry: when the cows come home"),
+], ids=["no text", "no recipient", "no date"])
 def test_failing_send_tells_why_and_keeps_the_form(form, store, fields, preview, error):
     tbx, page, _ = form()
     page = fill_in(tbx, page, **fields, preview=preview)

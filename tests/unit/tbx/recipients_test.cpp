@@ -62,6 +62,7 @@ TEST(Recipients, EmptyItemsAreSkipped) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(resolved_on(office(), ",pat,"), "pat");
     EXPECT_EQ(resolved_on(office(), "sam,,pat"), "pat sam");
+    EXPECT_EQ(resolved_on(office(), "online,pat"), "pat");
 }
 
 TEST(Recipients, EmptyTextNamesNobody) {
@@ -141,6 +142,20 @@ TEST(Recipients, GroupWithoutNameIsUnknown) {
 TEST(Recipients, BlanksBelongToTheName) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(resolve_on(office(), "pat, sam").err, "tbx: no such user:  sam\n");
+    EXPECT_EQ(resolve_on(office(), " pat").err, "tbx: no such user:  pat\n");
+}
+
+TEST(Recipients, NothingButACommaSeparatesThemAndNoNumberNamesThem) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(resolve_on(office(), "pat;sam").err, "tbx: no such user: pat;sam\n");
+    EXPECT_EQ(resolve_on(office(), "1001").err, "tbx: no such user: 1001\n");
+    EXPECT_EQ(resolve_on(office(), "@@staff").err, "tbx: no such group: @staff\n");
+}
+
+TEST(Recipients, FirstItemThatIsUnknownIsTheOneReported) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(resolve_on(office(), "neither,@nosuch").err, "tbx: no such user: neither\n");
+    EXPECT_EQ(resolve_on(office(), "@nosuch,neither").err, "tbx: no such group: nosuch\n");
 }
 
 TEST(Recipients, LookUpThatFailsIsNotAnUnknownName) {
@@ -308,11 +323,15 @@ TEST(OnlineUsers, AreHumanUsersWithASessionOnceEach) {
     EXPECT_EQ(resolved_on(machine, "online"), "pat sam");
 }
 
-TEST(OnlineUsers, ClosingSessionStillCounts) {
+TEST(OnlineUsers, TypeAndStateOfTheirSessionDoNotMatter) {
     SKIP_UNLESS_ROOT();
     private_machine machine = office();
-    machine.sessions["2"] = "UID=1001\nCLASS=user\nTYPE=x11\nACTIVE=0\nSTATE=closing\n";
-    EXPECT_EQ(resolved_on(machine, "online"), "pat");
+    for (const char *type :
+         {"TYPE=tty\n", "TYPE=x11\n", "TYPE=wayland\n", "TYPE=unspecified\n", ""})
+        for (const char *state : {"STATE=active\n", "STATE=online\n", "STATE=closing\n", ""}) {
+            machine.sessions["2"] = std::string("UID=1001\nCLASS=user\nACTIVE=0\n") + type + state;
+            EXPECT_EQ(resolved_on(machine, "online"), "pat") << type << state;
+        }
 }
 
 TEST(OnlineUsers, RootOnAConsoleIsOutOfRange) {
@@ -337,7 +356,8 @@ TEST(OnlineUsers, OtherSessionClassesDoNotCount) {
     machine.sessions["1"] = session_of("1001", "CLASS=greeter\n");
     machine.sessions["2"] = session_of("1001", "CLASS=lock-screen\n");
     machine.sessions["3"] = session_of("1001", "CLASS=background\n");
-    machine.sessions["4"] = session_of("1001", "");
+    machine.sessions["4"] = session_of("1001", "CLASS=manager\n");
+    machine.sessions["5"] = session_of("1001", "");
     EXPECT_EQ(resolved_on(machine, "online"), "");
 }
 
