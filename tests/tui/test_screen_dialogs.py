@@ -147,7 +147,7 @@ def test_question_ignores_all_other_keys_and_is_drawn_once(interface, store, ope
 
 @pytest.mark.parametrize("opening, answer, keys", [
     ("?", "", [*MEANINGLESS, *FUNCTION_KEYS, *"qQyn xé€", ENTER, "\n", BACKSPACE, ESCAPE]),
-    ("p\r", "y", ["\x00", "\x1b[15~", DOWN, "q", "y", "€", ENTER, BACKSPACE, ESCAPE]),
+    ("p\r", "y", ["\x00", "q", ESCAPE]),
 ], ids=["keys", "result"])
 def test_any_key_closes_a_box_that_shows_something(interface, opening, answer, keys):
     tbx, page = interface([])
