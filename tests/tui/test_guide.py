@@ -85,13 +85,11 @@ def test_tab_fills_the_terminal_in_colour(guide, expected, columns, rows, tab):
     assert tbx.cursor() is None
 
 
-@pytest.mark.parametrize("columns, rows", SIZES)
 @pytest.mark.parametrize("tab", TABS)
-def test_tab_without_colour_has_the_same_frame_and_a_marked_tab(
-        guide, expected, columns, rows, tab):
-    tbx = guide(columns=columns, rows=rows)
+def test_tab_without_colour_has_the_same_frame_and_a_marked_tab(guide, expected, tab):
+    tbx = guide()
     tbx.send(str(TABS.index(tab) + 1))
-    tbx.wait_for_frame(without_colour(expected, columns, rows, tab))
+    tbx.wait_for_frame(without_colour(expected, 80, 24, tab))
     assert set(tbx.styles()) == {".", "\n"}
 
 
@@ -235,15 +233,13 @@ def test_each_tab_keeps_its_own_place(guide):
     press(tbx, "4", ("Examples", 2))
 
 
-@pytest.mark.parametrize("key", [
-    "6", "7", "8", "9", "0", "x", "J", "é", "\x04", "\x7f",
-    "\x1bq", "\x1bOP", "\x1bOZ", "\x1b[2~", "\x1b[3~", "\x1b[~", "\x1b[E", "\x1b[1;5C", "\x1b[5;5~",
-])
-def test_any_other_key_is_ignored(guide, key):
+def test_any_other_key_is_ignored(guide):
     tbx = guide()
-    tbx.send(key + "q")
-    assert tbx.wait_exit() == 0
-    assert tbx.raw.count(HOME_CURSOR) == 1
+    for key in ["6", "7", "8", "9", "0", "x", "J", "é", "\x04", "\x7f", "\x1bq", "\x1bOP", "\x1bOZ",
+                "\x1b[2~", "\x1b[3~", "\x1b[~", "\x1b[E", "\x1b[1;5C", "\x1b[5;5~"]:
+        tbx.send(key)
+    press(tbx, "j", ("Info", 2))
+    assert tbx.raw.count(HOME_CURSOR) == 2
 
 
 def test_sequence_in_two_pieces_is_one_key(guide):

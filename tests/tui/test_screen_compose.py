@@ -4,11 +4,11 @@ from dataclasses import replace
 
 import pytest
 
-from frame_model import SIZES
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, DELETE, DOWN, END, ENTER, HOME, LEFT, PAGE_DOWN, PAGE_UP, RIGHT,
     TAB, UP)
 from interface import MEANINGLESS, press
+from shapes import SHAPES
 
 FOCI = ["To", "Title", "Expires", "Text"]
 
@@ -21,14 +21,12 @@ def to(focus):
 # ---- Frames -------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("colour", [True, False])
-@pytest.mark.parametrize("size", SIZES)
+@pytest.mark.parametrize("size, colour", SHAPES)
 def test_empty_form_fills_the_terminal(form, size, colour):
     form(size, colour)
 
 
-@pytest.mark.parametrize("colour", [True, False])
-@pytest.mark.parametrize("size", SIZES)
+@pytest.mark.parametrize("size, colour", SHAPES)
 def test_form_that_is_filled_in_fills_the_terminal(form, size, colour):
     tbx, page, _ = form(size, colour)
     press(tbx, "daemon,bin\tBackup\t2h\tTonight" + ENTER * 2 + "Thank you",

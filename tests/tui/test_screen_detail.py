@@ -7,7 +7,7 @@ from dataclasses import replace
 
 import pytest
 
-from frame_model import SIZES, Box, remind_confirmation, revoke_confirmation
+from frame_model import Box, remind_confirmation, revoke_confirmation
 from harness.history import record
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT,
@@ -16,6 +16,7 @@ from interface import (
     BROKEN_CHARACTERS, MEANINGLESS, clocks_shown, expect, frame_that_shows, frames_as_text,
     frames_drawn, press, reply, stopped_command)
 from messages import DATE, FUTURE, MESSAGE_STATES, PAST, USERS, Message, people
+from shapes import SHAPES
 
 BUSY = Message(
     7, "Tonight from ten to eleven the machine is saved. Please close your files before that, or "
@@ -28,8 +29,7 @@ CROWDED = Message(1, delivered=people(30))  # at 80x24 there is room for 14 of t
 # ---- Frames -------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("colour", [True, False])
-@pytest.mark.parametrize("size", SIZES)
+@pytest.mark.parametrize("size, colour", SHAPES)
 def test_message_fills_the_terminal(detail, size, colour):
     detail(BUSY, size, colour)
 

@@ -5,13 +5,14 @@ from dataclasses import replace
 import pytest
 
 from frame_model import (
-    KEYS_BOX, SIZES, message_box, purge_box, purge_confirmation, remind_confirmation,
+    KEYS_BOX, message_box, purge_box, purge_confirmation, remind_confirmation,
     revoke_confirmation, search_box)
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
     PAGE_UP, RIGHT, TAB, UP)
 from interface import BROKEN_CHARACTERS, MEANINGLESS, expect, frames_as_text, press, reply
 from messages import DATE, PAST, Message, people
+from shapes import SHAPES
 
 FUNCTION_KEYS = [UP, DOWN, LEFT, RIGHT, PAGE_UP, PAGE_DOWN, HOME, END, TAB, BACK_TAB, DELETE,
                  CTRL_E, CTRL_S]
@@ -32,8 +33,7 @@ BOXES = {
 }
 
 
-@pytest.mark.parametrize("colour", [True, False])
-@pytest.mark.parametrize("size", SIZES)
+@pytest.mark.parametrize("size, colour", SHAPES)
 @pytest.mark.parametrize("keys", BOXES)
 def test_dialog_stands_in_the_middle_of_the_list(interface, keys, size, colour):
     tbx, page = interface(SOME, size, colour)

@@ -6,11 +6,12 @@ from dataclasses import replace
 
 import pytest
 
-from frame_model import SIZES, ListPage
+from frame_model import ListPage
 from harness.pseudo_terminal import (
     DOWN, END, ENTER_SCREEN, LEAVE_SCREEN, PAGE_UP, PASTE_OFF, PASTE_ON, UP)
 from interface import clocks_shown, expect, frame_that_shows, frames_drawn, press, read_again
 from messages import DATE, FUTURE, PAST, USERS, Message, people
+from shapes import SHAPES
 
 HOME_CURSOR, CLEAR_BELOW, HIDE_CURSOR = b"\x1b[H", b"\x1b[J", b"\x1b[?25l"
 
@@ -30,15 +31,13 @@ ALL_SORTS = [
 # ---- Frames -------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("colour", [True, False])
-@pytest.mark.parametrize("size", SIZES)
+@pytest.mark.parametrize("size, colour", SHAPES)
 def test_empty_store_shows_that_no_messages_were_sent(interface, size, colour):
     tbx, _ = interface([], size, colour)
     assert "│    No messages sent." in tbx.frame()
 
 
-@pytest.mark.parametrize("colour", [True, False])
-@pytest.mark.parametrize("size", SIZES)
+@pytest.mark.parametrize("size, colour", SHAPES)
 def test_messages_of_all_sorts_fill_their_rows(interface, size, colour):
     interface(ALL_SORTS, size, colour)
 
