@@ -83,14 +83,11 @@ def test_error_longer_than_the_terminal_is_cut(form):
 
 @pytest.mark.parametrize("colour", [True, False])
 @pytest.mark.parametrize("fields, recipients", [
-    ({"to": "daemon", "text": "Hello"}, "1 recipient"),
-    ({"to": "daemon", "title": "A title", "text": "Hello"}, "1 recipient"),
-    ({"to": "daemon", "expires": "2h", "text": "Hello"}, "1 recipient"),
     ({"to": "daemon,bin", "title": "T", "expires": "2h", "text": "é\n\nЖ"}, "2 recipients"),
     ({"to": "nosuch", "text": "Hello"}, RED("tbx: no such user: nosuch")),
     ({"to": "daemon"}, "1 recipient"),
     ({"to": "daemon", "title": "t" * 200, "text": "Hello"}, "1 recipient"),
-], ids=["plain", "title", "expiry", "all", "error", "no text", "long title"])
+], ids=["all", "error", "no text", "long title"])
 def test_review_tells_what_is_to_be_sent(form, fields, recipients, colour):
     tbx, page, _ = form(size=(200, 60), colour=colour)
     page = fill_in(tbx, page, **fields, preview=recipients)
@@ -147,7 +144,7 @@ def send(tbx, page, result, title="Message sent", recipients="1 recipient"):
 
 
 @pytest.mark.parametrize("text", [
-    "One line", "Two\nlines", "é Ж €", "  blanks  ", "--title", "line\n\n\nline", "'\"\\$(x)`"])
+    "--title", "  é Ж €\n\n\n'\"\\$(x)`  "])
 def test_text_arrives_as_it_was_written(form, store, text):
     tbx, page, _ = form()
     page = fill_in(tbx, page, to="daemon", text=text, preview="1 recipient")
@@ -155,7 +152,7 @@ def test_text_arrives_as_it_was_written(form, store, text):
     assert stored(store)["text"] == text + "\n"
 
 
-@pytest.mark.parametrize("title", ["A title", "--to", "-x", "Größe '\"\\$(x)`"])
+@pytest.mark.parametrize("title", ["--to", "Größe '\"\\$(x)`"])
 def test_title_arrives_as_it_was_written(form, store, title):
     tbx, page, _ = form()
     page = fill_in(tbx, page, to="daemon", title=title, text="Hello", preview="1 recipient")
@@ -250,10 +247,7 @@ def test_escape_leaves_an_empty_form_at_once(form, keys):
 
 
 WRITTEN = {
-    "to": ("x", {"to": "x"}),
     "title": (TAB + "x", {"title": "x", "focus": "Title"}),
-    "expires": (TAB * 2 + "x", {"expires": "x", "focus": "Expires"}),
-    "text": (TAB * 3 + "x", {"text": "x", "focus": "Text"}),
     "blank": (TAB * 3 + " ", {"text": " ", "focus": "Text"}),
     "two empty lines": (TAB * 3 + ENTER, {"text": "\n", "focus": "Text"}),
 }
