@@ -129,7 +129,7 @@ OTHERS = (
     (r"docs/(manual|pictures)/", MANUAL),
     (r"(po/|tools/po)", {"packaging": "translations", "machine": "machine_story"}),
     (r"tools/(demo|install-deps|lib)", {"packaging": "demo"}),
-    (r"tests/tui/expected/screens/", {"tui": "screen_captures"}),
+    (r"tests/tui/expected/screens/", {"tui": ALL}),
     (r"tests/tui/expected/", {"tui": "manual guide"}),
     (r"tests/harness/pseudo_terminal", {"tui": "guide screen_list", "user": "question"}),
     (r"tests/harness/", {"cli": "story status dispatch log terminal agent"}),

@@ -15,11 +15,11 @@ sys.path[:0] = [str(HERE), str(HERE.parent)]
 pytest.register_assert_rewrite("interface", "terminal_bytes")
 
 from expected_texts import ExpectedTexts  # noqa: E402
-from frame_model import DetailPage, FormPage, ListPage  # noqa: E402
 from harness import history as JOURNAL  # noqa: E402
 from harness.pseudo_terminal import ENTER, Terminal  # noqa: E402
 from interface import Expectations, expect, press  # noqa: E402
 from messages import USERS, Store  # noqa: E402
+from pages import DetailPage, FormPage, ListPage  # noqa: E402
 from places import WITH_HISTORY, Places  # noqa: E402
 from prerequisites import program_under_test, skip  # noqa: E402
 
@@ -122,12 +122,13 @@ def interface(terminal, store):
 def detail(interface):
     """detail(message, ...) opens the page of a message; the rest is as for interface().
 
+    lines  as for DetailPage
     Returns the terminal, the page that it shows, and the list behind it.
     """
 
-    def open_detail(message, *arguments, **options):
+    def open_detail(message, *arguments, lines=None, **options):
         tbx, behind = interface([message], *arguments, **options)
-        page = DetailPage(behind.size, message, colour=behind.colour)
+        page = DetailPage(behind.size, message, lines=lines, colour=behind.colour)
         press(tbx, ENTER, page)
         return tbx, page, behind
 

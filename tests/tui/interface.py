@@ -1,11 +1,14 @@
 """What tests do to the interface and say about it, over harness.pseudo_terminal.Terminal."""
 
+import fcntl
+import os
 import re
+from contextlib import contextmanager
 from pathlib import Path
 
 from expected_texts import assert_same
-from frame_model import UPDATED, Frame
 from harness.pseudo_terminal import CLOCKS, CTRL_Z, ESCAPE, FRAME_BEGINS, GUARD_SECONDS, assert_restored
+from kept_frames import UPDATED, Frame
 
 # With --update: a page that so much as begins to change is not taken for one that is shown.
 SETTLED_SECONDS = 1.5
@@ -106,6 +109,17 @@ def frame_that_shows(tbx, text, after=0):
 def clocks_shown(tbx):
     """What each frame says about the time of its data."""
     return [CLOCKS.search(frame)[0] for frame in frames_as_text(tbx)]
+
+
+@contextmanager
+def lock_held(store, message_id):
+    """Whoever works on the message waits meanwhile, or until the given function is called."""
+    held = os.open(store.sent(message_id, "lock"), os.O_RDWR | os.O_CREAT, 0o600)
+    try:
+        fcntl.flock(held, fcntl.LOCK_EX)
+        yield lambda: fcntl.flock(held, fcntl.LOCK_UN)
+    finally:
+        os.close(held)
 
 
 # ---- Ways out -----------------------------------------------------------------------------

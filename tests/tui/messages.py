@@ -13,6 +13,38 @@ USERS = ("daemon", "bin", "sys", "games", "man", "lp", "mail", "news", "uucp", "
 DATE = 1790000000
 PAST, FUTURE = 1000000000, 4000000000  # as an expiry
 
+# How far a message got, in twelve cells: by the numbers of confirmed, delivered and sent.
+BARS = {
+    (1, 0, 0): "████████████",
+    (0, 1, 0): "▒▒▒▒▒▒▒▒▒▒▒▒",
+    (0, 0, 1): "░░░░░░░░░░░░",
+    (1, 1, 1): "████▒▒▒▒░░░░",
+    (1, 1, 0): "██████▒▒▒▒▒▒",
+    (0, 1, 1): "▒▒▒▒▒▒░░░░░░",
+    (1, 0, 1): "██████░░░░░░",
+    (0, 2, 1): "▒▒▒▒▒▒▒▒░░░░",
+    (1, 2, 0): "████▒▒▒▒▒▒▒▒",
+    (2, 1, 0): "████████▒▒▒▒",
+    (2, 0, 1): "████████░░░░",
+    (2, 3, 0): "████▒▒▒▒▒▒▒▒",
+    (4, 2, 0): "████████▒▒▒▒",
+    (3, 2, 1): "██████▒▒▒▒░░",
+    (1, 2, 1): "███▒▒▒▒▒▒░░░",
+    (3, 4, 4): "███▒▒▒▒▒░░░░",
+    (0, 2, 3): "▒▒▒▒▒░░░░░░░",
+    (1, 1, 5): "█▒▒▒░░░░░░░░",
+    (1, 2, 5): "█▒▒▒▒░░░░░░░",
+    (2, 0, 3): "████▒░░░░░░░",  # 4.8 and 7.2 are both cut
+    (1, 0, 12): "▒░░░░░░░░░░░",
+    (12, 0, 1): "███████████░",
+    (0, 24, 1): "▒▒▒▒▒▒▒▒▒▒▒░",  # one of 25 would be no cell
+    (11, 1, 1): "██████████▒░",
+    (13, 0, 1): "███████████░",
+    (0, 1, 99): "▒░░░░░░░░░░░",
+    (0, 99, 1001): "▒▒░░░░░░░░░░",
+    (10, 90, 0): "█▒▒▒▒▒▒▒▒▒▒▒",
+}
+
 
 @dataclass(frozen=True)
 class Message:
@@ -20,6 +52,7 @@ class Message:
 
     confirmed, delivered, sent  recipients by state
     revoked                     the time of the revocation, or None
+    percentage                  of the recipients who confirmed, if their numbers are too long
     """
 
     id: int
@@ -32,10 +65,23 @@ class Message:
     delivered: tuple = ("daemon",)
     sent: tuple = ()
     revoked: int = None
+    percentage: str = ""
 
     @property
     def counts(self):
         return len(self.confirmed), len(self.delivered), len(self.sent)
+
+    @property
+    def bar(self):
+        """Its cells. Where all recipients are in one state, all cells are."""
+        if self.counts.count(0) == 2:
+            return BARS[tuple(min(count, 1) for count in self.counts)]
+        return BARS[self.counts]
+
+    @property
+    def share(self):
+        """How many recipients confirmed, as the list says it in few columns."""
+        return self.percentage or f"{self.counts[0]}/{sum(self.counts)}"
 
     @property
     def is_revoked(self):

@@ -2,11 +2,12 @@
 
 from dataclasses import replace
 
-from frame_model import (
-    KEYS_BOX, RED, DetailPage, FormPage, ListPage, message_box, purge_box, purge_confirmation,
-    remind_confirmation, revoke_confirmation, search_box)
 from harness.pseudo_terminal import CTRL_S, ENTER, ESCAPE, TAB
+from kept_frames import RED
 from messages import FUTURE, USERS, Message
+from pages import (
+    KEYS_BOX, DetailPage, FormPage, ListPage, message_box, purge_box, purge_confirmation,
+    remind_confirmation, revoke_confirmation, search_box)
 
 SENT = 1700000000  # the newest message
 DAY = 86400
@@ -71,7 +72,7 @@ class Places:
     def _list_steps(self, name):
         page = self._list
         found = replace(page, messages=self.messages[2:], search="p")
-        purge, question = purge_box(self.size), purge_confirmation()
+        purge, question = purge_box(), purge_confirmation()
         return {
             "list": [],
             "list-search": [("/party\r", replace(found, messages=self.messages[2:3],
@@ -79,11 +80,11 @@ class Places:
             "list-nothing-found": [("/absent\r", replace(found, messages=(), search="absent"),
                                     None)],
             "keys": [("?", page, KEYS_BOX)],
-            "search": [("/party", page, search_box(self.size, "party"))],
+            "search": [("/party", page, search_box("party"))],
             "purge": [("p", page, purge)],
             "purge-question": [("p", page, purge), (ENTER, page, question)],
             "purge-result": [
-                ("p\x7f\x7f\x7f9", page, purge_box(self.size, "9")),
+                ("p\x7f\x7f\x7f9", page, purge_box("9")),
                 (ENTER, page, purge_confirmation("9")),
                 ("y", page, message_box(
                     "Delete old messages",

@@ -1,5 +1,5 @@
 """The terminals on which whole frames are compared: every size in colour, one of them without."""
 
-from frame_model import SIZES
+from kept_frames import SIZES
 
 SHAPES = [*((size, True) for size in SIZES), ((80, 24), False)]

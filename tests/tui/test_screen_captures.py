@@ -4,7 +4,7 @@ import pytest
 
 from expected_texts import FOLDER
 from harness.history import record
-from interface import press, seen
+from interface import lock_held, press, reply, seen
 from places import PLACES, SENT, Places
 
 USERS = ("alex", "kim", "pat", "robin", "sam", "toni")
@@ -38,8 +38,29 @@ def test_captured_screen_is_what_the_program_shows(expected, interface, store, j
     tbx, _ = interface(places.messages, size, argv=journal(*EVENTS, accounts=USERS))
     for keys, page, box in places.steps(name):
         press(tbx, keys, page, box)
-    expected.compare(f"screens/{capture}.txt", seen(tbx).text)
+    compare(expected, tbx, capture)
+
+
+@pytest.mark.expects
+def test_captured_screen_is_what_the_program_shows_while_a_command_runs(
+        expected, interface, store, journal):
+    places = Places(users=USERS)
+    tbx, _ = interface(places.messages, argv=journal(accounts=USERS))
+    *_, (keys, page, box) = places.steps("revoke-question")
+    press(tbx, keys, page, box)
+    with lock_held(store, 4):
+        reply(tbx, "y")
+        tbx.wait_for("Working …")
+        compare(expected, tbx, "working")
+
+
+def compare(expected, tbx, capture):
+    """Characters and styles of the whole screen, the time of day aside."""
+    shown = seen(tbx)
+    expected.compare(f"screens/{capture}.txt", shown.text)
+    expected.compare(f"screens/{capture}-styles.txt", shown.styles)
 
 
 def test_there_is_no_captured_screen_of_a_place_that_is_no_more():
-    assert {path.stem for path in (FOLDER / "screens").glob("*.txt")} == set(CAPTURES)
+    assert ({path.stem.removesuffix("-styles") for path in (FOLDER / "screens").glob("*.txt")}
+            == {*CAPTURES, "working"})

@@ -9,11 +9,11 @@ from pathlib import Path
 
 import pytest
 
-from frame_model import message_box
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, EARLIER, ENTER,
     ENTER_SCREEN, ESCAPE, LEAVE_SCREEN, LEFT, TAB)
 from interface import expect, press, reply
+from pages import message_box
 
 NOBODY = 65534
 

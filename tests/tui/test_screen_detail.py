@@ -7,7 +7,6 @@ from dataclasses import replace
 
 import pytest
 
-from frame_model import Box, remind_confirmation, revoke_confirmation
 from harness.history import record
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_C, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT,
@@ -16,6 +15,7 @@ from interface import (
     BROKEN_CHARACTERS, MEANINGLESS, clocks_shown, expect, frame_that_shows, frames_as_text,
     frames_drawn, press, reply, stopped_command)
 from messages import DATE, FUTURE, MESSAGE_STATES, PAST, USERS, Message, people
+from pages import remind_confirmation, revoke_confirmation
 from shapes import SHAPES
 
 BUSY = Message(
@@ -62,7 +62,7 @@ def test_facts_and_title_too_long_for_the_terminal_are_cut(detail):
     ("word " * 90, [("word " * 14).rstrip()] * 5 + ["…"]),
 ], ids=["none", "some", "too much"])
 def test_text_is_wrapped_and_cut_to_six_lines(detail, text, lines):
-    tbx, _, _ = detail(Message(1, text))
+    tbx, _, _ = detail(Message(1, text), lines=lines)
     shown = [row[5:-2].rstrip() for row in tbx.rows()[2:] if row.startswith("│  │ ")]
     assert shown == [line.rstrip() for line in lines]
 
@@ -161,9 +161,6 @@ def test_history_is_read_each_time_its_tab_is_opened(detail, journal):
 
 
 # ---- History that takes its time ----------------------------------------------------------
-
-WORKING = Box("History", ["Working …"], "", "")
-
 
 @pytest.fixture
 def slow_history(detail, journal, strace):

@@ -1,6 +1,5 @@
 """An administrator in a hurry: who pastes, types ahead and loses patience."""
 
-import fcntl
 import os
 import re
 import shutil
@@ -8,38 +7,23 @@ import signal
 import stat
 import subprocess
 import time
-from contextlib import contextmanager
 from dataclasses import replace
 from pathlib import Path
 
 import pytest
 
-from frame_model import RED, Box, message_box, revoke_confirmation, search_box
 from harness import flaky_accounts
 from harness.pseudo_terminal import (
     BACK_TAB, CTRL_C, CTRL_E, CTRL_S, DOWN, EARLIER, ENTER, ESCAPE, GUARD_SECONDS, HOME,
     LEAVE_SCREEN, LEFT, PASTE_ON, TAB, assert_restored, pasted)
 from interface import (
-    assert_left, expect, frames_as_text, frames_drawn, is_stopped, kept_file, press, press_in_vain,
-    reply, stopped_command, take_kept_text)
+    assert_left, expect, frames_as_text, frames_drawn, is_stopped, kept_file, lock_held, press,
+    press_in_vain, reply, stopped_command, take_kept_text)
+from kept_frames import RED
 from messages import Message
+from pages import message_box, revoke_confirmation, search_box, working_box
 
 NOTE = "Please restart the server, Kay"  # "r" asks before a revocation, the "y" would answer
-
-
-@contextmanager
-def lock_held(store, message_id):
-    """Whoever works on the message waits meanwhile."""
-    held = os.open(store.sent(message_id, "lock"), os.O_RDWR | os.O_CREAT, 0o600)
-    try:
-        fcntl.flock(held, fcntl.LOCK_EX)
-        yield lambda: fcntl.flock(held, fcntl.LOCK_UN)
-    finally:
-        os.close(held)
-
-
-def working(title):
-    return Box(title, ["Working …"], "", "")
 
 
 # ---- Pasting where nothing is written -----------------------------------------------------
@@ -242,8 +226,8 @@ def test_what_was_typed_before_a_signal_to_continue_is_not_lost(interface):
 
 def test_pasted_text_goes_into_a_prompt_in_one_line(interface):
     tbx, page = interface([Message(1)])
-    press(tbx, "/" + pasted("one\r\ntwo"), page, search_box(page.size, "one two"))
-    press(tbx, "!", page, search_box(page.size, "one two!"))
+    press(tbx, "/" + pasted("one\r\ntwo"), page, search_box("one two"))
+    press(tbx, "!", page, search_box("one two!"))
 
 
 # ---- Long pastes --------------------------------------------------------------------------
@@ -289,10 +273,10 @@ def revoking(interface, store):
 
 def test_command_that_takes_its_time_is_said_to_be_at_work(revoking):
     tbx, page, free = revoking
-    expect(tbx, page, working("Revoke message 1?"))
+    expect(tbx, page, working_box("Revoke message 1?"))
     tbx.resize(110, 30)
     page = replace(page, size=(110, 30))
-    expect(tbx, page, working("Revoke message 1?"))
+    expect(tbx, page, working_box("Revoke message 1?"))
     free()
     expect(tbx, page, message_box("Revoke message 1?", "Message 1 revoked."))
 

@@ -6,11 +6,11 @@ from dataclasses import replace
 
 import pytest
 
-from frame_model import ListPage
 from harness.pseudo_terminal import (
     DOWN, END, ENTER_SCREEN, LEAVE_SCREEN, PAGE_UP, PASTE_OFF, PASTE_ON, UP)
 from interface import clocks_shown, expect, frame_that_shows, frames_drawn, press, read_again
-from messages import DATE, FUTURE, PAST, USERS, Message, people
+from messages import BARS, DATE, FUTURE, PAST, USERS, Message, people
+from pages import ListPage
 from shapes import SHAPES
 
 HOME_CURSOR, CLEAR_BELOW, HIDE_CURSOR = b"\x1b[H", b"\x1b[J", b"\x1b[?25l"
@@ -23,7 +23,8 @@ ALL_SORTS = [
     Message(5, "Too late\n", title="Over", expires=PAST, date=PAST - 60),
     Message(6, "Both\n", title="Over and taken back", expires=PAST, date=PAST - 60, revoked=PAST),
     Message(12, "Not over yet\n", expires=FUTURE, delivered=(), sent=people(3)),
-    Message(345, "x" * 200 + "\n", delivered=people(99), sent=people(1001, "other")),
+    Message(345, "x" * 200 + "\n", delivered=people(99), sent=people(1001, "other"),
+            percentage="0%"),
     Message(6789, "y" * 200 + "\n", title="z" * 200),
 ]
 
@@ -80,9 +81,14 @@ def test_recipients_are_spelled_out_from_110_columns_on(interface, columns, reci
 
 
 def test_message_with_a_long_identifier_makes_room_for_its_recipients(interface):
-    tbx, _ = interface([with_counts(9999, 10, 0, 0), with_counts(12345, 10, 0, 0)])
+    tbx, _ = interface([with_counts(number, 10, 0, 0, "100%") for number in (9999, 12345)])
     assert re.search(r"█{12}  (.*?) *│", tbx.rows()[2])[1] == "100%"
     assert [row.index("█" * 12) for row in tbx.rows()[2:4]] == [60, 60]
+
+
+def test_long_identifier_moves_the_recipients_that_are_spelled_out(interface):
+    tbx, _ = interface([with_counts(number, 2, 0, 0) for number in (123, 12345)], (120, 24))
+    assert [row.index("█" * 12) for row in tbx.rows()[2:4]] == [64, 62]
 
 
 @pytest.mark.parametrize("counts, recipients", [
@@ -94,33 +100,17 @@ def test_recipients_tell_what_there_is(interface, counts, recipients):
     assert re.search(r"[█▒░]{12}  (.*?) *│", tbx.rows()[2])[1] == recipients
 
 
-def with_counts(number, confirmed, delivered, sent):
+def with_counts(number, confirmed, delivered, sent, percentage=""):
     return Message(number, confirmed=USERS[:confirmed], delivered=people(delivered, "has"),
-                   sent=people(sent, "awaits"))
-
-
-BARS = [
-    ((1, 0, 0), "████████████"),
-    ((0, 1, 0), "▒▒▒▒▒▒▒▒▒▒▒▒"),
-    ((0, 0, 1), "░░░░░░░░░░░░"),
-    ((1, 1, 1), "████▒▒▒▒░░░░"),
-    ((1, 1, 0), "██████▒▒▒▒▒▒"),
-    ((2, 0, 3), "████▒░░░░░░░"),  # 4.8 and 7.2 are both cut
-    ((1, 0, 12), "▒░░░░░░░░░░░"),
-    ((12, 0, 1), "███████████░"),
-    ((0, 24, 1), "▒▒▒▒▒▒▒▒▒▒▒░"),  # one of 25 would be no cell
-    ((11, 1, 1), "██████████▒░"),
-    ((13, 0, 1), "███████████░"),
-    ((0, 1, 99), "▒░░░░░░░░░░░"),
-    ((10, 90, 0), "█▒▒▒▒▒▒▒▒▒▒▒"),
-]
+                   sent=people(sent, "awaits"), percentage=percentage)
 
 
 def test_bar_divides_twelve_cells_by_the_counts(interface):
-    tbx, _ = interface([with_counts(number, *counts)
-                        for number, (counts, _) in enumerate(BARS, start=1)])
+    percentages = {(0, 99, 1001): "0%", (10, 90, 0): "10%"}
+    tbx, _ = interface([with_counts(number, *counts, percentages.get(counts, ""))
+                        for number, counts in enumerate(BARS, start=1)], (80, 40))
     shown = [re.search("[█▒░]{12}", row)[0] for row in tbx.rows()[2:2 + len(BARS)]]
-    assert shown == [cells for _, cells in reversed(BARS)]
+    assert shown == [cells for _, cells in reversed(BARS.items())]
 
 
 def test_date_that_cannot_be_formatted_is_a_question_mark(store, terminal):

@@ -5,14 +5,14 @@ from dataclasses import replace
 
 import pytest
 
-from frame_model import (
-    ANY_KEY, KEYS_BOX, DetailPage, FormPage, purge_box, remind_confirmation, revoke_confirmation,
-    search_box)
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_E, CTRL_S, DELETE, DOWN, END, ENTER, ESCAPE, HOME, LEFT, PAGE_DOWN,
     PAGE_UP, RIGHT, TAB, UP)
 from interface import BROKEN_CHARACTERS, MEANINGLESS, press, press_in_vain, reply, seen
 from messages import DATE, MESSAGE_STATES, Message
+from pages import (
+    ANY_KEY, KEYS_BOX, DetailPage, FormPage, purge_box, remind_confirmation, revoke_confirmation,
+    search_box)
 
 THIRTY = [Message(number) for number in range(1, 31)]  # at 80x24 a page is 17 of them
 
@@ -128,7 +128,7 @@ def test_n_opens_the_form(interface):
 @pytest.mark.parametrize("key, box", [("p", purge_box), ("/", search_box)])
 def test_key_opens_its_dialog_with_or_without_messages(interface, messages, key, box):
     tbx, page = interface(messages)
-    press(tbx, key, page, box(page.size))
+    press(tbx, key, page, box())
 
 
 def test_question_mark_opens_the_keys(interface):
@@ -186,7 +186,7 @@ def test_list_is_read_again_on_return(interface, store, opening, closing):
     press(tbx, closing, replace(page, messages=(PLAIN, arrived)))
 
 
-@pytest.mark.parametrize("opening, box", [("?", KEYS_BOX), ("/", search_box((80, 24)))])
+@pytest.mark.parametrize("opening, box", [("?", KEYS_BOX), ("/", search_box())])
 def test_dialog_that_changes_nothing_leaves_the_list_unread(interface, store, opening, box):
     tbx, page = interface([PLAIN])
     press(tbx, opening, page, box)
@@ -234,7 +234,7 @@ def found(page, text, *numbers):
 def test_search_finds_text_and_titles_whatever_the_case_of_ascii(
         interface, text, numbers, colour):
     tbx, page = interface(LIBRARY, colour=colour)
-    press(tbx, "/" + text, page, search_box(page.size, text))
+    press(tbx, "/" + text, page, search_box(text))
     press(tbx, ENTER, found(page, text, *numbers))
 
 
@@ -255,8 +255,8 @@ def test_escape_clears_the_search_and_reads_the_list_again(interface, store):
 def test_search_is_edited_where_it_was(interface):
     tbx, page = interface(LIBRARY)
     press(tbx, "/needle\r", found(page, "needle", 1, 2, 3))
-    press(tbx, "/", found(page, "needle", 1, 2, 3), search_box(page.size, "needle"))
-    press(tbx, BACKSPACE * 4 + "ed", found(page, "needle", 1, 2, 3), search_box(page.size, "need"))
+    press(tbx, "/", found(page, "needle", 1, 2, 3), search_box("needle"))
+    press(tbx, BACKSPACE * 4 + "ed", found(page, "needle", 1, 2, 3), search_box("need"))
     press(tbx, " \r", found(page, "need "))
 
 
@@ -279,7 +279,7 @@ def test_cancelled_search_leaves_filter_and_selection(interface):
     press(tbx, "/needle\r", found(page, "needle", 1, 2, 3))
     selected = replace(found(page, "needle", 1, 2, 3), selected=1)
     press(tbx, DOWN, selected)
-    press(tbx, "/xyz", selected, search_box(page.size, "needlexyz"))
+    press(tbx, "/xyz", selected, search_box("needlexyz"))
     press(tbx, ESCAPE, selected)
 
 

@@ -4,12 +4,13 @@ from dataclasses import replace
 
 import pytest
 
-from frame_model import RED, message_box
 from harness.pseudo_terminal import (
     BACK_TAB, BACKSPACE, CTRL_S, DOWN, ENTER, ESCAPE, HOME, LEFT, TAB, UP)
 from harness.store import parse_message_file
 from interface import press
+from kept_frames import RED
 from messages import Message
+from pages import message_box
 
 
 def fill_in(tbx, page, *, to="", title="", expires="", text="", preview=None):

@@ -9,12 +9,12 @@ from pathlib import Path
 
 import pytest
 
-from frame_model import KEYS_BOX, message_box, revoke_confirmation
 from harness.pseudo_terminal import (
     CC, CTRL_BACKSLASH, CTRL_C, CTRL_E, CTRL_S, CTRL_Z, DOWN, EARLIER, ENTER, IFLAG, LFLAG,
     assert_restored, unusual)
 from interface import assert_left, expect, frames_drawn, is_stopped, press, reply, stop
 from messages import Message
+from pages import KEYS_BOX, message_box, revoke_confirmation
 from places import PLACES, Places
 
 AS_BEFORE = {"earlier": EARLIER, "attributes": unusual}

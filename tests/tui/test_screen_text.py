@@ -5,12 +5,13 @@ from dataclasses import replace
 
 import pytest
 
-from frame_model import (
-    RED, DetailPage, ListPage, message_box, purge_confirmation, revoke_confirmation, search_box)
 from harness.history import record
 from harness.pseudo_terminal import BACK_TAB, CTRL_S, DOWN, ENTER, TAB
 from interface import expect, frames_as_text, press, reply
+from kept_frames import RED
 from messages import DATE, FUTURE, Message, people
+from pages import (
+    DetailPage, ListPage, message_box, purge_confirmation, revoke_confirmation, search_box)
 
 # Everything that the interface ever writes beside characters.
 SEQUENCES = re.compile(rb"\x1b\[(?:H|J|K|\d+G|\?7[lh]|\d+;\d+H|\?25[lh]|\?1049[lh]|\?2004[lh]|"
@@ -117,7 +118,7 @@ TYPED = [  # as typed, and what is shown of it
 @pytest.mark.parametrize("typed, shown", TYPED)
 def test_hostile_search_is_made_harmless(interface, typed, shown):
     tbx, page = interface([Message(1)])
-    press(tbx, b"/" + typed, page, search_box(page.size, shown))
+    press(tbx, b"/" + typed, page, search_box(shown))
     press(tbx, ENTER, replace(page, messages=(), search=shown))
     assert_safe(tbx)
 
@@ -179,7 +180,7 @@ def test_many_empty_lines_leave_the_frame_whole(detail):
 
 
 def test_recipients_by_the_thousand_can_be_scrolled(detail):
-    tbx, page, _ = detail(Message(1, delivered=people(2000)))
+    tbx, page, _ = detail(Message(1, delivered=people(2000), percentage="0%"))
     press(tbx, DOWN * 3, replace(page, scroll=3))
 
 
