@@ -20,7 +20,7 @@ foreach(path IN LISTS installed)
   endif()
 endforeach()
 
-# Shells that load the hook would else keep a block that leads nowhere.
+# Otherwise shells that load the hook would keep a block that leads nowhere.
 set(user_program "${prefix}/lib/tellbox/tellbox-user")
 if(prefix STREQUAL "/usr/local" AND "$ENV{DESTDIR}" STREQUAL "" AND EXISTS "${user_program}")
   execute_process(COMMAND "${user_program}" shells off)
