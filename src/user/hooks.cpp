@@ -6,15 +6,22 @@ const char *const BASH_HOOK =
 # Not in restricted shells, which may not run it, and not before bash 4.4.
 if [[ $- == *i* && $- != *r* ]] && ! shopt -q restricted_shell &&
     ((BASH_VERSINFO[0] * 100 + BASH_VERSINFO[1] >= 404)); then
+    __tellbox_know() {
+        __tellbox_mailbox=$1 __tellbox_inbox=$1/inbox __tellbox_state=$1/state __tellbox_looked_at=$1/state/.prompt
+    }
+
     # Starts the program and notes when to look again.
     __tellbox_look() {
+        local -
+        set +aeux
         [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]] || return 0
         if [[ -z $__tellbox_mailbox ]]; then
             __tellbox_next=$(($1 + 60)) __tellbox_looked=$1 __tellbox_silent=1
-            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || return 0
+            __tellbox_know "$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null)"
+            [[ -n $__tellbox_mailbox ]] || return 0
             __tellbox_silent=0
         fi
-        [[ -d $__tellbox_mailbox/inbox ]] || return 0
+        [[ -d $__tellbox_inbox ]] || return 0
         @ENVIRONMENT@"$__tellbox_program" prompt "${__tellbox_mailbox##*/}" "$__tellbox_shown" </dev/null
         local __tellbox_found=$?
         __tellbox_looked=$1 __tellbox_silent=0
@@ -30,19 +37,16 @@ if [[ $- == *i* && $- != *r* ]] && ! shopt -q restricted_shell &&
         fi
     }
 
-    # Returns what it finds in $?, but nothing that would end a shell under "set -e".
+    # Returns what it finds in $?, but nothing that would end a shell under "set -e". One test of
+    # times that are at hand decides most prompts: it has to work under every option.
     __tellbox_prompt() {
-        local __tellbox_status=$? __tellbox_options=$- __tellbox_now -
-        set +aeux
-        printf -v __tellbox_now "%(%s)T" -1
-        if ((__tellbox_now >= __tellbox_next || __tellbox_now < __tellbox_looked)); then
-            __tellbox_look "$__tellbox_now"
-        elif ((__tellbox_silent == 0)) &&
-            ! [[ $__tellbox_mailbox/state/.prompt -nt $__tellbox_mailbox/inbox &&
-            $__tellbox_mailbox/state/.prompt -nt $__tellbox_mailbox/state ]]; then
+        local __tellbox_status=$? __tellbox_now=${EPOCHSECONDS-}
+        [[ -n $__tellbox_now ]] || printf -v __tellbox_now "%(%s)T" -1 # before bash 5
+        if [[ $__tellbox_now -ge $__tellbox_next || $__tellbox_now -lt $__tellbox_looked ||
+            ($__tellbox_silent -eq 0 && ! ($__tellbox_looked_at -nt $__tellbox_inbox && $__tellbox_looked_at -nt $__tellbox_state)) ]]; then
             __tellbox_look "$__tellbox_now"
         fi
-        [[ $__tellbox_options != *e* ]] || return 0
+        [[ $__tellbox_status -ne 0 && $- != *e* ]] || return 0
         return "$__tellbox_status"
     }
     __tellbox_untraced() {
@@ -53,7 +57,7 @@ if [[ $- == *i* && $- != *r* ]] && ! shopt -q restricted_shell &&
         local -
         set +aeux
         __tellbox_program=@PROGRAM@
-        __tellbox_mailbox=@MAILBOX@
+        __tellbox_know @MAILBOX@
         __tellbox_looked=0 __tellbox_next=0 __tellbox_silent=0 __tellbox_shown=0
         # A shell that inherits PROMPT_COMMAND inherits neither the functions nor these names.
         __tellbox_hook=__tellbox_prompt __tellbox_exported=__tellbox_untraced
@@ -84,16 +88,24 @@ fi
 const char *const ZSH_HOOK =
     R"hook(# Tellbox: shows messages of the administrator before the prompt.
 if [[ -o interactive && ! -o restricted ]]; then
+    __tellbox_know() {
+        typeset -g __tellbox_mailbox=$1 __tellbox_inbox=$1/inbox __tellbox_state=$1/state
+        typeset -g __tellbox_looked_at=$1/state/.prompt
+    }
+
     # Starts the program and notes when to look again.
     __tellbox_look() {
+        emulate -L zsh
+        setopt no_xtrace no_unset no_err_exit no_err_return no_all_export no_global_export no_warn_create_global
         local __tellbox_found
         [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]] || return 0
         if [[ -z $__tellbox_mailbox ]]; then
             __tellbox_next=$(($1 + 60)) __tellbox_looked=$1 __tellbox_silent=1
-            __tellbox_mailbox=$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null) || return 0
+            __tellbox_know "$(@ENVIRONMENT@"$__tellbox_program" mailbox </dev/null)"
+            [[ -n $__tellbox_mailbox ]] || return 0
             __tellbox_silent=0
         fi
-        [[ -d $__tellbox_mailbox/inbox ]] || return 0
+        [[ -d $__tellbox_inbox ]] || return 0
         @ENVIRONMENT@"$__tellbox_program" prompt "${__tellbox_mailbox##*/}" "$__tellbox_shown" </dev/null
         __tellbox_found=$?
         __tellbox_looked=$1 __tellbox_silent=0
@@ -109,26 +121,19 @@ if [[ -o interactive && ! -o restricted ]]; then
         fi
     }
 
-    __tellbox_check() {
-        emulate -L zsh
-        setopt no_xtrace no_unset no_err_exit no_err_return no_all_export no_global_export no_warn_create_global
-        # In a variable: "emulate sh -c" reads braces within braces in another way.
-        local __tellbox_state=$__tellbox_mailbox/state __tellbox_now='%D{%s}'
-        __tellbox_now=${(%)__tellbox_now}
-        if ((__tellbox_now >= __tellbox_next || __tellbox_now < __tellbox_looked)); then
-            __tellbox_look $__tellbox_now
-        elif ((__tellbox_silent == 0)) &&
-            ! [[ $__tellbox_state/.prompt -nt $__tellbox_mailbox/inbox && $__tellbox_state/.prompt -nt $__tellbox_state ]]; then
-            __tellbox_look $__tellbox_now
-        fi
-        return 0
-    }
-
+    # One test of times that are at hand decides most prompts: it has to work under every option.
     # Next to nothing of it is traced. A restricted shell, which is one only after its startup
     # files, may not run it.
     __tellbox_prompt() {
         [[ -o restricted ]] || {
-            __tellbox_check
+            # In a variable: "emulate sh -c" reads braces within braces in another way.
+            local __tellbox_now='%D{%s}'
+            __tellbox_now=${(%)__tellbox_now}
+            if [[ $__tellbox_now -ge $__tellbox_next || $__tellbox_now -lt $__tellbox_looked ||
+                ($__tellbox_silent -eq 0 && ! ($__tellbox_looked_at -nt $__tellbox_inbox && $__tellbox_looked_at -nt $__tellbox_state)) ]]; then
+                __tellbox_look $__tellbox_now
+            fi
+            return 0
         } 2>/dev/null
     }
 
@@ -136,7 +141,7 @@ if [[ -o interactive && ! -o restricted ]]; then
         emulate -L zsh
         setopt no_xtrace no_warn_create_global no_all_export no_global_export
         typeset -g __tellbox_program=@PROGRAM@
-        typeset -g __tellbox_mailbox=@MAILBOX@
+        __tellbox_know @MAILBOX@
         typeset -g __tellbox_looked=0 __tellbox_next=0 __tellbox_silent=0 __tellbox_shown=0
         if typeset -f add-zsh-hook >/dev/null; then
             add-zsh-hook precmd __tellbox_prompt
