@@ -5,14 +5,16 @@
 usage: bench/prompt.py [--tree BUILD] [--prompts N] [SHELL...]
 
 Each shell runs on a terminal of its own, in test mode on a mailbox of its own. All of its variants take
-turns, N prompts each: the time from Enter to the next prompt. Printed are the median of each, and what
-it is above the bare prompt. tools/bench runs this too. Needs no root.
+turns, in an order that changes, N prompts each. Printed are the medians of the time from Enter to the
+next prompt and of the processor time of the shell, of which other programs take less; and what both are
+above the bare prompt. tools/bench runs this too. Needs no root.
 """
 
 import argparse
 import os
 import pty
 import pwd
+import random
 import select
 import shutil
 import signal
@@ -33,6 +35,7 @@ MAIL_CHECK = {"bash": "MAILPATH={mail}\nMAILCHECK=0\n", "zsh": "mailpath=({mail}
 START = {"bash": ["bash", "--noprofile", "--rcfile", "{rc}", "-i"], "zsh": ["zsh", "-i"],
          "fish": ["fish", "-i"]}
 WAITING = (0, 1, 1000)  # messages that wait and are not due
+QUIET_SECONDS = 0.003  # without output: the shell waits for keys
 MANY = 10_000
 RUNS = 7
 
@@ -41,7 +44,7 @@ class Variant:
     """A shell that waits at its prompt."""
 
     def __init__(self, name, what, folder, startup, env):
-        self.what, self.times = what, []
+        self.what, self.times, self.processor_times = what, [], []
         folder.mkdir()
         rc = folder / {"bash": "rc", "zsh": ".zshrc", "fish": "fish/config.fish"}[name]
         rc.parent.mkdir(exist_ok=True)
@@ -54,19 +57,31 @@ class Variant:
         self._await_prompt()
 
     def _await_prompt(self):
+        """Returns when the prompt came. Whatever follows it is read, too."""
         seen = b""
         while READY not in seen:
             if not select.select([self._terminal], [], [], 30)[0]:
                 raise SystemExit(f"{self.what}: no prompt came: {seen[-200:]!r}")
             seen += os.read(self._terminal, 65536)
-        while select.select([self._terminal], [], [], 0.002)[0]:
+        came = time.perf_counter()
+        while select.select([self._terminal], [], [], QUIET_SECONDS)[0]:
             os.read(self._terminal, 65536)
+        return came
+
+    def _processor_seconds(self):
+        threads = Path(f"/proc/{self._pid}/task").glob("*/schedstat")
+        return sum(int(thread.read_text(encoding="ascii").split()[0]) for thread in threads) / 1e9
 
     def prompt(self):
-        began = time.perf_counter()
+        before, began = self._processor_seconds(), time.perf_counter()
         os.write(self._terminal, b"\r")
-        self._await_prompt()
-        self.times.append(time.perf_counter() - began - 0.002)
+        self.times.append(self._await_prompt() - began)
+        self.processor_times.append(self._processor_seconds() - before)
+
+    def medians(self):
+        """Milliseconds: until the prompt, of the shell's processor time."""
+        return [statistics.median(times[2:]) * 1000
+                for times in (self.times, self.processor_times)]
 
     def close(self):
         os.kill(self._pid, signal.SIGKILL)  # the other shells hold its terminal open
@@ -161,14 +176,14 @@ def measure_many(tree, scratch):
 def measure(shell, tree, count, scratch):
     variants = list(variants_of(shell, tree, scratch))
     for _ in range(count + 2):
-        for variant in variants:
+        for variant in random.sample(variants, len(variants)):
             variant.prompt()
     variants.append(due_times(shell, tree, scratch, min(count, 50)))
-    bare = statistics.median(variants[0].times[2:])
+    bare = variants[0].medians()
     for variant in variants:
-        median = statistics.median(variant.times[2:])
-        print(f"{shell:5} {variant.what:20} {median * 1000:8.3f} ms   "
-              f"{(median - bare) * 1000:+8.3f} ms")
+        columns = [f"{mine:8.3f} {mine - its:+8.3f} ms" for mine, its in
+                   zip(variant.medians(), bare)]
+        print(f"{shell:5} {variant.what:20} {'   processor'.join(columns)}")
         variant.close()
 
 
