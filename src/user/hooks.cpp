@@ -160,28 +160,50 @@ fi
 const char *const FISH_HOOK =
     R"hook(# Tellbox: shows messages of the administrator before the prompt.
 if status is-interactive
+    function __tellbox_know
+        set -g __tellbox_mailbox $argv[1]
+        set -g __tellbox_inbox $argv[1]/inbox
+        set -g __tellbox_state $argv[1]/state
+        set -g __tellbox_looked_at $argv[1]/state/.prompt
+    end
+
     set -g __tellbox_program @PROGRAM@
-    set -g __tellbox_mailbox @MAILBOX@
+    __tellbox_know @MAILBOX@
+    # These two are times of __tellbox_clock, the last one is in seconds since 1970.
     set -g __tellbox_looked 0
     set -g __tellbox_next 0
     set -g __tellbox_silent 0
     set -g __tellbox_shown 0
-    set -g __tellbox_has_mtime 0 # only newer shells have it
-    builtin path mtime -- / >/dev/null 2>&1
-    and set -g __tellbox_has_mtime 1
 
-    # The time, by what is built in: a file's time and its age.
-    function __tellbox_now
-        if test $__tellbox_has_mtime -eq 1
-            set -l file $__tellbox_mailbox/inbox
-            math (builtin path mtime -- $file) + (builtin path mtime --relative -- $file)
-        else
+    # Seconds: the age of the program, as no other clock is built in. Shells before 3.6 have none, and
+    # start a process.
+    if builtin path mtime -- / >/dev/null 2>&1
+        function __tellbox_clock
+            builtin path mtime --relative -- $__tellbox_program
+        end
+        function __tellbox_now
+            math (builtin path mtime -- $__tellbox_program) + $argv[1]
+        end
+    else
+        function __tellbox_clock
             command date +%s
+        end
+        function __tellbox_now
+            echo $argv[1]
         end
     end
 
     # Starts the program and notes when to look again.
     function __tellbox_look
+        if test -z "$__tellbox_mailbox"
+            set -g __tellbox_next (math $argv[1] + 60)
+            set -g __tellbox_looked $argv[1]
+            set -g __tellbox_silent 1
+            __tellbox_know (@ENVIRONMENT@$__tellbox_program mailbox </dev/null)
+            test -n "$__tellbox_mailbox"; or return
+            set -g __tellbox_silent 0
+        end
+        test -d $__tellbox_inbox; or return
         @ENVIRONMENT@$__tellbox_program prompt (string replace -r '.*/' '' -- $__tellbox_mailbox) $__tellbox_shown </dev/null
         set -l found $status
         set -g __tellbox_looked $argv[1]
@@ -192,35 +214,22 @@ if status is-interactive
             set -g __tellbox_next (math $argv[1] + $found - 60)
         else if test $found -ge 193 -a $found -le 212
             set -g __tellbox_next (math $argv[1] + "(" $found - 192 ")" x 60)
-            set -g __tellbox_shown $argv[1]
+            set -g __tellbox_shown (__tellbox_now $argv[1])
         else
             set -g __tellbox_next (math $argv[1] + 60)
             set -g __tellbox_silent 1
-            test $found -ne 213; or set -g __tellbox_shown $argv[1]
+            test $found -ne 213; or set -g __tellbox_shown (__tellbox_now $argv[1])
         end
     end
 
     function __tellbox_check
-        if test -z "$__tellbox_mailbox"
-            set -l now (command date +%s)
-            test $now -ge $__tellbox_next; or return
-            set -g __tellbox_next (math $now + 60)
-            set -g __tellbox_mailbox (@ENVIRONMENT@$__tellbox_program mailbox </dev/null)
-            test -n "$__tellbox_mailbox"; or return
-            set -g __tellbox_next 0
+        set -l now (__tellbox_clock)
+        test $now -ge $__tellbox_looked -a $now -lt $__tellbox_next
+        and begin
+            test $__tellbox_silent -eq 1
+            or test $__tellbox_looked_at -nt $__tellbox_inbox -a $__tellbox_looked_at -nt $__tellbox_state
         end
-        test -d $__tellbox_mailbox/inbox; or return
-        set -l state $__tellbox_mailbox/state
-        set -l now (__tellbox_now)
-        if test $now -ge $__tellbox_next -o $now -lt $__tellbox_looked
-            __tellbox_look $now
-        else if test $__tellbox_silent -eq 0
-            and not begin
-                test $state/.prompt -nt $__tellbox_mailbox/inbox
-                and test $state/.prompt -nt $state
-            end
-            __tellbox_look $now
-        end
+        or __tellbox_look $now
     end
 
     function __tellbox_prompt --on-event fish_prompt
