@@ -475,6 +475,13 @@ static void record_and_move(own_mailbox *box, int64_t id, const unique_fd &answe
     }
 }
 
+// Whether another program may still be recording this answer. Asked only where locks cannot tell.
+static bool is_fresh(const struct stat &answer) {
+    constexpr int64_t WORK_SECONDS_MAX = 10; // it is synced between the write and the record
+    const int64_t age = now() - answer.st_mtim.tv_sec;
+    return age >= 0 && age < WORK_SECONDS_MAX;
+}
+
 // Records and moves an answered message that is still in the inbox, unless another program is
 // working on it.
 static void finish_answer(own_mailbox *box, int64_t id) {
@@ -483,7 +490,8 @@ static void finish_answer(own_mailbox *box, int64_t id) {
     struct stat status = {};
     if (!answer || fstat(answer.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return;
-    if (flock(answer.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+    const bool is_locked = flock(answer.get(), LOCK_EX | LOCK_NB) == 0;
+    if (!is_locked && (errno == EWOULDBLOCK || is_fresh(status)))
         return;
     // The program that held the lock may have finished meanwhile, or removed the answer.
     struct stat copy = {};

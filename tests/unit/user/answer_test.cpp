@@ -339,6 +339,21 @@ TEST(Interrupted, AnAnswerIsLockedWhereOnlyWritableFilesCanBe) {
               "acks/7 inbox/7\n");
 }
 
+TEST(Interrupted, AnAnswerIsLeftToItsWriterForSomeSecondsWhereNothingCanBeLocked) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  mailbox.put("acks/7", "1790000000 desktop\n");
+                  own_mailbox box = mailbox.open();
+                  trap_call(SYS_flock, [](long) -> long { return -ENOLCK; });
+                  answer_finish_interrupted(&box);
+                  print_line(mailbox.files());
+                  mailbox.age("acks/7", -10);
+                  answer_finish_interrupted(&box);
+                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+              }),
+              "acks/7 inbox/7\nacks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
+}
+
 TEST(Interrupted, AnAnswerIsNotRecordedAgainAndAgainWhereNothingCanBeChanged) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
