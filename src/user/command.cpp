@@ -201,25 +201,25 @@ bool is_on_terminal() {
     return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
 }
 
-// Columns of the character that begins with `lead`. Everything from U+0800 on counts as wide: too
-// many rows are better than too few.
-static size_t columns_of(char lead, size_t column) {
+// Columns of the character that `text` begins with. Everything from U+0800 on counts as wide, but
+// the dashes of a headline: too many rows are better than too few.
+static size_t columns_of(std::string_view text, size_t column) {
     constexpr size_t TAB_STOP = 8;
-    if (lead == '\t')
+    if (text.front() == '\t')
         return TAB_STOP - column % TAB_STOP;
-    return static_cast<unsigned char>(lead) >= 0xe0 ? 2 : 1;
+    return static_cast<unsigned char>(text.front()) >= 0xe0 && !text.starts_with("─") ? 2 : 1;
 }
 
 size_t rows_of(std::string_view text, int columns) {
     const auto width = static_cast<size_t>(std::max(columns, 2));
     size_t rows = 0;
     size_t column = 0;
-    for (const char byte : text) {
-        if (byte == '\n') {
+    for (size_t at = 0; at < text.size(); at++) {
+        if (text[at] == '\n') {
             rows++;
             column = 0;
-        } else if (!is_continuation_byte(byte)) {
-            const size_t wide = columns_of(byte, column);
+        } else if (!is_continuation_byte(text[at])) {
+            const size_t wide = columns_of(text.substr(at), column);
             if (column + wide > width) {
                 rows++;
                 column = 0;
