@@ -196,7 +196,7 @@ if status is-interactive
     # Starts the program and notes when to look again.
     function __tellbox_look
         if test -z "$__tellbox_mailbox"
-            set -g __tellbox_next (math $argv[1] + 60)
+            set -g __tellbox_next (math 60 + $argv[1])
             set -g __tellbox_looked $argv[1]
             set -g __tellbox_silent 1
             __tellbox_know (@ENVIRONMENT@$__tellbox_program mailbox </dev/null)
@@ -209,14 +209,14 @@ if status is-interactive
         set -g __tellbox_looked $argv[1]
         set -g __tellbox_silent 0
         if test $found -ge 1 -a $found -le 60
-            set -g __tellbox_next (math $argv[1] + $found x 60)
+            set -g __tellbox_next (math $found x 60 + $argv[1])
         else if test $found -ge 61 -a $found -le 120
-            set -g __tellbox_next (math $argv[1] + $found - 60)
+            set -g __tellbox_next (math $found - 60 + $argv[1])
         else if test $found -ge 193 -a $found -le 212
-            set -g __tellbox_next (math $argv[1] + "(" $found - 192 ")" x 60)
+            set -g __tellbox_next (math "(" $found - 192 ")" x 60 + $argv[1])
             set -g __tellbox_shown (__tellbox_now $argv[1])
         else
-            set -g __tellbox_next (math $argv[1] + 60)
+            set -g __tellbox_next (math 60 + $argv[1])
             set -g __tellbox_silent 1
             test $found -ne 213; or set -g __tellbox_shown (__tellbox_now $argv[1])
         end

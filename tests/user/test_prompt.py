@@ -78,12 +78,17 @@ def test_two_shells_that_look_at_the_same_moment_show_it_once(machine):
     assert sum(shell.terminal.frame().count("Answer with") for shell in shells) == 1
 
 
-def test_a_message_comes_back_when_its_time_is_over(machine, shell_name):
+def prepare_a_short_pause(machine):
+    """A message that was shown, and comes back after two seconds."""
     machine.write("/etc/tellbox.conf", "")
     machine.path("/etc/tellbox").mkdir()
     machine.write("/etc/tellbox/tellbox.conf", "TBX_REMIND_MINUTES=1\n")
     machine.deliver(7)
     machine.store.mark_shown("pat", 7, int(time.time()) - 58)
+
+
+def test_a_message_comes_back_when_its_time_is_over(machine, shell_name):
+    prepare_a_short_pause(machine)
     shell = Shell(machine, shell_name)
     assert MESSAGE not in shell.greeting
     wait_for(lambda: shell.run() == shown(7), limit_seconds=10)
@@ -429,6 +434,13 @@ def test_zsh_traces_nothing_of_it(machine):
     assert "__tellbox" not in output.replace("+__tellbox_prompt", "+", 1)
 
 
+def test_bash_without_its_own_clock_has_the_hook_too(machine):
+    prepare_a_short_pause(machine)
+    shell = Shell(machine, "bash", "unset EPOCHSECONDS\n" + LOAD["bash"])
+    assert MESSAGE not in shell.greeting
+    wait_for(lambda: shell.run() == shown(7), limit_seconds=10)
+
+
 # ---- fish -----------------------------------------------------------------------------------
 
 def test_fish_without_its_newer_builtins_has_the_hook_too(machine):
@@ -439,6 +451,15 @@ def test_fish_without_its_newer_builtins_has_the_hook_too(machine):
     machine.deliver(7)
     assert shell.run() == shown(7)
     assert shell.run() == ""
+
+
+def test_fish_has_the_hook_where_the_program_is_from_the_future(machine):
+    os.utime(machine.path(PROGRAM), (time.time() + 5000,) * 2)
+    prepare_a_short_pause(machine)
+    shell = Shell(machine, "fish")
+    assert MESSAGE not in shell.greeting
+    assert shell.run() == ""
+    wait_for(lambda: shell.run() == shown(7), limit_seconds=10)
 
 
 # ---- Where it is silent ---------------------------------------------------------------------
