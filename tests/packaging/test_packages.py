@@ -2,6 +2,7 @@
 
 import hashlib
 import re
+import signal
 import subprocess
 
 import pytest
@@ -188,3 +189,33 @@ def test_the_version_of_the_packages_is_the_program_s(kind, binary, request):
                              env={"TBX_TEST": "1"}).stdout.split()[-1]
     for part, package in packages.items():
         assert re.match(rf"{part}[-_]{re.escape(version)}[-_]", package.name)
+
+
+# A root of its own, with the programs of the real one.
+IN_A_CHROOT = """set -e
+mount -t tmpfs none "$1"
+for folder in bin lib lib64 proc usr; do
+    [ ! -e "/$folder" ] || { mkdir "$1/$folder" && mount --rbind "/$folder" "$1/$folder"; }
+done
+exec chroot "$1" sh -s "$2"
+"""
+
+
+@pytest.mark.parametrize("script, word", [("debian/tellbox-user.prerm", "remove"),
+                                          ("rpm/tellbox-user.preun", "0")])
+def test_a_package_that_goes_ends_the_agents_of_its_own_root_alone(script, word, tmp_path):
+    need_root("a chroot")
+    program = tmp_path / "tellbox-user"  # not there: the real one would change this machine's files
+    text = (REPOSITORY / "packaging" / script).read_text(encoding="utf-8")
+    text = text.replace("program=/usr/local/lib/tellbox/tellbox-user", f"program={program}")
+    assert str(program) in text
+    root = tmp_path / "root"
+    root.mkdir()
+    with subprocess.Popen([f"{program} agent"], executable="/bin/cat",
+                          stdin=subprocess.PIPE, stdout=subprocess.PIPE) as agent:
+        run("unshare", "--mount", "sh", "-c", IN_A_CHROOT, "sh", root, word, input=text)
+        agent.stdin.write(b"still there\n")
+        agent.stdin.flush()
+        assert agent.stdout.readline() == b"still there\n"
+        run("sh", "-s", word, input=text)
+        assert agent.wait(10) == -signal.SIGTERM
