@@ -131,7 +131,7 @@ if [[ -o interactive && ! -o restricted ]]; then
             __tellbox_now=${(%)__tellbox_now}
             if [[ $__tellbox_now -ge $__tellbox_next || $__tellbox_now -lt $__tellbox_looked ||
                 ($__tellbox_silent -eq 0 && ! ($__tellbox_looked_at -nt $__tellbox_inbox && $__tellbox_looked_at -nt $__tellbox_state)) ]]; then
-                __tellbox_look $__tellbox_now
+                __tellbox_look "$__tellbox_now"
             fi
             return 0
         } 2>/dev/null
