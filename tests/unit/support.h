@@ -325,6 +325,15 @@ constexpr uint32_t POLL_CALL = SYS_poll;
 constexpr uint32_t POLL_CALL = SYS_ppoll;
 #endif
 
+// Asks the program about every further call, here and in what is started from here. For a child
+// only.
+template <size_t LENGTH> void filter_calls(sock_filter (&program)[LENGTH]) {
+    const sock_fprog filter = {LENGTH, program};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        throw_errno("seccomp");
+}
+
 // Makes every further call of this number fail with the error, here and in what is started from
 // here. For a child only.
 inline void refuse_call(uint32_t number, uint32_t error) {
@@ -334,10 +343,7 @@ inline void refuse_call(uint32_t number, uint32_t error) {
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
-    const sock_fprog filter = {std::size(program), program};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-        throw_errno("seccomp");
+    filter_calls(program);
 }
 
 // Interrupts this process's calls by a signal every few milliseconds, without restarting them.

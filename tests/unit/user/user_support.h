@@ -82,10 +82,7 @@ inline void refuse_unnamed_files() {
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EOPNOTSUPP),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
-    const sock_fprog filter = {std::size(program), program};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-        throw_errno("seccomp");
+    filter_calls(program);
 }
 
 // Runs `action`, with the call's first argument, in place of every call of this number. What it
@@ -113,8 +110,7 @@ inline void trap_call(uint32_t number, long (*action)(long first)) {
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
-    const sock_fprog filter = {std::size(program), program};
-    if (sigaction(SIGSYS, &handler, nullptr) != 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-        throw_errno("seccomp");
+    if (sigaction(SIGSYS, &handler, nullptr) != 0)
+        throw_errno("SIGSYS");
+    filter_calls(program);
 }
