@@ -4,11 +4,22 @@
 
 namespace {
 
-// A mailbox with message 7, and what the journal hears. In a child on a private machine only.
-struct heard_mailbox : tried_mailbox {
-    heard_mailbox() { put_message(7); }
+// A mailbox with message 7.
+struct mailbox_with_7 : tried_mailbox {
+    mailbox_with_7() { put_message(7); }
+};
+
+// The same, and what the journal hears. In a child on a private machine only.
+struct heard_mailbox : mailbox_with_7 {
+    void print_files_and_events() const {
+        printf("%s\n%s", files().c_str(), journal.events().c_str());
+    }
     journal_stand_in journal;
 };
+
+// The mailbox of the body that runs, for what takes no argument: what stands in a call's place, and
+// what other processes do.
+const heard_mailbox *heard;
 
 // Runs `body` with such a mailbox and returns what it printed.
 template <typename Body> std::string told(Body &&body) {
@@ -16,6 +27,7 @@ template <typename Body> std::string told(Body &&body) {
         std::filesystem::create_directories("/run/scratch");
         setenv("TMPDIR", "/run/scratch", 1);
         const heard_mailbox mailbox;
+        heard = &mailbox;
         body(mailbox);
     });
     return child.out + child.err;
@@ -46,9 +58,37 @@ std::string confirm(const tried_mailbox &mailbox, channel where = channel::termi
     return name_of(answer_confirm(&box, 7, where).result);
 }
 
+void finish_interrupted(const tried_mailbox &mailbox) {
+    own_mailbox box = mailbox.open();
+    answer_finish_interrupted(&box);
+}
+
+int postpone(const tried_mailbox &mailbox, channel where = channel::terminal) {
+    own_mailbox box = mailbox.open();
+    return answer_postpone(&box, 7, where);
+}
+
 int mark_shown(const tried_mailbox &mailbox, int64_t moment) {
     own_mailbox box = mailbox.open();
     return answer_shown(&box, 7, channel::terminal, moment, HALF_AN_HOUR);
+}
+
+// Runs `body` in that many processes at once and returns the sum of their exit statuses.
+int sum_of(int count, int (*body)()) {
+    std::vector<pid_t> processes;
+    for (int i = 0; i < count; i++)
+        processes.push_back(start_process(body));
+    int sum = 0;
+    for (const pid_t process : processes)
+        sum += exit_status_of(process);
+    return sum;
+}
+
+// Exit status of one of many that confirm: 10 for the one that did, 0 for the others.
+int status_of(confirm_result result) {
+    if (result == confirm_result::confirmed)
+        return 10;
+    return result == confirm_result::already ? 0 : 1;
 }
 
 // Seconds ago; -1 without a mark.
@@ -75,8 +115,7 @@ TEST(Confirm, WritesTheAnswerRecordsItAndMovesTheCopy) {
 }
 
 TEST(Confirm, WritesOneLineForEverybodyToRead) {
-    const tried_mailbox mailbox;
-    mailbox.put_message(7);
+    const mailbox_with_7 mailbox;
     const mode_t mask = umask(022);
     EXPECT_EQ(confirm(mailbox, channel::desktop), "confirmed");
     umask(mask);
@@ -100,8 +139,7 @@ TEST(Confirm, ChangesNothingWhereSomethingElseStands) {
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
                   std::filesystem::create_directory(mailbox.file("acks/7"));
                   print_line(confirm(mailbox));
-                  print_line(mailbox.files());
-                  printf("%s", mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
               }),
               "not a file\ninbox/7\n");
 }
@@ -113,8 +151,7 @@ TEST(Confirm, LeavesNoAnswerToAMessageThatIsNotThere) {
 }
 
 TEST(Confirm, MakesTheFoldersThatAreMissing) {
-    const tried_mailbox mailbox;
-    mailbox.put_message(7);
+    const mailbox_with_7 mailbox;
     std::filesystem::remove(mailbox.file("acks"));
     std::filesystem::remove(mailbox.file("read"));
     EXPECT_EQ(confirm(mailbox), "confirmed");
@@ -128,8 +165,7 @@ TEST(Confirm, TellsAndRecordsAnAnswerThatCannotBeWritten) {
                   own_mailbox box = mailbox.open();
                   const confirmation outcome = answer_confirm(&box, 7, channel::terminal);
                   printf("%s: %s\n", name_of(outcome.result), strerror(outcome.error));
-                  printf("%s\n", mailbox.files().c_str());
-                  printf("%s", mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
               }),
               "failed: Input/output error\ninbox/7\n"
               "CONFIRMATION_FAILED 7 user=root details=Input/output error author=\n");
@@ -146,11 +182,11 @@ TEST(Confirm, ThatCannotMoveTheCopyIsNotRecordedAgainByTheNextRun) {
                   box = mailbox.open();
                   mailbox.put("read", "in the way");
                   printf("%s\n", name_of(answer_confirm(&box, 7, channel::terminal).result));
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
                   std::filesystem::remove(mailbox.file("read"));
                   box = mailbox.open();
                   answer_finish_interrupted(&box);
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
               }),
               "confirmed\nacks/7 inbox/7 read\nCONFIRMED 7 user=root details= author=\n"
               "acks/7 read/7\n");
@@ -159,17 +195,15 @@ TEST(Confirm, ThatCannotMoveTheCopyIsNotRecordedAgainByTheNextRun) {
 TEST(Confirm, KeepsAnAnswerThatAnotherProgramHasRecordedAndMoved) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
-                  static const heard_mailbox *shared;
-                  shared = &mailbox;
                   own_mailbox box = mailbox.open();
                   // As on a file system without locks, once the answer is there.
                   trap_call(SYS_fsync, [](long) -> long {
-                      if (shared->has("acks/7") && shared->has("inbox/7"))
-                          rename(shared->file("inbox/7").c_str(), shared->file("read/7").c_str());
+                      if (heard->has("acks/7") && heard->has("inbox/7"))
+                          rename(heard->file("inbox/7").c_str(), heard->file("read/7").c_str());
                       return 0;
                   });
                   print_line(name_of(answer_confirm(&box, 7, channel::terminal).result));
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
               }),
               "confirmed\nacks/7 read/7\n");
 }
@@ -177,14 +211,12 @@ TEST(Confirm, KeepsAnAnswerThatAnotherProgramHasRecordedAndMoved) {
 TEST(Confirm, HoldsTheAnswerUntilItIsRecorded) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
-                  static const heard_mailbox *shared;
                   static int error_of_another;
-                  shared = &mailbox;
                   error_of_another = 0;
                   own_mailbox box = mailbox.open();
                   trap_call(SYS_fsync, [](long) -> long {
-                      const unique_fd other(::open(shared->file("acks/7").c_str(), O_RDWR));
-                      if (other && shared->has("inbox/7") &&
+                      const unique_fd other(::open(heard->file("acks/7").c_str(), O_RDWR));
+                      if (other && heard->has("inbox/7") &&
                           flock(other.get(), LOCK_EX | LOCK_NB) != 0)
                           error_of_another = errno;
                       return 0;
@@ -198,15 +230,13 @@ TEST(Confirm, HoldsTheAnswerUntilItIsRecorded) {
 TEST(Confirm, RemovesTheAnswerToAMessageThatIsWithdrawnMeanwhile) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
-                  static const heard_mailbox *shared;
-                  shared = &mailbox;
                   own_mailbox box = mailbox.open();
                   trap_call(SYS_fsync, [](long) -> long {
-                      unlink(shared->file("inbox/7").c_str());
+                      unlink(heard->file("inbox/7").c_str());
                       return 0;
                   });
                   print_line(name_of(answer_confirm(&box, 7, channel::terminal).result));
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
               }),
               "withdrawn\n\n");
 }
@@ -216,24 +246,15 @@ TEST(Confirm, RemovesTheAnswerToAMessageThatIsWithdrawnMeanwhile) {
 TEST(Confirm, ByManyAtOnceMakesOneAnswerAndOneRecord) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
-                  std::vector<pid_t> others;
-                  static const heard_mailbox *shared;
-                  shared = &mailbox;
-                  for (int i = 0; i < 40; i++)
-                      others.push_back(start_process([] {
-                          own_mailbox box = shared->open();
-                          answer_finish_interrupted(&box);
-                          const confirmation outcome = answer_confirm(&box, 7, channel::terminal);
-                          answer_finish_interrupted(&box);
-                          return outcome.result == confirm_result::confirmed ? 10
-                                 : outcome.result == confirm_result::already ? 0
-                                                                             : 1;
-                      }));
-                  int sum = 0;
-                  for (const pid_t other : others)
-                      sum += exit_status_of(other);
-                  printf("%d %s\n%s", sum, mailbox.files().c_str(),
-                         mailbox.journal.events().c_str());
+                  const int sum = sum_of(40, [] {
+                      own_mailbox box = heard->open();
+                      answer_finish_interrupted(&box);
+                      const confirmation outcome = answer_confirm(&box, 7, channel::terminal);
+                      answer_finish_interrupted(&box);
+                      return status_of(outcome.result);
+                  });
+                  printf("%d ", sum);
+                  mailbox.print_files_and_events();
               }),
               "10 acks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
 }
@@ -241,46 +262,23 @@ TEST(Confirm, ByManyAtOnceMakesOneAnswerAndOneRecord) {
 TEST(Confirm, ByManyAtOnceMakesOneAnswerWithoutUnnamedFilesToo) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
-                  static const heard_mailbox *shared;
-                  shared = &mailbox;
                   refuse_unnamed_files();
-                  std::vector<pid_t> others;
-                  for (int i = 0; i < 40; i++)
-                      others.push_back(start_process([] {
-                          own_mailbox box = shared->open();
-                          switch (answer_confirm(&box, 7, channel::terminal).result) {
-                          case confirm_result::confirmed:
-                              return 10;
-                          case confirm_result::already:
-                              return 0;
-                          default:
-                              return 1;
-                          }
-                      }));
-                  int sum = 0;
-                  for (const pid_t other : others)
-                      sum += exit_status_of(other);
-                  printf("%d %s %zu\n%s", sum, mailbox.files().c_str(),
-                         mailbox.text("acks/7").size(), mailbox.journal.events().c_str());
+                  const int sum = sum_of(40, [] {
+                      own_mailbox box = heard->open();
+                      return status_of(answer_confirm(&box, 7, channel::terminal).result);
+                  });
+                  printf("%d %zu ", sum, mailbox.text("acks/7").size());
+                  mailbox.print_files_and_events();
               }),
-              "10 acks/7 read/7 20\nCONFIRMED 7 user=root details= author=\n");
+              "10 20 acks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
 }
 
 TEST(Marks, OfManyAtOnceAreAllWrittenWithoutUnnamedFilesToo) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
-                  static const heard_mailbox *shared;
-                  shared = &mailbox;
                   refuse_unnamed_files();
-                  std::vector<pid_t> others;
-                  for (int i = 0; i < 8; i++) // the journal keeps ten records
-                      others.push_back(start_process([] {
-                          own_mailbox box = shared->open();
-                          return answer_postpone(&box, 7, channel::terminal) == 0 ? 0 : 1;
-                      }));
-                  int sum = 0;
-                  for (const pid_t other : others)
-                      sum += exit_status_of(other);
+                  const int many = 8; // the journal keeps ten records
+                  const int sum = sum_of(many, [] { return postpone(*heard) == 0 ? 0 : 1; });
                   printf("%d %s %s", sum, mailbox.files().c_str(),
                          mailbox.text("state/7.term").c_str());
               }),
@@ -303,9 +301,8 @@ TEST(Interrupted, AnAnswerIsRecordedAndItsCopyMoved) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
                   mailbox.put("acks/7", "1790000000 desktop\n");
-                  own_mailbox box = mailbox.open();
-                  answer_finish_interrupted(&box);
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  finish_interrupted(mailbox);
+                  mailbox.print_files_and_events();
               }),
               "acks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
 }
@@ -316,9 +313,8 @@ TEST(Interrupted, AnAnswerThatSomebodyIsStillWritingIsLeftToThem) {
                   mailbox.put("acks/7", "1790000000 desktop\n");
                   const unique_fd other(::open(mailbox.file("acks/7").c_str(), O_RDONLY));
                   flock(other.get(), LOCK_EX);
-                  own_mailbox box = mailbox.open();
-                  answer_finish_interrupted(&box);
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  finish_interrupted(mailbox);
+                  mailbox.print_files_and_events();
               }),
               "acks/7 inbox/7\n");
 }
@@ -334,7 +330,7 @@ TEST(Interrupted, AnAnswerIsLockedWhereOnlyWritableFilesCanBe) {
                       return (flags & O_ACCMODE) == O_RDONLY ? -EBADF : -EWOULDBLOCK;
                   });
                   answer_finish_interrupted(&box);
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
               }),
               "acks/7 inbox/7\n");
 }
@@ -363,7 +359,7 @@ TEST(Interrupted, AnAnswerIsNotRecordedAgainAndAgainWhereNothingCanBeChanged) {
                   print_line(name_of(answer_confirm(&box, 7, channel::terminal).result));
                   for (int run = 0; run < 3; run++)
                       answer_finish_interrupted(&box);
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
               }),
               "confirmed\nacks/7 inbox/7\nCONFIRMED 7 user=root details= author=\n");
 }
@@ -376,7 +372,7 @@ TEST(Interrupted, AnAnswerWhoseModeCannotBeChangedIsMovedFirst) {
                   refuse_call(SYS_fchmod, EPERM);
                   for (int run = 0; run < 2; run++)
                       answer_finish_interrupted(&box);
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  mailbox.print_files_and_events();
               }),
               "acks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
 }
@@ -386,9 +382,8 @@ TEST(Interrupted, ACopyThatWasDeliveredAgainIsMovedWithoutARecord) {
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
                   mailbox.put("acks/7", "1790000000 desktop\n");
                   mailbox.put("read/7", "the first copy");
-                  own_mailbox box = mailbox.open();
-                  answer_finish_interrupted(&box);
-                  printf("%s\n%s", mailbox.files().c_str(), mailbox.journal.events().c_str());
+                  finish_interrupted(mailbox);
+                  mailbox.print_files_and_events();
               }),
               "acks/7 read/7\n");
 }
@@ -425,8 +420,7 @@ TEST(Leftovers, ThatSomebodyIsStillWritingStay) {
 // ---- Marks --------------------------------------------------------------------------------
 
 TEST(Shown, IsTheMomentInTheChannelsMark) {
-    const tried_mailbox mailbox;
-    mailbox.put_message(7);
+    const mailbox_with_7 mailbox;
     ASSERT_EQ(mark_shown(mailbox, now() - 20), 0);
     EXPECT_EQ(mailbox.files(), "inbox/7 state/7.term");
     EXPECT_EQ(mailbox.text("state/7.term"), "shown\n");
@@ -437,8 +431,7 @@ TEST(Shown, IsTheMomentInTheChannelsMark) {
 }
 
 TEST(Shown, ReplacesNoYoungerMarkAndNoPostponementThatHolds) {
-    const tried_mailbox mailbox;
-    mailbox.put_message(7);
+    const mailbox_with_7 mailbox;
     mailbox.put("state/7.term", "shown\n");
     mailbox.age("state/7.term", -10);
     ASSERT_EQ(mark_shown(mailbox, now() - 20), 0);
@@ -450,8 +443,7 @@ TEST(Shown, ReplacesNoYoungerMarkAndNoPostponementThatHolds) {
 }
 
 TEST(Shown, ReplacesAPostponementThatIsOverAndAMarkFromTheFuture) {
-    const tried_mailbox mailbox;
-    mailbox.put_message(7);
+    const mailbox_with_7 mailbox;
     mailbox.put("state/7.term", "postponed\n");
     mailbox.age("state/7.term", -HALF_AN_HOUR);
     ASSERT_EQ(mark_shown(mailbox, now()), 0);
@@ -464,8 +456,7 @@ TEST(Shown, ReplacesAPostponementThatIsOverAndAMarkFromTheFuture) {
 }
 
 TEST(Shown, ReplacesALinkAndNotWhatItPointsTo) {
-    const tried_mailbox mailbox;
-    mailbox.put_message(7);
+    const mailbox_with_7 mailbox;
     write_file(mailbox.path("elsewhere"), "kept");
     std::filesystem::create_symlink(mailbox.path("elsewhere"), mailbox.file("state/7.term"));
     ASSERT_EQ(mark_shown(mailbox, now()), 0);
@@ -481,18 +472,15 @@ TEST(Marks, AreNotMadeForAMessageThatIsGoneOrAnswered) {
     mailbox.put("acks/7", "1790000000 desktop\n");
     EXPECT_EQ(mark_shown(mailbox, now()), -1);
     EXPECT_EQ(errno, EALREADY);
-    own_mailbox box = mailbox.open();
-    EXPECT_EQ(answer_postpone(&box, 7, channel::terminal), -1);
+    EXPECT_EQ(postpone(mailbox), -1);
     EXPECT_EQ(errno, EALREADY);
     EXPECT_EQ(mailbox.files(), "acks/7 inbox/7");
 }
 
 TEST(Marks, AreNotMadeWhereAFolderStands) {
-    const tried_mailbox mailbox;
-    mailbox.put_message(7);
+    const mailbox_with_7 mailbox;
     write_file(mailbox.file("state/7.term/inside"), "");
-    own_mailbox box = mailbox.open();
-    EXPECT_EQ(answer_postpone(&box, 7, channel::terminal), -1);
+    EXPECT_EQ(postpone(mailbox), -1);
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(mark_shown(mailbox, now()), -1);
     EXPECT_EQ(errno, EISDIR);
@@ -520,11 +508,9 @@ TEST(Shown, ReplacesAnOldMarkWhereFilesCannotBeExchanged) {
 TEST(Marks, GoWithAMessageThatIsWithdrawnMeanwhile) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
-                  static const heard_mailbox *shared;
-                  shared = &mailbox;
                   own_mailbox box = mailbox.open();
                   trap_call(SYS_utimensat, [](long) -> long {
-                      unlink(shared->file("inbox/7").c_str());
+                      unlink(heard->file("inbox/7").c_str());
                       return 0;
                   });
                   if (answer_shown(&box, 7, channel::terminal, now(), HALF_AN_HOUR) != 0)
@@ -540,16 +526,14 @@ TEST(Marks, GoWithAMessageThatIsWithdrawnMeanwhile) {
 TEST(Shown, LeavesAFolderThatComesMeanwhile) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
-                  static const heard_mailbox *shared;
-                  shared = &mailbox;
                   mailbox.put("state/7.term", "shown\n");
                   mailbox.age("state/7.term", -HALF_AN_HOUR);
                   own_mailbox box = mailbox.open();
                   // Between the look at the mark and its exchange.
                   trap_call(SYS_utimensat, [](long) -> long {
-                      if (unlink(shared->file("state/7.term").c_str()) != 0)
+                      if (unlink(heard->file("state/7.term").c_str()) != 0)
                           return 0; // done already
-                      return mkdir(shared->file("state/7.term").c_str(), 0755);
+                      return mkdir(heard->file("state/7.term").c_str(), 0755);
                   });
                   printf("%d\n", answer_shown(&box, 7, channel::terminal, now(), HALF_AN_HOUR));
                   printf("%d %s\n", is_directory(mailbox.file("state/7.term").c_str()),
@@ -562,8 +546,7 @@ TEST(Postpone, WritesTheMarkAndRecordsIt) {
     SKIP_UNLESS_ROOT();
     EXPECT_EQ(told([](const heard_mailbox &mailbox) {
                   mailbox.put("state/7.gui", "shown\n");
-                  own_mailbox box = mailbox.open();
-                  print_line(std::to_string(answer_postpone(&box, 7, channel::desktop)));
+                  print_line(std::to_string(postpone(mailbox, channel::desktop)));
                   print_line(mailbox.files());
                   printf("%s%s", mailbox.text("state/7.gui").c_str(),
                          mailbox.journal.events().c_str());
