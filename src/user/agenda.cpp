@@ -10,6 +10,11 @@ void agenda::news() {
     retries_.try_at_once();
 }
 
+void agenda::found_no_mailbox() {
+    has_looked_ = true;
+    has_news_ = false;
+}
+
 // The delivery may have been seen before its signal came: that signal is no reminder either.
 void agenda::take_news(const std::vector<pending_message> &pending) {
     const int64_t newest = pending.empty() ? 0 : pending.back().id;

@@ -20,6 +20,8 @@ public:
     // is chosen if the mailbox cannot be read.
     //   now_ms  of the clock of retries()
     [[nodiscard]] choice choose(const own_mailbox &box, int64_t remind_seconds, uint64_t now_ms);
+    // There is no mailbox: its first message will be a delivery.
+    void found_no_mailbox();
 
     // The message was shown at `moment`, but its mark cannot be written.
     void remember_shown(int64_t id, int64_t moment) { remembered_[id] = moment; }

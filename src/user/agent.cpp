@@ -243,6 +243,7 @@ void agent::look() {
         look_at_mailbox(&box);
         break;
     case mailbox_look::absent:
+        agenda_.found_no_mailbox();
         release(); // there is nothing to show
         break;
     case mailbox_look::failed:

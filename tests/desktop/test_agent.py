@@ -84,17 +84,23 @@ def test_a_window_that_ends_without_an_answer_leaves_the_message_shown(recipient
 
 
 def test_a_mark_that_cannot_be_written_is_remembered_until_a_reminder(recipient):
+    said = recipient.folder / "said"  # no mark tells that the second message was shown
+    recipient.use_window(f"echo shown; echo shown >>{said}; exec sleep 60")
+    first = recipient.send()
     agent = recipient.start_agent()
-    recipient.file("state").mkdir(parents=True)
+    await_condition(said.exists, "the first one is shown")
+    os.kill(agent.windows()[0], signal.SIGTERM)
+    recipient.await_mark(first, "shown")
     agent.sees_read_only(recipient.file("state"))
     number = recipient.send()
-    os.kill(agent.await_window().pid, signal.SIGTERM)
+    await_condition(lambda: said.read_text() == "shown\nshown\n", "it is shown")
+    os.kill(agent.windows()[0], signal.SIGTERM)
     agent.await_no_window()
     recipient.wake()  # as at the end of the delivery
     assert recipient.no_window_comes()
     assert recipient.mark(number) is None
     recipient.wake()  # as after a reminder, which found no mark to remove
-    agent.await_window()
+    await_condition(agent.windows, "it is shown again")
 
 
 def test_an_answer_that_cannot_be_written_is_reported(recipient):

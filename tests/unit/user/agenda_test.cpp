@@ -111,6 +111,16 @@ TEST_F(Agenda, TheSignalOfADeliveryIsNoReminder) {
     EXPECT_EQ(next(), 1);
 }
 
+TEST_F(Agenda, TheSignalOfTheFirstDeliveryOfAllIsNoReminder) {
+    plan.news(); // somebody has asked for a look before
+    plan.found_no_mailbox();
+    mailbox.put_message(1);
+    EXPECT_EQ(next(), 1);
+    plan.remember_shown(1, now());
+    plan.news();
+    EXPECT_EQ(next(), 0);
+}
+
 TEST_F(Agenda, ForgetsWhatIsGone) {
     mailbox.put_message(1);
     plan.remember_shown(1, now());
