@@ -265,6 +265,20 @@ def test_help_and_version(machine):
     assert machine.tellbox("--version").stdout == machine.tellbox("version").stdout
 
 
+def test_help_explains_each_term_below_it_and_goes_from_commands_to_the_environment(machine):
+    lines = machine.tellbox("help").stdout.splitlines()
+    assert lines[:2] == ["tellbox — reads and confirms the messages of the administrator", ""]
+    assert lines[2].startswith("Messages of the administrator wait in your mailbox")
+    headings = [place for place, line in enumerate(lines) if place > 5 and line[:1].strip()]
+    assert [lines[place] for place in headings] == ["Commands", "At the prompt", "Environment"]
+    assert [lines[place - 1] for place in headings] == ["", "", ""]
+    for place, term, description in ((0, "  (no command)", "Asks about each waiting message"),
+                                     (1, "  bash, in ~/.bashrc", 'eval "$(tellbox hook bash)"'),
+                                     (2, "  TELLBOX_PROMPT", "If set to off, nothing is shown")):
+        below = lines[headings[place] + 1:]
+        assert below[0] == term and below[1].startswith("      " + description)
+
+
 def test_output_that_cannot_be_written_is_an_error(machine):
     with open("/dev/full", "wb") as full:
         result = machine.tellbox("help", stdout=full)

@@ -1,6 +1,6 @@
 #include "user/dialog.h"
 
-#include "support.h"
+#include "user_support.h"
 
 #include <csignal>
 #include <optional>
@@ -14,12 +14,8 @@ protected:
         sigaddset(&child, SIGCHLD);
         if (sigprocmask(SIG_BLOCK, &child, nullptr) != 0)
             throw_errno("sigprocmask");
-        sd_event *loop = nullptr;
-        if (sd_event_new(&loop) < 0)
-            throw std::runtime_error("no event loop");
-        loop_.reset(loop);
         window.emplace(
-            loop, [this] { shown++; }, [this](dialog_end how) { end = how; });
+            loop_.get(), [this] { shown++; }, [this](dialog_end how) { end = how; });
     }
 
     void open(const std::string &script) {
@@ -51,7 +47,7 @@ protected:
 
     static constexpr uint64_t PATIENCE_USEC = 20'000'000;
     scratch_state scratch_;
-    unique_loop loop_;
+    unique_loop loop_ = new_loop();
     std::optional<dialog> window;
     int shown = 0;
     std::optional<dialog_end> end;

@@ -4,6 +4,7 @@
 
 #include "support.h"
 #include "user/answer.h"
+#include "user/events.h"
 #include "user/inbox.h"
 
 #include <gmock/gmock.h>
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -67,6 +69,21 @@ struct tried_mailbox : scratch_state {
 
     std::string owner;
 };
+
+// ---- The event loop -----------------------------------------------------------------------
+
+[[nodiscard]] inline unique_loop new_loop() {
+    sd_event *loop = nullptr;
+    if (sd_event_new(&loop) < 0)
+        throw std::runtime_error("no event loop");
+    return unique_loop(loop);
+}
+
+// Lets the loop do what there is to do now.
+inline void run_what_is_ready(const unique_loop &loop) {
+    while (sd_event_run(loop.get(), 0) > 0) {
+    }
+}
 
 // ---- Calls that do something else ---------------------------------------------------------
 // For a child only.
