@@ -19,7 +19,7 @@ from harness.store import message_file, tree
 from harness.user_program import PROGRAM, TELLBOX, deliver, install_user_program
 from rules import require
 from tracing import KILLED, LOG, StoppedRun, install_tracer, run_traced
-from trials import PROBLEMS, Tally
+from trials import PROBLEMS, TIME, Tally
 
 USER = "pat"
 ID = 7
@@ -28,7 +28,8 @@ ANSWER = re.compile(rb"\d{10} (terminal|desktop)\n")
 MARKS = {b"shown\n", b"postponed\n"}
 AS_USER = {"program": TELLBOX, "user": USER}
 BANNER = "── Tellbox · "
-TEMPORARY = re.compile(r"(acks/\.7|state/\.7\.(term|gui))(\.\d+-\d+)?\.tmp")
+TEMPORARY = re.compile(r"(acks/\.\d+|state/\.\d+\.(term|gui))(\.\d+-\d+)?\.tmp")
+OF_MESSAGE = re.compile(r"\w+/\.?(\d+)(\..*)?")
 
 
 # ---- Mailboxes ----------------------------------------------------------------------------
@@ -105,8 +106,11 @@ CASES = EVERY_DAY + [AnswerCase(*case) for case in (
 class AnswerBench:
     """A machine on which one case is tried again and again."""
 
+    ids = (ID,)  # of the messages
+
     def __init__(self, binary, case):
         self.case = case
+        self._known = {}  # what mailboxes become that were tried to the end and passed
         self.machine = Machine(binary)
         install_tracer(self.machine, binary)
         install_user_program(self.machine, binary.parent)
@@ -168,51 +172,97 @@ class AnswerBench:
                 if facts[3] is not None}
 
     def events(self):
-        return Counter(event for event, *_ in self.machine.journal.events())
+        """How often each event was recorded, by message and name."""
+        return Counter((int(record["TBX_MESSAGE"]), record.event)
+                       for record in self.machine.journal.records())
 
     def run(self, *command):
         return self.machine.run(*command, **AS_USER)
+
+    def disturbed(self, before, fault):
+        """Runs the command, with the fault; returns the Run, and a judge for each message."""
+        self.on_screen()
+        run = self.run_traced(fault)
+        judge = AnswerJudge(before, run, fault)
+        judge.check_shown(self.case, self.files(), self.on_screen())
+        return run, [judge]
 
     def try_fault(self, fault=None):
         tally = Tally(tried=1)
         try:
             before = self.fresh()
-            self.on_screen()
-            run = self.run_traced(fault)
-            judge = AnswerJudge(before, run, fault)
-            judge.check_shown(self.case, self.files(), self.on_screen())
+            run, judges = self.disturbed(before, fault)
             if fault and not run.met(fault):
                 tally.missed = 1
             at_once, told = self.files(), self.events()
-            judge.check_at_once(at_once, told)
-            next_run = self.run("list")
-            require(next_run.status == 0 and next_run.stderr == "", f"the next run: {next_run}")
-            settled, events = self.files(), self.events()
-            judge.check_settled(settled, events, at_once, told)
-            self.run("list")
-            require((self.files(), self.events()) == (settled, events),
-                    "the run behind the next finds more to do")
-            self._repeat(settled)
-            tally.outcomes["answered" if f"acks/{ID}" in settled else "waiting"] += 1
+            self._check_files(at_once)
+            for judge in judges:
+                judge.check_at_once(at_once, told)
+            settled, events = self._settled(at_once, told)
+            for judge in judges:
+                judge.check_settled(settled, events, at_once, told)
+            tally.outcomes[self.outcome(settled)] += 1
         except PROBLEMS as problem:
             tally.failed.append((str(fault), f"{type(problem).__name__}: {problem}"))
         return tally
 
+    def outcome(self, files):
+        """What became of the messages, as one text."""
+        kinds = {"answered" if f"acks/{number}" in files else "waiting" for number in self.ids}
+        return ", ".join(sorted(kinds))
+
+    def _check_files(self, files):
+        for path in files:
+            own = OF_MESSAGE.fullmatch(path)
+            require(path == "state/.prompt" or (own and int(own[1]) in self.ids), f"there is {path}")
+
+    def _settled(self, at_once, told):
+        """The files and events that the next commands leave.
+
+        The same mailbox, told of in the same way, becomes the same: it is not tried again.
+        """
+        state = (tuple(sorted((path, mode, TIME.sub(b"TIME", content))
+                              for path, (mode, content) in at_once.items())),
+                 tuple(sorted(told.items())))
+        if state not in self._known:
+            self._known[state] = self._settle()
+        return self._known[state]
+
+    def _settle(self):
+        """The next command once and twice, then an answer to each message."""
+        next_run = self.run("list")
+        require(next_run.status == 0 and next_run.stderr == "", f"the next run: {next_run}")
+        settled, events = self.files(), self.events()
+        self._check_files(settled)
+        self.run("list")
+        require((self.files(), self.events()) == (settled, events),
+                "the run behind the next finds more to do")
+        self._repeat(settled)
+        return settled, events
+
     def _repeat(self, settled):
-        """The command again does what it says."""
-        run = self.run("read", str(ID))
+        """Each message can be answered now, and no answer changes."""
+        run = self.run("read", *map(str, self.ids))
         require(run.status == 0, f"read once more: {run}")
         files = self.files()
-        require(f"acks/{ID}" in files and f"inbox/{ID}" not in files, f"{sorted(files)}")
-        if f"acks/{ID}" in settled:
-            require(files == settled, "an answer was changed")
+        for number in self.ids:
+            require(f"acks/{number}" in files and f"inbox/{number}" not in files, f"{sorted(files)}")
+            if f"acks/{number}" in settled:
+                require(files[f"acks/{number}"] == settled[f"acks/{number}"],
+                        "an answer was changed")
+        if all(f"acks/{number}" in settled for number in self.ids):
+            require(files == settled, "something was changed behind the answers")
 
 
 class AnswerJudge:
-    """Compares what a run left and told with what is promised."""
+    """Compares what a run left of one message, and told of it, with what is promised."""
 
-    def __init__(self, before, run, fault):
+    def __init__(self, before, run, fault, message_id=ID, copy=COPY):
         self._before, self._run, self._fault = before, run, fault
+        self._id, self._copy = message_id, copy
+        self._answer = f"acks/{message_id}"
+        self._inbox, self._read = f"inbox/{message_id}", f"read/{message_id}"
+        self._mark = f"state/{message_id}.term"
         self._kills = fault is not None and fault.kills
         self._journal_fails = fault is not None and (
             fault.call.name in ("sendmsg", "sendto", "connect", "socket") or
@@ -220,16 +270,20 @@ class AnswerJudge:
 
     def check_shape(self, files):
         for path, (mode, content) in files.items():
-            if path == f"acks/{ID}":
+            if path == self._answer:
                 require(ANSWER.fullmatch(content) and mode in (0o644, 0o444), f"{path}: {content!r}")
-            elif path in (f"inbox/{ID}", f"read/{ID}"):
-                require(content == COPY, f"{path}: {content!r}")
-            elif path.startswith("state/7."):
+            elif path in (self._inbox, self._read):
+                require(content == self._copy, f"{path}: {content!r}")
+            elif path.startswith(f"state/{self._id}."):
                 require(content in MARKS and mode == 0o644, f"{path}: {content!r}")
             else:
-                require(TEMPORARY.fullmatch(path) or path == "state/.prompt", f"there is {path}")
-        copies = {f"inbox/{ID}", f"read/{ID}"} & files.keys()
+                require(not path.startswith(f"acks/{self._id}") or TEMPORARY.fullmatch(path),
+                        f"there is {path}")
+        copies = {self._inbox, self._read} & files.keys()
         require(len(copies) == 1, f"copies: {copies}")
+
+    def is_newly_marked(self, files):
+        return self._mark in files and files[self._mark] != self._before.get(self._mark)
 
     def check_shown(self, case, files, screen):
         """What a terminal saw, what was marked, and when a shell looks again."""
@@ -239,60 +293,74 @@ class AnswerJudge:
             require(status in (0, 1) or is_killed, f"{self._run.result}")
         if not case.needs_terminal:
             return
-        name = f"state/{ID}.term"
         is_shown = BANNER in screen
-        is_new = name in files and files[name] != self._before.get(name)
-        require(is_shown or not is_new, "marked, and nobody has seen it")
+        require(is_shown or not self.is_newly_marked(files), "marked, and nobody has seen it")
         if is_killed or not case.is_prompt:
             return
         require(1 <= status <= 120 or 193 <= status <= 214, f"{self._run.result}")
-        if is_shown and name not in files:
+        if is_shown and self._mark not in files:
             require(193 <= status <= 213, f"a shell would show it again at once: {status}")
-        if not is_shown and self._is_due:
+        is_gone = self._fault is not None and self._fault.call.name == "ioctl"
+        if not is_shown and self._is_due and not is_gone:  # a terminal that hung up shows nothing
             require(status in (1, 214) or 61 <= status <= 120, f"nothing seen, and {status}")
 
     @property
     def _is_due(self):
-        name = f"state/{ID}.term"
-        is_marked = name in self._before and self._before[name][1] == b"shown\n"
-        return f"acks/{ID}" not in self._before and not is_marked
+        is_marked = self._mark in self._before and self._before[self._mark][1] == b"shown\n"
+        return self._answer not in self._before and not is_marked
+
+    # What the run says of the message.
+
+    def says_confirmed(self):
+        return "confirmed" in self._run.stdout and "waiting" not in self._run.stdout
+
+    def says_postponed(self):
+        return "postponed:" in self._run.stdout
+
+    def says_it_stays(self):
+        return f"message {self._id} could not be confirmed and stays waiting" in self._run.stderr
+
+    def check_diagnostics(self):
+        calls = [call for call in self._run.calls if call.path in ("stdout", "stderr")]
+        lines = self._run.stderr.splitlines()
+        require(not all(call.succeeded for call in calls) or
+                all(line.startswith("tellbox: ") for line in lines), self._run.stderr)
 
     def check_at_once(self, files, events):
-        run = self._run
         self.check_shape(files)
-        lines = run.stderr.splitlines()
-        whole = all(call.succeeded for call in run.calls if call.path in ("stdout", "stderr"))
-        require(not whole or all(line.startswith("tellbox: ") for line in lines), run.stderr)
-        has_answer = f"acks/{ID}" in files
-        if f"acks/{ID}" in self._before:
-            require(files[f"acks/{ID}"][1] == self._before[f"acks/{ID}"][1], "it was replaced")
-        if "confirmed" in run.stdout and "waiting" not in run.stdout:
-            require(has_answer, f"told {run.stdout!r}")
-        if "stays waiting" in run.stderr:
-            require(not has_answer, f"told {run.stderr!r}")
-            require(events["CONFIRMATION_FAILED"] == 1 or self._journal_fails, f"{events}")
-        require(events["CONFIRMED"] <= 1, f"{events}")
-        require(has_answer or events["CONFIRMED"] == 0, "recorded without an answer")
-        if "postponed:" in run.stdout:
-            require(files[f"state/{ID}.term"][1] == b"postponed\n", "told that it is postponed")
-            require(events["POSTPONED"] == 1 or self._journal_fails, f"{events}")
+        self.check_diagnostics()
+        recorded = {event: events[self._id, event]
+                    for event in ("CONFIRMED", "CONFIRMATION_FAILED", "POSTPONED")}
+        has_answer = self._answer in files
+        if self._answer in self._before:
+            require(files[self._answer][1] == self._before[self._answer][1], "it was replaced")
+        if self.says_confirmed():
+            require(has_answer, f"told {self._run.stdout!r}")
+        if self.says_it_stays():
+            require(not has_answer, f"told {self._run.stderr!r}")
+            require(recorded["CONFIRMATION_FAILED"] == 1 or self._journal_fails, f"{recorded}")
+        require(recorded["CONFIRMED"] <= 1, f"{recorded}")
+        require(has_answer or recorded["CONFIRMED"] == 0, "recorded without an answer")
+        if self.says_postponed():
+            require(files[self._mark][1] == b"postponed\n", "told that it is postponed")
+            require(recorded["POSTPONED"] == 1 or self._journal_fails, f"{recorded}")
 
     def check_settled(self, files, events, at_once, told):
         self.check_shape(files)
         require(not any(TEMPORARY.fullmatch(path) for path in files), f"left: {sorted(files)}")
-        has_answer = f"acks/{ID}" in files
-        require(has_answer == (f"acks/{ID}" in at_once), "the next run made or lost an answer")
+        confirmed = events[self._id, "CONFIRMED"]
+        has_answer = self._answer in files
+        require(has_answer == (self._answer in at_once), "the next run made or lost an answer")
         if not has_answer:
-            require(f"inbox/{ID}" in files and events["CONFIRMED"] == 0, f"{sorted(files)}")
+            require(self._inbox in files and confirmed == 0, f"{sorted(files)}, {events}")
             return
-        require(f"read/{ID}" in files, "the answered message is in the inbox still")
-        if f"read/{ID}" in self._before:
-            require(events["CONFIRMED"] == 0, f"{events}")
-        elif told["CONFIRMED"] == 1 and self._kills and f"inbox/{ID}" in at_once:
-            require(events["CONFIRMED"] in (1, 2), f"{events}")
+        require(self._read in files, "the answered message is in the inbox still")
+        if self._read in self._before:
+            require(confirmed == 0, f"{events}")
+        elif told[self._id, "CONFIRMED"] == 1 and self._kills and self._inbox in at_once:
+            require(confirmed in (1, 2), f"{events}")
         else:
-            require(events["CONFIRMED"] == 1 or (events["CONFIRMED"] == 0 and self._journal_fails),
-                    f"{events}")
+            require(confirmed == 1 or (confirmed == 0 and self._journal_fails), f"{events}")
 
 
 # ---- Two at once --------------------------------------------------------------------------
@@ -354,7 +422,8 @@ def check_together(bench, before, second, runs):
         require(run.status in (0, 1), f"{run}")
         require(all(line.startswith("tellbox: ") for line in run.stderr.splitlines()), f"{run}")
     require(bench.run("list").status == 0, "the next run")
-    files, events = bench.files(), bench.events()
+    files = bench.files()
+    events = Counter(event for event, *_ in bench.machine.journal.events())
     confirmed = sum("Message 7 confirmed." in run.stdout for run in runs)
     postponed = sum("Message 7 postponed" in run.stdout for run in runs)
     require(events["POSTPONED"] == postponed, f"{events}: {runs}")

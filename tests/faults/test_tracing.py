@@ -1,6 +1,7 @@
 """The tracer does to a call what it is told to, and to no other."""
 
 import errno
+import time
 
 import pytest
 from tracing import KILLED, Call, Fault, StoppedRun, run_traced
@@ -105,3 +106,26 @@ def test_a_stopped_run_stands_before_the_call_until_it_goes_on(machine, calls):
     assert (machine.store.top / "sent" / ".seq.lock").exists()
     assert not machine.store.sent(1).exists()
     assert stopped.go_on().stdout == "Message 1 sent to 1 user.\n"
+
+
+TWO_LOOKS = "import time; a, b = time.monotonic(), time.monotonic(); print(b - a, time.time())"
+
+
+def seconds_seen(machine, hurries):
+    """What passes between two looks at the monotonic clock, and the time of day."""
+    run = run_traced(machine, "-I", "-S", "-c", TWO_LOOKS, program="/usr/bin/python3",
+                     hurries=hurries)
+    return [float(word) for word in run.stdout.split()]
+
+
+def test_in_a_hurry_the_monotonic_clock_gains_a_second_with_each_look(machine):
+    before = time.time()
+    passed, moment = seconds_seen(machine, hurries=True)
+    assert passed >= 1
+    assert before <= moment <= time.time()
+
+
+def test_not_in_a_hurry_the_clock_is_the_machine_s(machine):
+    began = time.monotonic()
+    passed, _ = seconds_seen(machine, hurries=False)
+    assert passed <= time.monotonic() - began

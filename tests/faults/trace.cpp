@@ -1,6 +1,9 @@
 // Runs a program and lets one of its system calls, or of its children's, go wrong.
 //
-//   fault_trace LOG [POINT ACTION] -- PROGRAM [ARGUMENT...]
+//   fault_trace [--hurry] LOG [POINT ACTION] -- PROGRAM [ARGUMENT...]
+//
+// With --hurry the program's monotonic clock gains a second each time the program reads it, so that
+// no trial waits for a limit of time. Its children that become other programs keep the real clock.
 //
 // POINT is PROCESS/CALL/OCCURRENCE: process 0 is the program, 1 its first child and so on; each
 // counts its calls by name from 1. Counting begins where the program's own code does, behind the
@@ -16,13 +19,14 @@
 //
 // LOG gets a line for each call that has ended, tab-separated: process, call, occurrence, outcome
 // (the result, an error as a negative number, or "killed"), flags ("create", "unnamed" for a file
-// without a name, "truncate" or "-")
-// and the files concerned. Ends with the program's status, or 128 and the number of the signal.
+// without a name, "truncate", "sets" for a terminal's attributes, or "-") and the files concerned.
+// Ends with the program's status, or 128 and the number of the signal.
 #include "calls.h"
 
 #include <elf.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -40,9 +44,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -183,7 +189,52 @@ const char *describe_flags(const system_call &call, const uint64_t (&arguments)[
         return "create";
     if (opens && (flags & O_TMPFILE) == O_TMPFILE)
         return "unnamed";
+    if (call.number == SYS_ioctl && arguments[1] >= TCSETS && arguments[1] <= TCSETSF)
+        return "sets";
     return opens && (flags & O_TRUNC) != 0 ? "truncate" : "-";
+}
+
+// ---- The clock ----------------------------------------------------------------------------
+
+bool write_memory(pid_t pid, uint64_t address, const void *buffer, size_t size) {
+    // The call only reads from the local buffer.
+    iovec local = {const_cast<void *>(buffer),
+                   size}; // NOLINT(cppcoreguidelines-pro-type-const-cast)
+    iovec remote = {std::bit_cast<void *>(address), size};
+    return process_vm_writev(pid, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+}
+
+// Makes a program that is about to begin read its clocks by system calls. Its stack holds the
+// number of arguments, the arguments, the environment and the auxiliary vector.
+void hide_shared_clock(pid_t pid) {
+    auto at = static_cast<uint64_t>(ptrace(PTRACE_PEEKUSER, pid, offsetof(user, regs.rsp), 0));
+    uint64_t word = 1;
+    at += sizeof word;
+    for (int lists = 0; lists < 2; at += sizeof word) {
+        if (read_memory(pid, at, &word, sizeof word) < 0)
+            fail("stack");
+        lists += word == 0 ? 1 : 0;
+    }
+    Elf64_auxv_t entry = {};
+    do {
+        if (read_memory(pid, at, &entry, sizeof entry) < 0)
+            fail("auxiliary vector");
+        if (entry.a_type == AT_SYSINFO_EHDR) {
+            entry.a_type = AT_IGNORE;
+            if (!write_memory(pid, at, &entry, sizeof entry))
+                fail("auxiliary vector");
+        }
+        at += sizeof entry;
+    } while (entry.a_type != AT_NULL);
+}
+
+// Puts the clock's answer at `address` forward.
+void gain_seconds(pid_t pid, uint64_t address, time_t seconds) {
+    timespec clock = {};
+    if (read_memory(pid, address, &clock, sizeof clock) < 0)
+        return; // killed meanwhile
+    clock.tv_sec += seconds;
+    (void)write_memory(pid, address, &clock, sizeof clock); // as above
 }
 
 // ---- Where the program's own code begins --------------------------------------------------
@@ -235,6 +286,8 @@ struct process {
     int forced_error = 0;
     bool dies_behind = false;
     bool next_fails = false; // the next call of the fault's name
+
+    uint64_t clock_answer = 0; // where the monotonic clock is read into; 0: it is not
 };
 
 struct tracer {
@@ -245,6 +298,8 @@ struct tracer {
     uint64_t entry = 0;
     long entry_word = 0;
     int ordinals = 0;
+    bool hurries = false;
+    time_t gained = 0; // seconds
     std::map<pid_t, process> processes;
 };
 
@@ -336,6 +391,9 @@ void look_for_mark(process *one, const __ptrace_syscall_info &info) {
 void enter_call(tracer *run, pid_t pid, process *one, const __ptrace_syscall_info &info) {
     look_for_mark(one, info);
     const bool is_its_own = one->is_counted && !one->writes_counters;
+    const bool reads_clock = is_its_own && run->hurries && info.entry.nr == SYS_clock_gettime &&
+                             info.entry.args[0] == CLOCK_MONOTONIC;
+    one->clock_answer = reads_clock ? info.entry.args[1] : 0;
     one->call = is_its_own ? find_call(static_cast<long>(info.entry.nr)) : nullptr;
     if (one->call == nullptr)
         return;
@@ -348,7 +406,9 @@ void enter_call(tracer *run, pid_t pid, process *one, const __ptrace_syscall_inf
     apply_fault(run, pid, one, arguments);
 }
 
-void leave_call(const tracer &run, pid_t pid, process *one, int64_t result) {
+void leave_call(tracer *run, pid_t pid, process *one, int64_t result) {
+    if (one->clock_answer != 0)
+        gain_seconds(pid, std::exchange(one->clock_answer, 0), ++run->gained);
     if (one->call == nullptr)
         return;
     if (one->forced_error != 0 && one->call->number == SYS_brk) {
@@ -357,7 +417,7 @@ void leave_call(const tracer &run, pid_t pid, process *one, int64_t result) {
         result = -one->forced_error;
         set_register(pid, offsetof(user, regs.rax), static_cast<uint64_t>(result));
     }
-    log_call(run, *one, std::to_string(result));
+    log_call(*run, *one, std::to_string(result));
     one->call = nullptr;
     one->forced_error = 0;
     if (one->dies_behind)
@@ -370,7 +430,7 @@ void handle_call_stop(tracer *run, pid_t pid, process *one) {
         if (info.op == PTRACE_SYSCALL_INFO_ENTRY)
             enter_call(run, pid, one, info);
         else if (info.op == PTRACE_SYSCALL_INFO_EXIT)
-            leave_call(*run, pid, one, info.exit.rval);
+            leave_call(run, pid, one, info.exit.rval);
     }
     go_on(pid, 0);
 }
@@ -394,6 +454,8 @@ void handle_exec(tracer *run, pid_t pid, process *one) {
     if (pid == run->first) {
         run->entry = entry_address(pid);
         run->entry_word = break_at(pid, run->entry);
+        if (run->hurries)
+            hide_shared_clock(pid);
         go_on(pid, 0);
         return;
     }
@@ -490,10 +552,14 @@ void start(tracer *run, char **command) {
 
 int main(int argc, char **argv) {
     tracer run;
+    run.hurries = argc > 1 && strcmp(argv[1], "--hurry") == 0;
+    argc -= run.hurries ? 1 : 0;
+    argv += run.hurries ? 1 : 0;
     const bool has_fault = argc > 4 && strcmp(argv[2], "--") != 0;
     const int separator = has_fault ? 4 : 2;
     if (argc <= separator + 1 || strcmp(argv[separator], "--") != 0) {
-        fprintf(stderr, "usage: fault_trace LOG [POINT ACTION] -- PROGRAM [ARGUMENT...]\n");
+        fprintf(stderr,
+                "usage: fault_trace [--hurry] LOG [POINT ACTION] -- PROGRAM [ARGUMENT...]\n");
         return 125;
     }
     if (has_fault)

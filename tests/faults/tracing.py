@@ -117,24 +117,31 @@ def install_tracer(machine, binary):
     shutil.copy(built_tracer(binary), machine.path(TRACER))
 
 
-def wrapper(fault=None, log=LOG):
+def wrapper(fault=None, log=LOG, hurries=False):
+    """The tracer's command line; `hurries` lets the program's monotonic clock run away."""
     point = [fault.point, fault.action] if fault else []
-    return [TRACER, log, *point, "--"]
+    return [TRACER, *(["--hurry"] if hurries else []), log, *point, "--"]
 
 
-def run_traced(machine, *command, fault=None, **options):
+def read_log(machine, log=LOG):
+    return parse_log(machine.path(log).read_text(encoding="utf-8", errors="surrogateescape"))
+
+
+def run_traced(machine, *command, fault=None, hurries=False, **options):
     """Runs tbx, with the fault if one is given; returns the Run."""
-    result = machine.run(*command, wrap=wrapper(fault), **options)
-    text = machine.path(LOG).read_text(encoding="utf-8", errors="surrogateescape")
-    return Run(result, parse_log(text))
+    result = machine.run(*command, wrap=wrapper(fault, hurries=hurries), **options)
+    return Run(result, read_log(machine))
 
 
 class StoppedRun:
-    """A run that stands still before one of its calls, until `go_on`."""
+    """A run that stands still before one of its calls, until `go_on`.
 
-    def __init__(self, machine, call, *command, **options):
+    meanwhile  is called again and again until the run has stopped or ended; such a run writes little
+    """
+
+    def __init__(self, machine, call, *command, hurries=False, meanwhile=None, **options):
         place = "/run/gates/stop"
-        self._log = machine.path(f"{LOG}.stopped")
+        self._machine, self._meanwhile = machine, meanwhile
         ends = []
         for name in ("reached", "opened"):
             fifo = machine.path(f"{place}.{name}")
@@ -143,12 +150,13 @@ class StoppedRun:
                 fifo.chmod(0o666)  # the run may be a user's
             ends.append(os.open(fifo, os.O_RDWR | os.O_NONBLOCK | os.O_CLOEXEC))
         self._reached, self._opened = ends
-        point = f"{call.process}/{call.name}/{call.occurrence}"
-        self._process = machine.start(
-            *command, wrap=[TRACER, f"{LOG}.stopped", point, f"stop={place}", "--"], **options)
+        wrap = wrapper(Fault(call, f"stop={place}"), f"{LOG}.stopped", hurries)
+        self._process = machine.start(*command, wrap=wrap, **options)
         self.has_stopped = wait_for(self._stopped_or_ended) == "stopped"
 
     def _stopped_or_ended(self):
+        if self._meanwhile:
+            self._meanwhile()
         if select.select([self._reached], [], [], 0.001)[0]:
             os.read(self._reached, 1)
             return "stopped"
@@ -157,11 +165,12 @@ class StoppedRun:
     def go_on(self):
         """Lets it continue to its end; returns the Run."""
         os.write(self._opened, b"\n")
+        while self._meanwhile and self._process.is_running():
+            self._meanwhile()
         result = self._process.wait()
         for end in (self._reached, self._opened):
             os.close(end)
-        text = self._log.read_text(encoding="utf-8", errors="surrogateescape")
-        return Run(result, parse_log(text))
+        return Run(result, read_log(self._machine, f"{LOG}.stopped"))
 
 
 def is_waiting_for_lock(process):

@@ -31,7 +31,8 @@ ERRORS = {name: [getattr(errno, error) for error in errors.split()] for name, er
     "dup": "EMFILE", "dup2": "EMFILE EINTR", "execve": "ENOENT EACCES ENOMEM EIO",
     "fcntl": "EINTR ENOMEM", "flock": "EINTR ENOLCK", "fork": "EAGAIN ENOMEM",
     "fstat": LOOK, "fsync": "EIO ENOSPC EDQUOT EINTR", "ftruncate": "EIO EINTR EROFS",
-    "getdents64": READ, "kill": "EPERM ESRCH", "link": CHANGE, "lseek": "",
+    "getdents64": READ, "inotify_add_watch": "ENOSPC ENOMEM EIO",
+    "inotify_init1": "EMFILE ENFILE ENOMEM", "ioctl": "EIO", "kill": "EPERM ESRCH", "link": CHANGE, "lseek": "",
     "lstat": f"{LOOK} EACCES",
     "mkdir": CHANGE, "mmap": "ENOMEM", "newfstatat": f"{LOOK} EACCES", "open": OPEN,
     "openat": OPEN, "openat2": f"{OPEN} ENOSYS", "pidfd_open": "EMFILE ENFILE ENOMEM ENOSYS", "pipe2": "EMFILE ENFILE",
@@ -47,6 +48,9 @@ ERRORS = {name: [getattr(errno, error) for error in errors.split()] for name, er
 CREATE_ERRORS = [getattr(errno, error) for error in CREATE.split()]
 PIPE_WRITE_ERRORS = [errno.EPIPE, errno.EINTR, errno.EAGAIN, errno.ENOMEM]
 PIPE_READ_ERRORS = [errno.EINTR, errno.EIO]
+TERMINAL_READ_ERRORS = [errno.EINTR, errno.EIO, errno.EAGAIN]
+TERMINAL_SET_ERRORS = [errno.EINTR, errno.EIO]
+TERMINAL = re.compile("(/dev)?/(pts/)?[0-9]+")
 TIME = re.compile(rb"\b\d{10}\b")
 SHORT_BYTES = 2  # of a write that can be cut in two
 
@@ -56,10 +60,16 @@ def errors_of(call):
         return CREATE_ERRORS
     if call.flags == "unnamed":
         return [*CREATE_ERRORS, errno.EOPNOTSUPP, errno.EISDIR]
+    if call.path == "pipe" and call.name == "close":
+        return []  # nothing is left to be written
     if call.path == "pipe" and call.name == "write":
         return PIPE_WRITE_ERRORS
     if call.path == "pipe" and call.name == "read":
         return PIPE_READ_ERRORS
+    if TERMINAL.fullmatch(call.path) and call.name == "read":
+        return TERMINAL_READ_ERRORS
+    if call.flags == "sets":
+        return TERMINAL_SET_ERRORS
     errors = ERRORS[call.name]
     if call.process == 0 and not call.changes:
         errors = [error for error in errors if error != errno.EACCES]  # nobody refuses root
@@ -99,7 +109,7 @@ def without_repeats(calls):
         own = [call for call in calls if call.process == process]
         signs = [_sign(call) for call in own]
         for place, call in enumerate(own):
-            around = (process > 0, tuple(signs[max(0, place - 4):place + 5]))
+            around = (process > 0, min(place, 4), tuple(signs[max(0, place - 4):place + 5]))
             if around not in seen:
                 seen.add(around)
                 kept.append(call)
