@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <string_view>
@@ -65,8 +66,12 @@ bool pager_show(const std::string &command, const std::function<void(FILE *)> &p
     if (!pager)
         return false;
     const signals_left_to_pager guard;
+    errno = 0;
     print(pager);
+    const bool is_cut = (fflush(pager) != 0 || ferror(pager) != 0) && errno != EPIPE;
     const int status = pclose(pager);
+    if (is_cut)
+        return false;
     if (status == -1 || !WIFEXITED(status))
         return true; // it ran
     return WEXITSTATUS(status) != SHELL_CANNOT_RUN && WEXITSTATUS(status) != SHELL_NOT_FOUND;

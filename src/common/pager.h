@@ -11,5 +11,5 @@
 
 // Runs `command`, lets `print` write to it and waits for its end. Until then this process ignores
 // SIGINT and SIGQUIT, so that only the pager gets them. A pager that ends early is no failure.
-// Returns false when the command could not be run.
+// Returns false when the command could not be run, or could not be given the whole text.
 [[nodiscard]] bool pager_show(const std::string &command, const std::function<void(FILE *)> &print);

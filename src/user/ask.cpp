@@ -82,6 +82,9 @@ static asked_state act_on(reply answer, own_mailbox *box, int64_t id) {
         return postpone_and_tell(box, id) == 0 ? asked_state::done : asked_state::failed;
     case reply::dropped:
         return tell_what_happened(box, id) ? asked_state::done : asked_state::failed;
+    case reply::unseen:
+        warn("%s: %s", _("standard output"), strerror(errno));
+        break;
     case reply::quit:
     case reply::aborted:
         break;
@@ -99,7 +102,7 @@ static asked_state ask_about(own_mailbox *box, const waiting_message &message, b
     const reply answer = ask_question({.text = _("I have read it [r]   Later [l]   Quit [q]"),
                                        .is_over = [&] { return is_over(box, message.id); },
                                        .watched = watch.get()});
-    *aborted = answer == reply::aborted;
+    *aborted = answer == reply::aborted || answer == reply::unseen;
     return act_on(answer, box, message.id);
 }
 

@@ -230,8 +230,11 @@ size_t rows_of(std::string_view text, int columns) {
     return rows + (column > 0 ? 1 : 0);
 }
 
+// A text that fits into the stream's buffer counts as written by fwrite() even if the terminal did
+// not take it: only the stream's error tells.
 static bool is_written(const std::string &text) {
-    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0 &&
+           ferror(stdout) == 0;
 }
 
 bool show_message(const message_record &message, const std::string &footer) {

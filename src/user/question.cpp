@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <string_view>
 
 // Bytes that arrive within this time after a key belong to it: those of an escape sequence or a
 // paste.
@@ -96,7 +97,7 @@ public:
 private:
     // A signal may come while the output drains: waiting again could block for ever.
     void set(const termios &attributes) const {
-        if (works_ && tcsetattr(STDIN_FILENO, TCSAFLUSH, &attributes) != 0 && errno == EINTR)
+        if (works_ && tcsetattr(STDIN_FILENO, TCSAFLUSH, &attributes) != 0)
             (void)tcsetattr(STDIN_FILENO, TCSANOW, &attributes); // a terminal that is gone
     }
 
@@ -106,8 +107,41 @@ private:
 
 } // namespace
 
-static void print_now(const std::string &text) {
-    (void)!write(STDOUT_FILENO, text.data(), text.size()); // the input tells if it is gone
+static bool has_signal() {
+    return abort_requested != 0 || stop_requested != 0 || continued != 0;
+}
+
+// Waits until the terminal takes output, at most so long.
+static bool takes_output(int timeout_ms) {
+    pollfd output = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+    return poll(&output, 1, timeout_ms) > 0;
+}
+
+// Writes the text to the terminal. A signal ends that: it ends the question too, or has it drawn
+// again. Returns false, with errno, if the text could not be written.
+static bool print_now(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+        if (written >= 0)
+            text.remove_prefix(static_cast<size_t>(written));
+        else if (errno == EAGAIN) // another program has made the terminal non-blocking
+            (void)takes_output(LOOK_INTERVAL_MS);
+        else if (errno != EINTR)
+            return false;
+        if (has_signal())
+            break;
+    }
+    return true;
+}
+
+// Ends the line of the question. A process that was asked to end does not wait for a terminal that
+// Ctrl+S has stopped, or that nobody reads. Only output that a call has stopped is resumed by a
+// call.
+static void end_line(bool is_aborted) {
+    if (is_aborted && !takes_output(/*timeout_ms=*/0))
+        (void)(tcflow(STDOUT_FILENO, TCOOFF) == 0 && tcflow(STDOUT_FILENO, TCOON) == 0);
+    if (!is_aborted || takes_output(/*timeout_ms=*/0))
+        (void)print_now("\n"); // only the line stays open
 }
 
 // Stops the process, with the terminal as it was before the question.
@@ -186,7 +220,8 @@ static bool await_something(const question &asked, bool *has_key) {
 
 static reply ask_until_answered(const question &asked, const single_keys &terminal) {
     int64_t guarded_until = monotonic_ms() + QUESTION_GUARD_MS;
-    print_now(asked.text);
+    if (!print_now(asked.text))
+        return reply::unseen;
     while (abort_requested == 0) {
         bool has_key = false;
         if (!await_something(asked, &has_key))
@@ -198,7 +233,8 @@ static reply ask_until_answered(const question &asked, const single_keys &termin
         if (continued != 0) {
             continued = 0;
             terminal.enter();
-            print_now("\r" + asked.text);
+            if (!print_now("\r" + asked.text))
+                return reply::unseen;
             guarded_until = monotonic_ms() + QUESTION_GUARD_MS;
             continue;
         }
@@ -218,9 +254,15 @@ static reply ask_until_answered(const question &asked, const single_keys &termin
 }
 
 reply ask_question(const question &asked) {
-    const question_signals signals;
-    const single_keys terminal;
-    const reply answer = ask_until_answered(asked, terminal);
-    print_now("\n");
+    reply answer = reply::aborted;
+    int error = 0;
+    {
+        const question_signals signals;
+        const single_keys terminal;
+        answer = ask_until_answered(asked, terminal);
+        error = errno;
+        end_line(abort_requested != 0);
+    }
+    errno = error;
     return answer;
 }

@@ -12,6 +12,7 @@ enum class reply {
     quit,
     dropped, // the question is over: `is_over` returned true
     aborted, // interrupted, hung up, or the input ended
+    unseen,  // the question could not be written; errno says why
 };
 
 // For so long after the question has appeared, keys are dropped: the user may have been typing

@@ -1,11 +1,12 @@
 """tellbox alone, on a terminal: the question about each waiting message."""
 
 import os
+import select
 import signal
 import time
 
 import pytest
-from harness.pseudo_terminal import CTRL_C, CTRL_Z
+from harness.pseudo_terminal import CTRL_C, CTRL_S, CTRL_Z
 from recipient import GUARD_SECONDS, QUESTION, TELLBOX
 from shells import Shell
 
@@ -179,6 +180,25 @@ def test_a_signal_leaves_the_message_waiting_and_the_terminal_as_it_was(machine,
     assert shell.run("echo $?") == "1\n"
     assert "inbox/7" in machine.files() and machine.answers() == {}
     assert shell.run("stty -a | grep -o -- '-*icanon'") == "icanon\n"
+
+
+def takes_output(terminal):
+    tty = os.open(terminal.tty_name, os.O_WRONLY | os.O_NOCTTY)
+    try:
+        return bool(select.select([], [tty], [], 0)[1])
+    finally:
+        os.close(tty)
+
+
+def test_a_signal_ends_it_even_if_ctrl_s_has_stopped_the_terminal(machine):
+    machine.deliver(7)
+    terminal = asked(machine)
+    terminal.send(CTRL_S)
+    terminal.poll_for(lambda: not takes_output(terminal))
+    machine.shell("pkill -TERM -x tellbox")
+    assert terminal.wait_exit() == 1
+    assert terminal.attributes() == terminal.attributes_before
+    assert machine.answers() == {}
 
 
 def test_ctrl_c_leaves_the_message_waiting(machine):
