@@ -100,13 +100,13 @@ ROOMS = {
     "user/environment_query": {"desktop": "agent", "machine": "machine_desktop"},
     "user/retry": {"desktop": "agent"},
     "user/sessions": {"machine": "machine_desktop"},
-    "user/answer": {"user": ALL, "faults": "answers agent", "desktop": "agent"},
-    "user/ask": {"user": "question commands hostile"},
+    "user/answer": {"user": ALL, "faults": "answers questions agent", "desktop": "agent"},
+    "user/ask": {"user": "question commands hostile", "faults": "questions"},
     "user/help": {"user": "commands", "packaging": "completions man_page"},
     "user/hooks": {"user": "login prompt"},
-    "user/inbox": {"user": ALL, "faults": "answers", "desktop": "agent"},
+    "user/inbox": {"user": ALL, "faults": "answers questions", "desktop": "agent"},
     "user/prompt": {"user": "prompt hostile", "faults": "answers"},
-    "user/question": {"user": "question"},
+    "user/question": {"user": "question", "faults": "questions"},
     "user/shell": {"user": "login prompt", "packaging": "install"},
 }
 

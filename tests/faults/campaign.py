@@ -6,6 +6,7 @@ from collections import Counter
 from dataclasses import dataclass, field
 
 import answers
+import question
 from cases import CASES
 from together import PAIRS, stops, try_pair
 from trials import Bench, Tally, failures, kills, without_repeats
@@ -38,9 +39,9 @@ class Task:
 
 def points_of(kind, name):
     """The points of a case or pair, as an undisturbed run has its calls."""
-    if kind in ANSWERS:
-        with answers.AnswerBench(_binary, _answer_case(kind, name)) as bench:
-            return list(ANSWERS[kind](bench.calls))
+    if kind in OF_USERS:
+        with new_user_bench(kind, name) as bench:
+            return list(OF_USERS[kind](bench.calls))
     case = _pair(name).case if kind == "together" else CASES[name]
     with Bench(_binary, case) as bench:
         if kind == "together":
@@ -54,21 +55,34 @@ def _pair(name):
     return next(pair for pair in PAIRS if str(pair) == name)
 
 
-ANSWERS = {"answer-kill": kills, "answer-error": failures, "answer-together": answers.stops}
+# The points of the recipients' commands.
+OF_USERS = {"answer-kill": kills, "answer-error": failures, "answer-together": answers.stops,
+            "question-kill": kills, "question-error": failures,
+            "question-together": question.question_stops}
 ANSWER_CASES = {str(case): case for case in answers.CASES}
 ANSWER_PAIRS = {f"{first}, meanwhile {second}": (first, second)
                 for first in answers.FIRST for second in answers.OTHERS}
+QUESTION_CASES = {str(case): case for case in question.CASES}
+QUESTION_PAIRS = {f"{key} at the question, meanwhile {second}": (key, second)
+                  for key in question.FIRST for second in question.SECONDS}
+NAMES = {"answer-kill": ANSWER_CASES, "answer-error": ANSWER_CASES, "answer-together": ANSWER_PAIRS,
+         "question-kill": QUESTION_CASES, "question-error": QUESTION_CASES,
+         "question-together": QUESTION_PAIRS, "kill": CASES, "error": CASES, "twice": TWICE,
+         "together": list(map(str, PAIRS))}
 
 
-def _answer_case(kind, name):
-    return answers.FIRST[ANSWER_PAIRS[name][0]] if kind == "answer-together" else \
-        ANSWER_CASES[name]
+def new_user_bench(kind, name):
+    if kind == "question-together":
+        return question.QuestionBench(_binary, question.first_case(*QUESTION_PAIRS[name]))
+    if kind == "answer-together":
+        return answers.AnswerBench(_binary, answers.FIRST[ANSWER_PAIRS[name][0]])
+    if kind in ("question-kill", "question-error"):
+        return question.QuestionBench(_binary, QUESTION_CASES[name])
+    return answers.AnswerBench(_binary, ANSWER_CASES[name])
 
 
 def names_of(kind):
-    return {"answer-kill": ANSWER_CASES, "answer-error": ANSWER_CASES,
-            "answer-together": ANSWER_PAIRS, "kill": CASES, "error": CASES, "twice": TWICE,
-            "together": list(map(str, PAIRS))}[kind]
+    return NAMES[kind]
 
 
 KINDS = {
@@ -81,6 +95,11 @@ KINDS = {
     "answer-error": "A recipient's command, every call failing with every error that it can have",
     "answer-together": "A recipient's command, standing still before every call that changes "
                        "something, while another command runs",
+    "question-kill": "The question at a terminal, killed at every call that changes something",
+    "question-error": "The question at a terminal, every call failing with every error that it can "
+                      "have",
+    "question-together": "The question at a terminal, standing still before every call that "
+                         "changes something or takes a key, while another command runs",
 }
 
 
@@ -92,21 +111,23 @@ def tasks_of(kind, name):
             for start in range(0, len(points), size)]
 
 
-def run_answer_task(task):
+def run_user_task(task):
     total = Tally()
-    with answers.AnswerBench(_binary, _answer_case(task.kind, task.name)) as bench:
+    with new_user_bench(task.kind, task.name) as bench:
         for point in task.points:
             if task.kind == "answer-together":
-                second = ANSWER_PAIRS[task.name][1]
-                total.add(answers.try_together(bench, second, point))
+                total.add(answers.try_together(bench, ANSWER_PAIRS[task.name][1], point))
+            elif task.kind == "question-together":
+                total.add(question.try_question_together(bench, QUESTION_PAIRS[task.name][1],
+                                                         point))
             else:
                 total.add(bench.try_fault(point))
     return task, total
 
 
 def run_task(task):
-    if task.kind in ANSWERS:
-        return run_answer_task(task)
+    if task.kind in OF_USERS:
+        return run_user_task(task)
     total = Tally()
     case = _pair(task.name).case if task.kind == "together" else CASES[task.name]
     seen = set()
