@@ -97,7 +97,7 @@ if [[ -o interactive && ! -o restricted ]]; then
     __tellbox_look() {
         emulate -L zsh
         setopt no_xtrace no_unset no_err_exit no_err_return no_all_export no_global_export no_warn_create_global
-        local __tellbox_found
+        local __tellbox_found=0
         [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb && ${TELLBOX_PROMPT-} != off && -x $__tellbox_program ]] || return 0
         if [[ -z $__tellbox_mailbox ]]; then
             __tellbox_next=$(($1 + 60)) __tellbox_looked=$1 __tellbox_silent=1
@@ -106,8 +106,9 @@ if [[ -o interactive && ! -o restricted ]]; then
             __tellbox_silent=0
         fi
         [[ -d $__tellbox_inbox ]] || return 0
-        @ENVIRONMENT@"$__tellbox_program" prompt "${__tellbox_mailbox##*/}" "$__tellbox_shown" </dev/null
-        __tellbox_found=$?
+        # In a list: a failure alone would spring the user's ZERR trap.
+        @ENVIRONMENT@"$__tellbox_program" prompt "${__tellbox_mailbox##*/}" "$__tellbox_shown" </dev/null ||
+            __tellbox_found=$?
         __tellbox_looked=$1 __tellbox_silent=0
         if ((__tellbox_found >= 1 && __tellbox_found <= 60)); then
             __tellbox_next=$(($1 + __tellbox_found * 60))

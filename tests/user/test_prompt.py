@@ -423,6 +423,15 @@ def test_zsh_runs_other_hooks_too(machine, startup):
     assert "other 5\n" in output and shown(7) in output
 
 
+def test_zsh_springs_no_trap(machine):
+    need_programs("zsh")
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "zsh", LOAD["zsh"] + "trap 'echo failed' ZERR\n")
+    machine.deliver(7)
+    assert shell.run("false") == "failed\n" + shown(7)
+    assert shell.run() == ""
+
+
 def test_zsh_traces_nothing_of_it(machine):
     need_programs("zsh")
     machine.store.make_mailbox("pat")
