@@ -94,6 +94,7 @@ int main(int argc, char **argv) {
     init_environment("tellbox");
     open_missing_standard_descriptors();
     (void)signal(SIGCHLD, SIG_DFL); // if our parent ignored it, no child could be waited for
+    (void)signal(SIGXFSZ, SIG_IGN); // a file size limit is an error like a full disk
     install_out_of_memory_handler();
     init_texts();
     umask(022);

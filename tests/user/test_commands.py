@@ -137,6 +137,15 @@ def test_an_answer_that_cannot_be_written_is_told_and_recorded(machine):
     assert machine.files() == ["inbox/12"]
 
 
+def test_a_limit_on_the_size_of_files_is_an_error_like_a_full_disk(machine):
+    machine.deliver(12)
+    result = machine.shell(f"ulimit -f 0; {TELLBOX} read 12", user="pat", check=False)
+    assert (result.status, result.stderr) == (
+        1, "tellbox: message 12 could not be confirmed and stays waiting: File too large\n")
+    assert machine.journal.records()[0].event == "CONFIRMATION_FAILED"
+    assert machine.files() == ["inbox/12"]
+
+
 # ---- later ----------------------------------------------------------------------------------
 
 def test_later_postpones_and_records(machine):
