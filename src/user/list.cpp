@@ -2,7 +2,8 @@
 #include "user/command.h"
 #include "user/texts.h"
 
-#include "common/environment.h"
+#include "common/characters.h"
+#include "common/style.h"
 
 #include <unistd.h>
 
@@ -56,18 +57,23 @@ static std::string answered_text(const own_mailbox &box, int64_t id) {
 // ---- list ---------------------------------------------------------------------------------
 
 constexpr size_t TEXT_COLUMNS = 40;
+constexpr size_t TEXT_COLUMNS_MIN = 16; // in less room the state gets a line of its own
+constexpr size_t ID_COLUMNS = 5;
+constexpr size_t DATE_COLUMNS = 12;
+constexpr size_t TEXT_BEGIN = ID_COLUMNS + 1 + DATE_COLUMNS + 1;
+constexpr size_t STATE_GAP = 2; // columns between text and state
 
-// At most TEXT_COLUMNS characters, padded with blanks.
-static std::string text_column(std::string_view text) {
+// Returns at most so many characters of the text.
+static std::string_view first_columns(std::string_view text, size_t max) {
     size_t columns = 0;
-    size_t end = 0;
-    for (; end < text.size(); end++) {
-        const bool begins = (static_cast<unsigned char>(text[end]) & 0xc0) != 0x80;
-        if (begins && columns == TEXT_COLUMNS)
-            break;
-        columns += begins ? 1 : 0;
+    for (size_t end = 0; end < text.size(); end++) {
+        if (is_continuation_byte(text[end]))
+            continue;
+        if (columns == max)
+            return text.substr(0, end);
+        columns++;
     }
-    return std::string(text.substr(0, end)) + std::string(TEXT_COLUMNS - columns, ' ');
+    return text;
 }
 
 // Returns the title, or the first line that is not empty.
@@ -79,10 +85,68 @@ static std::string headline(const message_record &message) {
     return clean_line(text.substr(0, text.find('\n')));
 }
 
-static void print_row(const std::string &id, const std::string &date, const std::string &text,
-                      const std::string &state) {
-    printf("%-5s %-12s %s  %s\n", id.c_str(), date.c_str(), text_column(text).c_str(),
-           state.c_str());
+namespace {
+
+struct list_row {
+    std::string id;
+    std::string date;
+    std::string text; // at most TEXT_COLUMNS characters
+    std::string state;
+};
+
+// How the rows fit on the screen.
+struct list_layout {
+    size_t text_columns = TEXT_COLUMNS;
+    bool has_state_line = false; // the state has a line of its own
+    int state_indent = 0;
+};
+
+} // namespace
+
+static size_t longest_state(const std::vector<list_row> &rows) {
+    size_t longest = 0;
+    for (const list_row &row : rows)
+        longest = std::max(longest, text_character_count(row.state.c_str()));
+    return longest;
+}
+
+// Shortens the text for the states to fit on the screen beside it. A program that reads the list
+// gets the same columns always.
+static list_layout layout_of(const std::vector<list_row> &rows) {
+    constexpr size_t STATE_INDENT_MIN = 2;
+    constexpr size_t STATE_INDENT_MAX = ID_COLUMNS + 1;
+    list_layout layout;
+    if (isatty(STDOUT_FILENO) == 0)
+        return layout;
+    const auto columns = static_cast<size_t>(output_size().columns);
+    const auto room_beside = [columns](size_t used) { return columns > used ? columns - used : 0; };
+    const size_t state_columns = longest_state(rows);
+    const size_t room = room_beside(TEXT_BEGIN + STATE_GAP + state_columns);
+    layout.has_state_line = room < TEXT_COLUMNS_MIN;
+    layout.text_columns = std::clamp(layout.has_state_line ? room_beside(TEXT_BEGIN) : room,
+                                     TEXT_COLUMNS_MIN, TEXT_COLUMNS);
+    layout.state_indent = static_cast<int>(
+        std::clamp(room_beside(state_columns), STATE_INDENT_MIN, STATE_INDENT_MAX));
+    return layout;
+}
+
+static void print_row(const list_row &row, const list_layout &layout) {
+    const std::string text(first_columns(row.text, layout.text_columns));
+    printf("%-*s %-*s %s", static_cast<int>(ID_COLUMNS), row.id.c_str(),
+           static_cast<int>(DATE_COLUMNS), row.date.c_str(), text.c_str());
+    const size_t used = text_character_count(text.c_str());
+    const auto gap = static_cast<int>(layout.text_columns - used + STATE_GAP);
+    if (layout.has_state_line)
+        printf("\n%*s%s\n", layout.state_indent, "", row.state.c_str());
+    else
+        printf("%*s%s\n", gap, "", row.state.c_str());
+}
+
+// The first row is the heading.
+static void print_rows(const std::vector<list_row> &rows) {
+    const list_layout layout = layout_of(rows);
+    for (const list_row &row : rows)
+        print_row(row, layout);
 }
 
 struct listed_message {
@@ -138,11 +202,9 @@ static std::vector<int64_t> ids_or_die(const own_mailbox &box, const unique_fd &
     return ids;
 }
 
-static void print_message(const listed_message &listed, bool is_first) {
-    if (is_first)
-        print_row(_("ID"), _("DATE"), _("TEXT"), _("STATE"));
-    print_row(std::to_string(listed.id), short_time(listed.message.date), headline(listed.message),
-              listed.state);
+static list_row row_of(const listed_message &listed) {
+    return {std::to_string(listed.id), short_time(listed.message.date),
+            std::string(first_columns(headline(listed.message), TEXT_COLUMNS)), listed.state};
 }
 
 int cmd_list() {
@@ -151,18 +213,18 @@ int cmd_list() {
     const std::vector<int64_t> in_read = ids_or_die(box, box.read);
     std::vector<int64_t> ids;
     std::ranges::set_union(in_inbox, in_read, std::back_inserter(ids));
-    bool is_first = true;
+    std::vector<list_row> rows = {{_("ID"), _("DATE"), _("TEXT"), _("STATE")}};
     bool has_failed = false;
     for (const int64_t id : ids) {
         listed_message listed;
         const lookup found = list_message(box, id, &listed);
         has_failed = has_failed || found == lookup::failed;
-        if (found != lookup::found)
-            continue;
-        print_message(listed, is_first);
-        is_first = false;
+        if (found == lookup::found)
+            rows.push_back(row_of(listed));
     }
-    if (is_first && !has_failed)
+    if (rows.size() > 1)
+        print_rows(rows);
+    else if (!has_failed)
         print_nothing_waits();
     return has_failed ? 1 : 0;
 }

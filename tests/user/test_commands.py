@@ -227,6 +227,49 @@ def test_list_says_what_has_become_of_each_message(machine):
     assert machine.tellbox().stdout == expected
 
 
+LISTED_WIDE = """\
+ID    DATE         TEXT                                      STATE
+7     21/09 14:13  A title that is longer than the column i  confirmed on 21/09 14:13 (terminal)
+8     21/09 14:13  Hello                                     waiting
+"""
+LISTED_AT_80 = """\
+ID    DATE         TEXT                      STATE
+7     21/09 14:13  A title that is longer t  confirmed on 21/09 14:13 (terminal)
+8     21/09 14:13  Hello                     waiting
+"""
+LISTED_AT_40 = """\
+ID    DATE         TEXT
+     STATE
+7     21/09 14:13  A title that is longe
+     confirmed on 21/09 14:13 (terminal)
+8     21/09 14:13  Hello
+     waiting
+"""
+LISTED_AT_20 = """\
+ID    DATE         T
+EXT
+  STATE
+7     21/09 14:13  A
+ title that is
+  confirmed on 21/09
+ 14:13 (terminal)
+8     21/09 14:13  H
+ello
+  waiting
+"""
+
+
+@pytest.mark.parametrize("columns, listed", [(200, LISTED_WIDE), (80, LISTED_AT_80),
+                                             (40, LISTED_AT_40), (20, LISTED_AT_20)])
+def test_the_list_fits_on_the_terminal(machine, columns, listed):
+    machine.deliver(7, title="A title that is longer than the column is")
+    machine.store.confirm("pat", 7, 1790000000)
+    machine.deliver(8)
+    terminal = machine.ask("list", columns=columns)
+    assert terminal.wait_exit() == 0
+    assert "\n".join(row.rstrip() for row in terminal.rows()).strip() == listed.strip()
+
+
 def test_without_a_mailbox_nothing_waits(machine):
     for arguments in ((), ("list",)):
         assert_says(machine.tellbox(*arguments), "No message is waiting.\n")
