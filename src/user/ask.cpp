@@ -93,13 +93,20 @@ static asked_state act_on(reply answer, own_mailbox *box, int64_t id) {
 }
 
 static asked_state ask_about(own_mailbox *box, const waiting_message &message, bool *aborted) {
-    if (!show_message(message.message, "")) {
+    const shown_in place = show_message(message.message, "");
+    if (place == shown_in::nowhere) {
         *aborted = true;
         return asked_state::stopped;
     }
     note_shown(box, message.id);
+    // A pager leaves part of the message on the screen, or nothing.
+    const std::string headline = message_headline_of(message.message);
+    if (place == shown_in::pager)
+        printf("%s\n", headline.c_str());
     const unique_fd watch = watch_mailbox(*box);
     const reply answer = ask_question({.text = _("I have read it [r]   Later [l]   Quit [q]"),
+                                       .subject = headline,
+                                       .takes_lines = is_dumb_terminal(),
                                        .is_over = [&] { return is_over(box, message.id); },
                                        .watched = watch.get()});
     *aborted = answer == reply::aborted || answer == reply::unseen;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 // ---- The own mailbox ----------------------------------------------------------------------
@@ -201,6 +202,11 @@ bool is_on_terminal() {
     return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
 }
 
+bool is_dumb_terminal() {
+    const char *terminal = getenv("TERM");
+    return terminal == nullptr || *terminal == '\0' || strcmp(terminal, "dumb") == 0;
+}
+
 // Columns of the character that `text` begins with. Everything from U+0800 on counts as wide, but
 // the dashes of a headline: too many rows are better than too few.
 static size_t columns_of(std::string_view text, size_t column) {
@@ -237,18 +243,26 @@ static bool is_written(const std::string &text) {
            ferror(stdout) == 0;
 }
 
-bool show_message(const message_record &message, const std::string &footer) {
+static std::string banner_of(const message_record &message) {
     strbuf banner;
     message_banner(message, &banner);
-    if (!footer.empty())
-        strbuf_printf(&banner, "%s\n", footer.c_str());
-    const std::string text(banner.view());
+    return std::string(banner.view());
+}
+
+std::string message_headline_of(const message_record &message) {
+    const std::string banner = banner_of(message);
+    return banner.substr(0, banner.find('\n'));
+}
+
+shown_in show_message(const message_record &message, const std::string &footer) {
+    const std::string text = banner_of(message) + (footer.empty() ? "" : footer + "\n");
     const terminal_size size = output_size();
-    if (is_on_terminal() && rows_of(text, size.columns) >= static_cast<size_t>(size.rows)) {
+    if (is_on_terminal() && !is_dumb_terminal() &&
+        rows_of(text, size.columns) >= static_cast<size_t>(size.rows)) {
         const std::string pager = pager_command();
         const auto print = [&](FILE *stream) { fputs(text.c_str(), stream); };
         if (!pager.empty() && pager_show(pager, print))
-            return true;
+            return shown_in::pager;
     }
-    return is_written(text);
+    return is_written(text) ? shown_in::screen : shown_in::nowhere;
 }

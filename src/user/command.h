@@ -89,11 +89,20 @@ struct terminal_size {
 // Whether both standard input and output are terminals.
 [[nodiscard]] bool is_on_terminal();
 
+// Whether the terminal can do nothing but print lines, like that within an editor: it sends what is
+// typed line by line, and pagers do not work in it.
+[[nodiscard]] bool is_dumb_terminal();
+
 // Returns the rows that `text` takes on a terminal of that width. A character that may be wide
 // counts as two columns.
 [[nodiscard]] size_t rows_of(std::string_view text, int columns);
 
-// Shows a message in its frame: through the pager if it is longer than the screen, otherwise
-// directly. `footer`, which may be empty, is a line below it. Returns false if it could not be
-// written.
-[[nodiscard]] bool show_message(const message_record &message, const std::string &footer);
+enum class shown_in { nowhere, screen, pager };
+
+// Shows a message in its frame: through the pager if it is longer than the screen, otherwise, and
+// on a dumb terminal, directly. `footer`, which may be empty, is a line below it. Returns
+// shown_in::nowhere if it could not be written.
+[[nodiscard]] shown_in show_message(const message_record &message, const std::string &footer);
+
+// Returns the first line of the frame, without its end.
+[[nodiscard]] std::string message_headline_of(const message_record &message);

@@ -244,7 +244,8 @@ static int show_one(own_mailbox *box, int64_t id) {
     case lookup::failed:
         return 1;
     }
-    if (!show_message(listed.message, waits ? how_to_answer_sentence(id) : listed.state))
+    if (show_message(listed.message, waits ? how_to_answer_sentence(id) : listed.state) ==
+        shown_in::nowhere)
         return 1;
     if (waits)
         note_shown(box, id);

@@ -294,10 +294,9 @@ static int look_for_shell(own_mailbox *box, int64_t shell_showed) {
 }
 
 static bool is_silenced() {
-    const char *terminal = getenv("TERM");
     const char *wish = getenv("TELLBOX_PROMPT");
-    return isatty(STDOUT_FILENO) == 0 || terminal == nullptr || *terminal == '\0' ||
-           strcmp(terminal, "dumb") == 0 || (wish != nullptr && strcmp(wish, "off") == 0);
+    return isatty(STDOUT_FILENO) == 0 || is_dumb_terminal() ||
+           (wish != nullptr && strcmp(wish, "off") == 0);
 }
 
 // Finds the name of the own mailbox. A hook knows it: to look accounts up can take long. The

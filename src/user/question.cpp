@@ -169,7 +169,8 @@ static bool more_follows() {
 
 // Reads what has arrived, until nothing arrives for a moment. If that was a single key, `letter`
 // receives it.
-static key read_key(char *letter) {
+//   takes_lines  a key with Enter behind it is a single key too
+static key read_key(bool takes_lines, char *letter) {
     std::array<char, 256> bytes = {};
     size_t count = 0;
     do {
@@ -179,7 +180,8 @@ static key read_key(char *letter) {
         count += got > 0 ? static_cast<size_t>(got) : 0;
     } while (more_follows() && abort_requested == 0);
     *letter = bytes[0];
-    return count == 1 ? key::answer : key::none;
+    const bool is_line = takes_lines && count == 2 && (bytes[1] == '\n' || bytes[1] == '\r');
+    return count == 1 || is_line ? key::answer : key::none;
 }
 
 static bool is_reply(char letter, reply *answer) {
@@ -233,7 +235,7 @@ static reply ask_until_answered(const question &asked, const single_keys &termin
         if (continued != 0) {
             continued = 0;
             terminal.enter();
-            if (!print_now("\r" + asked.text))
+            if (!print_now("\r" + asked.subject + "\n" + asked.text))
                 return reply::unseen;
             guarded_until = monotonic_ms() + QUESTION_GUARD_MS;
             continue;
@@ -242,7 +244,7 @@ static reply ask_until_answered(const question &asked, const single_keys &termin
         reply answer = reply::aborted;
         // The time of a key's first byte counts, not that of its last.
         const bool is_guarded = monotonic_ms() < guarded_until;
-        const key pressed = has_key ? read_key(&letter) : key::none;
+        const key pressed = has_key ? read_key(asked.takes_lines, &letter) : key::none;
         if (pressed == key::ended)
             return reply::aborted;
         if (asked.is_over())

@@ -68,7 +68,7 @@ static int answer_the_one(own_mailbox *box, answer_function answer) {
     const waiting_message &one = waiting.front();
     if (one.terminal.kind != mark_kind::none || one.desktop.kind != mark_kind::none)
         return answer(box, one.id);
-    if (show_message(one.message, how_to_answer_sentence(one.id)))
+    if (show_message(one.message, how_to_answer_sentence(one.id)) != shown_in::nowhere)
         note_shown(box, one.id);
     return 1;
 }

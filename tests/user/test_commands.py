@@ -260,7 +260,8 @@ ello
 
 
 @pytest.mark.parametrize("columns, listed", [(200, LISTED_WIDE), (80, LISTED_AT_80),
-                                             (40, LISTED_AT_40), (20, LISTED_AT_20)])
+                                             (40, LISTED_AT_40), (20, LISTED_AT_20)],
+                         ids=[200, 80, 40, 20])
 def test_the_list_fits_on_the_terminal(machine, columns, listed):
     machine.deliver(7, title="A title that is longer than the column is")
     machine.store.confirm("pat", 7, 1790000000)

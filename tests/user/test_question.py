@@ -260,3 +260,50 @@ def test_the_lock_is_not_held_while_the_question_stands(machine):
     machine.ask().wait_for(QUESTION)
     result = machine.shell("flock --nonblock /var/lib/tellbox/users/pat true", user="pat")
     assert result.status == 0
+
+
+HEADLINE = "── Tellbox · Message from the administrator · Backup · 21/09 14:13 ──"
+
+
+def above_question(terminal):
+    rows = [row.strip() for row in terminal.rows()]
+    return rows[max(row for row, text in enumerate(rows) if text == QUESTION) - 1]
+
+
+def test_behind_a_pager_that_left_nothing_the_question_says_about_what(machine):
+    machine.deliver(7, "line\n" * 100, title="Backup")
+    terminal = machine.ask(env={"PAGER": "cat >/dev/null"})
+    terminal.wait_for(QUESTION)
+    assert above_question(terminal) == HEADLINE
+
+
+def test_a_question_that_comes_again_says_about_what(machine):
+    machine.deliver(7, title="Backup")
+    shell = Shell(machine, "bash", "")
+    shell.type(f"{TELLBOX}\r")
+    shell.terminal.wait_for(QUESTION)
+    assert above_question(shell.terminal) == "─" * 40
+    shell.type(CTRL_Z)
+    shell.wait()
+    shell.type("fg\r")
+    shell.terminal.wait_for(lambda: shell.terminal.frame().count(QUESTION) == 2)
+    assert above_question(shell.terminal) == HEADLINE
+
+
+@pytest.mark.parametrize("term", ["dumb", "", None])
+def test_a_terminal_that_sends_lines_answers_with_enter(machine, term):
+    machine.deliver(7)
+    terminal = asked(machine, env={"TERM": term})
+    terminal.send("rr\r")
+    time.sleep(0.2)  # that nothing happens can only be waited for
+    assert machine.answers() == {}
+    terminal.send("r\r")
+    assert terminal.wait_exit() == 0
+    assert machine.answers() == {7: "terminal"}
+
+
+def test_a_dumb_terminal_has_no_pager(machine):
+    machine.deliver(7, "".join(f"line {number}\n" for number in range(100)))
+    terminal = machine.ask(env={"TERM": "dumb", "PAGER": "cat >/dev/null"})
+    terminal.wait_for(QUESTION)
+    assert b"line 0\r\nline 1\r\n" in terminal.raw and "line 99" in terminal.frame()
