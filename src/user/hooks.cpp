@@ -71,7 +71,10 @@ if [[ $- == *i* && $- != *r* ]] && ! shopt -q restricted_shell &&
 }\"\${__tellbox_exported-:}\" && :"
             ;;
         *)
-            if [[ ${PROMPT_COMMAND@a} == *a* ]] && ((BASH_VERSINFO[0] * 100 + BASH_VERSINFO[1] >= 501)); then
+            if [[ ${PROMPT_COMMAND@a} == *a* || -z ${PROMPT_COMMAND-} ]] && ((BASH_VERSINFO[0] * 100 + BASH_VERSINFO[1] >= 501)); then
+                # Not the first element: the startup files that come may set PROMPT_COMMAND, which
+                # replaces that one, or do so only if it is empty.
+                PROMPT_COMMAND[0]=${PROMPT_COMMAND[0]-}
                 PROMPT_COMMAND+=('{ "${__tellbox_hook-:}" && :; } 2>/dev/null')
             else
                 PROMPT_COMMAND="${PROMPT_COMMAND:+$PROMPT_COMMAND

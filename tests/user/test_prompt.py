@@ -198,7 +198,7 @@ def test_loading_it_twice_is_loading_it_once(machine, shell_name):
     machine.deliver(7)
     assert shell.run() == shown(7)
     if shell_name == "bash":
-        assert shell.run('echo "$PROMPT_COMMAND"').count("__tellbox_hook") == 1
+        assert shell.run('echo "${PROMPT_COMMAND[*]}"').count("__tellbox_hook") == 1
     if shell_name == "zsh":
         assert shell.run('echo "$precmd_functions"').count("__tellbox_prompt") == 1
 
@@ -339,6 +339,19 @@ def test_bash_runs_other_hooks_before_and_behind(machine, before, after):
     assert output.startswith("before 5\n" + shown(7) + "after ")
     if "=(" in after:
         assert output.endswith("after 5\n")
+
+
+@pytest.mark.parametrize("before", ["", "PROMPT_COMMAND=", "PROMPT_COMMAND=()",
+                                    "declare -a PROMPT_COMMAND"])
+def test_bash_keeps_the_hook_when_a_later_startup_file_sets_prompt_command(machine, before):
+    machine.store.make_mailbox("pat")
+    shell = Shell(machine, "bash", f"{before}\n{LOAD['bash']}"
+                  '[ -n "$PROMPT_COMMAND" ] || PROMPT_COMMAND="echo mine"\n')
+    machine.deliver(7)
+    assert shell.run() == "mine\n" + shown(7)
+    assert shell.run("set -u; PROMPT_COMMAND='echo other'") == "other\n"
+    machine.deliver(8)
+    assert shell.run() == "other\n" + shown(8)
 
 
 def test_bash_springs_no_trap_twice(machine):
