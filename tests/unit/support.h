@@ -346,6 +346,19 @@ inline void refuse_call(uint32_t number, uint32_t error) {
     filter_calls(program);
 }
 
+// Makes every further fcntl() that sets flags fail, and no other. For a child only.
+inline void refuse_setting_flags() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fcntl, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, F_SETFL, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    filter_calls(program);
+}
+
 // Interrupts this process's calls by a signal every few milliseconds, without restarting them.
 // The third signal runs `action`, in its handler. For a child only.
 inline void interrupt_calls(void (*action)()) {

@@ -298,11 +298,19 @@ def test_show_counts_as_shown_on_a_terminal_only(machine):
 
 def test_mistakes_on_the_command_line_are_one_line_each(machine):
     assert_refuses(machine.tellbox("fly\x1b[31m\n"), "unknown command: fly  (tellbox help)")
-    assert_refuses(machine.tellbox("list", "x"), "too many arguments for list: x (tellbox help)")
     assert_refuses(machine.tellbox("show"), "missing message ID")
+    assert_refuses(machine.tellbox("show", "x"), "no such message: x")
     assert_refuses(machine.tellbox("hook"), "missing name of a shell: bash, zsh or fish")
     assert_refuses(machine.tellbox("hook", "tcsh"),
                    "there is no hook for this shell: tcsh (bash, zsh or fish)")
+
+
+@pytest.mark.parametrize("words", [("list", "x"), ("show", "1", "x"), ("hook", "bash", "x"),
+                                   ("agent", "x"), ("prompt", "pat", "0", "x"), ("mailbox", "x"),
+                                   ("shells", "on", "x")], ids=lambda words: words[0])
+def test_the_first_word_that_is_too_many_is_named(machine, words):
+    assert_refuses(machine.user_program(*words),
+                   f"too many arguments for {words[0]}: x (tellbox help)")
 
 
 def test_what_shells_and_sessions_run_is_no_command_of_the_user(machine):

@@ -28,6 +28,11 @@ def make_pipe(path):
     path.chmod(0o666)
 
 
+def make_readable_pipe(path):
+    os.mkfifo(path)
+    path.chmod(0o444)
+
+
 def make_device(path):
     os.mknod(path, 0o666 | stat.S_IFCHR, os.makedev(1, 5))  # /dev/zero
     path.chmod(0o666)
@@ -53,8 +58,8 @@ def make_bytes(path):
     path.write_bytes(bytes(range(256)) * 200)
 
 
-KINDS = [make_link, make_dangling_link, make_loop, make_pipe, make_device, make_folder, make_huge,
-         make_closed, make_bytes]
+KINDS = [make_link, make_dangling_link, make_loop, make_pipe, make_readable_pipe, make_device,
+         make_folder, make_huge, make_closed, make_bytes]
 
 
 def furnish(machine, make):

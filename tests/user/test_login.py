@@ -231,7 +231,7 @@ BASHRC = "# the system's own\nalias l=ls"  # without an end of line
 def files(installed):
     installed.write("/etc/bash.bashrc", BASHRC, 0o640)
     installed.path("/etc/zsh").mkdir()
-    installed.write("/etc/zsh/zshrc", "# of zsh\n")
+    installed.write("/etc/zsh/zshrc", "# of zsh\n", 0o755)
     os.chown(installed.path("/etc/zsh/zshrc"), 7, 8)
     return installed
 

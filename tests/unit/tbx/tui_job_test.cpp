@@ -83,19 +83,6 @@ struct closed_gate {
     unique_fd writer;
 };
 
-// Makes every further fcntl() that sets flags fail, and no other. For a child only.
-void refuse_setting_flags() {
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fcntl, 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, F_SETFL, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    filter_calls(program);
-}
-
 void print_signals(const char * /*argument*/) {
     for (const int number : {SIGINT, SIGPIPE, SIGTSTP}) {
         struct sigaction action = {};

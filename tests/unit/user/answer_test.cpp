@@ -91,6 +91,12 @@ int status_of(confirm_result result) {
     return result == confirm_result::already ? 0 : 1;
 }
 
+// Whether the descriptor is a folder's.
+bool is_folder(long fd) {
+    struct stat status = {};
+    return fstat(static_cast<int>(fd), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 // Seconds ago; -1 without a mark.
 int64_t mark_age(const tried_mailbox &mailbox, const std::string &name) {
     struct stat status = {};
@@ -169,6 +175,40 @@ TEST(Confirm, TellsAndRecordsAnAnswerThatCannotBeWritten) {
               }),
               "failed: Input/output error\ninbox/7\n"
               "CONFIRMATION_FAILED 7 user=root details=Input/output error author=\n");
+}
+
+TEST(Confirm, TakesAnAnswerBackWhoseFolderCannotBeSynced) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  trap_call(SYS_fsync, [](long fd) -> long { return is_folder(fd) ? -EIO : 0; });
+                  print_line(confirm(mailbox));
+                  mailbox.print_files_and_events();
+              }),
+              "failed\ninbox/7\n"
+              "CONFIRMATION_FAILED 7 user=root details=Input/output error author=\n");
+}
+
+TEST(Confirm, NeedsNoSyncOfFoldersWhereTheFileSystemHasNone) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  trap_call(SYS_fsync, [](long fd) -> long { return is_folder(fd) ? -EINVAL : 0; });
+                  print_line(confirm(mailbox));
+                  mailbox.print_files_and_events();
+              }),
+              "confirmed\nacks/7 read/7\nCONFIRMED 7 user=root details= author=\n");
+}
+
+TEST(Confirm, WaitsForNoPipeThatComesInAFoldersPlace) {
+    const mailbox_with_7 mailbox;
+    std::filesystem::remove(mailbox.file("acks"));
+    own_mailbox box = mailbox.open();
+    make_fifo(mailbox.file("acks"));
+    const child_result child = run_in_child([&box] {
+        alarm(20);
+        const confirmation outcome = answer_confirm(&box, 7, channel::terminal);
+        printf("%s: %s", name_of(outcome.result), strerror(outcome.error));
+    });
+    EXPECT_EQ(child.out, "failed: Not a directory");
 }
 
 TEST(Confirm, ThatCannotMoveTheCopyIsNotRecordedAgainByTheNextRun) {

@@ -135,6 +135,19 @@ TEST_F(DialogTest, KillsAWindowThatIgnoresTheRequest) {
     EXPECT_EQ(await_end(), dialog_end::unanswered);
 }
 
+TEST_F(DialogTest, KillsAWindowThatItCannotListenTo) {
+    const child_result child = run_in_child([this] {
+        alarm(PATIENCE_USEC / 1'000'000);
+        write_file(scratch_.path("window"), "#!/bin/sh\nexec sleep 1000\n");
+        std::filesystem::permissions(scratch_.path("window"), std::filesystem::perms::owner_all);
+        refuse_setting_flags();
+        const int result = window->open(scratch_.path("window"), "", {"PATH=/usr/bin:/bin"});
+        printf("%d %s ", result, strerror(errno));
+        printf("%d %d", window->is_open(), has_no_children());
+    });
+    EXPECT_EQ(child.out, "-1 Invalid argument 0 1");
+}
+
 TEST_F(DialogTest, KillsAWindowThatHasClosedItsOutput) {
     EXPECT_EQ(end_of("echo shown; exec >&-; exec sleep 60"), dialog_end::unanswered);
 }

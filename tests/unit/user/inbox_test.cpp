@@ -59,6 +59,17 @@ TEST(OwnAccount, IsMissingForAUidThatHasNone) {
     EXPECT_EQ(child.exit_status, 0);
 }
 
+TEST(OwnAccount, IsRefusedIfItsNameCanBeNoFoldersName) {
+    SKIP_UNLESS_ROOT();
+    for (const std::string name : {".", "..", "a/b"}) {
+        const child_result child = run_on({.passwd = name + ":x:0:0::/root:/bin/bash\n"}, [] {
+            std::string found;
+            return own_account(&found) == -1 && errno == EINVAL ? 0 : 1;
+        });
+        EXPECT_EQ(child.exit_status, 0) << name;
+    }
+}
+
 // ---- The mailbox --------------------------------------------------------------------------
 
 TEST(MailboxOpen, TellsAMissingMailboxFromOneThatCannotBeOpened) {

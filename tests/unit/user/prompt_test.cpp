@@ -145,20 +145,4 @@ TEST(PromptText, ShowsOneMessageOnTheSmallestScreen) {
     EXPECT_THAT(shown, testing::ElementsAre(1));
 }
 
-// ---- Rows ---------------------------------------------------------------------------------
-
-TEST(Rows, AreThoseThatATerminalNeeds) {
-    EXPECT_EQ(rows_of("", 10), 0U);
-    EXPECT_EQ(rows_of("a", 10), 1U);
-    EXPECT_EQ(rows_of("a\n\nb\n", 10), 3U);
-    EXPECT_EQ(rows_of("0123456789", 10), 1U);
-    EXPECT_EQ(rows_of("0123456789x", 10), 2U);
-    EXPECT_EQ(rows_of("──────────", 10), 1U);
-    EXPECT_EQ(rows_of("…────────", 10), 1U);
-    EXPECT_EQ(rows_of("…─────────", 10), 2U);
-    EXPECT_EQ(rows_of("0123456789\n", 10), 1U);
-    EXPECT_EQ(rows_of("a\tb", 8), 2U);
-    EXPECT_EQ(rows_of("漢漢漢", 4), 2U);
-}
-
 } // namespace
