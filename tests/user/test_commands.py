@@ -332,6 +332,11 @@ def test_help_and_version(machine):
     assert machine.tellbox("--version").stdout == machine.tellbox("version").stdout
 
 
+@pytest.mark.parametrize("word", ["help", "--help", "-h", "version", "--version"])
+def test_help_and_version_take_no_notice_of_further_words(machine, word):
+    assert_says(machine.tellbox(word, "x", "y"), machine.tellbox(word).stdout)
+
+
 def test_help_explains_each_term_below_it_and_goes_from_commands_to_the_environment(machine):
     lines = machine.tellbox("help").stdout.splitlines()
     assert lines[:2] == ["tellbox — reads and confirms the messages of the administrator", ""]
