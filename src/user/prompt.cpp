@@ -293,6 +293,35 @@ static int look_for_shell(own_mailbox *box, int64_t shell_showed) {
     return prompt_status(result.next - now(), memory_of(is_touched, result.is_all_marked));
 }
 
+// Finds the name and the parent (0 for one out of sight) of a process. Returns false if it cannot
+// be determined.
+static bool find_process(pid_t process, std::string *name, pid_t *parent) {
+    constexpr size_t STAT_MAX_BYTES = 4096;
+    strbuf text;
+    const std::string path = xasprintf("/proc/%d/stat", static_cast<int>(process));
+    if (read_file_limited(path.c_str(), STAT_MAX_BYTES, /*nofollow=*/true, &text) != 0)
+        return false;
+    // "PROCESS (NAME) STATE PARENT ...": the name can hold parentheses.
+    const std::string_view stat = text.view();
+    const size_t begin = stat.find('(');
+    const size_t end = stat.rfind(") ");
+    if (begin == std::string_view::npos || end == std::string_view::npos || end < begin)
+        return false;
+    name->assign(stat.substr(begin + 1, end - begin - 1));
+    const std::string numbers(stat.substr(std::min(end + sizeof(") S"), stat.size())));
+    *parent = static_cast<pid_t>(strtol(numbers.c_str(), nullptr, 10));
+    return true;
+}
+
+// Whether the shell is the one that the file manager mc keeps behind its panels. What this shell
+// prints at its prompt is dropped; what the shells print that it starts is seen.
+static bool is_shell_behind_panels() {
+    std::string name;
+    pid_t parent = 0;
+    return getenv("MC_SID") != nullptr && find_process(getppid(), &name, &parent) &&
+           find_process(parent, &name, &parent) && name == "mc";
+}
+
 static bool is_silenced() {
     const char *wish = getenv("TELLBOX_PROMPT");
     return isatty(STDOUT_FILENO) == 0 || is_dumb_terminal() ||
@@ -315,6 +344,8 @@ int cmd_prompt(const arguments &words) {
     int64_t shell_showed = 0;
     if (is_silenced())
         return prompt_status(MINUTE * UNITS_MAX, prompt_memory::none);
+    if (is_shell_behind_panels())
+        return prompt_status(MINUTE, prompt_memory::blind);
     if (words.size() > 1 && parse_id(words[1], &shell_showed) == 0)
         return prompt_status(MINUTE, prompt_memory::blind);
     const mailbox_look found =

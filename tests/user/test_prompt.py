@@ -2,6 +2,7 @@
 
 import itertools
 import os
+import shutil
 import subprocess
 import termios
 import time
@@ -510,6 +511,19 @@ def test_a_variable_silences_an_open_shell_and_lets_it_speak_again(machine, shel
     assert shell.run() == ""
     shell.run("set -e TELLBOX_PROMPT" if shell_name == "fish" else "unset TELLBOX_PROMPT")
     assert "state/7.term" in machine.files()
+
+
+def test_the_shell_behind_the_panels_of_a_file_manager_leaves_messages_to_others(machine,
+                                                                                 shell_name):
+    machine.store.make_mailbox("pat")
+    shutil.copy("/bin/sh", machine.path("/run/mc"))
+    behind = Shell(machine, shell_name, argv=["/run/mc", "-c", f"{shell_name} -i; :"],
+                   env={"MC_SID": "1"})
+    machine.deliver(7)
+    assert behind.run() == ""
+    assert "state/7.term" not in machine.files()
+    behind.type(f"{shell_name} -i\r")
+    assert shown(7) in behind.wait()
 
 
 def test_a_shell_that_only_runs_a_command_prints_not_a_byte(machine, shell_name):
