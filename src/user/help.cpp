@@ -108,7 +108,7 @@ static void print_table(const char *section, help_table items, int width) {
 int cmd_help() {
     const bool on_screen = is_on_terminal();
     const int width = on_screen ? std::clamp(output_size().columns, COLUMNS_MIN, COLUMNS_MAX) : 80;
-    styles_set(on_screen && getenv("NO_COLOR") == nullptr);
+    styles_set(on_screen && !is_dumb_terminal() && getenv("NO_COLOR") == nullptr);
     print_wrapped(_(HELP_NAME_LINE), width, 0);
     printf("\n");
     print_wrapped(_(HELP_DESCRIPTION), width, 0);

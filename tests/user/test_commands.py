@@ -349,6 +349,12 @@ def test_help_explains_each_term_below_it_and_goes_from_commands_to_the_environm
                                      (2, "  TELLBOX_PROMPT", "If set to off, nothing is shown")):
         below = lines[headings[place] + 1:]
         assert below[0] == term and below[1].startswith("      " + description)
+@pytest.mark.parametrize("env, is_coloured", [({}, True), ({"NO_COLOR": "1"}, False),
+                                              ({"TERM": "dumb"}, False), ({"TERM": None}, False)])
+def test_help_has_colours_where_a_terminal_draws_them(machine, env, is_coloured):
+    terminal = machine.ask("help", env=env)
+    assert terminal.wait_exit() == 0
+    assert (b"\x1b[" in terminal.raw) is is_coloured
 
 
 def test_output_that_cannot_be_written_is_an_error(machine):
