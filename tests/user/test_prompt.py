@@ -355,9 +355,10 @@ def test_bash_keeps_the_hook_when_a_later_startup_file_sets_prompt_command(machi
     assert shell.run() == "other\n" + shown(8)
 
 
-def test_bash_springs_no_trap_twice(machine):
+@pytest.mark.parametrize("inherited", ["", "set -E\n"], ids=["own", "inherited"])
+def test_bash_springs_no_trap_twice(machine, inherited):
     machine.store.make_mailbox("pat")
-    shell = Shell(machine, "bash", LOAD["bash"] + "trap 'echo failed' ERR\ntrap 'echo bye' EXIT\n")
+    shell = Shell(machine, "bash", LOAD["bash"] + inherited + "trap 'echo failed' ERR\ntrap 'echo bye' EXIT\n")
     machine.deliver(7)
     assert shell.run("false") == "failed\n" + shown(7)
     assert "failed" in shell.run("trap -p") and "bye" in shell.run("trap -p")
