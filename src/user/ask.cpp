@@ -114,7 +114,7 @@ static asked_state ask_about(own_mailbox *box, const waiting_message &message, b
 }
 
 // Finds the first waiting message after `last`. So messages that arrive meanwhile are asked about
-// too. Names what cannot be read, sets `status` to 1 then, and goes on.
+// too. Names what cannot be read or answered, sets `status` to 1 then, and goes on.
 static bool next_waiting(own_mailbox *box, int64_t last, waiting_message *next, int *status) {
     std::vector<int64_t> ids;
     const mailbox_look look = reopen_mailbox(box);
@@ -128,6 +128,10 @@ static bool next_waiting(own_mailbox *box, int64_t last, waiting_message *next, 
         const waiting_state state = inbox_look(*box, id, now(), next);
         if (state == waiting_state::failed) {
             warn_unreadable(id, errno);
+            *status = 1;
+        } else if (state == waiting_state::answered &&
+                   answer_read(*box, id).state == answer_state::not_a_file) {
+            warn_not_a_file(*box, id);
             *status = 1;
         }
         return state == waiting_state::waiting;

@@ -142,6 +142,19 @@ def test_a_message_that_cannot_be_read_is_named_and_the_next_one_follows(machine
     assert terminal.wait_exit() == 1
 
 
+def test_a_message_that_cannot_be_answered_is_named_and_the_next_one_follows(machine):
+    machine.deliver(7)
+    machine.store.mailbox("pat", "acks", 7).mkdir()
+    machine.deliver(8, "Second\n")
+    terminal = asked(machine, columns=120)
+    assert ("tellbox: message 7 cannot be answered while /var/lib/tellbox/users/pat/acks/7 is not "
+            "a regular file") in terminal.frame()
+    assert "Second" in terminal.frame()
+    terminal.send("r")
+    assert terminal.wait_exit() == 1
+    assert terminal.frame().count("regular file") == 1
+
+
 def test_a_message_confirmed_elsewhere_goes(machine):
     machine.deliver(7)
     terminal = machine.ask()
