@@ -21,7 +21,7 @@ constexpr int64_t QUESTION_GUARD_MS = 700;
 
 struct question {
     std::string text;              // the line that asks, without its end
-    std::string subject;           // a line about what: printed before it when it is asked again
+    std::string subject = {};      // a line about what: printed before it when it is asked again
     bool takes_lines = false;      // a key with Enter behind it answers too
     std::function<bool()> is_over; // called whenever `watched` is readable, and every second
     int watched = -1;              // a descriptor that the question reads empty; -1 for none
