@@ -107,7 +107,7 @@ ROOMS = {
     "user/inbox": {"user": ALL, "faults": "answers questions", "desktop": "agent"},
     "user/prompt": {"user": "prompt hostile", "faults": "answers"},
     "user/question": {"user": "question", "faults": "questions"},
-    "user/shell": {"user": "login prompt", "packaging": "install"},
+    "user/shell": {"user": "login prompt", "faults": "shells", "packaging": "install"},
 }
 
 # A room without a row of its own, such as a new command: what shows a mistake in its wing.
