@@ -349,6 +349,8 @@ def test_help_explains_each_term_below_it_and_goes_from_commands_to_the_environm
                                      (2, "  TELLBOX_PROMPT", "If set to off, nothing is shown")):
         below = lines[headings[place] + 1:]
         assert below[0] == term and below[1].startswith("      " + description)
+
+
 @pytest.mark.parametrize("env, is_coloured", [({}, True), ({"NO_COLOR": "1"}, False),
                                               ({"TERM": "dumb"}, False), ({"TERM": None}, False)])
 def test_help_has_colours_where_a_terminal_draws_them(machine, env, is_coloured):
