@@ -57,7 +57,8 @@ static std::string answered_text(const own_mailbox &box, int64_t id) {
 // ---- list ---------------------------------------------------------------------------------
 
 constexpr size_t TEXT_COLUMNS = 40;
-constexpr size_t TEXT_COLUMNS_MIN = 16; // in less room the state gets a line of its own
+constexpr size_t TEXT_COLUMNS_MAX = 120; // on a wide terminal
+constexpr size_t TEXT_COLUMNS_MIN = 16;  // in less room the state gets a line of its own
 constexpr size_t ID_COLUMNS = 5;
 constexpr size_t DATE_COLUMNS = 12;
 constexpr size_t TEXT_BEGIN = ID_COLUMNS + 1 + DATE_COLUMNS + 1;
@@ -90,7 +91,7 @@ namespace {
 struct list_row {
     std::string id;
     std::string date;
-    std::string text; // at most TEXT_COLUMNS characters
+    std::string text; // at most TEXT_COLUMNS_MAX characters
     std::string state;
 };
 
@@ -103,15 +104,15 @@ struct list_layout {
 
 } // namespace
 
-static size_t longest_state(const std::vector<list_row> &rows) {
+static size_t longest_of(const std::vector<list_row> &rows, std::string list_row::*member) {
     size_t longest = 0;
     for (const list_row &row : rows)
-        longest = std::max(longest, text_character_count(row.state.c_str()));
+        longest = std::max(longest, text_character_count((row.*member).c_str()));
     return longest;
 }
 
-// Shortens the text for the states to fit on the screen beside it. A program that reads the list
-// gets the same columns always.
+// Gives the text the room that the states leave on the screen. A program that reads the list gets
+// the same columns always.
 static list_layout layout_of(const std::vector<list_row> &rows) {
     constexpr size_t STATE_INDENT_MIN = 2;
     constexpr size_t STATE_INDENT_MAX = ID_COLUMNS + 1;
@@ -120,11 +121,12 @@ static list_layout layout_of(const std::vector<list_row> &rows) {
         return layout;
     const auto columns = static_cast<size_t>(output_size().columns);
     const auto room_beside = [columns](size_t used) { return columns > used ? columns - used : 0; };
-    const size_t state_columns = longest_state(rows);
+    const size_t state_columns = longest_of(rows, &list_row::state);
     const size_t room = room_beside(TEXT_BEGIN + STATE_GAP + state_columns);
     layout.has_state_line = room < TEXT_COLUMNS_MIN;
+    const size_t wanted = std::max(longest_of(rows, &list_row::text), TEXT_COLUMNS);
     layout.text_columns = std::clamp(layout.has_state_line ? room_beside(TEXT_BEGIN) : room,
-                                     TEXT_COLUMNS_MIN, TEXT_COLUMNS);
+                                     TEXT_COLUMNS_MIN, wanted);
     layout.state_indent = static_cast<int>(
         std::clamp(room_beside(state_columns), STATE_INDENT_MIN, STATE_INDENT_MAX));
     return layout;
@@ -204,7 +206,7 @@ static std::vector<int64_t> ids_or_die(const own_mailbox &box, const unique_fd &
 
 static list_row row_of(const listed_message &listed) {
     return {std::to_string(listed.id), short_time(listed.message.date),
-            std::string(first_columns(headline(listed.message), TEXT_COLUMNS)), listed.state};
+            std::string(first_columns(headline(listed.message), TEXT_COLUMNS_MAX)), listed.state};
 }
 
 int cmd_list() {

@@ -228,9 +228,9 @@ def test_list_says_what_has_become_of_each_message(machine):
 
 
 LISTED_WIDE = """\
-ID    DATE         TEXT                                      STATE
-7     21/09 14:13  A title that is longer than the column i  confirmed on 21/09 14:13 (terminal)
-8     21/09 14:13  Hello                                     waiting
+ID    DATE         TEXT                                        STATE
+7     21/09 14:13  A title that is longer than the column is.  confirmed on 21/09 14:13 (terminal)
+8     21/09 14:13  Hello                                       waiting
 """
 LISTED_AT_80 = """\
 ID    DATE         TEXT                      STATE
@@ -263,7 +263,7 @@ ello
                                              (40, LISTED_AT_40), (20, LISTED_AT_20)],
                          ids=[200, 80, 40, 20])
 def test_the_list_fits_on_the_terminal(machine, columns, listed):
-    machine.deliver(7, title="A title that is longer than the column is")
+    machine.deliver(7, title="A title that is longer than the column is.")
     machine.store.confirm("pat", 7, 1790000000)
     machine.deliver(8)
     terminal = machine.ask("list", columns=columns)
