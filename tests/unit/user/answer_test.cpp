@@ -604,6 +604,15 @@ TEST(PromptMark, GetsTheTimeOfTheLook) {
     EXPECT_EQ(mailbox.text("state/.prompt"), "");
 }
 
+TEST(PromptMark, IsNotMadeWithoutItsFolder) {
+    const tried_mailbox mailbox;
+    std::filesystem::remove(mailbox.file("state"));
+    own_mailbox box = mailbox.open();
+    mailbox.put("state", "in the way");
+    EXPECT_EQ(answer_touch_prompt(&box), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+}
+
 TEST(PromptMark, IsNotTouchedThroughALinkOrAPipe) {
     const tried_mailbox mailbox;
     write_file(mailbox.path("elsewhere"), "kept");

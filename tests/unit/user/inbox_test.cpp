@@ -186,6 +186,19 @@ TEST(Waiting, IsNotKnownIfAFolderCannotBeRead) {
     EXPECT_EQ(inbox_look(box, 3, now(), &message), waiting_state::failed);
 }
 
+TEST(Waiting, IsNotKnownIfAFolderIsReadInPartOnly) {
+    const tried_mailbox mailbox;
+    mailbox.put_message(3);
+    const own_mailbox box = mailbox.open();
+    const child_result child = run_in_child([&box] {
+        refuse_call(SYS_getdents64, EIO);
+        std::vector<int64_t> ids;
+        const int result = folder_ids(box.inbox, &ids);
+        printf("%d %s", result, strerror(errno));
+    });
+    EXPECT_EQ(child.out, "-1 Input/output error");
+}
+
 // ---- Answers ------------------------------------------------------------------------------
 
 TEST(Answer, IsTheFirstLineOfItsFile) {

@@ -3,35 +3,84 @@
 #include "user_support.h"
 
 #include <sys/ioctl.h>
+#include <sys/uio.h>
 
 namespace {
 
-struct pipe_ends {
-    pipe_ends() {
+// A pipe that holds one byte.
+struct filled_pipe {
+    filled_pipe() {
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0)
             throw_errno("pipe");
         reading.reset(ends[0]);
         writing.reset(ends[1]);
+        if (write(ends[1], "r", 1) != 1)
+            throw_errno("pipe");
     }
     unique_fd reading;
     unique_fd writing;
 };
 
+void become_input(int fd) {
+    if (dup2(fd, STDIN_FILENO) < 0)
+        throw_errno("dup2");
+}
+
+question question_with(const std::function<bool()> &is_over) {
+    question asked;
+    asked.text = "Now?";
+    asked.is_over = is_over;
+    return asked;
+}
+
 // Else it would never wait.
 TEST(Question, ReadsWhatTellsOfAChangeBeforeItLooks) {
     const child_result child = run_in_child([] {
-        const pipe_ends keys; // nobody types
-        const pipe_ends changes;
+        const filled_pipe changes;
         int left = -1;
-        if (dup2(keys.reading.get(), STDIN_FILENO) < 0 || write(changes.writing.get(), "x", 1) != 1)
-            throw_errno("pipe");
-        const auto is_over = [&] { return ioctl(changes.reading.get(), FIONREAD, &left) == 0; };
-        const reply answer =
-            ask_question({.text = "Now?", .is_over = is_over, .watched = changes.reading.get()});
+        question asked =
+            question_with([&] { return ioctl(changes.reading.get(), FIONREAD, &left) == 0; });
+        asked.watched = changes.reading.get();
+        const filled_pipe input; // somebody who types too early
+        become_input(input.reading.get());
+        const reply answer = ask_question(asked);
         printf("%d %d", answer == reply::dropped, left);
     });
     EXPECT_EQ(child.out, "Now?\n1 0");
+}
+
+// What becomes of a question of which the first key cannot be read.
+std::string told_if_reading_fails(int error) {
+    static int read_error;
+    read_error = error;
+    return run_in_child([] {
+               const filled_pipe input;
+               become_input(input.reading.get());
+               trap_call(SYS_read, [](long fd) -> long {
+                   char taken = '\0';
+                   const iovec place = {&taken, 1};
+                   (void)!readv(static_cast<int>(fd), &place, 1);
+                   return -read_error;
+               });
+               switch (ask_question(question_with([] { return true; }))) {
+               case reply::dropped:
+                   printf("goes on");
+                   break;
+               case reply::aborted:
+                   printf("ends");
+                   break;
+               default:
+                   printf("?");
+               }
+           })
+        .out;
+}
+
+TEST(Question, EndsOnlyIfItsInputIsGone) {
+    EXPECT_EQ(told_if_reading_fails(EIO), "Now?\nends");
+    EXPECT_EQ(told_if_reading_fails(EINTR), "Now?\ngoes on");
+    EXPECT_EQ(told_if_reading_fails(EAGAIN), "Now?\ngoes on");
 }
 
 } // namespace
