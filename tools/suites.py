@@ -102,11 +102,15 @@ ROOMS = {
     "user/sessions": {"machine": "machine_desktop"},
     "user/answer": {"user": ALL, "faults": "answers questions agent", "desktop": "agent"},
     "user/ask": {"user": "question commands hostile", "faults": "questions"},
+    "user/command": {"user": "commands question prompt hostile", "faults": "answers questions"},
     "user/help": {"user": "commands", "packaging": "completions man_page"},
     "user/hooks": {"user": "login prompt"},
     "user/inbox": {"user": ALL, "faults": "answers questions", "desktop": "agent"},
+    "user/list": {"user": "commands hostile"},
+    "user/main": {"user": "commands login", "packaging": "completions"},
     "user/prompt": {"user": "prompt hostile", "faults": "answers"},
     "user/question": {"user": "question", "faults": "questions"},
+    "user/reply": {"user": "commands hostile", "faults": "answers"},
     "user/shell": {"user": "login prompt", "faults": "shells", "packaging": "install"},
 }
 

@@ -79,9 +79,10 @@ struct tried_mailbox : scratch_state {
     return unique_loop(loop);
 }
 
-// Lets the loop do what there is to do now.
+// Lets the loop do what there is to do now, for a while at most.
 inline void run_what_is_ready(const unique_loop &loop) {
-    while (sd_event_run(loop.get(), 0) > 0) {
+    constexpr int ROUNDS_MAX = 1000;
+    for (int round = 0; round < ROUNDS_MAX && sd_event_run(loop.get(), 0) > 0; round++) {
     }
 }
 
