@@ -622,6 +622,9 @@ TEST(PromptMark, IsNotTouchedThroughALinkOrAPipe) {
     std::filesystem::remove(mailbox.file("state/.prompt"));
     make_fifo(mailbox.file("state/.prompt"));
     EXPECT_EQ(answer_touch_prompt(&box), -1);
+    const unique_fd reader(::open(mailbox.file("state/.prompt").c_str(), O_RDONLY | O_NONBLOCK));
+    EXPECT_EQ(answer_touch_prompt(&box), -1);
+    EXPECT_EQ(errno, EINVAL);
 }
 
 } // namespace
