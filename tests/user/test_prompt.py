@@ -15,6 +15,7 @@ from shells import LOAD, Shell, last_prompt
 
 MESSAGE = "── Tellbox · Message from the administrator · 21/09 14:13 ──\n"
 RULE = "─" * 40 + "\n"
+AN_HOUR = 60  # the status of a look after which the next is due in so many minutes
 ANSWER = "Answer with: tellbox   or: tellbox read {0} · tellbox later {0}\n"
 
 
@@ -502,6 +503,21 @@ def test_a_terminal_without_a_name_gets_nothing(machine, shell_name):
     startup = "unset TERM\n" + LOAD[shell_name]
     assert "Tellbox" not in Shell(machine, shell_name, startup).greeting
     assert "state/7.term" not in machine.files()
+
+
+@pytest.mark.parametrize("env", [{"TERM": "dumb"}, {"TERM": ""}, {"TERM": None},
+                                 {"TELLBOX_PROMPT": "off"}], ids=str)
+def test_what_is_silenced_needs_no_look_for_an_hour(machine, env):
+    machine.deliver(7)
+    terminal = machine.on_terminal(PROGRAM, "prompt", "pat", "0", env=env)
+    assert (terminal.wait_exit(), terminal.raw, machine.files()) == (AN_HOUR, b"", ["inbox/7"])
+
+
+def test_without_a_terminal_or_a_mailbox_no_look_is_needed_for_an_hour(machine):
+    assert machine.on_terminal(PROGRAM, "prompt", "pat", "0").wait_exit() == AN_HOUR
+    machine.deliver(7)
+    assert machine.user_program("prompt", "pat", "0").status == AN_HOUR
+    assert machine.files() == ["inbox/7"]
 
 
 def test_a_variable_silences_an_open_shell_and_lets_it_speak_again(machine, shell_name):

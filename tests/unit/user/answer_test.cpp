@@ -129,6 +129,21 @@ TEST(Confirm, WritesOneLineForEverybodyToRead) {
     EXPECT_EQ(mode_and_owner(mailbox.file("acks/7")).substr(0, 4), "0644");
 }
 
+TEST(Confirm, GivesTheAnswerNoNameBeforeItIsWhole) {
+    SKIP_UNLESS_ROOT();
+    EXPECT_EQ(told([](const heard_mailbox &mailbox) {
+                  static std::string files_before;
+                  trap_call(SYS_fsync, [](long fd) -> long {
+                      if (!is_folder(fd))
+                          files_before = heard->files();
+                      return 0;
+                  });
+                  print_line(confirm(mailbox));
+                  print_line(files_before);
+              }),
+              "confirmed\ninbox/7\n");
+}
+
 TEST(Confirm, LeavesAnEarlierAnswerAsItIs) {
     const tried_mailbox mailbox;
     mailbox.put("acks/7", "1790000000 desktop\n");
