@@ -78,5 +78,9 @@ agenda::choice agenda::choose(const own_mailbox &box, int64_t remind_seconds, ui
 }
 
 size_t agenda::place() const {
-    return std::clamp<size_t>(done_ + 1, 1, std::max<size_t>(total_, 1));
+    return std::min(done_ + 1, total());
+}
+
+size_t agenda::total() const {
+    return std::max<size_t>(total_, 1);
 }

@@ -31,9 +31,9 @@ public:
 
     // The message on the screen is dealt with.
     void next_place() { done_++; }
-    // "place() of total()" messages that are due.
+    // "place() of total()" messages that are due. "1 of 1" if none is: the user may ask for one.
     [[nodiscard]] size_t place() const;
-    [[nodiscard]] size_t total() const { return total_; }
+    [[nodiscard]] size_t total() const;
 
     [[nodiscard]] retry_plan &retries() { return retries_; }
 
@@ -49,5 +49,5 @@ private:
     bool awaits_signal_ = false; // of the newest message
     int64_t newest_ = 0;         // the highest identifier that was ever pending
     size_t done_ = 0;            // messages dealt with since none was due
-    size_t total_ = 1;
+    size_t total_ = 0;
 };

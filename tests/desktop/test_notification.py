@@ -1,6 +1,7 @@
 """A notification leads to the window, and costs nothing where the service is not what it should
 be."""
 
+import os
 import pathlib
 import signal
 import subprocess
@@ -106,6 +107,22 @@ def test_without_a_token_the_notification_stays_as_it_is_too(recipient, service,
     await_condition(lambda: [pid for pid in agent.windows() if pid != before],
                     "the window comes anew")
     assert desktop.is_left_alone()
+
+
+def test_the_action_shows_a_message_that_is_not_due(recipient, service, agent_on):
+    desktop = service()
+    agent = agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    os.kill(agent.windows()[0], signal.SIGTERM)
+    agent.await_no_window()
+    assert recipient.no_window_comes()
+    mark = recipient.file("state", f"{message}.gui")
+    a_minute_ago = time.time() - 60
+    os.utime(mark, (a_minute_ago, a_minute_ago))
+    desktop.command("act", number, f"show:{message}")
+    await_condition(lambda: mark.stat().st_mtime > a_minute_ago + 30, "it is shown again")
 
 
 def test_a_token_is_for_the_message_that_was_asked_for_only(recipient, service, agent_on):

@@ -57,6 +57,18 @@ TEST_F(Agenda, CountsThoseThatWereDealtWithUntilNoneIsDue) {
     EXPECT_EQ(plan.total(), 1U);
 }
 
+TEST_F(Agenda, CountsAtLeastTheMessageThatTheUserAsksFor) {
+    EXPECT_EQ(plan.place(), 1U);
+    EXPECT_EQ(plan.total(), 1U);
+    mailbox.put_message(1);
+    put_mark(1, 0);
+    EXPECT_EQ(next(), 0);
+    EXPECT_EQ(plan.place(), 1U);
+    EXPECT_EQ(plan.total(), 1U);
+    plan.next_place();
+    EXPECT_EQ(plan.place(), 1U);
+}
+
 TEST_F(Agenda, LooksAgainWhenTheNextOneIsDue) {
     mailbox.put_message(1);
     mailbox.put_message(2);
