@@ -261,6 +261,13 @@ def test_a_long_message_goes_through_the_pager(machine):
     assert "line 99" not in terminal.frame()
 
 
+def test_the_pager_inherits_no_descriptor_of_the_mailbox(machine):
+    machine.deliver(7, "line\n" * 100)
+    machine.write_home("pat", "open", "")
+    machine.ask(env={"PAGER": "ls /proc/self/fd >/run/home/pat/open"}).wait_for(QUESTION)
+    assert (machine.home("pat") / "open").read_text().split() == ["0", "1", "2", "3"]  # 3 is ls's
+
+
 def test_a_pager_that_cannot_be_run_leaves_the_text_on_the_screen(machine):
     machine.deliver(7, "".join(f"line {number}\n" for number in range(100)))
     terminal = machine.ask(env={"PAGER": "/nonexistent"})
