@@ -149,6 +149,8 @@ static int ask_in_turn(own_mailbox *box) {
         any = true;
         const asked_state state = ask_about(box, message, &aborted);
         status |= state == asked_state::failed || aborted ? 1 : 0;
+        if (is_asked_to_end())
+            return 1;
         if (state == asked_state::stopped)
             return status;
     }

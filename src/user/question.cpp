@@ -18,7 +18,7 @@
 constexpr int BURST_MS = 40;
 constexpr int LOOK_INTERVAL_MS = 1000;
 
-// Set by signals while a question is asked.
+// Set by signals while a question is asked. The first one is for the whole process.
 static volatile sig_atomic_t abort_requested = 0;
 static volatile sig_atomic_t stop_requested = 0;
 static volatile sig_atomic_t continued = 0;
@@ -42,8 +42,8 @@ namespace {
 // Installs the question's handlers while it exists. An ignored signal stays ignored.
 class question_signals {
 public:
+    // A request to end that came too late for one question holds for the next.
     question_signals() {
-        abort_requested = 0;
         stop_requested = 0;
         continued = 0;
         for (size_t i = 0; i < SIGNALS.size(); i++)
@@ -253,6 +253,10 @@ static reply ask_until_answered(const question &asked, const single_keys &termin
             return answer;
     }
     return reply::aborted;
+}
+
+bool is_asked_to_end() {
+    return abort_requested != 0;
 }
 
 reply ask_question(const question &asked) {

@@ -34,3 +34,7 @@ struct question {
 // question is asked again when it goes on. The terminal is restored in any case, and the cursor
 // stands at the beginning of a line.
 [[nodiscard]] reply ask_question(const question &asked);
+
+// Whether a signal has asked the process to end while a question was asked, even if the question
+// was answered or over by then.
+[[nodiscard]] bool is_asked_to_end();

@@ -35,7 +35,7 @@ from harness.user_program import deliver
 from harness.waiting import PATIENCE_SECONDS
 from rules import require
 from tracing import KILLED, LOG, Run, StoppedRun, read_log, wrapper
-from trials import PROBLEMS, Tally
+from trials import PROBLEMS, TERMINAL, Tally
 
 QUESTION = b"I have read it [r]   Later [l]   Quit [q]"
 TEXT = re.compile(rb"This is message (\d+)\.")
@@ -252,8 +252,8 @@ class QuestionBench(AnswerBench):
         is_untold = fault is not None and fault.call.path == "stdout"
         require(is_untold or AT_LINE_START.search(self.person.raw), "the cursor stands within a line")
         # What fails at the terminal itself is like its end: there is nobody to be told.
-        is_terminal = fault is not None and fault.call.path in (
-            "stdout", "stderr", os.ttyname(self._slave))
+        is_terminal = fault is not None and (
+            fault.call.path in ("stdout", "stderr") or TERMINAL.fullmatch(fault.call.path))
         require(run.status == 0 or run.stderr or is_terminal, f"no reason is given: {run.result}")
 
 
