@@ -204,3 +204,15 @@ std::string output_of(const std::function<void()> &body) {
     body();
     return output.text();
 }
+
+std::string errors_of(const std::function<void()> &body) {
+    captured_stream errors(&stderr);
+    try {
+        survives_exit = true;
+        body();
+    } catch (const ended_process &end) {
+        CHECK(end.status == 1);
+    }
+    survives_exit = false;
+    return errors.text();
+}

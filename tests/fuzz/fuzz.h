@@ -62,3 +62,6 @@ void remove_all(const std::string &path);
 
 // What `body` prints on standard output.
 [[nodiscard]] std::string output_of(const std::function<void()> &body);
+
+// What `body` prints on standard error, whether it returns or ends the process.
+[[nodiscard]] std::string errors_of(const std::function<void()> &body);
