@@ -47,10 +47,13 @@ static void print_man_page(const char *date) {
 
 // ---- Completions --------------------------------------------------------------------------
 
+// Which messages are offered behind a command.
+enum class offered { none, all, waiting };
+
 struct completed_command {
     std::string name;
     std::string purpose; // the first sentence of its description
-    bool takes_ids = false;
+    offered messages = offered::none;
 };
 
 // The commands that have a name; of several, the first.
@@ -63,43 +66,62 @@ static std::vector<completed_command> completed_commands() {
         if (term.starts_with('('))
             continue;
         command.name = term.substr(0, term.find_first_of(" ,"));
-        command.takes_ids = term.find("ID") != std::string::npos;
+        if (term.find("ID") != std::string::npos) // "ID..." are answered
+            command.messages =
+                term.find("...") != std::string::npos ? offered::waiting : offered::all;
         command.purpose = command.purpose.substr(0, command.purpose.find_first_of(".,:"));
         commands.push_back(std::move(command));
     }
     return commands;
 }
 
-static std::string joined_names(const char *separator, bool only_with_ids) {
+static std::string joined_names(const char *separator) {
     std::string names;
     for (const completed_command &command : completed_commands())
-        if (command.takes_ids || !only_with_ids)
+        names += (names.empty() ? "" : separator) + command.name;
+    return names;
+}
+
+static std::string names_with(offered messages, const char *separator) {
+    std::string names;
+    for (const completed_command &command : completed_commands())
+        if (command.messages == messages)
             names += (names.empty() ? "" : separator) + command.name;
     return names;
 }
+
+// Lines of "tellbox list": of every message, and of those that can be answered.
+static constexpr const char *EVERY_LINE = "^([0-9]+) .*$";
+static constexpr const char *WAITING_LINE =
+    "^([0-9]+) .*  (waiting|waiting, shown on [0-9/: ]+|postponed on [0-9/: ]+)$";
 
 static void print_bash_completion() {
     printf("# Completion of tellbox in bash; loaded by the package bash-completion when it is "
            "first\n# needed.\n"
            "_tellbox() {\n"
-           "    local cur prev words cword\n"
+           "    local cur prev words cword line\n"
            "    _init_completion || return\n"
            "    if ((cword == 1)); then\n"
            "        mapfile -t COMPREPLY < <(compgen -W '%s' -- \"$cur\")\n"
            "        return\n"
            "    fi\n"
            "    case ${words[1]} in\n"
-           "    %s)\n"
-           "        mapfile -t COMPREPLY < <(compgen -W \\\n"
-           "            \"$(tellbox list 2>/dev/null | sed -n 's/^\\([0-9]\\{1,\\}\\) .*/\\1/p')\" "
-           "-- \"$cur\")\n"
+           "    %s) line='%s' ;;\n"
+           "    %s) line='%s' ;;\n",
+           joined_names(" ").c_str(), names_with(offered::all, " | ").c_str(), EVERY_LINE,
+           names_with(offered::waiting, " | ").c_str(), WAITING_LINE);
+    printf("    hook)\n"
+           "        ((cword > 2)) || mapfile -t COMPREPLY < <(compgen -W 'bash zsh fish' -- "
+           "\"$cur\")\n"
+           "        return\n"
            "        ;;\n"
-           "    hook) ((cword > 2)) || mapfile -t COMPREPLY < <(compgen -W 'bash zsh fish' -- "
-           "\"$cur\") ;;\n"
+           "    *) return ;;\n"
            "    esac\n"
+           "    mapfile -t COMPREPLY < <(compgen -W \\\n"
+           "        \"$(LC_ALL=C tellbox list 2>/dev/null | sed -En \"s#$line#\\1#p\")\" -- "
+           "\"$cur\")\n"
            "}\n\n"
-           "complete -F _tellbox tellbox\n",
-           joined_names(" ", false).c_str(), joined_names(" | ", true).c_str());
+           "complete -F _tellbox tellbox\n");
 }
 
 static void print_zsh_completion() {
@@ -113,34 +135,48 @@ static void print_zsh_completion() {
            "    _describe -t commands command commands\n"
            "    return\n"
            "  fi\n"
-           "  local -a messages\n"
+           "  local line\n"
            "  case $words[2] in\n"
-           "    %s)\n"
-           "      messages=(${(f)\"$(tellbox list 2>/dev/null | sed -n "
-           "'s/^\\([0-9]\\{1,\\}\\) .*/\\1/p')\"})\n"
-           "      _wanted -V messages expl message compadd -a messages\n"
+           "    %s) line='%s' ;;\n"
+           "    %s) line='%s' ;;\n",
+           names_with(offered::all, "|").c_str(), EVERY_LINE,
+           names_with(offered::waiting, "|").c_str(), WAITING_LINE);
+    printf("    hook)\n"
+           "      ((CURRENT > 3)) || _values shell bash zsh fish\n"
+           "      return\n"
            "      ;;\n"
-           "    hook) ((CURRENT > 3)) || _values shell bash zsh fish ;;\n"
-           "    *) _message 'no more arguments' ;;\n"
+           "    *)\n"
+           "      _message 'no more arguments'\n"
+           "      return\n"
+           "      ;;\n"
            "  esac\n"
+           "  local -a messages\n"
+           "  messages=(${(f)\"$(LC_ALL=C tellbox list 2>/dev/null | sed -En "
+           "\"s#$line#\\\\1#p\")\"})\n"
+           "  _wanted -V messages expl message compadd -a messages\n"
            "}\n\n"
-           "_tellbox \"$@\"\n",
-           joined_names("|", true).c_str());
+           "_tellbox \"$@\"\n");
+}
+
+static void print_fish_messages(offered messages, const char *line) {
+    printf("complete -c tellbox -n '__fish_seen_subcommand_from %s' -k -a "
+           "'(__tellbox_messages \\'%s\\')'\n",
+           names_with(messages, " ").c_str(), line);
 }
 
 static void print_fish_completion() {
     printf("# Completion of tellbox in fish.\n\n"
            "function __tellbox_messages\n"
-           "    tellbox list 2>/dev/null | string match -rg '^(\\d+) '\n"
+           "    LC_ALL=C tellbox list 2>/dev/null | string replace -rf -- $argv[1] '$1'\n"
            "end\n\n"
            "complete -c tellbox -f\n");
     for (const completed_command &command : completed_commands())
         printf("complete -c tellbox -n __fish_is_first_token -a %s -d %s\n", command.name.c_str(),
                shell_word(command.purpose).c_str());
-    printf("\ncomplete -c tellbox -n '__fish_seen_subcommand_from %s' -k -a "
-           "'(__tellbox_messages)'\n"
-           "complete -c tellbox -n '__fish_seen_subcommand_from hook' -a 'bash zsh fish'\n",
-           joined_names(" ", true).c_str());
+    printf("\n");
+    print_fish_messages(offered::all, EVERY_LINE);
+    print_fish_messages(offered::waiting, WAITING_LINE);
+    printf("complete -c tellbox -n '__fish_seen_subcommand_from hook' -a 'bash zsh fish'\n");
 }
 
 // ---- Hooks --------------------------------------------------------------------------------
