@@ -78,20 +78,32 @@ static std::string own_program() {
     return std::string(name);
 }
 
+// Returns the path as it is from every folder: the shell will go to others.
+static std::string absolute(const std::string &path) {
+    if (path.starts_with('/'))
+        return path;
+    const owned_cstring here(getcwd(nullptr, 0));
+    if (!here)
+        die("%s: %s", path.c_str(), strerror(errno));
+    return std::string(here.get()) + "/" + path;
+}
+
 // The hook, not the shell's environment, sets test mode for the program that the shell runs.
 static std::string hook_environment() {
     if (!test_mode())
         return NO_TEST_MODE;
-    return "TBX_TEST=1 TBX_VAR=" + shell_word(var_dir()) + " TBX_LIB=" + shell_word(lib_dir()) +
-           " TBX_CONF=" + shell_word(conf_path()) + " ";
+    return "TBX_TEST=1 TBX_VAR=" + shell_word(absolute(var_dir())) +
+           " TBX_LIB=" + shell_word(absolute(lib_dir())) +
+           " TBX_CONF=" + shell_word(absolute(conf_path())) + " ";
 }
 
 int cmd_hook(const arguments &shells) {
     if (shells.empty())
         die("%s", _("missing name of a shell: bash, zsh or fish"));
-    const std::string text = hook_text(shells[0], {.program = own_program(),
-                                                   .mailbox = mailbox_path(own_account_or_die()),
-                                                   .environment = hook_environment()});
+    const std::string text =
+        hook_text(shells[0], {.program = own_program(),
+                              .mailbox = absolute(mailbox_path(own_account_or_die())),
+                              .environment = hook_environment()});
     if (text.empty())
         die(_("there is no hook for this shell: %s (bash, zsh or fish)"),
             clean_line(shells[0]).c_str());

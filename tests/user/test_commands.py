@@ -374,6 +374,13 @@ def test_test_mode_plays_both_sides(machine):
     assert machine.path("/run/try/users/root/acks/1").exists()
 
 
+def test_the_hook_of_test_mode_works_from_every_folder(machine):
+    env = "TBX_TEST=1 TBX_VAR=try TBX_LIB=lib TBX_CONF=/conf"
+    hook = machine.shell(f"cd /run && {env} {TELLBOX} hook bash").stdout
+    assert "TBX_VAR='/run/try' TBX_LIB='/run/lib' TBX_CONF='/conf' " in hook
+    assert "'/run/try/users/root'" in hook
+
+
 # ---- Other accounts, hostile mailboxes ------------------------------------------------------
 
 def test_an_account_that_shares_its_uid_has_its_own_mailbox(machine):
