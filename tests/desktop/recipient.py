@@ -188,6 +188,11 @@ class Agent:
                         'mount --bind "$0" "$0" && mount -o remount,bind,ro "$0"', str(folder)],
                        check=True)
 
+    def cannot_read(self, path):
+        """The agent gets an input/output error where others read the file."""
+        subprocess.run(["nsenter", "--target", str(self.process.pid), "--mount",
+                        "mount", "--bind", "/proc/self/mem", str(path)], check=True)
+
     def windows(self):
         """The processes of its windows."""
         return children(self.process.pid)

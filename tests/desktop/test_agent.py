@@ -179,6 +179,16 @@ def test_a_message_that_goes_elsewhere_goes_from_the_screen(recipient, elsewhere
     assert recipient.no_window_comes()
 
 
+def test_a_message_that_cannot_be_read_any_more_stays_on_the_screen(recipient):
+    agent = recipient.start_agent()
+    number = recipient.send()
+    window = agent.await_window(number)
+    agent.cannot_read(recipient.file("inbox", number))
+    recipient.wake()
+    time.sleep(0.5)  # that nothing happens can only be waited for
+    assert agent.windows() == [window.pid]
+
+
 def test_a_message_that_expires_goes_from_the_screen(recipient):
     agent = recipient.start_agent()
     number = recipient.send()
