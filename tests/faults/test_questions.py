@@ -1,6 +1,7 @@
 """The question at a terminal: killed, refused and held up at every call."""
 
 import errno
+import signal
 
 import pytest
 from question import (
@@ -16,7 +17,7 @@ from question import (
     try_question_together,
 )
 from short_form import chosen_failures
-from tracing import Fault
+from tracing import Fault, StoppedRun
 from trials import Tally, failures, kills
 
 PLACES = 4  # where the first of two stands still
@@ -99,6 +100,21 @@ def test_a_question_that_is_not_on_the_screen_takes_no_answer(new_question_bench
         assert run.stderr == "tellbox: standard output: Input/output error\n"
     else:  # it is written once more
         assert len(bench.person.pressed) == 3
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_a_signal_that_comes_just_behind_an_answer_is_not_forgotten(new_question_bench, number):
+    bench = new_question_bench(THREE)
+    calls = bench.calls[bench.calls.index(drawing(bench)) + 1:]
+    end_of_line = next(call for call in calls if (call.name, call.path) == ("write", "stdout"))
+    bench.fresh()
+    stopped = StoppedRun(bench.machine, end_of_line, hurries=True, meanwhile=bench.person.attend,
+                         **bench.options())
+    stopped.send_signal(number)
+    run = bench.heard(stopped.go_on())
+    assert (bench.person.pressed, run.status) == ([(7, "r")], 1)
+    assert run.stdout.endswith("Message 7 confirmed.\n")
+    assert "acks/7" in bench.files()
 
 
 @pytest.mark.parametrize("second", SECONDS)

@@ -162,6 +162,12 @@ class StoppedRun:
             return "stopped"
         return not self._process.is_running() and "ended"
 
+    def send_signal(self, number):
+        """To the program, which gets it when it goes on."""
+        tracer = self._process.pid()
+        children = Path(f"/proc/{tracer}/task/{tracer}/children").read_text(encoding="ascii")
+        os.kill(int(children.split()[0]), number)
+
     def go_on(self):
         """Lets it continue to its end; returns the Run."""
         os.write(self._opened, b"\n")

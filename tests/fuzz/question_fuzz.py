@@ -46,6 +46,8 @@ FINDING = re.compile(r"SUMMARY: |runtime error: ")
 FOUND_BY_SANITIZER = 99  # an exit status that the program never has
 ECHO = 0o10
 ANSWER = re.compile(rb"\d{10} (terminal|desktop)\n")
+# Behind Ctrl+Z the question is drawn from the beginning of its line, below the message's headline.
+REDRAWN = re.compile(rb"\r(?!\n)([^\r\n]*)\r\n(?=" + re.escape(QUESTION.encode()) + rb")")
 PAUSE_SECONDS = 0.08  # longer than the keys of one burst are waited for
 TAKEN_SECONDS = GUARD_SECONDS + 0.05  # then a question takes a key
 ENDS = (signal.SIGTERM, signal.SIGHUP, signal.SIGINT, signal.SIGQUIT)
@@ -363,8 +365,7 @@ class Round:
         if self.terminal._master is not None:
             found, wanted = self.terminal.attributes(), self.terminal.attributes_before
             assert found == wanted, f"not restored: {found} instead of {wanted}"
-            # Behind Ctrl+Z the question is drawn from the beginning of the line.
-            raw = self.terminal.raw.replace(b"\r" + QUESTION.encode(), b"").replace(b"\t", b"")
+            raw = REDRAWN.sub(rb"\1\r\n", self.terminal.raw).replace(b"\t", b"")
             assert_harmless(raw)
         self.check_files(may_have_leftovers=status > 128)
         result = self.machine.tellbox("list")
