@@ -16,6 +16,7 @@ UNREACHABLE = {"gamma": "192.0.2.3"}
 
 HOME = "/srv/fleet"
 TEXT = "Reboot at 13:00.\nSave \"everything\", it's $(urgent) \\ now.\n"
+PATIENCE_SECONDS = 300  # a play takes 15 on an idle machine
 SOME_UNREACHABLE = 4  # exit status of ansible-playbook
 
 
@@ -76,7 +77,8 @@ class Fleet:
 
     def run(self, script):
         """Runs a shell script on alpha."""
-        return self.alpha.run("sh", "-c", f"cd {HOME} && {script}", check=False)
+        return self.alpha.run("sh", "-c", f"cd {HOME} && {script}", check=False,
+                              timeout=PATIENCE_SECONDS)
 
     def refresh(self):
         for machine in (self.alpha, self.beta):
