@@ -35,6 +35,7 @@ ROOMS = {
     "common/pager": {"cli": "dispatch", "tui": "manual descriptors"},
     "common/texts": {"packaging": "translations"},
     "common/style": {"cli": "status list log", "tui": "manual guide screen_detail"},
+    "common/width": {"tui": "screen_wide screen_text", "user": "commands"},
     "tbx/accounts": {"cli": "failing_lookups flaky_accounts send_recipients storable_names status "
                             "purge recovery_run"},
     "tbx/agent": {"cli": "agent send_events story recovery_run"},

@@ -2,8 +2,7 @@
 #include "user/command.h"
 #include "user/texts.h"
 
-#include "common/characters.h"
-#include "common/style.h"
+#include "common/width.h"
 
 #include <unistd.h>
 
@@ -56,26 +55,13 @@ static std::string answered_text(const own_mailbox &box, int64_t id) {
 
 // ---- list ---------------------------------------------------------------------------------
 
-constexpr size_t TEXT_COLUMNS = 40;
-constexpr size_t TEXT_COLUMNS_MAX = 120; // on a wide terminal
-constexpr size_t TEXT_COLUMNS_MIN = 16;  // in less room the state gets a line of its own
-constexpr size_t ID_COLUMNS = 5;
-constexpr size_t DATE_COLUMNS = 12;
-constexpr size_t TEXT_BEGIN = ID_COLUMNS + 1 + DATE_COLUMNS + 1;
-constexpr size_t STATE_GAP = 2; // columns between text and state
-
-// Returns at most so many characters of the text.
-static std::string_view first_columns(std::string_view text, size_t max) {
-    size_t columns = 0;
-    for (size_t end = 0; end < text.size(); end++) {
-        if (is_continuation_byte(text[end]))
-            continue;
-        if (columns == max)
-            return text.substr(0, end);
-        columns++;
-    }
-    return text;
-}
+constexpr int TEXT_COLUMNS = 40;
+constexpr int TEXT_COLUMNS_MAX = 120; // on a wide terminal
+constexpr int TEXT_COLUMNS_MIN = 16;  // in less room the state gets a line of its own
+constexpr int ID_COLUMNS = 5;
+constexpr int DATE_COLUMNS = 12;
+constexpr int TEXT_BEGIN = ID_COLUMNS + 1 + DATE_COLUMNS + 1;
+constexpr int STATE_GAP = 2; // columns between text and state
 
 // Returns the title, or the first line that is not empty.
 static std::string headline(const message_record &message) {
@@ -91,53 +77,50 @@ namespace {
 struct list_row {
     std::string id;
     std::string date;
-    std::string text; // at most TEXT_COLUMNS_MAX characters
+    std::string text; // at most TEXT_COLUMNS_MAX columns
     std::string state;
 };
 
 // How the rows fit on the screen.
 struct list_layout {
-    size_t text_columns = TEXT_COLUMNS;
+    int text_columns = TEXT_COLUMNS;
     bool has_state_line = false; // the state has a line of its own
     int state_indent = 0;
 };
 
 } // namespace
 
-static size_t longest_of(const std::vector<list_row> &rows, std::string list_row::*member) {
-    size_t longest = 0;
+static int widest_of(const std::vector<list_row> &rows, std::string list_row::*member) {
+    int widest = 0;
     for (const list_row &row : rows)
-        longest = std::max(longest, text_character_count((row.*member).c_str()));
-    return longest;
+        widest = std::max(widest, columns_of_text(row.*member));
+    return widest;
 }
 
 // Gives the text the room that the states leave on the screen. A program that reads the list gets
 // the same columns always.
 static list_layout layout_of(const std::vector<list_row> &rows) {
-    constexpr size_t STATE_INDENT_MIN = 2;
-    constexpr size_t STATE_INDENT_MAX = ID_COLUMNS + 1;
+    constexpr int STATE_INDENT_MIN = 2;
+    constexpr int STATE_INDENT_MAX = ID_COLUMNS + 1;
     list_layout layout;
     if (isatty(STDOUT_FILENO) == 0)
         return layout;
-    const auto columns = static_cast<size_t>(output_size().columns);
-    const auto room_beside = [columns](size_t used) { return columns > used ? columns - used : 0; };
-    const size_t state_columns = longest_of(rows, &list_row::state);
-    const size_t room = room_beside(TEXT_BEGIN + STATE_GAP + state_columns);
+    const int columns = output_size().columns;
+    const int state_columns = widest_of(rows, &list_row::state);
+    const int room = columns - (TEXT_BEGIN + STATE_GAP + state_columns);
     layout.has_state_line = room < TEXT_COLUMNS_MIN;
-    const size_t wanted = std::max(longest_of(rows, &list_row::text), TEXT_COLUMNS);
-    layout.text_columns = std::clamp(layout.has_state_line ? room_beside(TEXT_BEGIN) : room,
-                                     TEXT_COLUMNS_MIN, wanted);
-    layout.state_indent = static_cast<int>(
-        std::clamp(room_beside(state_columns), STATE_INDENT_MIN, STATE_INDENT_MAX));
+    const int wanted = std::max(widest_of(rows, &list_row::text), TEXT_COLUMNS);
+    layout.text_columns =
+        std::clamp(layout.has_state_line ? columns - TEXT_BEGIN : room, TEXT_COLUMNS_MIN, wanted);
+    layout.state_indent = std::clamp(columns - state_columns, STATE_INDENT_MIN, STATE_INDENT_MAX);
     return layout;
 }
 
 static void print_row(const list_row &row, const list_layout &layout) {
     const std::string text(first_columns(row.text, layout.text_columns));
-    printf("%-*s %-*s %s", static_cast<int>(ID_COLUMNS), row.id.c_str(),
-           static_cast<int>(DATE_COLUMNS), row.date.c_str(), text.c_str());
-    const size_t used = text_character_count(text.c_str());
-    const auto gap = static_cast<int>(layout.text_columns - used + STATE_GAP);
+    printf("%-*s %-*s %s", ID_COLUMNS, row.id.c_str(), DATE_COLUMNS, row.date.c_str(),
+           text.c_str());
+    const int gap = layout.text_columns - columns_of_text(text) + STATE_GAP;
     if (layout.has_state_line)
         printf("\n%*s%s\n", layout.state_indent, "", row.state.c_str());
     else

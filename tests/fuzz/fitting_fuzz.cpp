@@ -36,7 +36,7 @@ static std::string cut(std::string_view text, int width) {
     CHECK(columns == tui_line_columns(out.view()));
     CHECK(columns <= std::max(width, 0));
     if (is_narrow(text)) {
-        CHECK(columns == std::min(tui_columns(without_styles(text)), std::max(width, 0)));
+        CHECK(columns == std::min(columns_of_text(without_styles(text)), std::max(width, 0)));
         CHECK(columns_of(without_styles(out.view())) == static_cast<size_t>(columns));
     }
     return std::string(out.view());

@@ -69,7 +69,7 @@ static void check_drawn(compose_form *form) {
     if (tui_body_rows() > 0)
         CHECK(page.cursor_row <= tui_body_rows());
     for (const compose_field &field : form->fields)
-        CHECK(field.scroll >= 0 && field.scroll <= tui_columns(field.value));
+        CHECK(field.scroll >= 0 && field.scroll <= columns_of_text(field.value));
     CHECK(form->text.top <= form->text.line);
 }
 

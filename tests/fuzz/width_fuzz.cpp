@@ -26,11 +26,11 @@ static void check_walk(std::string_view text) {
 static void check_clusters(std::string_view text) {
     int columns = 0;
     while (!text.empty()) {
-        const tui_cluster cluster = tui_next_cluster(text);
+        const text_cluster cluster = next_cluster(text);
         CHECK(cluster.bytes > 0 && cluster.bytes <= text.size());
         CHECK(cluster.shown_bytes > 0 && cluster.shown_bytes <= cluster.bytes);
         CHECK(cluster.columns >= 0 && cluster.columns <= 2);
-        CHECK(tui_next_cluster(text.substr(0, cluster.bytes)).columns == cluster.columns);
+        CHECK(next_cluster(text.substr(0, cluster.bytes)).columns == cluster.columns);
         columns += cluster.columns;
         text.remove_prefix(cluster.bytes);
     }
@@ -41,11 +41,12 @@ static void check_window(std::string_view text, int first, int columns) {
     const std::string_view window = tui_window(text, first, columns);
     CHECK(window.data() >= text.data() &&
           window.data() + window.size() <= text.data() + text.size());
-    CHECK(tui_columns(window) <= columns);
+    CHECK(columns_of_text(window) <= columns);
     if (is_well_formed(text))
         CHECK(is_well_formed(window));
     if (is_well_formed(text) && is_narrow(text))
-        CHECK(tui_columns(window) == std::min(columns, std::max(tui_columns(text) - first, 0)));
+        CHECK(columns_of_text(window) ==
+              std::min(columns, std::max(columns_of_text(text) - first, 0)));
 }
 
 void fuzz_one(std::string_view input) {
@@ -53,16 +54,16 @@ void fuzz_one(std::string_view input) {
     const auto columns = static_cast<int>(take_byte(&input) % 32);
     const std::string text(up_to_nul(input));
     CHECK(text_character_count(text.c_str()) == columns_of(text));
-    CHECK(tui_columns(input) <= 2 * static_cast<int>(columns_of(input)));
+    CHECK(columns_of_text(input) <= 2 * static_cast<int>(columns_of(input)));
     if (is_narrow(input))
-        CHECK(tui_columns(input) == static_cast<int>(columns_of(input)));
+        CHECK(columns_of_text(input) == static_cast<int>(columns_of(input)));
     check_clusters(input);
     CHECK(tui_blank_controls(input).size() == input.size());
     check_walk(input);
     check_window(input, first, columns);
-    CHECK(tui_window(input, 0, tui_columns(input) + 1) == input);
+    CHECK(tui_window(input, 0, columns_of_text(input) + 1) == input);
     for (int column = 0; column < 8; column++) {
         const int whole = tui_whole_column(input, column);
-        CHECK(whole >= std::min(column, tui_columns(input)) && whole <= column + 1);
+        CHECK(whole >= std::min(column, columns_of_text(input)) && whole <= column + 1);
     }
 }

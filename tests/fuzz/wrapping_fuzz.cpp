@@ -45,7 +45,7 @@ static void check_wrap(std::string_view text, int width) {
     const std::vector<std::string> lines = items_of(list);
     std::string kept;
     for (const std::string &line : lines) {
-        CHECK(tui_columns(line) <= std::max(width, 2)); // one character at least
+        CHECK(columns_of_text(line) <= std::max(width, 2)); // one character at least
         kept += line;
     }
     std::vector<std::string> expected;

@@ -6,7 +6,7 @@ import time
 
 import pytest
 from harness.store import short_time
-from recipient import PROGRAM, TELLBOX
+from recipient import PROGRAM, TELLBOX, plain
 
 NOW = int(time.time())
 BANNER = "── Tellbox · Message from the administrator · 21/09 14:13 ──\n"
@@ -269,6 +269,23 @@ def test_the_list_fits_on_the_terminal(machine, columns, listed):
     terminal = machine.ask("list", columns=columns)
     assert terminal.wait_exit() == 0
     assert "\n".join(row.rstrip() for row in terminal.rows()).strip() == listed.strip()
+
+
+LISTED_WITH_WIDE_CHARACTERS = """\
+ID    DATE         TEXT                      STATE
+7     21/09 14:13  日本語の題名がここにあx   confirmed on 21/09 14:13 (terminal)
+8     21/09 14:13  é日 Hello                 waiting
+"""
+
+
+def test_the_list_counts_columns_not_characters(machine):
+    machine.deliver(7, title="日本語の題名がここにあx日本語")
+    machine.store.confirm("pat", 7, 1790000000)
+    machine.deliver(8, "e\u0301日 Hello\n")
+    terminal = machine.ask("list", columns=80)
+    assert terminal.wait_exit() == 0
+    lines = [row.rstrip() for row in plain(terminal.raw).splitlines()]
+    assert lines == LISTED_WITH_WIDE_CHARACTERS.splitlines()
 
 
 def test_without_a_mailbox_nothing_waits(machine):

@@ -31,7 +31,7 @@ static size_t text_rows() {
 // ---- Keeping the cursor in view -----------------------------------------------------------
 
 static int cursor_column(std::string_view value, size_t cursor) {
-    return tui_columns(value.substr(0, cursor));
+    return columns_of_text(value.substr(0, cursor));
 }
 
 // The first column to show of a value in its place. At a value's end the cursor is on the blank
@@ -39,7 +39,7 @@ static int cursor_column(std::string_view value, size_t cursor) {
 static int clamp_scroll(int scroll, std::string_view value, size_t cursor_byte) {
     const int width = value_cols();
     const int cursor = cursor_column(value, cursor_byte);
-    scroll = std::min({scroll, cursor, std::max(tui_columns(value) - width, 0)});
+    scroll = std::min({scroll, cursor, std::max(columns_of_text(value) - width, 0)});
     return tui_whole_column(value, std::max(scroll, cursor - width));
 }
 

@@ -153,7 +153,7 @@ static void move_right(compose_text *text) {
 // Moves the cursor to another line and keeps its column as far as possible.
 static void go_to_line(compose_text *text, size_t line) {
     const std::string_view before = std::string_view(current_line(text)).substr(0, text->cursor);
-    const int column = tui_columns(before);
+    const int column = columns_of_text(before);
     text->line = line;
     text->cursor = tui_window(current_line(text), 0, column).size();
 }

@@ -213,7 +213,7 @@ static void edit_prompt(std::string *value, tui_key key, std::string_view charac
 // Returns the text of the field. Of a value that is wider than the widest box, only the end.
 static std::string prompt_field(const std::string &value) {
     const int room = std::max(tui_box_max_cols() - PROMPT_FRAME_COLS, 0);
-    const std::string_view shown = tui_window(value, tui_columns(value) - room, room);
+    const std::string_view shown = tui_window(value, columns_of_text(value) - room, room);
     return xasprintf("[ %s%s ]", tui_blank_controls(shown).c_str(),
                      tui_style.colour_on ? "\033[7m \033[0m" : "_");
 }

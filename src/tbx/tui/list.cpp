@@ -116,7 +116,7 @@ static void render_heading(strlist *lines) {
 // from five digits on the message makes room, or "100%" would not fit.
 static int message_cols(const message_summary &row) {
     static constexpr int ID_ROOM_COLS = 4;
-    const int id_cols = tui_columns(std::to_string(row.message.id));
+    const int id_cols = columns_of_text(std::to_string(row.message.id));
     const int excess = is_wide() ? 0 : std::max(id_cols - ID_ROOM_COLS, 0);
     return std::max(message_cols() - excess, MESSAGE_MIN_COLS);
 }
@@ -137,10 +137,10 @@ static void append_message(strbuf *line, const message_summary &row) {
 static std::string short_recipients(const message_summary &row, int columns) {
     const int64_t total = int64_t{row.confirmed} + row.delivered + row.sent;
     std::string text = xasprintf("%d/%lld", row.confirmed, static_cast<long long>(total));
-    if (tui_columns(text) > columns)
+    if (columns_of_text(text) > columns)
         text = xasprintf(
             "%lld%%", static_cast<long long>(row.confirmed * 100LL / std::max<int64_t>(total, 1)));
-    return tui_columns(text) <= columns ? text : "";
+    return columns_of_text(text) <= columns ? text : "";
 }
 
 static void append_recipients(strbuf *line, const message_summary &row) {

@@ -65,7 +65,7 @@ static void append_dashes(strbuf *row, const char *style, int count) {
 // A title too long for the border is cut; a status that does not fit is left out.
 static void append_top_border(strbuf *row, const tui_screen &page) {
     const int inner = tui.screen_cols - CORNER_COLS;
-    const int wanted = page.status.empty() ? 0 : tui_columns(page.status) + STATUS_COLS;
+    const int wanted = page.status.empty() ? 0 : columns_of_text(page.status) + STATUS_COLS;
     const int status_cols = wanted <= inner ? wanted : 0;
     strbuf title;
     const int title_room = std::max(inner - status_cols - TITLE_COLS, 0);

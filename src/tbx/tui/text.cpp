@@ -45,7 +45,7 @@ static bool is_c1_control(uint32_t code) {
 static void append_character(strbuf *out, std::string_view character, uint32_t code) {
     if (is_control(character.front()) || is_c1_control(code))
         strbuf_append_char(out, ' ');
-    else if (code == TUI_INVALID)
+    else if (code == INVALID_CHARACTER)
         strbuf_append_str(out, REPLACEMENT);
     else
         strbuf_append_view(out, character);
@@ -53,23 +53,13 @@ static void append_character(strbuf *out, std::string_view character, uint32_t c
 
 static void append_characters(strbuf *out, std::string_view characters) {
     while (!characters.empty()) {
-        const tui_decoded character = tui_decode(characters);
+        const decoded_character character = decode_character(characters);
         append_character(out, characters.substr(0, character.bytes), character.code);
         characters.remove_prefix(character.bytes);
     }
 }
 
 // ---- Columns ------------------------------------------------------------------------------
-
-int tui_columns(std::string_view text) {
-    int columns = 0;
-    while (!text.empty()) {
-        const tui_cluster cluster = tui_next_cluster(text);
-        columns += cluster.columns;
-        text.remove_prefix(cluster.bytes);
-    }
-    return columns;
-}
 
 size_t tui_next_character(std::string_view text, size_t at) {
     if (at < text.size())
@@ -96,7 +86,7 @@ struct text_place {
 static text_place place_of_column(std::string_view text, int column) {
     text_place place;
     while (place.column < column && place.byte < text.size()) {
-        const tui_cluster cluster = tui_next_cluster(text.substr(place.byte));
+        const text_cluster cluster = next_cluster(text.substr(place.byte));
         place.byte += cluster.bytes;
         place.column += cluster.columns;
     }
@@ -110,16 +100,8 @@ int tui_whole_column(std::string_view text, int column) {
 std::string_view tui_window(std::string_view text, int first, int columns) {
     const text_place start = place_of_column(text, first);
     text.remove_prefix(start.byte);
-    int room = columns - std::max(start.column - first, 0);
-    size_t bytes = 0;
-    while (bytes < text.size() && room > 0) {
-        const tui_cluster cluster = tui_next_cluster(text.substr(bytes));
-        if (cluster.columns > room)
-            break;
-        room -= cluster.columns;
-        bytes += cluster.bytes;
-    }
-    return text.substr(0, bytes);
+    const int room = columns - std::max(start.column - first, 0);
+    return first_columns(text, room);
 }
 
 std::string_view tui_beginning(std::string_view text, size_t limit) {
@@ -144,7 +126,7 @@ int tui_cut(strbuf *out, std::string_view text, int width) {
         } else if (columns >= width) {
             break;
         } else {
-            const tui_cluster cluster = tui_next_cluster(text);
+            const text_cluster cluster = next_cluster(text);
             if (columns + cluster.columns > width)
                 break;
             append_characters(out, text.substr(0, cluster.shown_bytes));
@@ -219,7 +201,7 @@ static bool find_break(std::string_view paragraph, int width, line_break *out) {
     for (size_t at = 0; at < paragraph.size();) {
         if (paragraph[at] == ' ')
             last_blank = at;
-        const tui_cluster cluster = tui_next_cluster(paragraph.substr(at));
+        const text_cluster cluster = next_cluster(paragraph.substr(at));
         columns += cluster.columns;
         if (columns <= width) {
             at += cluster.bytes;

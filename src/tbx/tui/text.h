@@ -3,6 +3,7 @@
 #pragma once
 
 #include "common/core.h"
+#include "common/width.h"
 #include "tbx/screen/width.h"
 
 #include <string>
@@ -29,10 +30,6 @@ extern tui_styles tui_style;
 void tui_styles_set(bool colour_on);
 
 // ---- Columns ------------------------------------------------------------------------------
-
-// Returns the columns of `text`, which holds no style sequences. For a line that may:
-// tui_line_columns().
-[[nodiscard]] int tui_columns(std::string_view text);
 
 // Returns the first column from `column` on at which a character begins.
 [[nodiscard]] int tui_whole_column(std::string_view text, int column);

@@ -68,7 +68,7 @@ std::string xs(size_t count) {
 std::pair<int, int> box_of(const std::string &line) {
     const std::string bottom = overlaid({}, {line}).back();
     const auto margin = static_cast<int>(bottom.find_first_not_of(' '));
-    return {margin, tui_columns(bottom) - margin};
+    return {margin, columns_of_text(bottom) - margin};
 }
 
 message_summary summary_of(const std::string &title, int confirmed, int delivered) {

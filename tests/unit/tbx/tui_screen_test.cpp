@@ -63,7 +63,7 @@ TEST(Screen, StatusStandsAtTheRight) {
     page.title = "List";
     page.status = "now";
     EXPECT_EQ(first_row(page), "┌─ List ─────────────── now ─┐");
-    EXPECT_EQ(tui_columns(first_row(page)), 30);
+    EXPECT_EQ(columns_of_text(first_row(page)), 30);
 }
 
 TEST(Screen, ATitleThatIsTooLongLeavesRoomForTheStatus) {
@@ -72,7 +72,7 @@ TEST(Screen, ATitleThatIsTooLongLeavesRoomForTheStatus) {
     page.title = "A title of many words";
     page.status = "now";
     EXPECT_EQ(first_row(page), "┌─ A title o  now ─┐");
-    EXPECT_EQ(tui_columns(first_row(page)), 20);
+    EXPECT_EQ(columns_of_text(first_row(page)), 20);
 }
 
 TEST(Screen, AStatusWiderThanTheScreenIsLeftOut) {

@@ -2,8 +2,6 @@
 
 #include "tui_support.h"
 
-#include <clocale>
-
 namespace {
 
 std::string cut(std::string_view text, int width) {
@@ -27,57 +25,6 @@ std::string shown(const std::string &text) { // in a row of a frame
 
 } // namespace
 
-// ---- Measuring ----------------------------------------------------------------------------
-
-TEST(TuiWidth, OfOrdinaryCharactersIsOne) {
-    for (const char *text : {"a", "é", "Ж", "€", "│", "█", "…", "·", "\xef\xbf\xbd", "\U00010330"})
-        EXPECT_EQ(tui_columns(text), 1) << text;
-}
-
-TEST(TuiWidth, OfEastAsianCharactersAndEmojiIsTwo) {
-    for (const char *text : {"日", "한", "👍", "！"})
-        EXPECT_EQ(tui_columns(text), 2) << text;
-    EXPECT_EQ(tui_columns("ｱ"), 1); // of half the width
-}
-
-TEST(TuiWidth, OfWhatIsDrawnOverACharacterIsNone) {
-    EXPECT_EQ(tui_columns("e\u0301"), 1);
-    EXPECT_EQ(tui_columns("e\u0301\u0302\u0303x"), 2);
-    EXPECT_EQ(tui_columns("日\u3099"), 2);
-    EXPECT_EQ(tui_columns("a\u200bb"), 2);
-    EXPECT_EQ(tui_columns("\u0301"), 0);
-}
-
-TEST(TuiWidth, OfEmojiOfSeveralCharactersIsTwo) {
-    for (const char *text :
-         {"👍🏽", "👩‍💻", "👨‍👩‍👧‍👦", "❤️", "🇩🇪", "1️⃣"})
-        EXPECT_EQ(tui_columns(text), 2) << text;
-    EXPECT_EQ(tui_columns("🇩🇪🇫🇷"), 4);
-    EXPECT_EQ(tui_columns("🇩"), 1);
-    EXPECT_EQ(tui_columns("❤"), 1);
-}
-
-TEST(TuiWidth, OfAnEmojiThatTheSystemDoesNotKnowYetIsTwo) {
-    EXPECT_EQ(tui_columns("\U0001fadf"), 2);
-}
-
-TEST(TuiWidth, AJoinerBetweenLettersJoinsNothing) {
-    EXPECT_EQ(tui_columns("م‍م"), 2);
-}
-
-TEST(TuiWidth, OfBrokenCharactersIsOne) {
-    EXPECT_EQ(tui_columns("\xff"), 1);
-    EXPECT_EQ(tui_columns("\xe6\x97"), 1);
-    EXPECT_EQ(tui_columns("a\x80"), 1);
-}
-
-TEST(TuiWidth, DoesNotDependOnTheLocale) {
-    const std::string before = setlocale(LC_ALL, nullptr);
-    ASSERT_NE(setlocale(LC_ALL, "C"), nullptr);
-    EXPECT_EQ(tui_columns("日"), 2);
-    setlocale(LC_ALL, before.c_str());
-}
-
 // ---- Cutting ------------------------------------------------------------------------------
 
 TEST(TuiWidth, ACharacterThatWouldStandHalfIsLeftOut) {
@@ -95,7 +42,7 @@ TEST(TuiWidth, OfManyAccentsOnlySomeAreDrawn) {
     for (int i = 0; i < 1000; i++)
         text += "\u0301";
     EXPECT_LT(cut(text + "x", 5).size(), 50U);
-    EXPECT_EQ(tui_columns(text + "x"), 2);
+    EXPECT_EQ(columns_of_text(text + "x"), 2);
 }
 
 TEST(TuiWidth, AWindowBeginsAndEndsWithWholeCharacters) {
