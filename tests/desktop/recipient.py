@@ -118,6 +118,17 @@ class Recipient:
     def is_unanswered(self, number):
         return self.file("inbox", number).exists() and not self.file("acks", number).exists()
 
+    def let_expire(self, number, seconds):
+        """The message, which had no end, expires in so many seconds."""
+        copy = self.file("inbox", number)
+        text = copy.read_text(encoding="utf-8")
+        assert "expires: \n" in text
+        moment = int(time.time()) + seconds
+        copy.with_name("new").write_text(text.replace("expires: \n", f"expires: {moment}\n"),
+                                         encoding="utf-8")
+        copy.with_name("new").rename(copy)
+        self.wake()
+
     def make_due(self, number):
         """Lets the time of a reminder pass."""
         long_ago = time.time() - 3600

@@ -192,12 +192,7 @@ def test_a_message_that_cannot_be_read_any_more_stays_on_the_screen(recipient):
 def test_a_message_that_expires_goes_from_the_screen(recipient):
     agent = recipient.start_agent()
     number = recipient.send()
-    copy = recipient.file("inbox", number)
-    soon = int(time.time()) + 3
-    text = copy.read_text(encoding="utf-8").replace("expires: \n", f"expires: {soon}\n")
-    copy.with_name("new").write_text(text, encoding="utf-8")
-    copy.with_name("new").rename(copy)
-    recipient.wake()
+    recipient.let_expire(number, seconds=3)
     agent.await_window(number)
     agent.await_no_window()
     assert recipient.is_unanswered(number)

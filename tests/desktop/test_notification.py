@@ -166,6 +166,20 @@ def test_the_notification_goes_with_the_message(recipient, service, agent_on, en
     assert desktop.await_call("CloseNotification") == [number]
 
 
+def test_the_notification_of_a_closed_window_stays_until_the_message_expires(recipient, service,
+                                                                             agent_on):
+    recipient.use_window("echo shown")
+    desktop = service()
+    agent = agent_on()
+    message = recipient.send()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(message, "shown")
+    agent.await_no_window()
+    recipient.let_expire(message, seconds=3)
+    assert desktop.is_left_alone()
+    assert desktop.await_call("CloseNotification") == [number]
+
+
 def test_an_answer_in_the_window_closes_the_notification(recipient, service, agent_on):
     recipient.use_window("echo shown; sleep 0.2; echo read")
     desktop = service()
