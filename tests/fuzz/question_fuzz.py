@@ -66,9 +66,17 @@ if child == 0:
     for name in "{KEYS_SIGNALS}".split(","):
         signal.signal(getattr(signal, "SIG" + name), signal.SIG_DFL)
     os.execvp("tellbox", ["tellbox"])
-while os.WIFSTOPPED(status := os.waitpid(child, os.WUNTRACED)[1]):
-    time.sleep({PAUSE_SECONDS / 2})
-    os.killpg(child, signal.SIGCONT)
+status = waits = 0
+while True:
+    ended, status = os.waitpid(child, os.WUNTRACED | os.WNOHANG)
+    if ended and not os.WIFSTOPPED(status):
+        break
+    # Ctrl+Z can stop a pager that is only being started: then tellbox waits and cannot stop.
+    waits = waits + 1 if open(f"/proc/{{child}}/stat").read().split()[2] == "D" else 0
+    if ended or waits > 20:
+        time.sleep({PAUSE_SECONDS / 2})
+        os.killpg(child, signal.SIGCONT)
+    time.sleep(0.01)
 code = os.waitstatus_to_exitcode(status)
 os._exit(code if code >= 0 else 128 - code)
 """
@@ -80,8 +88,9 @@ BURSTS = ["rr", "lr", "qr", "\x1br", "\x1b[A", "\x1bOR", "\r\r", "r\r", "\x04\x0
 
 
 def some_keys(draw):
-    if draw.random() < 0.2:
-        return "".join(chr(draw.randrange(32, 0x2ff)) for _ in range(draw.randrange(2, 9)))
+    if draw.random() < 0.1:
+        others = (chr(draw.randrange(32, 0x2ff)) for _ in range(draw.randrange(1, 9)))
+        return draw.choice("rl") + "".join(others)
     return draw.choice(BURSTS)
 
 
@@ -251,6 +260,12 @@ class Round:
     def type(self):
         self.send(some_keys(self.draw))
 
+    def type_late(self):
+        """When the question would take a key."""
+        self.take(TAKEN_SECONDS)
+        self.type()
+        self.take(PAUSE_SECONDS)
+
     def wait(self):
         self.take(PAUSE_SECONDS)
 
@@ -288,10 +303,11 @@ class Round:
     # The round.
 
     def run(self):
-        actions = [self.answer, self.answer, self.stop, self.resize, self.withdraw, self.remind,
-                   self.deliver, self.answer_elsewhere, self.damage, self.close_a_folder,
-                   self.type, self.wait, self.raise_signal]
-        weights = [5, 5, 1, 1, 2, 1, 2, 3, 1, 1, 6, 4, 1]
+        weights = {self.answer: 10, self.stop: 1, self.resize: 1, self.withdraw: 2, self.remind: 1,
+                   self.deliver: 2, self.answer_elsewhere: 3, self.damage: 1, self.close_a_folder: 1,
+                   self.type: 3, self.type_late: 5, self.wait: 4, self.raise_signal: 1}
+        if self.draw.random() < 0.5:  # what is typed then must answer nothing
+            weights = {self.type: 1, self.type_late: 3, self.stop: 1, self.deliver: 1}
         self.await_program()
         if self.draw.random() < 0.7:
             try:
@@ -299,7 +315,7 @@ class Round:
                                        QUESTION.encode() in self.terminal.raw)
             except AssertionError:
                 pass  # a narrow terminal breaks no line of its own: it is there or has failed
-        for action in self.draw.choices(actions, weights, k=self.draw.randrange(1, 6)):
+        for action in self.draw.choices([*weights], weights.values(), k=self.draw.randrange(1, 6)):
             self.done.append(getattr(action, "__name__", "?"))
             action()
             self.take()
@@ -326,7 +342,9 @@ class Round:
             return
         elif how == "interrupt":
             self.signals.add(signal.SIGINT)
-            self.interrupt()
+            self.insist(lambda: self.send(CTRL_C))
+        elif how in (signal.SIGINT, signal.SIGQUIT):
+            self.insist(lambda: self.signal(how))
         else:
             self.signal(how)
         try:
@@ -344,12 +362,12 @@ class Round:
         except OSError:
             return "no program"
 
-    def interrupt(self):
-        """Presses Ctrl+C, again and again: a pager keeps it to itself."""
+    def insist(self, interrupt):
+        """Interrupts again and again: while a pager runs, only the pager is to hear it."""
         self.await_program()
         for _ in range(9):
             if not self.has_ended():
-                self.send(CTRL_C)
+                interrupt()
                 self.take(1)
 
     def _has_come_to_its_end(self):
