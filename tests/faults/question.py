@@ -116,11 +116,12 @@ class QuestionCase:
 
 TWO = QuestionCase("rl", two_waiting, (7, 8))
 THREE = QuestionCase("rlq", three_waiting, (7, 8, 9))
+QUITTING = QuestionCase("q", one_waiting)
 LONG = QuestionCase("r", a_long_one, text=long_text_of)
 CASES = [THREE, TWO, QuestionCase("lrr", three_waiting, (7, 8, 9)),
          QuestionCase("r", one_without_folders), QuestionCase("l", one_without_folders),
          QuestionCase("r", one_behind_a_killed_answer, (7, 8)),
-         QuestionCase("l", one_postponed_long_ago), QuestionCase("q", one_waiting), LONG]
+         QuestionCase("l", one_postponed_long_ago), QUITTING, LONG]
 
 
 # ---- The person ---------------------------------------------------------------------------
@@ -167,6 +168,9 @@ class Person:
             self.raw += os.read(self._master, 65536)
         self.raw = self.raw.removesuffix(END_MARK)
 
+    def type_ahead(self, keys):
+        os.write(self._master, keys)
+
     def _press(self, key):
         os.write(self._master, key)
         self._since = time.monotonic()
@@ -192,6 +196,8 @@ def ends_pager_early(fault):
 class QuestionBench(AnswerBench):
     """A machine on which somebody answers the questions of one case again and again."""
 
+    hurries = True  # otherwise the program has the real clock
+
     def __init__(self, binary, case):
         self.ids = case.ids
         self.person = None
@@ -215,7 +221,7 @@ class QuestionBench(AnswerBench):
         return super().fresh()
 
     def run_traced(self, fault=None):
-        process = self.machine.start(wrap=wrapper(fault, hurries=True), **self.options())
+        process = self.machine.start(wrap=wrapper(fault, hurries=self.hurries), **self.options())
         if ends_pager_early(fault):
             self.person.knows = ID
         deadline = time.monotonic() + PATIENCE_SECONDS / 3

@@ -8,6 +8,7 @@ from question import (
     FIRST,
     LONG,
     QUESTION,
+    QUITTING,
     SECONDS,
     THREE,
     TWO,
@@ -100,6 +101,26 @@ def test_a_question_that_is_not_on_the_screen_takes_no_answer(new_question_bench
         assert run.stderr == "tellbox: standard output: Input/output error\n"
     else:  # it is written once more
         assert len(bench.person.pressed) == 3
+
+
+def test_what_the_terminal_does_not_take_is_not_asked_about_or_marked(new_question_bench):
+    bench = new_question_bench(TWO)
+    writes = [call for call in bench.calls if (call.name, call.path) == ("write", "stdout")]
+    faults = [Fault(call, "fail", errno.EIO) for call in writes if call.outcome > 1]
+    assert try_all(bench, faults).tried > 5
+
+
+@pytest.mark.parametrize("error", [errno.EINTR, errno.EIO])
+def test_what_was_typed_ahead_answers_nothing_even_if_it_cannot_be_dropped(new_question_bench,
+                                                                           error):
+    bench = new_question_bench(QUITTING)
+    sets = next(call for call in bench.calls if call.flags == "sets")
+    bench.hurries = False
+    bench.fresh()
+    bench.person.type_ahead(b"r")
+    run = bench.run_traced(Fault(sets, "fail", error))
+    assert (bench.person.pressed, run.status) == ([(7, "q")], 0)
+    assert sorted(bench.files()) == ["inbox/7", "state/7.term"]
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
