@@ -133,6 +133,7 @@ class Person:
         self.raw = b""  # what came to the terminal
         self.pressed = []  # (message, key)
         self.knows = None  # the message whose text was shown elsewhere
+        self.reads_for_seconds = 0  # before a key is pressed
         self._keys, self._master = keys, master
         self._nudges = 0
         self._since = self._looked = time.monotonic()
@@ -151,6 +152,8 @@ class Person:
     def _answer(self):
         count = len(self.pressed)
         if self.raw.count(QUESTION) > count:
+            if time.monotonic() < self._since + self.reads_for_seconds:
+                return
             shown = TEXT.findall(self.raw.split(QUESTION)[count])
             key = self._keys[count] if count < len(self._keys) else QUIT
             self.pressed.append((int(shown[-1]) if shown else self.knows, key))

@@ -118,6 +118,7 @@ def test_what_was_typed_ahead_answers_nothing_even_if_it_cannot_be_dropped(new_q
     bench.hurries = False
     bench.fresh()
     bench.person.type_ahead(b"r")
+    bench.person.reads_for_seconds = 0.8  # until a key counts
     run = bench.run_traced(Fault(sets, "fail", error))
     assert (bench.person.pressed, run.status) == ([(7, "q")], 0)
     assert sorted(bench.files()) == ["inbox/7", "state/7.term"]
