@@ -334,6 +334,23 @@ def test_idle_it_sleeps_and_is_small(recipient):
     assert process_status(pid, "Threads") == "1"
 
 
+def test_a_mailbox_that_changes_all_the_time_is_looked_at_now_and_then(recipient, strace):
+    recipient.use_window("echo shown; exec sleep 60")
+    agent = recipient.start_agent()
+    recipient.await_mark(recipient.send(), "shown")
+    trace = recipient.folder / "trace"
+    with subprocess.Popen(["strace", "-p", str(agent.process.pid), "-e", "trace=openat", "-o", trace],
+                          stderr=subprocess.PIPE) as tracer:
+        assert b"attached" in tracer.stderr.readline()
+        began = time.monotonic()
+        while time.monotonic() < began + 1:
+            recipient.file("state", "other").write_text("", encoding="ascii")
+        seconds = time.monotonic() - began
+        tracer.terminate()
+    looks = trace.read_text(encoding="utf-8").count('"inbox"')
+    assert 0 < looks < seconds / 0.019 + 2  # with at least 20 ms between two of them
+
+
 def test_a_mailbox_of_unpleasant_things_is_looked_through(recipient):
     number = recipient.send("good")
     inbox = recipient.file("inbox")
