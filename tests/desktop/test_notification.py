@@ -125,6 +125,19 @@ def test_the_action_shows_a_message_that_is_not_due(recipient, service, agent_on
     await_condition(lambda: mark.stat().st_mtime > a_minute_ago + 30, "it is shown again")
 
 
+def test_a_message_that_is_asked_for_again_keeps_its_place(recipient, service, agent_on):
+    recipient.use_window('head -n 1 >>"$0.places"; echo shown; exec sleep 60')
+    desktop = service()
+    first = recipient.send("first")
+    recipient.send("second")
+    agent_on()
+    number, _ = desktop.await_notification()
+    recipient.await_mark(first, "shown")
+    desktop.command("act", number, f"show:{first}")
+    places = recipient.lib / "tellbox-window.places"
+    await_condition(lambda: places.read_text() == "1 of 2\n1 of 2\n", "it is shown again")
+
+
 def test_a_token_is_for_the_message_that_was_asked_for_only(recipient, service, agent_on):
     recipient.use_window('trap "" TERM; echo "<$XDG_ACTIVATION_TOKEN>" >>"$0.tokens"; '
                          "echo shown; while :; do sleep 0.1; done")
