@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""What the hooks cost at a prompt, beside a bare prompt and the shell's own mail check; and what
-`tellbox list` and one look cost in a mailbox with 10,000 messages.
+"""What the hooks cost at a prompt, beside a bare prompt, the shell's own mail check and an empty hook;
+and what `tellbox list` and one look cost in a mailbox with 10,000 messages.
 
 usage: bench/prompt.py [--tree BUILD] [--prompts N] [SHELL...]
 
@@ -32,6 +32,9 @@ PROMPTS = {
     "fish": "function fish_prompt\n    echo -n 'ready> '\nend\nset -g fish_greeting\n",
 }
 MAIL_CHECK = {"bash": "MAILPATH={mail}\nMAILCHECK=0\n", "zsh": "mailpath=({mail})\nMAILCHECK=0\n"}
+EMPTY_HOOK = {"bash": "PROMPT_COMMAND=:\n",
+              "zsh": "nothing() { :; }\nprecmd_functions+=(nothing)\n",
+              "fish": "function nothing --on-event fish_prompt\nend\n"}
 START = {"bash": ["bash", "--noprofile", "--rcfile", "{rc}", "-i"], "zsh": ["zsh", "-i"],
          "fish": ["fish", "-i"]}
 WAITING = (0, 1, 1000)  # messages that wait and are not due
@@ -114,6 +117,7 @@ def variants_of(shell, tree, scratch):
         mail.touch()
         yield Variant(shell, "mail check", scratch / "checked",
                       MAIL_CHECK[shell].format(mail=mail), env)
+    yield Variant(shell, "hook that does nothing", scratch / "nothing", EMPTY_HOOK[shell], env)
     for waiting in WAITING:
         state = scratch / f"state-{waiting}"
         make_mailbox(state, waiting)
@@ -170,7 +174,7 @@ def measure_many(tree, scratch):
         make_mailbox(state, MANY, **options)
         env = {"TERM": "xterm", "TBX_TEST": "1", "TBX_VAR": str(state)}
         seconds = median_run([tree / "tellbox-user", *command], env)
-        print(f"{MANY:,} messages: {what:20} {seconds * 1000:8.1f} ms")
+        print(f"{MANY:,} messages: {what:22} {seconds * 1000:8.1f} ms")
 
 
 def measure(shell, tree, count, scratch):
@@ -178,13 +182,15 @@ def measure(shell, tree, count, scratch):
     for _ in range(count + 2):
         for variant in random.sample(variants, len(variants)):
             variant.prompt()
+    for variant in variants:
+        variant.close()  # a fish that starts a process waits for other ones that are open
     variants.append(due_times(shell, tree, scratch, min(count, 50)))
+    variants[-1].close()
     bare = variants[0].medians()
     for variant in variants:
         columns = [f"{mine:8.3f} {mine - its:+8.3f} ms" for mine, its in
                    zip(variant.medians(), bare)]
-        print(f"{shell:5} {variant.what:20} {'   processor'.join(columns)}")
-        variant.close()
+        print(f"{shell:5} {variant.what:22} {'   processor'.join(columns)}")
 
 
 def main():
