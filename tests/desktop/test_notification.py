@@ -80,12 +80,18 @@ def test_a_long_text_is_cut_between_characters(recipient, service, agent_on):
     assert desktop.await_notification()[1]["body"] == "ä" * 200 + "…"
 
 
-def test_the_action_shows_the_window_with_the_user_s_token(recipient, service, agent_on):
-    desktop = service()
-    agent = agent_on()
+def shown_with_notification(recipient, desktop):
+    """A message on the screen; returns its number and that of its notification."""
     message = recipient.send()
     number, _ = desktop.await_notification()
     recipient.await_mark(message, "shown")
+    return message, number
+
+
+def test_the_action_shows_the_window_with_the_user_s_token(recipient, service, agent_on):
+    desktop = service()
+    agent = agent_on()
+    message, number = shown_with_notification(recipient, desktop)
     before, = agent.windows()
     assert "XDG_ACTIVATION_TOKEN" not in environment_of(before)
     desktop.command("act", number, f"show:{message}", "a-token")
@@ -99,9 +105,7 @@ def test_the_action_shows_the_window_with_the_user_s_token(recipient, service, a
 def test_without_a_token_the_notification_stays_as_it_is_too(recipient, service, agent_on):
     desktop = service()
     agent = agent_on()
-    message = recipient.send()
-    number, _ = desktop.await_notification()
-    recipient.await_mark(message, "shown")
+    message, number = shown_with_notification(recipient, desktop)
     before, = agent.windows()
     desktop.command("act", number, f"show:{message}")
     await_condition(lambda: [pid for pid in agent.windows() if pid != before],
@@ -112,9 +116,7 @@ def test_without_a_token_the_notification_stays_as_it_is_too(recipient, service,
 def test_the_action_shows_a_message_that_is_not_due(recipient, service, agent_on):
     desktop = service()
     agent = agent_on()
-    message = recipient.send()
-    number, _ = desktop.await_notification()
-    recipient.await_mark(message, "shown")
+    message, number = shown_with_notification(recipient, desktop)
     os.kill(agent.windows()[0], signal.SIGTERM)
     agent.await_no_window()
     assert recipient.no_window_comes()
@@ -184,9 +186,7 @@ def test_the_notification_of_a_closed_window_stays_until_the_message_expires(rec
     recipient.use_window("echo shown")
     desktop = service()
     agent = agent_on()
-    message = recipient.send()
-    number, _ = desktop.await_notification()
-    recipient.await_mark(message, "shown")
+    message, number = shown_with_notification(recipient, desktop)
     agent.await_no_window()
     recipient.let_expire(message, seconds=3)
     assert desktop.is_left_alone()
@@ -228,9 +228,7 @@ def test_a_number_that_is_used_again_shows_no_other_message(recipient, service, 
     recipient.use_window(f"echo x >>{recipient.folder}/opened; echo shown; sleep 60")
     desktop = service()
     agent_on()
-    message = recipient.send()
-    number, _ = desktop.await_notification()
-    recipient.await_mark(message, "shown")
+    message, number = shown_with_notification(recipient, desktop)
     desktop.command("act", number, f"show:{message + 1}")
     desktop.command("act", number, f"read:{message}")
     desktop.command("act", number + 1, f"show:{message}")
@@ -244,9 +242,7 @@ def test_a_signal_of_somebody_else_is_not_believed(recipient, service, agent_on,
     recipient.use_window(f"echo x >>{recipient.folder}/opened; echo shown; sleep 60")
     desktop = service()
     agent_on()
-    message = recipient.send()
-    number, _ = desktop.await_notification()
-    recipient.await_mark(message, "shown")
+    message, number = shown_with_notification(recipient, desktop)
     subprocess.run(["gdbus", "emit", "--address", private_bus.address, "--object-path",
                     "/org/freedesktop/Notifications", "--signal",
                     "org.freedesktop.Notifications.ActionInvoked", f"uint32 {number}",
@@ -420,9 +416,7 @@ def test_a_service_that_asks_for_the_window_all_the_time_gets_it_now_and_then(
     recipient.use_window(f"echo x >>{recipient.folder}/opened; echo shown; exec sleep 60")
     desktop = service()
     agent_on()
-    message = recipient.send()
-    number, _ = desktop.await_notification()
-    recipient.await_mark(message, "shown")
+    message, number = shown_with_notification(recipient, desktop)
     for _ in range(30):
         desktop.command("act", number, f"show:{message}")
         time.sleep(0.05)

@@ -5,7 +5,7 @@ import pytest
 from harness.machine import Machine
 from prerequisites import need_root, program_under_test, skip
 from tracing import built_tracer, install_tracer
-from trials import Bench
+from trials import Bench, kept_benches
 
 
 @pytest.fixture(scope="session")
@@ -21,15 +21,7 @@ def binary():
 @pytest.fixture
 def new_bench(binary):
     """Makes a Bench for a case; all of them go with the test."""
-    benches = []
-
-    def make(case):
-        benches.append(Bench(binary, case))
-        return benches[-1]
-
-    yield make
-    for bench in benches:
-        bench.close()
+    yield from kept_benches(lambda case: Bench(binary, case))
 
 
 @pytest.fixture

@@ -5,7 +5,7 @@ import pytest
 from answers import ID, USER, AnswerBench, AnswerCase, waiting
 from harness.user_program import PROGRAM
 from tracing import run_traced
-from trials import Tally, failures, kills
+from trials import Tally, failures, kept_benches, kills
 
 WINDOW = "/usr/local/lib/tellbox/tellbox-window"
 # It answers at once, and ends the agent when the answer is there, or cannot come any more.
@@ -50,15 +50,7 @@ class AgentBench(AnswerBench):
 
 @pytest.fixture
 def new_agent_bench(binary):
-    benches = []
-
-    def make(answer):
-        benches.append(AgentBench(binary, answer))
-        return benches[-1]
-
-    yield make
-    for bench in benches:
-        bench.close()
+    yield from kept_benches(lambda case: AgentBench(binary, case))
 
 
 @pytest.mark.parametrize("answer", ["read", "later"])

@@ -3,21 +3,13 @@
 import pytest
 from answers import EVERY_DAY, FIRST, OF_USER, OTHERS, AnswerBench, stops, try_together
 from short_form import chosen_failures
-from trials import Tally, kills
+from trials import Tally, kept_benches, kills
 
 
 @pytest.fixture
 def new_answer_bench(binary):
     """Makes an AnswerBench for a case; all of them go with the test."""
-    benches = []
-
-    def make(case):
-        benches.append(AnswerBench(binary, case))
-        return benches[-1]
-
-    yield make
-    for bench in benches:
-        bench.close()
+    yield from kept_benches(lambda case: AnswerBench(binary, case))
 
 
 @pytest.mark.parametrize("case", EVERY_DAY, ids=str)

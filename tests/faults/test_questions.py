@@ -19,7 +19,7 @@ from question import (
 )
 from short_form import chosen_failures
 from tracing import Fault, StoppedRun
-from trials import Tally, failures, kills
+from trials import Tally, failures, kept_benches, kills
 
 PLACES = 4  # where the first of two stands still
 
@@ -27,15 +27,7 @@ PLACES = 4  # where the first of two stands still
 @pytest.fixture
 def new_question_bench(binary):
     """Makes a QuestionBench for a case; all of them go with the test."""
-    benches = []
-
-    def make(case):
-        benches.append(QuestionBench(binary, case))
-        return benches[-1]
-
-    yield make
-    for bench in benches:
-        bench.close()
+    yield from kept_benches(lambda case: QuestionBench(binary, case))
 
 
 def asking(bench):

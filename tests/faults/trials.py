@@ -129,6 +129,19 @@ def _sign(call):
 PROBLEMS = (Broken, AssertionError, KeyError, OSError, ValueError)
 
 
+def kept_benches(new):
+    """For a fixture: yields `new`, and closes in the end all that it has made."""
+    benches = []
+
+    def make(case):
+        benches.append(new(case))
+        return benches[-1]
+
+    yield make
+    for bench in benches:
+        bench.close()
+
+
 def summary(outcome):
     """The different things that became of the messages, as one text."""
     return ", ".join(sorted(set(outcome.values()))) or "nothing done"
