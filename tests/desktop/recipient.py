@@ -142,6 +142,11 @@ class Recipient:
                 for record in self.journal.records()
                 if record["TBX_EVENT"] in ("CONFIRMED", "POSTPONED", "CONFIRMATION_FAILED")]
 
+    def await_events(self, *expected):
+        """Exactly these events are recorded; they follow what they tell of."""
+        await_condition(lambda: len(self.events()) >= len(expected), f"recorded: {expected}")
+        assert self.events() == list(expected)
+
     # ---- The agent ------------------------------------------------------------------------
 
     @property

@@ -47,7 +47,7 @@ def test_a_message_that_is_put_off_comes_back_when_it_is_due(recipient):
     number = recipient.send()
     agent.answer(LATER, number)
     recipient.await_mark(number, "postponed")
-    await_condition(lambda: recipient.events() == [("POSTPONED", number, "desktop")], "the event")
+    recipient.await_events(("POSTPONED", number, "desktop"))
     assert recipient.no_window_comes()
     recipient.make_due(number)
     agent.await_window(number)

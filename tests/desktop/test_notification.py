@@ -317,8 +317,7 @@ def test_an_answer_for_which_the_mailbox_cannot_be_opened_is_recorded_as_failed(
     recipient.file().rename(recipient.var / "away")
     recipient.file().symlink_to(recipient.var / "away")
     (recipient.folder / "go").touch()
-    await_condition(lambda: recipient.events() == [("CONFIRMATION_FAILED", message, "desktop")],
-                    "the failure is recorded")
+    recipient.await_events(("CONFIRMATION_FAILED", message, "desktop"))
     assert desktop.await_notification()[1]["summary"] == "Your answer was not saved"
 
 
@@ -435,7 +434,7 @@ def test_an_answer_that_was_not_offered_does_not_count(recipient, no_window, ser
     desktop.command("act", number, f"show:{message}")
     desktop.command("act", number, f"later:{message}")
     recipient.await_mark(message, "postponed")
-    assert recipient.events() == [("POSTPONED", message, "desktop")]
+    recipient.await_events(("POSTPONED", message, "desktop"))
 
 
 def test_a_service_that_is_gone_holds_up_no_other_message(recipient, no_window, service, agent_on):
@@ -460,7 +459,7 @@ def test_without_a_window_later_is_later(recipient, no_window, service, agent_on
     outlast_guard()
     desktop.command("act", number, f"later:{message}")
     recipient.await_mark(message, "postponed")
-    assert recipient.events() == [("POSTPONED", message, "desktop")]
+    recipient.await_events(("POSTPONED", message, "desktop"))
 
 
 def test_a_text_that_is_not_whole_cannot_be_confirmed(recipient, no_window, service, agent_on):
