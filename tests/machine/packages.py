@@ -3,6 +3,8 @@
 import shutil
 import subprocess
 
+from harness.waiting import wait_for
+
 PACKAGES = ("tellbox", "tellbox-user", "tellbox-desktop")
 CONFIGURATION = "etc/tellbox/tellbox.conf"
 BASE_FOLDERS = ("bin", "lib", "share", "share/man")
@@ -49,7 +51,9 @@ def place_packages(machine, folder):
 def take_away(machine):
     """Ends what place_packages() began, and purges what was installed since."""
     dpkg(machine, "-P", *PACKAGES)
-    machine.run("umount", "/usr/local")
+    # Agents that were told to end may still be at it.
+    wait_for(lambda: machine.run("umount", "/usr/local", check=False).returncode == 0,
+             "nothing runs from /usr/local")
 
 
 def dpkg(machine, *arguments):
