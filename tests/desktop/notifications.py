@@ -49,6 +49,10 @@ class Service:
         while name not in self.next():
             pass
 
+    def was_asked(self, method):
+        """Whether a call of a method has arrived that nobody has awaited yet."""
+        return any(told.get("call") == method for told in list(self._told.queue))
+
     def is_left_alone(self, seconds=0.5):
         """Whether it is asked nothing for a while."""
         try:
