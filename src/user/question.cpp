@@ -221,9 +221,9 @@ static bool await_something(const question &asked, bool *has_key) {
 }
 
 static reply ask_until_answered(const question &asked, const single_keys &terminal) {
-    int64_t guarded_until = monotonic_ms() + QUESTION_GUARD_MS;
     if (!print_now(asked.text))
         return reply::unseen;
+    int64_t guarded_until = monotonic_ms() + QUESTION_GUARD_MS; // the line may have been held up
     while (abort_requested == 0) {
         bool has_key = false;
         if (!await_something(asked, &has_key))

@@ -20,7 +20,7 @@ def asked(machine, *, count=1, **options):
 
 def await_question(terminal, count=1):
     terminal.wait_for(lambda: terminal.raw.count(QUESTION.encode()) == count)
-    time.sleep(GUARD_SECONDS + 0.1)  # the guard is a time: nothing tells of its end
+    time.sleep(GUARD_SECONDS + 0.3)  # the guard is a time: nothing tells of its end
 
 
 @pytest.mark.parametrize("key", ["r", "R"])
@@ -235,7 +235,7 @@ def test_ctrl_z_gives_the_terminal_back_and_the_question_comes_again(machine):
     shell.type("fg\r")
     shell.terminal.wait_for(lambda: shell.terminal.frame().count(QUESTION) == 2)
     shell.type("r")
-    time.sleep(GUARD_SECONDS + 0.1)
+    time.sleep(GUARD_SECONDS + 0.3)
     assert machine.answers() == {}
     shell.type("r")
     shell.wait()

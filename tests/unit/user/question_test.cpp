@@ -2,8 +2,10 @@
 
 #include "user_support.h"
 
+#include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -48,6 +50,40 @@ TEST(Question, ReadsWhatTellsOfAChangeBeforeItLooks) {
         printf("%d %d", answer == reply::dropped, left);
     });
     EXPECT_EQ(child.out, "Now?\n1 0");
+}
+
+// Somebody at a terminal that Ctrl+S has stopped presses a key as soon as one counts, and much
+// later lets the terminal go on.
+[[noreturn]] void press_key_before_anything_appears(int keyboard, int terminal) {
+    termios attributes = {};
+    do
+        usleep(1000); // nothing tells of it
+    while (tcgetattr(terminal, &attributes) == 0 && (attributes.c_lflag & ICANON) != 0);
+    const bool is_pressed = write(keyboard, "r", 1) == 1;
+    usleep(static_cast<useconds_t>(QUESTION_GUARD_MS + 50) * 1000);
+    _exit(is_pressed && tcflow(terminal, TCOON) == 0 ? 0 : 1);
+}
+
+TEST(Question, DropsWhatWasTypedWhileItsLineWasHeldUp) {
+    const child_result child = run_in_child([] {
+        int keyboard = -1;
+        int terminal = -1;
+        if (openpty(&keyboard, &terminal, nullptr, nullptr, nullptr) != 0 ||
+            tcflow(terminal, TCOOFF) != 0)
+            throw_errno("openpty");
+        const pid_t person = fork();
+        if (person == 0)
+            press_key_before_anything_appears(keyboard, terminal);
+        become_input(terminal);
+        if (dup2(terminal, STDOUT_FILENO) < 0)
+            throw_errno("dup2");
+        int looks = 0;
+        const reply answer = ask_question(question_with([&] { return ++looks == 2; }));
+        int status = 0;
+        return waitpid(person, &status, 0) == person && status == 0 && answer == reply::dropped ? 0
+                                                                                                : 1;
+    });
+    EXPECT_EQ(child.exit_status, 0);
 }
 
 // What becomes of a question of which the first key cannot be read.
