@@ -5,6 +5,9 @@ from pathlib import Path
 
 import pytest
 
+from booted import end_process
+from furnished import STORE
+from harness.waiting import wait_for
 from packages import BASE_FOLDERS, PACKAGES, dpkg, install
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "packaging"))
@@ -115,6 +118,32 @@ def test_purging_says_that_it_deletes_the_messages_and_does(packaged):
     assert "Deleting all messages, mailboxes and confirmations in /var/lib/tellbox." in said
     assert not packaged.path("/var/lib/tellbox").exists()
     assert not packaged.path("/etc/tellbox").exists()
+
+
+def test_users_who_write_meanwhile_cannot_keep_their_mailboxes_from_being_purged(packaged):
+    packaged.send("--to", "pat,sam", "hello", recipients=2)
+    state = packaged.mailbox("pat", "state")
+    writer = packaged.start("sh", "-c", f"cd {STORE}/users/pat/state; i=0; "
+                            "while :; do true >$((i += 1)); done 2>/dev/null", user="pat")
+    try:
+        wait_for((state / "100").exists, "the user writes")
+        dpkg(packaged, "-P", "tellbox")
+        assert not packaged.path(STORE).exists()
+    finally:
+        packaged.run("pkill", "-KILL", "-u", "pat")
+        end_process(writer)
+
+
+def test_purging_touches_nothing_that_a_user_s_link_leads_to(packaged):
+    packaged.send("--to", "pat", "hello")
+    packaged.mailbox("pat", "acks").rmdir()
+    packaged.run("ln", "-s", "/etc/skel", f"{STORE}/users/pat/acks", user="pat")
+    before = packaged.path("/etc/skel").stat()
+    dpkg(packaged, "-P", "tellbox")
+    assert not packaged.path(STORE).exists()
+    after = packaged.path("/etc/skel").stat()
+    assert (after.st_mode, after.st_uid, after.st_ctime) == (
+        before.st_mode, before.st_uid, before.st_ctime)
 
 
 def test_a_package_that_comes_back_finds_its_messages(packaged):
