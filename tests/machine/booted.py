@@ -87,7 +87,7 @@ def children(pid):
     """The process ids of a process's children; none when it has ended."""
     try:
         text = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text(encoding="ascii")
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):
         return []
     return [int(child) for child in text.split()]
 
