@@ -171,7 +171,10 @@ def stopped_command(tbx):
     looks = []
 
     def stands():
-        looks.append(stopped_below(tbx.pid))
+        try:
+            looks.append(stopped_below(tbx.pid))
+        except (FileNotFoundError, ProcessLookupError):
+            looks.append([])  # one of them has just ended
         return len(looks) > 3 and looks[-1] and looks[-1] == looks[-2] == looks[-3]
 
     tbx.poll_for(stands)
