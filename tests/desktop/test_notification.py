@@ -394,6 +394,7 @@ def test_an_answer_to_what_has_just_appeared_does_not_count(recipient, no_window
     desktop = service()
     agent_on()
     message, number = answered_at_once(recipient, desktop, action)
+    assert all(about != message for _, about, _ in recipient.events())
     outlast_guard()
     desktop.command("act", number, f"{action}:{message}")
     event = (EVENTS[action], message, "desktop")
